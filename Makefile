@@ -1,0 +1,38 @@
+# The two commands people need: `make run` and `make test`. The rest is for CI
+# and for developers.
+.PHONY: all deps build test test-sanitize test-tsan bench fuzz run clean
+
+PRESET ?= default
+JOBS ?= $(shell nproc)
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	cmake --preset $(PRESET) >/dev/null
+	cmake --build build/$(PRESET) -j $(JOBS)
+
+test: build
+	ctest --test-dir build/$(PRESET) --output-on-failure -j $(JOBS)
+
+test-sanitize:
+	$(MAKE) test PRESET=sanitize
+
+test-tsan:
+	$(MAKE) test PRESET=tsan
+
+bench: deps
+	cmake --preset bench >/dev/null
+	cmake --build build/bench -j $(JOBS)
+
+fuzz: deps
+	cmake --preset fuzz >/dev/null
+	cmake --build build/fuzz -j $(JOBS)
+
+run: build
+	@echo "tarskeld is not built yet; try: build/$(PRESET)/Tools/tarskel/tarskel --help"
+
+clean:
+	rm -rf build
