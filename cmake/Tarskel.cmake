@@ -1,7 +1,7 @@
 # One helper per kind of target keeps every package alike.
 
 set(TARSKEL_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
-    -Wold-style-cast -Wcast-align -Wunused -Woverloaded-virtual -Wnull-dereference
+    -Wold-style-cast -Wcast-align -Wunused -Woverloaded-virtual
     -Wimplicit-fallthrough)
 if(TARSKEL_WERROR)
   list(APPEND TARSKEL_WARNINGS -Werror)
