@@ -1,0 +1,151 @@
+#pragma once
+
+// The hash-chained log of what the daemon did: table `audit` of
+// daemon/audit.db. Each row carries the hash of the row before it and its own
+// hash over
+//
+//   preimage := prev_hash "|" ts "|" caller "|" tool "|" origin "|" outcome "|" correlation_id
+//
+// (UTF-8 bytes as they stand, no quoting or escaping; `ts` rendered by
+// renderTimestamp). seq and duration_ms are not covered. The first row's
+// prev_hash is kGenesisHash. Removing, inserting or editing a covered value
+// breaks the chain from that row on.
+//
+// Threads and ownership. The store serialises itself on a strand of the
+// executor it is given (the process's worker pool); it keeps the head of the
+// chain (lastHash) in memory, touched only on that strand. The awaitable
+// members may be awaited from any coroutine on any thread; each hops to the
+// strand for its one call and back. Only one AuditStore may be attached to a
+// chain (two would fork it), and it must outlive every call in flight.
+//
+// The synchronous members run on the caller's thread:
+//  - the readers (recentSync, entriesSync, verifyChainSync, inspectChain) only
+//    read the database, whose connection has its own lock: any thread, any
+//    time;
+//  - recordSync and lastHash touch the head without the strand: call them
+//    only while no asynchronous call can run (start-up, tools, tests).
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/strand.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tarskel/protocol/Date.hpp"
+#include "tarskel/store/SQLiteDatabase.hpp"
+
+namespace tarskel {
+
+class AuditStore {
+ public:
+  // Must be safe to call from any thread.
+  using Clock = std::function<Date()>;
+
+  static constexpr std::string_view kGenesisHash =
+      "0000000000000000000000000000000000000000000000000000000000000000";
+
+  static constexpr std::string_view kSchema =
+      "CREATE TABLE IF NOT EXISTS audit (\n"
+      "    seq INTEGER PRIMARY KEY AUTOINCREMENT,\n"
+      "    ts REAL NOT NULL, caller TEXT NOT NULL, tool TEXT NOT NULL,\n"
+      "    origin TEXT NOT NULL, outcome TEXT NOT NULL, duration_ms REAL NOT NULL,\n"
+      "    correlation_id TEXT NOT NULL, prev_hash TEXT NOT NULL, hash TEXT NOT NULL\n"
+      ");";
+
+  struct Entry {
+    std::int64_t seq = 0;
+    Date ts;
+    std::string caller;
+    std::string tool;
+    std::string origin;
+    std::string outcome;
+    double durationMs = 0;
+    std::string correlationId;
+    std::string prevHash;
+    std::string hash;
+
+    friend bool operator==(const Entry&, const Entry&) = default;
+  };
+
+  // Where a walk of the chain first failed: the row's seq (nothing when the
+  // row has no readable seq) and why, in words for people.
+  struct ChainBreak {
+    std::optional<std::int64_t> seq;
+    std::string reason;
+  };
+
+  struct ChainReport {
+    std::int64_t rowsChecked = 0;         // rows that passed
+    std::optional<ChainBreak> firstBreak;  // nothing when the chain holds
+    bool holds() const { return !firstBreak; }
+  };
+
+  // Creates the table when missing and reads the head of the chain from the
+  // last row (kGenesisHash for an empty table or an unreadable hash).
+  // `now` defaults to Date::now. Throws SQLiteDatabase::DBError when the head
+  // can't be queried; no store results then.
+  AuditStore(std::shared_ptr<SQLiteDatabase> db, boost::asio::any_io_executor executor,
+             Clock now = {});
+
+  AuditStore(const AuditStore&) = delete;
+  AuditStore& operator=(const AuditStore&) = delete;
+
+  // Appends one row and returns its hash. Never fails: when the insert does
+  // not reach the file the error is dropped and the head still moves to the
+  // new hash, so the hole shows in the chain from the next stored row on.
+  boost::asio::awaitable<std::string> record(std::string caller, std::string tool,
+                                             std::string origin, std::string outcome,
+                                             double durationMs, std::string correlationId);
+
+  // Up to `limit` newest rows, oldest first; a negative limit means all rows.
+  // Rows that don't decode are skipped. Throws DBError.
+  boost::asio::awaitable<std::vector<Entry>> recent(std::int64_t limit);
+
+  // The rows of one correlation id in seq order; undecodable rows skipped.
+  // Throws DBError.
+  boost::asio::awaitable<std::vector<Entry>> entries(std::string correlationId);
+
+  // True when every row chains to the one before and its hash matches its
+  // preimage; an empty table holds. An undecodable row answers false. Does
+  // not compare the last hash with the head, so a cut-off tail goes
+  // unnoticed. Throws DBError.
+  boost::asio::awaitable<bool> verifyChain();
+
+  // Synchronous forms; see the thread rules above.
+  std::string recordSync(const std::string& caller, const std::string& tool,
+                         const std::string& origin, const std::string& outcome,
+                         double durationMs, const std::string& correlationId);
+  std::vector<Entry> recentSync(std::int64_t limit) const;
+  std::vector<Entry> entriesSync(const std::string& correlationId) const;
+  bool verifyChainSync() const;
+
+  // The verifyChain walk, saying where and why it stopped. Throws DBError.
+  ChainReport inspectChain() const;
+
+  // The head of the chain in memory.
+  const std::string& lastHash() const { return lastHash_; }
+
+  const boost::asio::strand<boost::asio::any_io_executor>& strand() const { return strand_; }
+
+  // `ts` as it enters the preimage: the shortest text that reads back to the
+  // same double, always with a fraction: 784926483.0, 784926483.5, 1e-05.
+  static std::string renderTimestamp(Date ts);
+
+  // sha256Hex of the preimage above.
+  static std::string chainHash(std::string_view prevHash, Date ts, std::string_view caller,
+                               std::string_view tool, std::string_view origin,
+                               std::string_view outcome, std::string_view correlationId);
+
+ private:
+  std::shared_ptr<SQLiteDatabase> db_;
+  boost::asio::strand<boost::asio::any_io_executor> strand_;
+  Clock now_;
+  std::string lastHash_;
+};
+
+}  // namespace tarskel

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tarskel::Hashing {
+
+// The SHA-256 digest of `data` as 64 lower-case hexadecimal characters.
+// Safe to call from any thread.
+std::string sha256Hex(std::string_view data);
+
+}  // namespace tarskel::Hashing

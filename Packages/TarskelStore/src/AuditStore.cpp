@@ -1,0 +1,232 @@
+#include "tarskel/store/AuditStore.hpp"
+
+#include <algorithm>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <utility>
+
+#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/store/Hashing.hpp"
+
+namespace tarskel {
+namespace {
+
+using boost::asio::awaitable;
+using boost::asio::use_awaitable;
+using Value = SQLiteDatabase::Value;
+using Row = SQLiteDatabase::Row;
+
+constexpr const char* kHeadQuery = "SELECT hash FROM audit ORDER BY seq DESC LIMIT 1;";
+constexpr const char* kInsert =
+    "INSERT INTO audit (ts, caller, tool, origin, outcome, duration_ms, correlation_id, "
+    "prev_hash, hash)\nVALUES (?, ?, ?, ?, ?, ?, ?, ?, ?);";
+constexpr const char* kRecentQuery = "SELECT * FROM audit ORDER BY seq DESC LIMIT ?;";
+constexpr const char* kCorrelationQuery =
+    "SELECT * FROM audit WHERE correlation_id = ? ORDER BY seq ASC;";
+constexpr const char* kChainQuery = "SELECT * FROM audit ORDER BY seq ASC;";
+
+// Moves the text of `column` into `out`; false when absent or not text.
+bool takeText(Row& row, const char* column, std::string& out) {
+  auto it = row.find(column);
+  if (it == row.end() || it->second.kind() != Value::Kind::text) return false;
+  out = *std::move(it->second).stringValue();
+  return true;
+}
+
+bool takeNumber(const Row& row, const char* column, double& out) {
+  auto it = row.find(column);
+  if (it == row.end()) return false;
+  auto d = it->second.doubleValue();
+  if (!d) return false;
+  out = *d;
+  return true;
+}
+
+// The row as an Entry, or nothing unless every column is present and of an
+// accepted case. Text values are moved out of `row`.
+std::optional<AuditStore::Entry> decodeEntry(Row& row) {
+  AuditStore::Entry e;
+  auto seq = row.find("seq");
+  if (seq == row.end()) return std::nullopt;
+  auto seqValue = seq->second.intValue();
+  if (!seqValue) return std::nullopt;
+  e.seq = *seqValue;
+  if (!takeNumber(row, "ts", e.ts.secondsSinceReferenceDate)) return std::nullopt;
+  if (!takeNumber(row, "duration_ms", e.durationMs)) return std::nullopt;
+  if (!takeText(row, "caller", e.caller) || !takeText(row, "tool", e.tool) ||
+      !takeText(row, "origin", e.origin) || !takeText(row, "outcome", e.outcome) ||
+      !takeText(row, "correlation_id", e.correlationId) ||
+      !takeText(row, "prev_hash", e.prevHash) || !takeText(row, "hash", e.hash)) {
+    return std::nullopt;
+  }
+  return e;
+}
+
+std::vector<AuditStore::Entry> decodeAll(std::vector<Row>& rows) {
+  std::vector<AuditStore::Entry> out;
+  out.reserve(rows.size());
+  for (Row& row : rows) {
+    if (auto e = decodeEntry(row)) out.push_back(std::move(*e));
+  }
+  return out;
+}
+
+// The seq of a row that failed to decode, when it has a readable one.
+std::optional<std::int64_t> seqOf(const Row& row) {
+  auto it = row.find("seq");
+  if (it == row.end() || it->second.kind() != Value::Kind::integer) return std::nullopt;
+  return it->second.intValue();
+}
+
+}  // namespace
+
+AuditStore::AuditStore(std::shared_ptr<SQLiteDatabase> db, boost::asio::any_io_executor executor,
+                       Clock now)
+    : db_(std::move(db)),
+      strand_(boost::asio::make_strand(std::move(executor))),
+      now_(now ? std::move(now) : Clock(&Date::now)) {
+  db_->exec(std::string(kSchema));  // an existing table is fine; a real failure shows below
+  auto rows = db_->query(kHeadQuery);
+  lastHash_ = kGenesisHash;
+  if (!rows.empty()) {
+    auto it = rows.front().find("hash");
+    if (it != rows.front().end() && it->second.kind() == Value::Kind::text) {
+      lastHash_ = *std::move(it->second).stringValue();
+    }
+  }
+}
+
+std::string AuditStore::renderTimestamp(Date ts) {
+  return formatNumberWithFraction(ts.secondsSinceReferenceDate);
+}
+
+std::string AuditStore::chainHash(std::string_view prevHash, Date ts, std::string_view caller,
+                                  std::string_view tool, std::string_view origin,
+                                  std::string_view outcome, std::string_view correlationId) {
+  std::string preimage;
+  std::string rendered = renderTimestamp(ts);
+  preimage.reserve(prevHash.size() + rendered.size() + caller.size() + tool.size() +
+                   origin.size() + outcome.size() + correlationId.size() + 6);
+  for (std::string_view part : {prevHash, std::string_view(rendered), caller, tool, origin, outcome}) {
+    preimage.append(part);
+    preimage.push_back('|');
+  }
+  preimage.append(correlationId);
+  return Hashing::sha256Hex(preimage);
+}
+
+// ---- Writing ---------------------------------------------------------------
+
+std::string AuditStore::recordSync(const std::string& caller, const std::string& tool,
+                                   const std::string& origin, const std::string& outcome,
+                                   double durationMs, const std::string& correlationId) {
+  Date ts = now_();  // one reading serves the preimage and the column
+  std::string hash = chainHash(lastHash_, ts, caller, tool, origin, outcome, correlationId);
+  try {
+    db_->execute(kInsert, {Value::real(ts.secondsSinceReferenceDate), Value::text(caller),
+                           Value::text(tool), Value::text(origin), Value::text(outcome),
+                           Value::real(durationMs), Value::text(correlationId),
+                           Value::text(lastHash_), Value::text(hash)});
+  } catch (const SQLiteDatabase::DBError&) {
+    // Recording never fails its caller. The head moves anyway, so the lost
+    // row shows as a break in the chain instead of vanishing unseen.
+  }
+  lastHash_ = hash;
+  return hash;
+}
+
+namespace {
+
+awaitable<std::string> recordOnStrand(AuditStore& store, std::string caller, std::string tool,
+                                      std::string origin, std::string outcome, double durationMs,
+                                      std::string correlationId) {
+  co_return store.recordSync(caller, tool, origin, outcome, durationMs, correlationId);
+}
+
+}  // namespace
+
+awaitable<std::string> AuditStore::record(std::string caller, std::string tool, std::string origin,
+                                          std::string outcome, double durationMs,
+                                          std::string correlationId) {
+  std::string hash = co_await boost::asio::co_spawn(
+      strand_,
+      recordOnStrand(*this, std::move(caller), std::move(tool), std::move(origin),
+                     std::move(outcome), durationMs, std::move(correlationId)),
+      use_awaitable);
+  co_return hash;
+}
+
+// ---- Reading ---------------------------------------------------------------
+
+std::vector<AuditStore::Entry> AuditStore::recentSync(std::int64_t limit) const {
+  auto rows = db_->query(kRecentQuery, {Value::integer(limit)});
+  auto entries = decodeAll(rows);
+  std::reverse(entries.begin(), entries.end());
+  return entries;
+}
+
+std::vector<AuditStore::Entry> AuditStore::entriesSync(const std::string& correlationId) const {
+  auto rows = db_->query(kCorrelationQuery, {Value::text(correlationId)});
+  return decodeAll(rows);
+}
+
+AuditStore::ChainReport AuditStore::inspectChain() const {
+  ChainReport report;
+  std::string expected(kGenesisHash);
+  // Streamed rather than gathered: the outcome is the same as walking the
+  // whole result, without holding every row in memory at once.
+  db_->forEachRow(kChainQuery, {}, [&](Row& row) {
+    auto entry = decodeEntry(row);
+    if (!entry) {
+      report.firstBreak = ChainBreak{seqOf(row), "row does not decode"};
+      return false;
+    }
+    if (entry->prevHash != expected) {
+      report.firstBreak = ChainBreak{entry->seq, "prev_hash differs from the hash of the row before"};
+      return false;
+    }
+    std::string hash = chainHash(entry->prevHash, entry->ts, entry->caller, entry->tool,
+                                 entry->origin, entry->outcome, entry->correlationId);
+    if (hash != entry->hash) {
+      report.firstBreak = ChainBreak{entry->seq, "hash does not match the row's contents"};
+      return false;
+    }
+    expected = std::move(entry->hash);
+    ++report.rowsChecked;
+    return true;
+  });
+  return report;
+}
+
+bool AuditStore::verifyChainSync() const { return inspectChain().holds(); }
+
+namespace {
+
+template <class Fn>
+auto onStrand(const boost::asio::strand<boost::asio::any_io_executor>& strand, Fn fn)
+    -> awaitable<decltype(fn())> {
+  auto body = [](Fn f) -> awaitable<decltype(fn())> { co_return f(); };
+  auto result = co_await boost::asio::co_spawn(strand, body(std::move(fn)), use_awaitable);
+  co_return result;
+}
+
+}  // namespace
+
+awaitable<std::vector<AuditStore::Entry>> AuditStore::recent(std::int64_t limit) {
+  auto entries = co_await onStrand(strand_, [this, limit] { return recentSync(limit); });
+  co_return entries;
+}
+
+awaitable<std::vector<AuditStore::Entry>> AuditStore::entries(std::string correlationId) {
+  auto found = co_await onStrand(strand_, [this, id = std::move(correlationId)] {
+    return entriesSync(id);
+  });
+  co_return found;
+}
+
+awaitable<bool> AuditStore::verifyChain() {
+  bool holds = co_await onStrand(strand_, [this] { return verifyChainSync(); });
+  co_return holds;
+}
+
+}  // namespace tarskel

@@ -1,0 +1,289 @@
+#include "tarskel/store/SQLiteDatabase.hpp"
+
+#include <sqlite3.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace tarskel {
+namespace {
+
+// SQLite's SQLITE_TRANSIENT: bound text is copied at once. Spelled out
+// because the macro is an old-style cast.
+const sqlite3_destructor_type kTransient = reinterpret_cast<sqlite3_destructor_type>(-1);
+
+[[noreturn]] void fault(const char* what) {
+  std::fprintf(stderr, "SQLiteDatabase: %s\n", what);
+  std::fflush(stderr);
+  std::abort();
+}
+
+// SQLite promises text here; a null pointer means the library broke that
+// promise, which no caller could handle.
+const char* requireText(const char* text, const char* what) {
+  if (text == nullptr) fault(what);
+  return text;
+}
+
+// Replaces every invalid UTF-8 sequence with U+FFFD, never rejecting.
+std::string sanitizeUTF8(const char* text, std::size_t length) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text);
+  std::size_t i = 0;
+  while (i < length && p[i] < 0x80) ++i;
+  if (i == length) return std::string(text, length);  // ASCII: the common case
+
+  std::string out(text, i);
+  while (i < length) {
+    unsigned char c = p[i];
+    std::size_t need = 0;
+    std::uint32_t cp = 0;
+    if (c < 0x80) {
+      out.push_back(static_cast<char>(c));
+      ++i;
+      continue;
+    } else if (c >= 0xC2 && c <= 0xDF) {
+      need = 1, cp = c & 0x1Fu;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      need = 2, cp = c & 0x0Fu;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      need = 3, cp = c & 0x07u;
+    }
+    bool ok = need > 0 && i + need < length;
+    for (std::size_t k = 1; ok && k <= need; ++k) {
+      if ((p[i + k] & 0xC0) != 0x80) ok = false;
+      else cp = (cp << 6) | (p[i + k] & 0x3Fu);
+    }
+    if (ok) {
+      bool overlong = (need == 2 && cp < 0x800) || (need == 3 && cp < 0x10000);
+      bool invalid = (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF;
+      ok = !overlong && !invalid;
+    }
+    if (ok) {
+      out.append(text + i, need + 1);
+      i += need + 1;
+    } else {
+      out.append("\xEF\xBF\xBD");
+      ++i;
+    }
+  }
+  return out;
+}
+
+std::string textOf(const char* text) { return sanitizeUTF8(text, std::char_traits<char>::length(text)); }
+
+std::string errorMessage(sqlite3* handle) {
+  return textOf(requireText(sqlite3_errmsg(handle), "sqlite3_errmsg returned no text"));
+}
+
+// Finalizes on every path out of a statement's scope.
+struct Statement {
+  sqlite3_stmt* stmt = nullptr;
+  ~Statement() { sqlite3_finalize(stmt); }
+};
+
+void prepare(sqlite3* handle, const std::string& sql, Statement& statement) {
+  if (sqlite3_prepare_v2(handle, sql.c_str(), -1, &statement.stmt, nullptr) != SQLITE_OK) {
+    throw SQLiteDatabase::DBError(SQLiteDatabase::DBError::Kind::prepare, errorMessage(handle));
+  }
+}
+
+void readColumn(sqlite3_stmt* stmt, int i, SQLiteDatabase::Value& out);
+
+}  // namespace
+
+// ---- Value -----------------------------------------------------------------
+
+std::optional<std::string> SQLiteDatabase::Value::stringValue() const& {
+  if (const auto* s = std::get_if<0>(&storage_)) return *s;
+  return std::nullopt;
+}
+
+std::optional<std::string> SQLiteDatabase::Value::stringValue() && {
+  if (auto* s = std::get_if<0>(&storage_)) return std::move(*s);
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> SQLiteDatabase::Value::intValue() const {
+  if (const auto* i = std::get_if<1>(&storage_)) return *i;
+  if (const auto* d = std::get_if<2>(&storage_)) {
+    // [-2^63, 2^63): the doubles whose truncation fits an int64.
+    if (!std::isfinite(*d) || *d < -9223372036854775808.0 || *d >= 9223372036854775808.0) {
+      fault("intValue of a double outside the signed 64-bit range");
+    }
+    return static_cast<std::int64_t>(*d);
+  }
+  return std::nullopt;
+}
+
+std::optional<double> SQLiteDatabase::Value::doubleValue() const {
+  if (const auto* d = std::get_if<2>(&storage_)) return *d;
+  if (const auto* i = std::get_if<1>(&storage_)) return static_cast<double>(*i);
+  return std::nullopt;
+}
+
+// ---- DBError ---------------------------------------------------------------
+
+namespace {
+const char* prefixOf(SQLiteDatabase::DBError::Kind kind) {
+  switch (kind) {
+    case SQLiteDatabase::DBError::Kind::open:
+      return "sqlite open: ";
+    case SQLiteDatabase::DBError::Kind::prepare:
+      return "sqlite prepare: ";
+    case SQLiteDatabase::DBError::Kind::step:
+      return "sqlite step: ";
+  }
+  return "sqlite: ";
+}
+}  // namespace
+
+SQLiteDatabase::DBError::DBError(Kind kind, std::string message)
+    : Error(prefixOf(kind) + message), kind_(kind), message_(std::move(message)) {}
+
+// ---- Opening and closing ---------------------------------------------------
+
+SQLiteDatabase::SQLiteDatabase(const std::string& path) {
+  if (sqlite3_open(path.c_str(), &handle_) != SQLITE_OK) {
+    std::string message = handle_ != nullptr ? errorMessage(handle_) : "?";
+    sqlite3_close(handle_);
+    handle_ = nullptr;
+    throw DBError(DBError::Kind::open, message);
+  }
+  exec("PRAGMA journal_mode=WAL;");
+  exec("PRAGMA synchronous=NORMAL;");
+  exec("PRAGMA busy_timeout=3000;");
+}
+
+SQLiteDatabase::SQLiteDatabase(const std::string& path, ReadOnlyTag) {
+  if (sqlite3_open_v2(path.c_str(), &handle_, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+    std::string message = handle_ != nullptr ? errorMessage(handle_) : "?";
+    sqlite3_close(handle_);
+    handle_ = nullptr;
+    throw DBError(DBError::Kind::open, message);
+  }
+  exec("PRAGMA busy_timeout=3000;");
+}
+
+std::shared_ptr<SQLiteDatabase> SQLiteDatabase::open(const std::string& path) {
+  return std::make_shared<SQLiteDatabase>(path);
+}
+
+std::shared_ptr<SQLiteDatabase> SQLiteDatabase::openReadOnly(const std::string& path) {
+  return std::shared_ptr<SQLiteDatabase>(new SQLiteDatabase(path, ReadOnlyTag{}));
+}
+
+SQLiteDatabase::~SQLiteDatabase() { sqlite3_close(handle_); }
+
+// ---- Running SQL -----------------------------------------------------------
+
+namespace {
+
+void bind(sqlite3_stmt* stmt, const std::vector<SQLiteDatabase::Value>& params) {
+  using Kind = SQLiteDatabase::Value::Kind;
+  int index = 1;
+  // Results are ignored on purpose: a surplus parameter is dropped, an unbound
+  // one reads as NULL.
+  for (const auto& value : params) {
+    switch (value.kind()) {
+      case Kind::text:
+        sqlite3_bind_text(stmt, index, value.stringValue()->c_str(), -1, kTransient);
+        break;
+      case Kind::integer:
+        sqlite3_bind_int64(stmt, index, *value.intValue());
+        break;
+      case Kind::real:
+        sqlite3_bind_double(stmt, index, *value.doubleValue());
+        break;
+      case Kind::null:
+        sqlite3_bind_null(stmt, index);
+        break;
+    }
+    ++index;
+  }
+}
+
+}  // namespace
+
+bool SQLiteDatabase::exec(const std::string& sql) {
+  std::lock_guard guard(lock_);
+  return sqlite3_exec(handle_, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+void SQLiteDatabase::execute(const std::string& sql, const std::vector<Value>& params) {
+  std::lock_guard guard(lock_);
+  Statement statement;
+  prepare(handle_, sql, statement);
+  bind(statement.stmt, params);
+  if (sqlite3_step(statement.stmt) != SQLITE_DONE) {
+    std::string message = errorMessage(handle_);  // before finalize resets it
+    sqlite3_finalize(statement.stmt);
+    statement.stmt = nullptr;
+    throw DBError(DBError::Kind::step, message);
+  }
+}
+
+std::vector<SQLiteDatabase::Row> SQLiteDatabase::query(const std::string& sql,
+                                                       const std::vector<Value>& params) {
+  std::vector<Row> rows;
+  forEachRow(sql, params, [&rows](Row& row) {
+    rows.push_back(row);
+    return true;
+  });
+  return rows;
+}
+
+void SQLiteDatabase::forEachRow(const std::string& sql, const std::vector<Value>& params,
+                                const std::function<bool(Row&)>& visit) {
+  std::lock_guard guard(lock_);
+  Statement statement;
+  prepare(handle_, sql, statement);
+  bind(statement.stmt, params);
+
+  sqlite3_stmt* stmt = statement.stmt;
+  std::vector<std::string> names;
+  Row row;
+  // Any step result other than a row ends the rows; it is not an error here.
+  while (sqlite3_step(stmt) == SQLITE_ROW) {
+    int count = sqlite3_column_count(stmt);
+    if (names.size() != static_cast<std::size_t>(count)) {
+      names.clear();
+      for (int i = 0; i < count; ++i) {
+        names.push_back(
+            textOf(requireText(sqlite3_column_name(stmt, i), "sqlite3_column_name returned no text")));
+      }
+    }
+    // The row is reused: values are assigned in place, so a later column of
+    // the same name overwrites the earlier one.
+    for (int i = 0; i < count; ++i) readColumn(stmt, i, row[names[static_cast<std::size_t>(i)]]);
+    if (!visit(row)) break;
+  }
+}
+
+namespace {
+
+void readColumn(sqlite3_stmt* stmt, int i, SQLiteDatabase::Value& out) {
+  switch (sqlite3_column_type(stmt, i)) {
+    case SQLITE_INTEGER:
+      out = SQLiteDatabase::Value::integer(sqlite3_column_int64(stmt, i));
+      return;
+    case SQLITE_FLOAT:
+      out = SQLiteDatabase::Value::real(sqlite3_column_double(stmt, i));
+      return;
+    case SQLITE_TEXT: {
+      const char* text = requireText(reinterpret_cast<const char*>(sqlite3_column_text(stmt, i)),
+                                     "sqlite3_column_text returned no text");
+      std::size_t length = std::char_traits<char>::length(text);
+      out = SQLiteDatabase::Value::text(sanitizeUTF8(text, length));
+      return;
+    }
+    default:  // SQLITE_NULL, and SQLITE_BLOB: there is no blob case
+      out = SQLiteDatabase::Value::null();
+      return;
+  }
+}
+
+}  // namespace
+
+}  // namespace tarskel
