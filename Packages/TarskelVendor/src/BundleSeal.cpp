@@ -1,0 +1,225 @@
+#include "tarskel/vendor/BundleSeal.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <system_error>
+#include <utility>
+
+#include "ContentHashing.hpp"
+#include "tarskel/protocol/TarskelJSON.hpp"
+
+namespace tarskel::BundleSeal {
+namespace fs = std::filesystem;
+namespace {
+
+// A manifest of a million files is some hundred megabytes; anything beyond
+// this is not a manifest, and reading it whole would only exhaust memory.
+constexpr std::size_t kMaxManifestBytes = 256u << 20;
+
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+std::string systemText(const fs::path& path, int error) {
+  return path.string() + ": " + std::strerror(error);
+}
+
+// The seal's own files, whole. They are not content, so nothing has vouched
+// for them: a link is not followed and a named pipe can't make us wait.
+std::string readSealFile(const fs::path& path) {
+  FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (file.get() < 0) throw SealError::unreadableManifest(systemText(path, errno));
+  struct stat info {};
+  if (::fstat(file.get(), &info) != 0) throw SealError::unreadableManifest(systemText(path, errno));
+  if (!S_ISREG(info.st_mode)) {
+    throw SealError::unreadableManifest(path.string() + ": no es un archivo regular");
+  }
+  std::string content;
+  char buffer[64 * 1024];
+  for (;;) {
+    ssize_t n = ::read(file.get(), buffer, sizeof buffer);
+    if (n == 0) return content;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw SealError::unreadableManifest(systemText(path, errno));
+    }
+    if (content.size() + static_cast<std::size_t>(n) > kMaxManifestBytes) {
+      throw SealError::unreadableManifest(path.string() + ": demasiado grande");
+    }
+    content.append(buffer, static_cast<std::size_t>(n));
+  }
+}
+
+template <class T>
+T decodeSealFile(std::string_view bytes) {
+  try {
+    return TarskelJSON::decoder().decode<T>(bytes);
+  } catch (const std::exception& e) {
+    throw SealError::unreadableManifest(e.what());
+  }
+}
+
+// Replaces the content of `path` with `bytes`, in place.
+void writeFile(const fs::path& path, std::string_view bytes) {
+  FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  auto fail = [&] {
+    throw fs::filesystem_error("no se pudo escribir", path,
+                               std::error_code(errno, std::generic_category()));
+  };
+  if (file.get() < 0) fail();
+  while (!bytes.empty()) {
+    ssize_t n = ::write(file.get(), bytes.data(), bytes.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      fail();
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+}
+
+bool isSealDirectory(const std::string& relative) {
+  return relative == vendorDir ||
+         (relative.size() > vendorDir.size() && relative.starts_with(vendorDir) &&
+          relative[vendorDir.size()] == '/');
+}
+
+struct PendingDirectory {
+  fs::path path;
+  std::string relative;  // "" for the root
+};
+
+// The entries of one directory, by name, so that the walk (and which bad
+// entry it meets first) does not depend on the file system's order. A
+// directory that can't be read is passed over.
+std::vector<fs::directory_entry> sortedEntries(const fs::path& directory) {
+  std::vector<fs::directory_entry> entries;
+  std::error_code ec;
+  fs::directory_iterator it(directory, ec);
+  for (; !ec && it != fs::directory_iterator(); it.increment(ec)) entries.push_back(*it);
+  std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
+    return a.path().filename().native() < b.path().filename().native();
+  });
+  return entries;
+}
+
+}  // namespace
+
+std::vector<std::string> contentEntries(const fs::path& bundleAt) {
+  std::vector<std::string> files;
+  std::vector<PendingDirectory> pending{{bundleAt.lexically_normal(), {}}};
+  while (!pending.empty()) {
+    PendingDirectory directory = std::move(pending.back());
+    pending.pop_back();
+    std::vector<PendingDirectory> subdirectories;
+    for (const fs::directory_entry& entry : sortedEntries(directory.path)) {
+      const std::string name = entry.path().filename().string();
+      std::string relative = directory.relative.empty() ? name : directory.relative + "/" + name;
+      // The seal's own directory is set aside before its type is looked at.
+      if (isSealDirectory(relative)) continue;
+      const fs::file_status status = entry.symlink_status();  // throws when unreadable
+      if (fs::is_symlink(status)) throw SealError::notRegularFile(relative);
+      if (fs::is_directory(status)) {
+        subdirectories.push_back({entry.path(), std::move(relative)});
+      } else if (fs::is_regular_file(status)) {
+        files.push_back(std::move(relative));
+      } else {
+        throw SealError::notRegularFile(relative);
+      }
+    }
+    // Depth first, in name order.
+    std::move(subdirectories.rbegin(), subdirectories.rend(), std::back_inserter(pending));
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+HashManifest seal(const fs::path& bundleAt, std::string artifactId, ArtifactType artifactType,
+                  std::string version, std::int64_t monotonicVersion, Date expires,
+                  const Ed25519KeyPair& keyPair,
+                  std::optional<std::map<std::string, std::string>> metadata,
+                  const SealHashing& hashing) {
+  const std::vector<std::string> paths = contentEntries(bundleAt);
+  std::vector<ContentDigest> digests =
+      hashContent(bundleAt, paths, hashing, [](std::size_t, const std::string&) { return false; });
+
+  HashManifest manifest{std::move(artifactId), artifactType,   std::move(version),
+                        monotonicVersion,      expires,        {},
+                        std::move(metadata)};
+  manifest.files.reserve(paths.size());
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    if (digests[i].error) std::rethrow_exception(digests[i].error);
+    manifest.files.push_back({paths[i], std::move(digests[i].sha256)});
+  }
+
+  const std::string manifestData = TarskelJSON::canonicalEncoder().encode(manifest);
+  const VendorSignature signature = keyPair.sign(manifestData);
+  fs::create_directories(bundleAt / vendorDir);
+  writeFile(bundleAt / manifestFile, manifestData);
+  writeFile(bundleAt / signatureFile, TarskelJSON::encoder().encode(signature));
+  return manifest;
+}
+
+HashManifest verify(const fs::path& bundleAt, const VendorVerification& verification,
+                    const VendorAllowlist& allowlist, std::optional<std::int64_t> installedMonotonic,
+                    bool allowDowngrade, const SealHashing& hashing) {
+  const std::string manifestData = readSealFile(bundleAt / manifestFile);
+  HashManifest manifest = decodeSealFile<HashManifest>(manifestData);
+  const std::string signatureData = readSealFile(bundleAt / signatureFile);
+  const VendorSignature signature = decodeSealFile<VendorSignature>(signatureData);
+
+  std::vector<VendorVerificationError> errors = verification.verify(
+      manifestData, manifest, signature, allowlist, installedMonotonic, allowDowngrade);
+  if (!errors.empty()) throw SealError::verification(std::move(errors));
+
+  const std::vector<std::string> content = contentEntries(bundleAt);
+  std::set<std::string> present(content.begin(), content.end());
+
+  // Only listed paths that are present content are ever opened: this is what
+  // keeps a path with ".." or under "vendor/" from being read at all. Up to
+  // the first missing one, files are hashed; the first fault in manifest
+  // order is the one reported.
+  std::vector<std::string> listed;
+  std::size_t firstMissing = manifest.files.size();
+  for (std::size_t i = 0; i < manifest.files.size(); ++i) {
+    if (!present.contains(manifest.files[i].path)) {
+      firstMissing = i;
+      break;
+    }
+    listed.push_back(manifest.files[i].path);
+  }
+  std::vector<ContentDigest> digests =
+      hashContent(bundleAt, listed, hashing, [&](std::size_t i, const std::string& digest) {
+        return digest != manifest.files[i].sha256;
+      });
+  for (std::size_t i = 0; i < digests.size(); ++i) {
+    if (digests[i].error) std::rethrow_exception(digests[i].error);
+    if (digests[i].sha256 != manifest.files[i].sha256) {
+      throw SealError::hashMismatch(manifest.files[i].path);
+    }
+  }
+  if (firstMissing < manifest.files.size()) {
+    throw SealError::fileMissing(manifest.files[firstMissing].path);
+  }
+
+  for (const HashManifest::FileEntry& entry : manifest.files) present.erase(entry.path);
+  if (!present.empty()) throw SealError::unexpectedFile(*present.begin());
+  return manifest;
+}
+
+}  // namespace tarskel::BundleSeal
