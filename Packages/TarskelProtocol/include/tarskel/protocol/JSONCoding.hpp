@@ -115,13 +115,16 @@ class KeyedDecoder {
   // Throws typeMismatch when `value` is not an object.
   KeyedDecoder(const JSONValue& value, const CodingPath& path);
 
-  // keyNotFound when absent, valueNotFound when null, or the value's own error.
+  // keyNotFound when absent, valueNotFound when null (except for a JSONValue,
+  // which holds null as a value of its own), or the value's own error.
   template <class T>
   T required(std::string_view key) const {
     CodingPath at(path_, key);
     const JSONValue* v = object_->find(key);
     if (v == nullptr) throwKeyNotFound(key);
-    if (v->isNull()) throwValueNotFound(at);
+    if constexpr (!std::is_same_v<T, JSONValue>) {
+      if (v->isNull()) throwValueNotFound(at);
+    }
     return JSONCoding<T>::decode(*v, at);
   }
 

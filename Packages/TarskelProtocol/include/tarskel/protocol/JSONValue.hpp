@@ -57,6 +57,8 @@ class JSONObject {
   std::ptrdiff_t indexOf(std::string_view key) const;
 
   std::vector<Member> members_;  // sorted by key bytes, keys unique by equivalence
+  // False while every key is ASCII, which spares lookups the Unicode work.
+  bool mayHoldNonASCII_ = false;
 };
 
 // A number as the coding layer carries it. JSON has one number type, a
