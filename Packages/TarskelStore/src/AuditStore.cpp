@@ -200,32 +200,36 @@ AuditStore::ChainReport AuditStore::inspectChain() const {
 
 bool AuditStore::verifyChainSync() const { return inspectChain().holds(); }
 
+// The bodies that run on the strand. Plain functions with by-value
+// parameters: GCC 12 mishandles by-value parameters of lambda coroutines.
 namespace {
 
-template <class Fn>
-auto onStrand(const boost::asio::strand<boost::asio::any_io_executor>& strand, Fn fn)
-    -> awaitable<decltype(fn())> {
-  auto body = [](Fn f) -> awaitable<decltype(fn())> { co_return f(); };
-  auto result = co_await boost::asio::co_spawn(strand, body(std::move(fn)), use_awaitable);
-  co_return result;
+awaitable<std::vector<AuditStore::Entry>> recentOnStrand(const AuditStore& store, std::int64_t limit) {
+  co_return store.recentSync(limit);
 }
+
+awaitable<std::vector<AuditStore::Entry>> entriesOnStrand(const AuditStore& store,
+                                                          std::string correlationId) {
+  co_return store.entriesSync(correlationId);
+}
+
+awaitable<bool> verifyOnStrand(const AuditStore& store) { co_return store.verifyChainSync(); }
 
 }  // namespace
 
 awaitable<std::vector<AuditStore::Entry>> AuditStore::recent(std::int64_t limit) {
-  auto entries = co_await onStrand(strand_, [this, limit] { return recentSync(limit); });
-  co_return entries;
+  auto found = co_await boost::asio::co_spawn(strand_, recentOnStrand(*this, limit), use_awaitable);
+  co_return found;
 }
 
 awaitable<std::vector<AuditStore::Entry>> AuditStore::entries(std::string correlationId) {
-  auto found = co_await onStrand(strand_, [this, id = std::move(correlationId)] {
-    return entriesSync(id);
-  });
+  auto found = co_await boost::asio::co_spawn(
+      strand_, entriesOnStrand(*this, std::move(correlationId)), use_awaitable);
   co_return found;
 }
 
 awaitable<bool> AuditStore::verifyChain() {
-  bool holds = co_await onStrand(strand_, [this] { return verifyChainSync(); });
+  bool holds = co_await boost::asio::co_spawn(strand_, verifyOnStrand(*this), use_awaitable);
   co_return holds;
 }
 

@@ -1,0 +1,185 @@
+// The audit chain under faults that really happen: a database that refuses
+// writes, a writer killed mid-stream, and many writers at once.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/asio/use_future.hpp>
+#include <cstdio>
+#include <cstring>
+#include <future>
+#include <set>
+#include <thread>
+
+#include "StoreTestSupport.hpp"
+#include "tarskel/store/AuditStore.hpp"
+
+namespace tarskel {
+namespace {
+
+using boost::asio::awaitable;
+
+std::set<std::string> storedHashes(SQLiteDatabase& db) {
+  std::set<std::string> out;
+  for (auto& row : db.query("SELECT hash FROM audit;")) out.insert(*row["hash"].stringValue());
+  return out;
+}
+
+class RefusingDatabaseTest : public ::testing::Test {
+ protected:
+  std::unique_ptr<AuditStore> attach(std::shared_ptr<SQLiteDatabase> db) {
+    return std::make_unique<AuditStore>(std::move(db), io.get_executor());
+  }
+  std::string path() const { return dir.file("audit.db"); }
+
+  testing::TempDir dir;
+  boost::asio::io_context io;
+};
+
+TEST_F(RefusingDatabaseTest, AbortingTriggerLeavesAHoleThatARestartCloses) {
+  auto db = SQLiteDatabase::open(path());
+  auto store = attach(db);
+  store->recordSync("a", "t", "xpc", "ok", 1, "1");
+  ASSERT_TRUE(db->exec("CREATE TRIGGER refuse BEFORE INSERT ON audit "
+                       "BEGIN SELECT RAISE(ABORT, 'refused'); END;"));
+
+  std::string lost = store->recordSync("b", "t", "xpc", "ok", 1, "2");
+  EXPECT_EQ(lost.size(), 64u);
+  EXPECT_EQ(store->lastHash(), lost);
+  EXPECT_EQ(storedHashes(*db).count(lost), 0u);
+
+  ASSERT_TRUE(db->exec("DROP TRIGGER refuse;"));
+  std::string after = store->recordSync("c", "t", "xpc", "ok", 1, "3");
+  EXPECT_EQ(store->recentSync(1).at(0).prevHash, lost) << "the head moved past the lost row";
+  EXPECT_FALSE(store->verifyChainSync());
+  EXPECT_EQ(store->inspectChain().firstBreak->seq, 2);
+
+  store = attach(db);
+  EXPECT_EQ(store->lastHash(), after);
+  store->recordSync("d", "t", "xpc", "ok", 1, "4");
+  EXPECT_EQ(store->recentSync(1).at(0).prevHash, after);
+}
+
+TEST_F(RefusingDatabaseTest, ReadOnlyConnectionStillAnswersAHash) {
+  std::string stored = attach(SQLiteDatabase::open(path()))->recordSync("a", "t", "xpc", "ok", 1, "1");
+
+  auto readOnly = attach(SQLiteDatabase::openReadOnly(path()));
+  std::string lost = readOnly->recordSync("b", "t", "xpc", "ok", 1, "2");
+  EXPECT_NE(lost, stored);
+  EXPECT_EQ(readOnly->lastHash(), lost);
+  EXPECT_EQ(readOnly->recentSync(-1).size(), 1u);
+
+  // Nothing reached the file, so a writer attached afterwards chains on cleanly.
+  auto writer = attach(SQLiteDatabase::open(path()));
+  EXPECT_EQ(writer->lastHash(), stored);
+  writer->recordSync("c", "t", "xpc", "ok", 1, "3");
+  EXPECT_TRUE(writer->verifyChainSync());
+}
+
+// The child writes records as fast as it can and reports each returned hash
+// through a pipe; the parent kills it mid-stream.
+[[noreturn]] void writeUntilKilled(const std::string& path, int out) {
+  boost::asio::io_context io;
+  AuditStore store(SQLiteDatabase::open(path), io.get_executor());
+  for (int i = 0; i < 1000000; ++i) {
+    std::string line = store.recordSync("child", "daemon.info", "xpc", "ok", 0.5, std::to_string(i)) + "\n";
+    if (write(out, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(3);
+  }
+  _exit(0);
+}
+
+TEST(KilledWriterTest, EveryReturnedRecordSurvivesSIGKILL) {
+  testing::TempDir dir;
+  std::string path = dir.file("audit.db");
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    close(fds[0]);
+    writeUntilKilled(path, fds[1]);
+  }
+  close(fds[1]);
+
+  FILE* in = fdopen(fds[0], "r");
+  std::vector<std::string> returned;
+  char line[128];
+  while (returned.size() < 2000 && std::fgets(line, sizeof line, in) != nullptr) {
+    returned.emplace_back(line, 64);
+  }
+  kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status)) << "the child ended before it was killed";
+  // Lines already in the pipe were written after their record returned too.
+  while (std::fgets(line, sizeof line, in) != nullptr) {
+    if (std::strlen(line) == 65) returned.emplace_back(line, 64);
+  }
+  std::fclose(in);
+
+  auto db = SQLiteDatabase::open(path);
+  boost::asio::io_context io;
+  AuditStore store(db, io.get_executor());
+  EXPECT_TRUE(store.verifyChainSync());
+  auto stored = storedHashes(*db);
+  std::size_t missing = 0;
+  for (const auto& hash : returned) missing += stored.count(hash) == 0 ? 1 : 0;
+  EXPECT_EQ(missing, 0u) << "of " << returned.size() << " returned records";
+  EXPECT_GE(stored.size(), returned.size());
+}
+
+TEST(ConcurrentRecordTest, EachRecordLeavesExactlyOneRowOnAChainThatHolds) {
+  testing::TempDir dir;
+  auto db = SQLiteDatabase::open(dir.file("audit.db"));
+  boost::asio::thread_pool pool(4);
+  AuditStore store(db, pool.get_executor());
+  constexpr int kRecords = 400;
+
+  // A reader outside the pool checks the connection's own locking.
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    while (!done) (void)store.verifyChainSync();
+  });
+
+  std::vector<std::future<std::string>> results;
+  for (int i = 0; i < kRecords; ++i) {
+    auto task = [&store, i]() -> awaitable<std::string> {
+      if (i % 50 == 0) {
+        bool holds = co_await store.verifyChain();
+        EXPECT_TRUE(holds);
+      }
+      std::string hash = co_await store.record("peer", "daemon.info", "xpc", "ok", 1.0,
+                                               "req-" + std::to_string(i));
+      co_return hash;
+    };
+    results.push_back(boost::asio::co_spawn(pool, task, boost::asio::use_future));
+  }
+  std::set<std::string> returned;
+  for (auto& r : results) returned.insert(r.get());
+  done = true;
+  reader.join();
+
+  EXPECT_EQ(returned.size(), static_cast<std::size_t>(kRecords));
+  EXPECT_EQ(storedHashes(*db), returned);
+  auto rows = db->query("SELECT count(DISTINCT correlation_id) AS n, count(*) AS total FROM audit;");
+  EXPECT_EQ(rows[0]["n"], SQLiteDatabase::Value::integer(kRecords));
+  EXPECT_EQ(rows[0]["total"], SQLiteDatabase::Value::integer(kRecords));
+
+  auto verified = boost::asio::co_spawn(pool, store.verifyChain(), boost::asio::use_future);
+  EXPECT_TRUE(verified.get());
+  auto recent = boost::asio::co_spawn(pool, store.recent(3), boost::asio::use_future).get();
+  ASSERT_EQ(recent.size(), 3u);
+  EXPECT_EQ(recent.back().hash, store.lastHash());
+  auto one = boost::asio::co_spawn(pool, store.entries("req-7"), boost::asio::use_future).get();
+  EXPECT_EQ(one.size(), 1u);
+  pool.join();
+}
+
+}  // namespace
+}  // namespace tarskel

@@ -1,0 +1,152 @@
+#include "tarskel/store/AuditStore.hpp"
+
+#include <gtest/gtest.h>
+
+#include <boost/asio/io_context.hpp>
+
+#include "StoreTestSupport.hpp"
+#include "tarskel/store/Hashing.hpp"
+
+namespace tarskel {
+namespace {
+
+using Value = SQLiteDatabase::Value;
+
+class AuditStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override { reopen(); }
+
+  // Drops the store and attaches a new one to the same file, as a restart does.
+  void reopen() {
+    store.reset();
+    db = SQLiteDatabase::open(dir.file("audit.db"));
+    store = std::make_unique<AuditStore>(db, io.get_executor(), [this] { return clock; });
+  }
+
+  std::string record(const std::string& caller, const std::string& correlation = "corr") {
+    clock.secondsSinceReferenceDate += 1.25;
+    return store->recordSync(caller, "daemon.info", "xpc", "ok", 3.5, correlation);
+  }
+
+  void sql(const std::string& text) { ASSERT_TRUE(db->exec(text)) << text; }
+
+  testing::TempDir dir;
+  boost::asio::io_context io;
+  Date clock{784926483.0};
+  std::shared_ptr<SQLiteDatabase> db;
+  std::unique_ptr<AuditStore> store;
+};
+
+TEST_F(AuditStoreTest, FirstRowMatchesTheKnownVector) {
+  clock = Date{784926483.5};
+  std::string hash = store->recordSync("c", "t", "o", "ok", 12.0, "x");
+  EXPECT_EQ(hash, "36d874e307c10d54054ba1fbae5b1e429196e63730f9a8743e931b915c22f806");
+  EXPECT_EQ(hash, Hashing::sha256Hex(std::string(64, '0') + "|784926483.5|c|t|o|ok|x"));
+
+  auto rows = store->recentSync(10);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0], (AuditStore::Entry{1, Date{784926483.5}, "c", "t", "o", "ok", 12.0, "x",
+                                        std::string(AuditStore::kGenesisHash), hash}));
+}
+
+TEST_F(AuditStoreTest, TimestampRenderingAlwaysShowsAFraction) {
+  const std::pair<double, const char*> cases[] = {
+      {784926483.0, "784926483.0"}, {784926483.5, "784926483.5"},
+      {784926483.123456, "784926483.123456"}, {0.0, "0.0"},
+      {-12.5, "-12.5"}, {0.00001, "1e-05"}, {1.5e16, "1.5e+16"},
+  };
+  for (const auto& [value, text] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(AuditStore::renderTimestamp(Date{value}), text);
+  }
+}
+
+TEST_F(AuditStoreTest, SeparatorsAndNonASCIIAreHashedAsTheirBytes) {
+  clock = Date{1.0};
+  std::string hash = store->recordSync("a|b", "señal", "o", "ok", 0, "ü");
+  EXPECT_EQ(hash, Hashing::sha256Hex(std::string(64, '0') + "|1.0|a|b|señal|o|ok|ü"));
+  EXPECT_TRUE(store->verifyChainSync());
+}
+
+TEST_F(AuditStoreTest, EditingACoveredColumnBreaksTheChain) {
+  const std::pair<const char*, bool> cases[] = {
+      {"ts = ts + 0.5", false},           {"caller = 'mallory'", false},
+      {"tool = 'x'", false},              {"origin = 'x'", false},
+      {"outcome = 'denied'", false},      {"correlation_id = 'x'", false},
+      {"prev_hash = hash", false},        {"hash = prev_hash", false},
+      {"duration_ms = 99999", true},  // not covered by the chain
+      {"caller = 7", false},              // no longer decodes
+  };
+  for (const auto& [change, holds] : cases) {
+    SCOPED_TRACE(change);
+    sql("DELETE FROM audit;");
+    reopen();
+    for (int i = 0; i < 3; ++i) record("caller" + std::to_string(i));
+    ASSERT_TRUE(store->verifyChainSync());
+    sql(std::string("UPDATE audit SET ") + change + " WHERE seq = (SELECT min(seq) + 1 FROM audit);");
+    EXPECT_EQ(store->verifyChainSync(), holds);
+    auto report = store->inspectChain();
+    if (!holds) {
+      ASSERT_TRUE(report.firstBreak);
+      EXPECT_EQ(report.rowsChecked, 1);
+    }
+  }
+}
+
+TEST_F(AuditStoreTest, DeletingOnlyTheLastRowGoesUnnoticed) {
+  for (int i = 0; i < 4; ++i) record("c");
+  sql("DELETE FROM audit WHERE seq = 4;");
+  EXPECT_TRUE(store->verifyChainSync());
+  sql("DELETE FROM audit WHERE seq = 2;");
+  EXPECT_FALSE(store->verifyChainSync());
+  EXPECT_EQ(store->inspectChain().firstBreak->seq, 3);
+}
+
+TEST_F(AuditStoreTest, ReopeningChainsToTheLastStoredRow) {
+  record("a");
+  std::string head = record("b");
+  reopen();
+  EXPECT_EQ(store->lastHash(), head);
+  record("c");
+  EXPECT_EQ(store->recentSync(1)[0].prevHash, head);
+  EXPECT_TRUE(store->verifyChainSync());
+}
+
+TEST_F(AuditStoreTest, RecentAndCorrelationListings) {
+  for (int i = 0; i < 5; ++i) record("c" + std::to_string(i), i % 2 == 0 ? "even" : "odd");
+  sql("INSERT INTO audit VALUES (NULL, 1.0, 'c', 't', 'o', 'ok', 1.0, 'odd', 'p', x'00');");
+
+  auto seqs = [](const std::vector<AuditStore::Entry>& entries) {
+    std::vector<std::int64_t> out;
+    for (const auto& e : entries) out.push_back(e.seq);
+    return out;
+  };
+  // The undecodable row (a blob hash) is skipped by both listings.
+  EXPECT_EQ(seqs(store->recentSync(2)), (std::vector<std::int64_t>{5}));
+  EXPECT_EQ(seqs(store->recentSync(3)), (std::vector<std::int64_t>{4, 5}));
+  EXPECT_TRUE(store->recentSync(0).empty());
+  EXPECT_EQ(seqs(store->recentSync(-1)), (std::vector<std::int64_t>{1, 2, 3, 4, 5}));
+  EXPECT_EQ(seqs(store->entriesSync("odd")), (std::vector<std::int64_t>{2, 4}));
+  EXPECT_TRUE(store->entriesSync("none").empty());
+  EXPECT_FALSE(store->verifyChainSync());
+  EXPECT_EQ(store->inspectChain().firstBreak->seq, 6);
+}
+
+TEST(AuditStoreDecodingTest, AnIntegralTimestampDecodesAndRendersWithAFraction) {
+  testing::TempDir dir;
+  auto db = SQLiteDatabase::open(dir.file("audit.db"));
+  // A table without column affinities keeps an integer ts as an integer.
+  ASSERT_TRUE(db->exec("CREATE TABLE audit (seq INTEGER PRIMARY KEY AUTOINCREMENT, ts, caller, tool, "
+                       "origin, outcome, duration_ms, correlation_id, prev_hash, hash);"));
+  std::string genesis(AuditStore::kGenesisHash);
+  db->execute("INSERT INTO audit VALUES (NULL, 100, 'c', 't', 'o', 'ok', 2, 'x', ?, ?);",
+              {Value::text(genesis),
+               Value::text(AuditStore::chainHash(genesis, Date{100.0}, "c", "t", "o", "ok", "x"))});
+  boost::asio::io_context io;
+  AuditStore store(db, io.get_executor());
+  EXPECT_EQ(store.recentSync(1).at(0).ts, Date{100.0});
+  EXPECT_TRUE(store.verifyChainSync());
+}
+
+}  // namespace
+}  // namespace tarskel

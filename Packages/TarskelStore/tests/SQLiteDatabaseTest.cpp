@@ -1,0 +1,155 @@
+#include "tarskel/store/SQLiteDatabase.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "StoreTestSupport.hpp"
+
+namespace tarskel {
+namespace {
+
+using Value = SQLiteDatabase::Value;
+using DBError = SQLiteDatabase::DBError;
+
+class SQLiteDatabaseTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    db = SQLiteDatabase::open(dir.file("test.db"));
+    ASSERT_TRUE(db->exec("CREATE TABLE t (a, b);"));
+  }
+
+  // The error kind a call throws, or nothing.
+  template <class Fn>
+  static std::optional<DBError::Kind> errorOf(Fn fn) {
+    try {
+      fn();
+    } catch (const DBError& e) {
+      return e.kind();
+    }
+    return std::nullopt;
+  }
+
+  std::int64_t count() { return *db->query("SELECT count(*) AS n FROM t;")[0]["n"].intValue(); }
+
+  testing::TempDir dir;
+  std::shared_ptr<SQLiteDatabase> db;
+};
+
+TEST_F(SQLiteDatabaseTest, OpeningInAMissingDirectoryFailsWithOpenError) {
+  try {
+    SQLiteDatabase missing(dir.file("no/such/dir/x.db"));
+    FAIL() << "opened";
+  } catch (const DBError& e) {
+    EXPECT_EQ(e.kind(), DBError::Kind::open);
+    EXPECT_EQ(std::string(e.what()).rfind("sqlite open: ", 0), 0u) << e.what();
+  }
+}
+
+TEST_F(SQLiteDatabaseTest, OpeningSetsWriteAheadLogAndBusyTimeout) {
+  EXPECT_EQ(db->query("PRAGMA journal_mode;")[0]["journal_mode"], Value::text("wal"));
+  EXPECT_EQ(db->query("PRAGMA synchronous;")[0]["synchronous"], Value::integer(1));
+  EXPECT_EQ(db->query("PRAGMA busy_timeout;")[0]["timeout"], Value::integer(3000));
+}
+
+TEST_F(SQLiteDatabaseTest, ReadOnlyOpeningNeverCreatesAFile) {
+  EXPECT_THROW(SQLiteDatabase::openReadOnly(dir.file("absent.db")), DBError);
+  EXPECT_FALSE(std::filesystem::exists(dir.file("absent.db")));
+
+  auto ro = SQLiteDatabase::openReadOnly(dir.file("test.db"));
+  EXPECT_EQ(errorOf([&] { ro->execute("INSERT INTO t VALUES (1, 2);"); }), DBError::Kind::step);
+}
+
+TEST_F(SQLiteDatabaseTest, FailuresLeaveTheConnectionUsable) {
+  EXPECT_FALSE(db->exec("CREATE TABLE oops ("));
+  EXPECT_EQ(errorOf([&] { db->query("SELEC nonsense"); }), DBError::Kind::prepare);
+  EXPECT_EQ(errorOf([&] { db->execute("SELEC nonsense"); }), DBError::Kind::prepare);
+  db->execute("INSERT INTO t VALUES (1, 2);");
+  // A row where none is expected is a step failure of execute only.
+  EXPECT_EQ(errorOf([&] { db->execute("SELECT * FROM t;"); }), DBError::Kind::step);
+  EXPECT_TRUE(db->query("INSERT INTO t VALUES (3, 4);").empty());
+  EXPECT_EQ(count(), 2);
+}
+
+TEST_F(SQLiteDatabaseTest, StepErrorCarriesSQLiteMessage) {
+  ASSERT_TRUE(db->exec("CREATE TABLE u (k UNIQUE);"));
+  db->execute("INSERT INTO u VALUES (1);");
+  try {
+    db->execute("INSERT INTO u VALUES (1);");
+    FAIL() << "duplicate accepted";
+  } catch (const DBError& e) {
+    EXPECT_EQ(std::string(e.what()), "sqlite step: UNIQUE constraint failed: u.k");
+  }
+}
+
+TEST_F(SQLiteDatabaseTest, ExecuteRunsOnlyTheFirstStatementExecRunsAll) {
+  db->execute("INSERT INTO t VALUES (1, 1); INSERT INTO t VALUES (2, 2);");
+  EXPECT_EQ(count(), 1);
+  EXPECT_TRUE(db->exec("INSERT INTO t VALUES (3, 3); INSERT INTO t VALUES (4, 4);"));
+  EXPECT_EQ(count(), 3);
+}
+
+TEST_F(SQLiteDatabaseTest, ValuesRoundTripByCase) {
+  db->execute("INSERT INTO t VALUES (?, ?);", {Value::text("ñandú"), Value::integer(-7)});
+  db->execute("INSERT INTO t VALUES (?, ?);", {Value::real(2.5), Value::null()});
+  db->execute("INSERT INTO t VALUES (x'00ff', ?);", {Value::text(std::string("ab\0cd", 5))});
+  // A surplus parameter is dropped; an unbound one reads as NULL.
+  db->execute("INSERT INTO t VALUES (?, ?);", {Value::integer(1)});
+  db->execute("INSERT INTO t VALUES (?, 0);", {Value::integer(2), Value::integer(99)});
+
+  auto rows = db->query("SELECT a, b FROM t ORDER BY rowid;");
+  ASSERT_EQ(rows.size(), 5u);
+  EXPECT_EQ(rows[0]["a"], Value::text("ñandú"));
+  EXPECT_EQ(rows[0]["b"], Value::integer(-7));
+  EXPECT_EQ(rows[1]["a"], Value::real(2.5));
+  EXPECT_EQ(rows[1]["b"], Value::null());
+  EXPECT_EQ(rows[2]["a"], Value::null()) << "a blob reads as null";
+  EXPECT_EQ(rows[2]["b"], Value::text("ab")) << "text ends at its first NUL";
+  EXPECT_EQ(rows[3]["b"], Value::null());
+  EXPECT_EQ(rows[4]["a"], Value::integer(2));
+}
+
+TEST_F(SQLiteDatabaseTest, LaterColumnOfTheSameNameStands) {
+  auto rows = db->query("SELECT 1 AS x, 2 AS x;");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].size(), 1u);
+  EXPECT_EQ(rows[0]["x"], Value::integer(2));
+}
+
+TEST_F(SQLiteDatabaseTest, InvalidUTF8IsReplacedNotRejected) {
+  auto rows = db->query("SELECT CAST(x'61ff62' AS TEXT) AS s;");
+  EXPECT_EQ(rows[0]["s"], Value::text("a\xEF\xBF\xBD" "b"));
+}
+
+TEST(SQLiteValueTest, Accessors) {
+  struct Case {
+    const char* name;
+    Value value;
+    std::optional<std::string> s;
+    std::optional<std::int64_t> i;
+    std::optional<double> d;
+  };
+  const Case cases[] = {
+      {"text", Value::text("3"), "3", std::nullopt, std::nullopt},
+      {"int", Value::integer(3), std::nullopt, 3, 3.0},
+      {"double", Value::real(1.9), std::nullopt, 1, 1.9},
+      {"negative double truncates toward zero", Value::real(-1.9), std::nullopt, -1, -1.9},
+      {"null", Value::null(), std::nullopt, std::nullopt, std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.value.stringValue(), c.s);
+    EXPECT_EQ(c.value.intValue(), c.i);
+    EXPECT_EQ(c.value.doubleValue(), c.d);
+  }
+}
+
+TEST(SQLiteValueDeathTest, IntValueOfAnUnrepresentableDoubleEndsTheProcess) {
+  EXPECT_DEATH((void)Value::real(std::nan("")).intValue(), "signed 64-bit");
+  EXPECT_DEATH((void)Value::real(9223372036854775808.0).intValue(), "signed 64-bit");
+  EXPECT_EQ(Value::real(-9223372036854775808.0).intValue(), std::numeric_limits<std::int64_t>::min());
+}
+
+}  // namespace
+}  // namespace tarskel
