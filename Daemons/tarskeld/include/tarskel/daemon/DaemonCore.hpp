@@ -1,0 +1,86 @@
+#pragma once
+
+// The transport-free heart of tarskeld: takes a request and the gate's
+// verdict on its sender, decides, runs the operation and answers.
+//
+// Every decoded request is decided in one fixed order (peer, catalogue,
+// grant, arguments, execute) and leaves exactly one audit row with origin
+// "xpc" and outcome "ok", "denied" or "error". Undecodable bytes get
+// "malformedRequest" and leave no row.
+//
+// Threads and ownership. A DaemonCore is a small value: copies share the
+// catalogue (fixed at construction) and the two stores. handle and
+// handleEncoded may run any number of times at once on the worker pool; the
+// core has no lock of its own and hops to AuditStore and GrantsStore for one
+// call each. The core (the copy whose member is awaited) must outlive the
+// awaitable; both stores must outlive every request in flight.
+
+#include <boost/asio/awaitable.hpp>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tarskel/daemon/DaemonOp.hpp"
+#include "tarskel/daemon/GrantsStore.hpp"
+#include "tarskel/store/AuditStore.hpp"
+#include "tarskel/xpc/DaemonWire.hpp"
+
+namespace tarskel {
+
+class DaemonCore {
+ public:
+  static constexpr std::string_view daemonVersion = "0.1.0";
+
+  using OpList = std::vector<DaemonOpPtr>;
+  // Builds the operations that need the state root ("platform.applyUpdate",
+  // then "platform.uninstallMachine"). The start-up passes the real one.
+  using RootedOpsFactory = std::function<OpList(const std::filesystem::path& rootURL)>;
+
+  // With `ops` given, that list is the catalogue, whatever it holds (an empty
+  // list gives an empty catalogue). Without it the catalogue is built:
+  // daemon.info, daemon.grants.sync (on `grants`) and fs.readProtectedPath,
+  // then, only when `rootURL` is present, what `rootedOps(*rootURL)` yields.
+  // So a core without a root has three operations and the daemon's five.
+  //
+  // Two operations with one name are a programming error: the process ends
+  // with "Duplicate values for key: '<name>'" on standard error.
+  DaemonCore(std::optional<OpList> ops, std::shared_ptr<AuditStore> audit,
+             std::shared_ptr<GrantsStore> grants,
+             std::optional<std::filesystem::path> rootURL = std::nullopt,
+             const RootedOpsFactory& rootedOps = {});
+
+  // The operation names, ascending by byte order (= Unicode scalar order).
+  std::vector<std::string> catalog() const;
+
+  // The operation under `name`, or nullptr.
+  DaemonOpPtr op(std::string_view name) const;
+
+  // Decides one request and answers it; never throws. Writes one audit row.
+  boost::asio::awaitable<DaemonResponse> handle(DaemonRequest request,
+                                                DaemonPeerVerdict peer) const;
+
+  // Decodes `bytes` as a DaemonRequest, handles it and returns the encoded
+  // response. Unreadable bytes (a missing or non-object "args" included)
+  // answer "malformedRequest" without an audit row and without looking at
+  // the verdict. Empty bytes come back when the response can't be encoded
+  // (a non-finite number in a result). Never throws.
+  boost::asio::awaitable<std::string> handleEncoded(std::string bytes,
+                                                    DaemonPeerVerdict peer) const;
+
+  const std::shared_ptr<AuditStore>& audit() const { return audit_; }
+  const std::shared_ptr<GrantsStore>& grants() const { return grants_; }
+
+ private:
+  using OpMap = std::map<std::string, DaemonOpPtr, std::less<>>;
+
+  std::shared_ptr<const OpMap> ops_;
+  std::shared_ptr<AuditStore> audit_;
+  std::shared_ptr<GrantsStore> grants_;
+};
+
+}  // namespace tarskel
