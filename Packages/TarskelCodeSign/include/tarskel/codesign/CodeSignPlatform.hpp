@@ -1,0 +1,112 @@
+#pragma once
+
+// The operating system's code-signing services, as the verifier and the
+// daemon's peer gate need them. Each operation stands for one call of the
+// platform's Security interface and answers its status the way that call
+// does: 0 for success, a negative OSStatus otherwise.
+//
+// Implementations: the system's (one per platform, chosen at build time and
+// reached through CodeSignPlatform::system()) and FakeCodeSignPlatform for
+// tests. Linux has no operating-system code signature, so its adapter answers
+// every validity check with errSecCSUnsigned.
+//
+// Threads: implementations hold no mutable state of their own (the fake
+// guards its call log), so any thread may call them. Calls may block on file
+// reads and signature checks.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace tarskel {
+
+// Signed 32-bit status of a Security call, printed in decimal in messages.
+using OSStatus = std::int32_t;
+
+// The statuses this code answers itself (values of the Security framework).
+namespace CodeSignStatus {
+inline constexpr OSStatus errSecCSUnsigned = -67062;
+inline constexpr OSStatus errSecCSGuestInvalid = -67063;
+inline constexpr OSStatus errSecCSNoSuchCode = -67065;
+inline constexpr OSStatus errSecCSStaticCodeNotFound = -67068;
+inline constexpr OSStatus errSecCSInvalidObjectRef = -67071;
+}  // namespace CodeSignStatus
+
+// Flags of the calls, as the Security framework spells them.
+inline constexpr std::uint32_t kSecCSDefaultFlags = 0;
+inline constexpr std::uint32_t kSecCSCheckAllArchitectures = 1;
+inline constexpr std::uint32_t kSecCSSigningInformation = 2;
+
+// A platform object: static code (code on disk), running code (a process) or
+// a compiled requirement. Opaque; only the platform that made it can use it.
+// Released when the last holder lets go.
+class CodeObject {
+ public:
+  virtual ~CodeObject() = default;
+
+ protected:
+  CodeObject() = default;
+  CodeObject(const CodeObject&) = default;
+  CodeObject& operator=(const CodeObject&) = default;
+};
+
+using CodeRef = std::shared_ptr<const CodeObject>;
+
+// A call that makes an object: its status and, maybe, the object. Callers
+// treat a nonzero status and a missing object alike.
+struct CodeResult {
+  OSStatus status = 0;
+  CodeRef code;
+};
+
+// What the signing-information call gave back, reduced to what the check
+// reads: the call's status, the shape of its result, and the team
+// identifier entry of the dictionary.
+struct SigningInformation {
+  enum class Result { none, notDictionary, dictionary };
+  enum class Team { absent, notString, string };
+
+  OSStatus status = 0;
+  Result result = Result::none;
+  Team team = Team::absent;
+  std::string teamIdentifier;  // set when team == Team::string
+};
+
+class CodeSignPlatform {
+ public:
+  virtual ~CodeSignPlatform() = default;
+
+  // The platform's own adapter; lives as long as the process.
+  static const CodeSignPlatform& system();
+
+  // SecStaticCodeCreateWithPath(<file URL of path>, flags 0).
+  virtual CodeResult staticCodeForPath(const std::string& path) const = 0;
+
+  // SecCodeCopyGuestWithAttributes(no host, {pid}, flags 0): the running code
+  // of a process.
+  virtual CodeResult guestCodeForPid(std::int32_t pid) const = 0;
+
+  // SecCodeCopyStaticCode(running code, flags 0): the code on disk behind it.
+  virtual CodeResult staticCodeOf(const CodeObject& runningCode) const = 0;
+
+  // SecRequirementCreateWithString(text, flags 0). The status is not part of
+  // the answer: callers never look at it. May yield no object.
+  virtual CodeRef compileRequirement(std::string_view text) const = 0;
+
+  // SecStaticCodeCheckValidity(static code, flags, requirement or none).
+  virtual OSStatus checkValidity(const CodeObject& staticCode, std::uint32_t flags,
+                                 const CodeObject* requirement) const = 0;
+
+  // SecCodeCopySigningInformation(static code, flags), with the value under
+  // kSecCodeInfoTeamIdentifier.
+  virtual SigningInformation copySigningInformation(const CodeObject& staticCode,
+                                                    std::uint32_t flags) const = 0;
+
+ protected:
+  CodeSignPlatform() = default;
+  CodeSignPlatform(const CodeSignPlatform&) = default;
+  CodeSignPlatform& operator=(const CodeSignPlatform&) = default;
+};
+
+}  // namespace tarskel

@@ -1,0 +1,61 @@
+#pragma once
+
+// The operating-system gate: is this code signed, anchored to Apple, and
+// signed by a team this machine trusts?
+//
+// Every operation stops at the first failure and throws CodeSignError, and
+// nothing else; on success it returns the team identifier it found. The
+// operations are free of shared state: any thread may call them. They block
+// while the platform reads files and checks signatures.
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tarskel/codesign/CodeSignError.hpp"
+#include "tarskel/codesign/CodeSignPlatform.hpp"
+
+namespace tarskel {
+
+struct CodeSignVerifier {
+  // The requirement every signature must satisfy.
+  static constexpr std::string_view appleAnchorRequirement = "anchor apple generic";
+
+  // The allowed teams of an instance, for the operations that go by a
+  // service manifest.
+  std::vector<std::string> teamIds;
+
+  // Judges static code made by `platform`. In order, the first failure
+  // ending it:
+  //   1. compiles "anchor apple generic" (its status is not looked at);
+  //   2. checks validity in all architectures against it: a nonzero status
+  //      is signatureInvalid(path, status), so ad-hoc code ends here;
+  //   3. copies the signing information: a nonzero status, no result or a
+  //      result that is not a dictionary is signatureInvalid(path, status),
+  //      the status being 0 when the call itself succeeded;
+  //   4-5. a team identifier entry that is absent or not a string is
+  //      teamMissing(path);
+  //   6. a team not equal (exactly, case included) to one of
+  //      `allowedTeamIds` is teamNotAllowed(path, team).
+  // `path` only names the code in messages.
+  static std::string check(const CodeObject& code, std::string_view path,
+                           const std::vector<std::string>& allowedTeamIds,
+                           const CodeSignPlatform& platform = CodeSignPlatform::system());
+
+  // The file at `at`: failing to make its static code (nonzero status or no
+  // object) is signatureInvalid(<path>, status); otherwise check() under the
+  // file's path.
+  static std::string verifyExecutable(const std::filesystem::path& at,
+                                      const std::vector<std::string>& allowedTeamIds,
+                                      const CodeSignPlatform& platform = CodeSignPlatform::system());
+
+  // The running process `pid`, named "pid <n>" in messages: failing to find
+  // its running code, or the static code behind it, is
+  // signatureInvalid("pid <n>", status); otherwise check().
+  static std::string verifyPid(std::int32_t pid, const std::vector<std::string>& allowedTeamIds,
+                               const CodeSignPlatform& platform = CodeSignPlatform::system());
+};
+
+}  // namespace tarskel

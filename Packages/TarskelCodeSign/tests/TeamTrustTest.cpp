@@ -1,0 +1,115 @@
+#include "tarskel/codesign/TeamTrust.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace tarskel {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TeamTrustTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "teamtrust-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    root_ = pattern;
+    fs::create_directories(root_ / "vendor");
+  }
+  void TearDown() override { fs::remove_all(root_); }
+
+  void Write(const std::string& content) {
+    std::ofstream(root_ / "vendor/teams.json", std::ios::binary) << content;
+  }
+
+  std::optional<TeamTrust> Load() {
+    Logger logger("tarskeld", LogLevel::info,
+                  [this](std::string_view line) { lines_.emplace_back(line); });
+    return TeamTrust::loadIfProvisioned(root_, logger);
+  }
+
+  fs::path root_;
+  std::vector<std::string> lines_;
+};
+
+TEST_F(TeamTrustTest, AbsentFileIsNotProvisionedAndSilent) {
+  EXPECT_FALSE(Load().has_value());
+  EXPECT_TRUE(lines_.empty());
+}
+
+TEST_F(TeamTrustTest, UnreadablePathsAreNotProvisioned) {
+  fs::create_directory(root_ / "vendor/teams.json");  // a directory where the file should be
+  EXPECT_FALSE(Load().has_value());
+  fs::remove(root_ / "vendor/teams.json");
+
+  // A FIFO without a writer must neither block start-up nor count as a file.
+  ASSERT_EQ(::mkfifo((root_ / "vendor/teams.json").c_str(), 0600), 0);
+  EXPECT_FALSE(Load().has_value());
+  EXPECT_TRUE(lines_.empty());
+}
+
+TEST_F(TeamTrustTest, WellFormedFileGivesItsListInOrder) {
+  Write(R"({"teamIds":["ZZZ111","AAA222"],"comment":"ignored","revision":9007199254740993})");
+  auto trust = Load();
+  ASSERT_TRUE(trust.has_value());
+  // Read exactly, not through a double (which would give ...992).
+  EXPECT_EQ(trust->revision, 9007199254740993);
+  EXPECT_EQ(trust->teamIds, (std::vector<std::string>{"ZZZ111", "AAA222"}));
+  EXPECT_TRUE(lines_.empty());
+}
+
+TEST_F(TeamTrustTest, EmptyListIsPresent) {
+  Write(R"({"revision":3,"teamIds":[]})");
+  EXPECT_EQ(Load(), (TeamTrust{3, {}}));
+  EXPECT_TRUE(lines_.empty());
+}
+
+// A file that is there but unreadable means the machine was provisioned: the
+// gate stays shut (present, no teams) and one critical line says why.
+TEST_F(TeamTrustTest, MalformedFileFailsClosedWithOneCriticalLine) {
+  const char* cases[] = {
+      "{}",
+      R"({"revision":"1","teamIds":["A"]})",
+      R"({"revision":1})",
+      R"({"revision":1,"teamIds":["A",2]})",
+      R"({"revision":1.5,"teamIds":["A"]})",
+      R"({"revision":1,"teamIds":null})",
+      R"({"revision":1,"teamIds":["A"]}})",
+      "not json",
+      "",
+      "[1,2]",
+      "{\"revision\":1,\"teamIds\":[\"\xff\"]}",
+  };
+  for (const char* content : cases) {
+    SCOPED_TRACE(content);
+    lines_.clear();
+    Write(content);
+    EXPECT_EQ(Load(), (TeamTrust{0, {}}));
+    ASSERT_EQ(lines_.size(), 1u);
+    const std::string& line = lines_[0];
+    EXPECT_NE(line.find(" critical tarskeld : [tarskeld] vendor/teams.json ilegible: "),
+              std::string::npos)
+        << line;
+    const std::string tail = " — gate del SO sin raíz\n";
+    ASSERT_GE(line.size(), tail.size());
+    EXPECT_EQ(line.substr(line.size() - tail.size()), tail);
+  }
+}
+
+TEST_F(TeamTrustTest, NoPermissionIsNotProvisioned) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root reads any file";
+  Write(R"({"revision":1,"teamIds":["A"]})");
+  fs::permissions(root_ / "vendor/teams.json", fs::perms::none);
+  EXPECT_FALSE(Load().has_value());
+  EXPECT_TRUE(lines_.empty());
+}
+
+}  // namespace
+}  // namespace tarskel
