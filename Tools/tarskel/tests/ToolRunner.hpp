@@ -1,0 +1,60 @@
+#pragma once
+
+// Runs the built `tarskel` binary the way a person would, for the tool's tests.
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace tarskel::tool::testing {
+
+struct ToolRun {
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+};
+
+inline std::string readWhole(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+inline std::string shellQuote(const std::string& s) {
+  std::string out = "'";
+  for (char c : s) {
+    if (c == '\'') {
+      out += "'\\''";
+    } else {
+      out += c;
+    }
+  }
+  return out + "'";
+}
+
+// Runs `tarskel args...` with `input` on standard input.
+inline ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "") {
+  namespace fs = std::filesystem;
+  static int counter = 0;
+  const fs::path dir = fs::temp_directory_path() /
+                       ("tarskel-tool-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+  fs::create_directories(dir);
+  std::ofstream(dir / "in", std::ios::binary) << input;
+  std::string command = shellQuote(TARSKEL_TOOL_PATH);
+  for (const auto& a : args) command += " " + shellQuote(a);
+  command += " <" + shellQuote((dir / "in").string()) + " >" + shellQuote((dir / "out").string()) +
+             " 2>" + shellQuote((dir / "err").string());
+  const int status = std::system(command.c_str());
+  ToolRun run;
+  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  run.out = readWhole(dir / "out");
+  run.err = readWhole(dir / "err");
+  fs::remove_all(dir);
+  return run;
+}
+
+}  // namespace tarskel::tool::testing
