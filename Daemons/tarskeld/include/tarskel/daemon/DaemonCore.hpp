@@ -78,6 +78,13 @@ class DaemonCore {
  private:
   using OpMap = std::map<std::string, DaemonOpPtr, std::less<>>;
 
+  boost::asio::awaitable<std::optional<DaemonWireError>> admit(const DaemonRequest& request,
+                                                               const DaemonPeerVerdict& peer,
+                                                               DaemonOpPtr& op) const;
+  boost::asio::awaitable<DaemonResponse> run(const DaemonRequest& request,
+                                             const DaemonPeerVerdict& peer, const DaemonOp& op,
+                                             std::string& outcome) const;
+
   std::shared_ptr<const OpMap> ops_;
   std::shared_ptr<AuditStore> audit_;
   std::shared_ptr<GrantsStore> grants_;

@@ -16,7 +16,7 @@ class FileSystemError : public Error {
   FileSystemError(std::string description, int errorNumber)
       : Error(std::move(description)), errorNumber_(errorNumber) {}
 
-  // "<what> <path>: strerror(errorNumber)".
+  // "<what> <path>: the system's message for errorNumber".
   static FileSystemError fromErrno(std::string_view what, std::string_view path, int errorNumber);
 
   // The errno of the failing call.

@@ -1,0 +1,34 @@
+#include "tarskel/daemon/InfoOp.hpp"
+
+#include <unistd.h>
+
+#include "tarskel/daemon/DaemonCore.hpp"
+
+namespace tarskel {
+namespace {
+
+SchemaNode noArgumentsSchema() {
+  SchemaNode root;
+  root.type = SchemaType::object;
+  root.properties = std::map<std::string, SchemaNode>{};
+  root.additionalProperties = false;
+  return root;
+}
+
+}  // namespace
+
+InfoOp::InfoOp() : DaemonOp("daemon.info", noArgumentsSchema(), false) {}
+
+boost::asio::awaitable<JSONValue> InfoOp::execute(const JSONObject& /*args*/,
+                                                  const DaemonOpContext& context) const {
+  JSONValue::Array ops(context.catalog.begin(), context.catalog.end());
+  co_return JSONValue(JSONObject{
+      {"daemonVersion", JSONValue(DaemonCore::daemonVersion)},
+      {"protocolVersion", JSONValue(TarskelProtocolInfo::protocolVersion)},
+      {"uid", JSONValue::integer(static_cast<std::int64_t>(::getuid()))},
+      {"pid", JSONValue::integer(static_cast<std::int64_t>(::getpid()))},
+      {"ops", JSONValue(std::move(ops))},
+  });
+}
+
+}  // namespace tarskel
