@@ -1,0 +1,93 @@
+// tarskel schema validate|doc-check
+
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ToolCommand.hpp"
+#include "tarskel/protocol/SchemaNode.hpp"
+#include "tarskel/protocol/TarskelJSON.hpp"
+
+namespace tarskel::tool {
+namespace {
+
+std::string inputName(const std::string& path) {
+  return path == "-" ? std::string("entrada estándar") : path;
+}
+
+// The document in `path` ("-" for standard input) decoded as a T. Unreadable
+// or undecodable input is bad usage (exit 2), with the decoder's reason.
+template <class T>
+T readDocument(const std::string& path) {
+  const std::string bytes = readInput(path);
+  try {
+    return TarskelJSON::decoder().decode<T>(bytes);
+  } catch (const DecodingError& e) {
+    throw ToolFailure(kExitUsage, inputName(path) + ": " + e.what());
+  }
+}
+
+// One finding per line; exit 1 when there is any.
+int report(const std::vector<SchemaViolation>& violations) {
+  std::string text;
+  for (const SchemaViolation& v : violations) text.append(v.description()).append("\n");
+  writeOutput(text);
+  return violations.empty() ? kExitSuccess : kExitFinding;
+}
+
+struct ValidateOptions {
+  std::string schemaFile;
+  std::string valueFile;
+  std::string path = "$";
+};
+
+int runValidate(const ValidateOptions& options) {
+  if (options.schemaFile == "-" && options.valueFile == "-") {
+    throw ToolFailure(kExitUsage, "solo uno de SCHEMA y VALUE puede leerse de la entrada estándar");
+  }
+  const SchemaNode schema = readDocument<SchemaNode>(options.schemaFile);
+  const JSONValue value = readDocument<JSONValue>(options.valueFile);
+  return report(schema.validate(value, options.path));
+}
+
+struct DocCheckOptions {
+  std::string schemaFile;
+  std::string path = "configSchema";
+};
+
+int runDocCheck(const DocCheckOptions& options) {
+  const SchemaNode schema = readDocument<SchemaNode>(options.schemaFile);
+  return report(schema.configDocumentationViolations(options.path));
+}
+
+void install(CLI::App& app, ToolContext& ctx) {
+  CLI::App* schema = app.add_subcommand("schema", "Check values against schemas, and schemas for documentation");
+  schema->require_subcommand(1);
+
+  auto validate = std::make_shared<ValidateOptions>();
+  CLI::App* validateCommand = schema->add_subcommand(
+      "validate", "Check the JSON value in VALUE against the schema in SCHEMA; one finding per line, exit 1 if any");
+  validateCommand->add_option("SCHEMA", validate->schemaFile, "schema file, or - for standard input")
+      ->required();
+  validateCommand->add_option("VALUE", validate->valueFile, "JSON value file, or - for standard input")
+      ->required();
+  validateCommand->add_option("--at", validate->path, "path that names the value in findings")
+      ->capture_default_str();
+  validateCommand->callback([&ctx, validate] { ctx.action = [validate] { return runValidate(*validate); }; });
+
+  auto docCheck = std::make_shared<DocCheckOptions>();
+  CLI::App* docCheckCommand = schema->add_subcommand(
+      "doc-check",
+      "Report configuration fields of SCHEMA without description or x-risk; one per line, exit 1 if any");
+  docCheckCommand->add_option("SCHEMA", docCheck->schemaFile, "schema file, or - for standard input")
+      ->required();
+  docCheckCommand->add_option("--at", docCheck->path, "path that names the schema's root in findings")
+      ->capture_default_str();
+  docCheckCommand->callback([&ctx, docCheck] { ctx.action = [docCheck] { return runDocCheck(*docCheck); }; });
+}
+
+const CommandRegistration kSchemaCommands(20, install);
+
+}  // namespace
+}  // namespace tarskel::tool
