@@ -1,0 +1,165 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "ToolRunner.hpp"
+
+namespace tarskel::tool {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readWhole;
+using testing::runTool;
+
+void writeFile(const fs::path& path, const std::string& content) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+class VendorCommandsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir = fs::temp_directory_path() / ("tarskel-vendor-tool-" + std::to_string(::getpid()) + "-" +
+                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    tree = dir / "tree";
+    writeFile(tree / "App.app/Contents/MacOS/App", "binary");
+    writeFile(tree / "App.app/Contents/Info.plist", "<plist/>");
+    ASSERT_EQ(run({"vendor", "keygen", "--key-id", "k1", "--out", path("k1.json")}).exitCode, 0);
+    ASSERT_EQ(run({"vendor", "keygen", "--key-id", "k2", "--out", path("k2.json")}).exitCode, 0);
+    writeFile(dir / "al1.json", run({"vendor", "allowlist", "--revision", "1", path("k1.json")}).out);
+    writeFile(dir / "al2.json", run({"vendor", "allowlist", "--revision", "2", path("k2.json")}).out);
+  }
+  void TearDown() override { fs::remove_all(dir); }
+
+  std::string path(const std::string& name) const { return (dir / name).string(); }
+
+  testing::ToolRun run(const std::vector<std::string>& args) { return runTool(args); }
+
+  testing::ToolRun seal(const std::string& key = "k1.json") {
+    return run({"vendor", "seal", tree.string(), "--key", path(key), "--artifact-id", "net.example",
+                "--type", "platform", "--version", "1.0", "--monotonic", "7", "--expires",
+                "2099-01-01T00:00:00Z", "--metadata", "canal=beta"});
+  }
+
+  testing::ToolRun verify(std::vector<std::string> extra = {}) {
+    std::vector<std::string> args{"vendor", "verify", tree.string(), "--allowlist", path("al1.json")};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return run(args);
+  }
+
+  fs::path dir;
+  fs::path tree;
+};
+
+TEST_F(VendorCommandsTest, KeygenWritesAPrivateKeyFileOnce) {
+  struct stat info {};
+  ASSERT_EQ(::stat(path("k1.json").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  const std::string key = readWhole(dir / "k1.json");
+  EXPECT_NE(key.find(R"("keyId":"k1")"), std::string::npos);
+  EXPECT_NE(key.find(R"("privateKey":")"), std::string::npos);
+
+  auto again = run({"vendor", "keygen", "--key-id", "other", "--out", path("k1.json")});
+  EXPECT_EQ(again.exitCode, 2);
+  EXPECT_EQ(readWhole(dir / "k1.json"), key);
+}
+
+TEST_F(VendorCommandsTest, SealedTreeVerifiesAndFailsAfterAnyChange) {
+  auto sealed = seal();
+  ASSERT_EQ(sealed.exitCode, 0) << sealed.err;
+  EXPECT_NE(sealed.out.find("archivos: 2"), std::string::npos);
+  EXPECT_NE(readWhole(tree / "vendor/manifest.json").find(R"("metadata":{"canal":"beta"})"),
+            std::string::npos);
+  auto good = verify();
+  EXPECT_EQ(good.exitCode, 0) << good.err;
+  EXPECT_NE(good.out.find("net.example"), std::string::npos);
+  EXPECT_EQ(good.err, "") << "no progress when standard error is not a terminal";
+
+  const struct {
+    const char* name;
+    std::function<void()> change;
+    const char* text;
+  } cases[] = {
+      {"changed file", [&] { writeFile(tree / "App.app/Contents/Info.plist", "<plist />"); },
+       "sha256 no coincide: App.app/Contents/Info.plist"},
+      {"extra file", [&] { writeFile(tree / ".DS_Store", ""); },
+       "archivo presente pero no listado en el manifest: .DS_Store"},
+      {"removed file", [&] { fs::remove(tree / "App.app/Contents/MacOS/App"); },
+       "archivo del manifest ausente en el bundle: App.app/Contents/MacOS/App"},
+      {"link", [&] { fs::create_symlink("App", tree / "App.app/Contents/MacOS/Link"); },
+       "no es un archivo regular (symlinks no permitidos): App.app/Contents/MacOS/Link"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_EQ(seal().exitCode, 0);
+    c.change();
+    auto refused = verify();
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.err.find(c.text), std::string::npos) << refused.err;
+    fs::remove_all(tree);
+    writeFile(tree / "App.app/Contents/MacOS/App", "binary");
+    writeFile(tree / "App.app/Contents/Info.plist", "<plist/>");
+  }
+}
+
+TEST_F(VendorCommandsTest, VerifyPassesAntiRollbackOptionsOn) {
+  ASSERT_EQ(seal().exitCode, 0);
+  auto older = verify({"--installed-monotonic", "8"});
+  EXPECT_EQ(older.exitCode, 1);
+  EXPECT_NE(older.err.find("anti-rollback: instalado monotonicVersion=8, ofrecido 7"), std::string::npos);
+  EXPECT_EQ(verify({"--installed-monotonic", "8", "--allow-downgrade"}).exitCode, 0);
+  EXPECT_EQ(verify({"--installed-monotonic", "7"}).exitCode, 0);
+}
+
+TEST_F(VendorCommandsTest, BadInputIsUsageNotRefusal) {
+  writeFile(dir / "bad.json", "{");
+  const struct {
+    const char* name;
+    std::vector<std::string> args;
+  } cases[] = {
+      {"unknown type", {"vendor", "seal", tree.string(), "--key", path("k1.json"), "--artifact-id", "a",
+                        "--type", "app", "--version", "1", "--monotonic", "1", "--expires",
+                        "2099-01-01T00:00:00Z"}},
+      {"bad expiry", {"vendor", "seal", tree.string(), "--key", path("k1.json"), "--artifact-id", "a",
+                      "--type", "service", "--version", "1", "--monotonic", "1", "--expires",
+                      "2099-01-01"}},
+      {"metadata without value", {"vendor", "seal", tree.string(), "--key", path("k1.json"),
+                                  "--artifact-id", "a", "--type", "service", "--version", "1",
+                                  "--monotonic", "1", "--expires", "2099-01-01T00:00:00Z",
+                                  "--metadata", "novalue"}},
+      {"key file not JSON", {"vendor", "allowlist", "--revision", "1", path("bad.json")}},
+      {"missing allowlist", {"vendor", "verify", tree.string(), "--allowlist", path("none.json")}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(run(c.args).exitCode, 2);
+  }
+  EXPECT_FALSE(fs::exists(tree / "vendor"));
+}
+
+TEST_F(VendorCommandsTest, RotationRoundTrip) {
+  auto rotation = run({"vendor", "rotate", "--current", path("al1.json"), "--new", path("al2.json"),
+                       "--key", path("k1.json")});
+  ASSERT_EQ(rotation.exitCode, 0) << rotation.err;
+  writeFile(dir / "rotation.json", rotation.out);
+  auto applied = run({"vendor", "apply-rotation", path("rotation.json"), "--current", path("al1.json")});
+  EXPECT_EQ(applied.exitCode, 0);
+  EXPECT_EQ(applied.out, readWhole(dir / "al2.json"));
+
+  auto replayed = run({"vendor", "apply-rotation", path("rotation.json"), "--current", path("al2.json")});
+  EXPECT_EQ(replayed.exitCode, 1);
+  EXPECT_NE(replayed.err.find("rotación no monotónica: revision vigente 2, ofrecida 2"), std::string::npos);
+
+  auto selfSigned = run({"vendor", "rotate", "--current", path("al1.json"), "--new", path("al2.json"),
+                         "--key", path("k2.json")});
+  EXPECT_EQ(selfSigned.exitCode, 1);
+  EXPECT_NE(selfSigned.err.find("keyId 'k2' no está en la allowlist vendor"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tarskel::tool
