@@ -1,0 +1,270 @@
+// DaemonCore's decisions, as a client and the audit chain see them.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <stdexcept>
+
+#include "DaemonTestSupport.hpp"
+#include "tarskel/daemon/InfoOp.hpp"
+#include "tarskel/protocol/TarskelJSON.hpp"
+
+namespace tarskel {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using boost::asio::awaitable;
+
+// An operation that ends the way it is told to.
+class ScriptedOp final : public DaemonOp {
+ public:
+  enum class Ending { opError, otherError, nonFinite };
+  ScriptedOp(std::string name, Ending ending) : DaemonOp(std::move(name), {}, false), ending_(ending) {}
+
+  awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
+    if (ending_ == Ending::opError) throw DaemonOpError("me negué");
+    if (ending_ == Ending::otherError) throw std::runtime_error("runtime says no");
+    co_return JSONValue(std::numeric_limits<double>::infinity());
+  }
+
+ private:
+  Ending ending_;
+};
+
+class DaemonCoreTest : public testing::DaemonFixture {
+ protected:
+  void SetUp() override {
+    openStores(R"({"grants":{"svc.reader":["fs.readProtectedPath"]}})");
+  }
+
+  DaemonCore core(std::optional<DaemonCore::OpList> ops = std::nullopt) const {
+    return DaemonCore(std::move(ops), audit, grants);
+  }
+
+  DaemonResponse handle(const DaemonCore& c, DaemonRequest request, DaemonPeerVerdict peer) {
+    return testing::runOn(pool, c.handle(std::move(request), std::move(peer)));
+  }
+
+  DaemonResponse handleEncoded(const std::string& bytes, DaemonPeerVerdict peer) {
+    DaemonCore c = core();
+    std::string answer = testing::runOn(pool, c.handleEncoded(bytes, std::move(peer)));
+    return TarskelJSON::decoder().decode<DaemonResponse>(answer);
+  }
+
+  AuditStore::Entry lastRow() const { return audit->recentSync(1).at(0); }
+};
+
+const DaemonPeerVerdict kUnverified = DaemonPeerVerdict::unverified("sin lista");
+
+struct OutcomeCase {
+  std::string label;
+  DaemonPeerVerdict peer;
+  DaemonRequest request;
+  std::string outcome;
+  std::optional<std::string> code;  // nothing for a success
+  std::string message;              // exact, or a prefix when `messageIsPrefix`
+  std::string caller;
+  bool messageIsPrefix = false;
+};
+
+TEST_F(DaemonCoreTest, SevenOutcomesAnswerAndRecordOnce) {
+  const std::string folder = dir.path().string();
+  const std::vector<OutcomeCase> cases = {
+      {"rejected peer is refused before the catalogue",
+       DaemonPeerVerdict::rejected("firma rota"), {"no.such.op", {}, "c1", "svc.x"}, "denied",
+       "unauthorizedClient", "cliente XPC rechazado: firma rota", "rejected:firma rota svc:svc.x"},
+      {"unknown op", kUnverified, {"no.such.op", {}, "c2", std::nullopt}, "denied", "unknownOp",
+       "op fuera del catálogo: no.such.op", "unverified:sin lista"},
+      {"grant needed, no service: arguments are not looked at", kUnverified,
+       {"fs.readProtectedPath", {{"bogus", 1}}, "c3", std::nullopt}, "denied", "notGranted",
+       "sin concesión para fs.readProtectedPath (service: ninguno)", "unverified:sin lista"},
+      {"grant needed, none held", DaemonPeerVerdict::trusted("TEAM1"),
+       {"fs.readProtectedPath", {{"path", folder}}, "c4", "svc.other"}, "denied", "notGranted",
+       "sin concesión para fs.readProtectedPath (service: svc.other)", "team:TEAM1 svc:svc.other"},
+      {"arguments outside the schema", kUnverified,
+       {"fs.readProtectedPath", {{"path", ""}, {"extra", 1}}, "c5", "svc.reader"}, "denied",
+       "invalidArgs", "args fuera del schema: ", "unverified:sin lista svc:svc.reader", true},
+      {"execute failed", kUnverified, {"fs.readProtectedPath", {{"path", folder}}, "c6", "svc.reader"},
+       "error", "opFailed", "fs.readProtectedPath falló: no es un archivo regular: " + folder,
+       "unverified:sin lista svc:svc.reader"},
+      {"execute returned, unverified is not refused", kUnverified, {"daemon.info", {}, "c7", std::nullopt},
+       "ok", std::nullopt, "", "unverified:sin lista"},
+  };
+  DaemonCore c = core();
+  std::int64_t rows = 0;
+  for (const OutcomeCase& tc : cases) {
+    SCOPED_TRACE(tc.label);
+    DaemonResponse response = handle(c, tc.request, tc.peer);
+    EXPECT_EQ(response.ok, !tc.code);
+    if (tc.code) {
+      ASSERT_TRUE(response.error);
+      EXPECT_FALSE(response.result);
+      EXPECT_EQ(response.error->code, *tc.code);
+      if (tc.messageIsPrefix) {
+        EXPECT_THAT(response.error->message, StartsWith(tc.message));
+      } else {
+        EXPECT_EQ(response.error->message, tc.message);
+      }
+    } else {
+      EXPECT_TRUE(response.result);
+      EXPECT_FALSE(response.error);
+    }
+    EXPECT_EQ(auditRows(), ++rows) << "exactly one row per decided request";
+    AuditStore::Entry row = lastRow();
+    EXPECT_EQ(row.caller, tc.caller);
+    EXPECT_EQ(row.tool, tc.request.op);
+    EXPECT_EQ(row.origin, "xpc");
+    EXPECT_EQ(row.outcome, tc.outcome);
+    EXPECT_EQ(row.correlationId, *tc.request.correlationId);
+    EXPECT_GE(row.durationMs, 0.0);
+  }
+  EXPECT_TRUE(audit->verifyChainSync());
+}
+
+TEST_F(DaemonCoreTest, TwoViolationsAreJoinedInTheValidatorsOrder) {
+  DaemonCore c = core();
+  JSONObject args{{"path", ""}, {"extra", 1}};
+  auto violations = c.op("fs.readProtectedPath")->argsSchema().validate(JSONValue(args), "$");
+  ASSERT_EQ(violations.size(), 2u);
+  DaemonResponse response =
+      handle(c, {"fs.readProtectedPath", args, std::nullopt, "svc.reader"}, kUnverified);
+  ASSERT_TRUE(response.error);
+  EXPECT_EQ(response.error->message, "args fuera del schema: " + violations[0].description() +
+                                         "; " + violations[1].description());
+}
+
+TEST_F(DaemonCoreTest, FailureTextOfOperationErrors) {
+  struct Case {
+    ScriptedOp::Ending ending;
+    std::string message;
+  };
+  const std::vector<Case> cases = {
+      {ScriptedOp::Ending::opError, "t.op falló: me negué"},
+      {ScriptedOp::Ending::otherError, "t.op falló: runtime says no"},
+  };
+  for (const Case& tc : cases) {
+    SCOPED_TRACE(tc.message);
+    DaemonCore c = core(DaemonCore::OpList{std::make_shared<ScriptedOp>("t.op", tc.ending)});
+    DaemonResponse response = handle(c, {"t.op", {}, std::nullopt, std::nullopt}, kUnverified);
+    ASSERT_TRUE(response.error);
+    EXPECT_EQ(response.error->code, "opFailed");
+    EXPECT_EQ(response.error->message, tc.message);
+    EXPECT_EQ(lastRow().outcome, "error");
+  }
+}
+
+TEST_F(DaemonCoreTest, CorrelationIdIsMadeOnlyWhenAbsent) {
+  DaemonCore c = core();
+  handle(c, {"daemon.info", {}, "", std::nullopt}, kUnverified);
+  EXPECT_EQ(lastRow().correlationId, "") << "an empty id is kept";
+
+  std::string answer = testing::runOn(
+      pool, c.handleEncoded(R"({"op":"daemon.info","args":{}})", kUnverified));
+  const std::regex upperUUID("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+  std::string fresh = lastRow().correlationId;
+  EXPECT_TRUE(std::regex_match(fresh, upperUUID)) << fresh;
+  EXPECT_EQ(answer.find(fresh), std::string::npos) << "the response carries no id";
+}
+
+TEST_F(DaemonCoreTest, UnreadableBytesAnswerMalformedWithoutARow) {
+  const std::vector<std::string> inputs = {
+      "",
+      "{",
+      "\xff\xfe",
+      "[]",
+      R"({"op":"daemon.info"})",
+      R"({"op":"daemon.info","args":[]})",
+      R"({"op":"daemon.info","args":null})",
+      R"({"op":7,"args":{}})",
+      R"({"op":"daemon.info","args":{}}})",
+  };
+  for (const std::string& bytes : inputs) {
+    SCOPED_TRACE(bytes);
+    // A rejected peer learns that its bytes are bad, not that it is rejected.
+    DaemonResponse response = handleEncoded(bytes, DaemonPeerVerdict::rejected("x"));
+    EXPECT_FALSE(response.ok);
+    ASSERT_TRUE(response.error);
+    EXPECT_EQ(response.error->code, "malformedRequest");
+    EXPECT_THAT(response.error->message, StartsWith("request ilegible: "));
+  }
+  EXPECT_EQ(auditRows(), 0);
+}
+
+TEST_F(DaemonCoreTest, UnencodableResultGivesZeroBytesButIsRecorded) {
+  DaemonCore c = core(DaemonCore::OpList{
+      std::make_shared<ScriptedOp>("t.inf", ScriptedOp::Ending::nonFinite)});
+  std::string answer =
+      testing::runOn(pool, c.handleEncoded(R"({"op":"t.inf","args":{}})", kUnverified));
+  EXPECT_EQ(answer, "");
+  EXPECT_EQ(lastRow().outcome, "ok");
+}
+
+TEST_F(DaemonCoreTest, CatalogueSizeFollowsOpsAndRoot) {
+  EXPECT_THAT(core().catalog(),
+              ::testing::ElementsAre("daemon.grants.sync", "daemon.info", "fs.readProtectedPath"));
+  EXPECT_TRUE(core(DaemonCore::OpList{}).catalog().empty());
+
+  std::optional<std::filesystem::path> seenRoot;
+  auto rooted = [&](const std::filesystem::path& root) {
+    seenRoot = root;
+    return DaemonCore::OpList{
+        std::make_shared<ScriptedOp>("platform.applyUpdate", ScriptedOp::Ending::opError),
+        std::make_shared<ScriptedOp>("platform.uninstallMachine", ScriptedOp::Ending::opError)};
+  };
+  EXPECT_EQ(DaemonCore(std::nullopt, audit, grants, std::nullopt, rooted).catalog().size(), 3u);
+  EXPECT_FALSE(seenRoot) << "without a root the rooted operations are not built";
+  DaemonCore full(std::nullopt, audit, grants, dir.path(), rooted);
+  EXPECT_EQ(full.catalog().size(), 5u);
+  EXPECT_EQ(seenRoot, dir.path());
+
+  DaemonResponse info = handle(full, {"daemon.info", {}, std::nullopt, std::nullopt}, kUnverified);
+  ASSERT_TRUE(info.result);
+  EXPECT_EQ((*info.result)["ops"]->arrayValue()->size(), 5u);
+}
+
+TEST_F(DaemonCoreTest, EmptyCatalogueAnswersUnknownOpToEverything) {
+  DaemonCore c = core(DaemonCore::OpList{});
+  DaemonResponse response = handle(c, {"daemon.info", {}, std::nullopt, std::nullopt}, kUnverified);
+  ASSERT_TRUE(response.error);
+  EXPECT_EQ(response.error->code, "unknownOp");
+}
+
+TEST(DaemonCoreDeathTest, DuplicateNameEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto build = [] {
+    DaemonCore(DaemonCore::OpList{std::make_shared<InfoOp>(), std::make_shared<InfoOp>()},
+               nullptr, nullptr);
+  };
+  EXPECT_DEATH(build(), "Duplicate values for key: 'daemon.info'");
+}
+
+// Many requests at once on the worker pool: each leaves exactly one row, and
+// the rows still chain.
+TEST_F(DaemonCoreTest, ConcurrentRequestsEachLeaveOneChainedRow) {
+  constexpr int kThreads = 8;
+  constexpr int kPerThread = 200;
+  boost::asio::thread_pool workers(kThreads);
+  DaemonCore c = core();
+  std::vector<std::future<DaemonResponse>> answers;
+  for (int i = 0; i < kThreads * kPerThread; ++i) {
+    DaemonRequest request{i % 3 == 0 ? "no.such.op" : "daemon.info", {}, std::to_string(i),
+                          std::nullopt};
+    answers.push_back(boost::asio::co_spawn(workers, c.handle(std::move(request), kUnverified),
+                                            boost::asio::use_future));
+  }
+  for (auto& answer : answers) answer.get();
+
+  EXPECT_EQ(auditRows(), kThreads * kPerThread);
+  std::set<std::string> ids;
+  for (auto& row : db->query("SELECT correlation_id FROM audit;")) {
+    ids.insert(*row.at("correlation_id").stringValue());
+  }
+  EXPECT_EQ(ids.size(), static_cast<std::size_t>(kThreads * kPerThread)) << "one row per request";
+  EXPECT_TRUE(audit->verifyChainSync());
+}
+
+}  // namespace
+}  // namespace tarskel

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/asio/use_future.hpp>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "tarskel/daemon/DaemonCore.hpp"
+#include "tarskel/daemon/GrantsStore.hpp"
+#include "tarskel/store/AuditStore.hpp"
+
+namespace tarskel::testing {
+
+// A fresh directory under the system's temporary folder, removed afterwards.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "tarskeld-test-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed";
+    path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path file(const std::string& name) const { return path_ / name; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+inline void writeFile(const std::filesystem::path& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+inline std::string readFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Runs `task` on `pool` and waits for its value (or rethrows its error).
+template <class T>
+T runOn(boost::asio::thread_pool& pool, boost::asio::awaitable<T> task) {
+  return boost::asio::co_spawn(pool, std::move(task), boost::asio::use_future).get();
+}
+
+inline void runOn(boost::asio::thread_pool& pool, boost::asio::awaitable<void> task) {
+  boost::asio::co_spawn(pool, std::move(task), boost::asio::use_future).get();
+}
+
+// A worker pool, a real audit database and a grants file in a temporary
+// directory: what the daemon runs on, minus the transport.
+class DaemonFixture : public ::testing::Test {
+ protected:
+  void openStores(const std::string& grantsJSON = "") {
+    if (!grantsJSON.empty()) writeFile(grantsPath(), grantsJSON);
+    db = SQLiteDatabase::open(dir.file("audit.db").string());
+    audit = std::make_shared<AuditStore>(db, pool.get_executor());
+    grants = std::make_shared<GrantsStore>(grantsPath(), pool.get_executor());
+  }
+
+  std::filesystem::path grantsPath() const { return dir.file("grants.json"); }
+
+  std::int64_t auditRows() const {
+    return *db->query("SELECT COUNT(*) AS n FROM audit;").at(0).at("n").intValue();
+  }
+
+  // Declared first so that the pool (and every task on it) is gone before
+  // the stores and the directory.
+  TempDir dir;
+  std::shared_ptr<SQLiteDatabase> db;
+  std::shared_ptr<AuditStore> audit;
+  std::shared_ptr<GrantsStore> grants;
+  boost::asio::thread_pool pool{4};
+};
+
+}  // namespace tarskel::testing

@@ -1,0 +1,204 @@
+// The grants table on disk and in memory, and the sync operation that
+// replaces it.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "DaemonTestSupport.hpp"
+#include "tarskel/daemon/GrantsSyncOp.hpp"
+#include "tarskel/protocol/TarskelJSON.hpp"
+
+namespace tarskel {
+namespace {
+
+using ::testing::ElementsAre;
+using Grants = GrantsStore::Grants;
+
+class GrantsStoreTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<GrantsStore> load() {
+    return std::make_shared<GrantsStore>(path(), pool.get_executor());
+  }
+  std::filesystem::path path() const { return dir.file("grants.json"); }
+
+  // The other files in the directory: temporary leftovers.
+  std::vector<std::string> otherFiles() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+      if (entry.path() != path()) names.push_back(entry.path().filename().string());
+    }
+    return names;
+  }
+
+  testing::TempDir dir;
+  boost::asio::thread_pool pool{2};
+};
+
+TEST_F(GrantsStoreTest, UnusableFilesReadAsEmpty) {
+  const std::vector<std::string> files = {
+      "",
+      "{",
+      R"({"grant":{"a":["x"]}})",             // key misspelt
+      R"({"grants":{"a":["x"],"b":[1]}})",    // one bad value spoils the whole file
+      R"({"grants":{"a":"x"}})",
+      R"({"grants":null})",
+      R"(["grants"])",
+  };
+  for (const std::string& text : files) {
+    SCOPED_TRACE(text);
+    testing::writeFile(path(), text);
+    auto store = load();
+    EXPECT_TRUE(store->snapshotSync().empty());
+    EXPECT_FALSE(store->isGrantedSync("x", "a"));
+    EXPECT_EQ(testing::readFile(path()), text) << "a broken file stays until the next replace";
+  }
+}
+
+TEST_F(GrantsStoreTest, MissingFileIsEmptyAndTheFirstReplaceCreatesIt) {
+  auto store = load();
+  EXPECT_TRUE(store->snapshotSync().empty());
+  testing::runOn(pool, store->replace({{"svc", {"b", "a", "a"}}}));
+  EXPECT_TRUE(std::filesystem::exists(path()));
+  EXPECT_TRUE(otherFiles().empty()) << "the temporary file was renamed into place";
+  EXPECT_EQ(testing::readFile(path()), R"({"grants":{"svc":["b","a","a"]}})")
+      << "lists keep their order and duplicates on disk";
+  EXPECT_THAT(store->snapshotSync().at("svc"), ElementsAre("a", "b"));
+}
+
+TEST_F(GrantsStoreTest, GrantChecksAreExact) {
+  testing::writeFile(path(), R"({"grants":{"svc.a":["fs.read"],"svc.b":[]}})");
+  auto store = load();
+  struct Case {
+    std::string op, service;
+    bool granted;
+  };
+  const std::vector<Case> cases = {
+      {"fs.read", "svc.a", true},  {"fs.read", "svc.b", false}, {"fs.rea", "svc.a", false},
+      {"FS.READ", "svc.a", false}, {"fs.read", "svc", false},   {"fs.read", "", false},
+  };
+  for (const Case& tc : cases) {
+    SCOPED_TRACE(tc.op + " / " + tc.service);
+    EXPECT_EQ(testing::runOn(pool, store->isGranted(tc.op, tc.service)), tc.granted);
+  }
+}
+
+TEST_F(GrantsStoreTest, ReloadSeesTheLastReplace) {
+  auto store = load();
+  store->replaceSync({{"a", {"x"}}});
+  store->replaceSync({{"b", {"y"}}});
+  auto reloaded = load();
+  EXPECT_FALSE(reloaded->isGrantedSync("x", "a"));
+  EXPECT_TRUE(reloaded->isGrantedSync("y", "b"));
+}
+
+TEST_F(GrantsStoreTest, FailedReplaceLeavesFileAndMemory) {
+  // Running as root ignores a read-only directory, so the failures come from
+  // the file system's shape instead.
+  const std::string before = R"({"grants":{"old":["op"]}})";
+  testing::writeFile(path(), before);
+  auto store = load();
+  {
+    SCOPED_TRACE("target replaced by a directory");
+    std::filesystem::remove(path());
+    std::filesystem::create_directory(path());
+    EXPECT_THROW(store->replaceSync({{"new", {"op"}}}), FileSystemError);
+    EXPECT_TRUE(store->isGrantedSync("op", "old"));
+    EXPECT_FALSE(store->isGrantedSync("op", "new"));
+    EXPECT_TRUE(std::filesystem::is_directory(path()));
+  }
+  {
+    SCOPED_TRACE("directory gone");
+    auto gone = std::make_shared<GrantsStore>(dir.file("absent/grants.json"), pool.get_executor());
+    EXPECT_THROW(testing::runOn(pool, gone->replace({{"new", {"op"}}})), FileSystemError);
+    EXPECT_TRUE(gone->snapshotSync().empty());
+  }
+}
+
+TEST_F(GrantsStoreTest, FailedWriteKeepsTheOldFile) {
+  const std::string before = R"({"grants":{"old":["op"]}})";
+  testing::writeFile(path(), before);
+  auto store = load();
+  // A full disk is hard to make here; a temporary file that can't be created
+  // is not: the store's directory is a regular file.
+  auto blocked = std::make_shared<GrantsStore>(path() / "grants.json", pool.get_executor());
+  try {
+    blocked->replaceSync({{"new", {"op"}}});
+    FAIL() << "expected a failure";
+  } catch (const FileSystemError& e) {
+    EXPECT_THAT(e.what(), ::testing::StartsWith("no se pudo escribir "));
+  }
+  EXPECT_EQ(testing::readFile(path()), before);
+  EXPECT_TRUE(store->isGrantedSync("op", "old"));
+}
+
+class GrantsSyncOpTest : public GrantsStoreTest {
+ protected:
+  JSONValue sync(const std::string& argsJSON) {
+    auto args = TarskelJSON::decoder().decode<JSONObject>(argsJSON);
+    DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
+    return testing::runOn(pool, op.execute(args, context));
+  }
+
+  std::shared_ptr<GrantsStore> store = load();
+  GrantsSyncOp op{store};
+};
+
+TEST_F(GrantsSyncOpTest, CountsServicesAndKeepsOnlyStrings) {
+  struct Case {
+    std::string args;
+    double services;
+    Grants held;
+  };
+  const std::vector<Case> cases = {
+      {R"({"grants":{}})", 0, {}},
+      {R"({"grants":{"a":[1,2]}})", 1, {{"a", {}}}},
+      {R"({"grants":{"a":[1,"x",null,"x"],"b":["y"],"":["z"]}})", 3,
+       {{"", {"z"}}, {"a", {"x"}}, {"b", {"y"}}}},
+  };
+  for (const Case& tc : cases) {
+    SCOPED_TRACE(tc.args);
+    JSONValue result = sync(tc.args);
+    EXPECT_EQ(result, JSONValue(JSONObject{{"services", tc.services}}));
+    EXPECT_EQ(store->snapshotSync(), tc.held);
+  }
+  EXPECT_EQ(testing::readFile(path()), R"({"grants":{"":["z"],"a":["x","x"],"b":["y"]}})");
+}
+
+TEST_F(GrantsSyncOpTest, BadValuesFailAndChangeNothing) {
+  sync(R"({"grants":{"keep":["op"]}})");
+  const std::string onDisk = testing::readFile(path());
+  struct Case {
+    std::string args, message;
+  };
+  const std::vector<Case> cases = {
+      {R"({"grants":{"a":"x"}})", "concesiones de a: se esperaba array de strings"},
+      {R"({"grants":{"ok":["op"],"b":{}}})", "concesiones de b: se esperaba array de strings"},
+      {R"({"grants":[]})", "grants no es objeto"},
+      {R"({})", "grants no es objeto"},
+  };
+  for (const Case& tc : cases) {
+    SCOPED_TRACE(tc.args);
+    try {
+      sync(tc.args);
+      ADD_FAILURE() << "expected DaemonOpError";
+    } catch (const DaemonOpError& e) {
+      EXPECT_EQ(e.description(), tc.message);
+    }
+    EXPECT_EQ(testing::readFile(path()), onDisk);
+    EXPECT_TRUE(store->isGrantedSync("op", "keep"));
+  }
+}
+
+// Through the core: the schema stops what execute would otherwise see.
+TEST_F(GrantsSyncOpTest, SchemaRefusesMissingAndExtraKeys) {
+  for (const std::string& args : {std::string(R"({})"), std::string(R"({"grants":{},"x":1})"),
+                                  std::string(R"({"grants":[]})")}) {
+    SCOPED_TRACE(args);
+    auto parsed = TarskelJSON::decoder().decode<JSONObject>(args);
+    EXPECT_FALSE(op.argsSchema().validate(JSONValue(parsed), "$").empty());
+  }
+  EXPECT_TRUE(op.argsSchema().validate(JSONValue(JSONObject{{"grants", JSONObject{}}}), "$").empty());
+}
+
+}  // namespace
+}  // namespace tarskel
