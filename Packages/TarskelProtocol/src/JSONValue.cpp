@@ -83,6 +83,15 @@ JSONObject JSONObject::fromUnsorted(std::vector<Member> members) {
   object.mayHoldNonASCII_ =
       std::any_of(members.begin(), members.end(), [](const Member& m) { return !isASCII(m.first); });
   if (!object.mayHoldNonASCII_) {
+    // Documents written by the canonical encoder arrive sorted and unique.
+    const bool strictlySorted = std::adjacent_find(members.begin(), members.end(),
+                                                   [](const Member& a, const Member& b) {
+                                                     return !(a.first < b.first);
+                                                   }) == members.end();
+    if (strictlySorted) {
+      object.members_ = std::move(members);
+      return object;
+    }
     // Stable, so that among equal keys the later member stays last and wins.
     std::stable_sort(members.begin(), members.end(),
                      [](const Member& a, const Member& b) { return a.first < b.first; });

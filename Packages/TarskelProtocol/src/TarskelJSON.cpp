@@ -299,25 +299,40 @@ class TreeBuilder {
     }
   }
 
+  // Elements and members gather on one stack per builder and move into a
+  // container of the exact size once their count is known, which spares the
+  // many small reallocations of growing each container on its own.
   JSONValue readArray(od::array array, std::size_t depth) {
     enter(depth);
-    JSONValue::Array out;
+    const std::size_t base = elements_.size();
     for (auto element : array) {
-      out.push_back(build(take(std::move(element)), depth + 1));
+      JSONValue value = build(take(std::move(element)), depth + 1);
+      elements_.push_back(std::move(value));
     }
+    JSONValue::Array out(std::make_move_iterator(elements_.begin() + static_cast<std::ptrdiff_t>(base)),
+                         std::make_move_iterator(elements_.end()));
+    elements_.erase(elements_.begin() + static_cast<std::ptrdiff_t>(base), elements_.end());
     return JSONValue(std::move(out));
   }
 
   JSONValue readObject(od::object object, std::size_t depth) {
     enter(depth);
-    std::vector<JSONObject::Member> members;
+    const std::size_t base = members_.size();
     for (auto result : object) {
       od::field field = take(std::move(result));
       std::string key = readString(take(field.unescaped_key()));
-      members.emplace_back(std::move(key), build(field.value(), depth + 1));
+      JSONValue value = build(field.value(), depth + 1);
+      members_.emplace_back(std::move(key), std::move(value));
     }
+    std::vector<JSONObject::Member> members(
+        std::make_move_iterator(members_.begin() + static_cast<std::ptrdiff_t>(base)),
+        std::make_move_iterator(members_.end()));
+    members_.erase(members_.begin() + static_cast<std::ptrdiff_t>(base), members_.end());
     return JSONValue(JSONObject::fromUnsorted(std::move(members)));
   }
+
+  std::vector<JSONValue> elements_;
+  std::vector<JSONObject::Member> members_;
 };
 
 // Outside strings JSON allows only four control bytes, and inside strings
@@ -336,9 +351,9 @@ JSONValue parseTree(std::string_view bytes) {
   simdjson::padded_string padded(bytes);
   // A parser keeps buffers sized to the largest document it has read; one per
   // thread serves the many small documents, while a large one gets its own.
-  constexpr std::size_t kReusedParserLimit = 1 << 20;
+  constexpr std::size_t kReusedParserLimit = 4 << 20;
   thread_local od::parser shared;
-  od::parser local(0);
+  od::parser local;
   od::parser& parser = bytes.size() <= kReusedParserLimit ? shared : local;
   od::document doc = take(parser.iterate(padded));
   TreeBuilder builder;
