@@ -260,29 +260,15 @@ TEST_F(BundleSealTest, EmptyBundleSealsAndVerifies) {
   EXPECT_TRUE(verify().files.empty());
 }
 
-TEST_F(BundleSealTest, ListedFilesAreJudgedBeforeUnlistedOnes) {
-  seal();
-  writeFile(root / "App.app/Contents/MacOS/App", "changed");
-  fs::remove(root / "lib/a/b/c.txt");
-  writeFile(root / "0-extra", "");
-  writeFile(root / "1-extra", "");
-  for (unsigned threads : {1u, 2u, 4u}) {
-    SCOPED_TRACE(threads);
-    EXPECT_EQ(verifyError(std::nullopt, {threads, {}}),
-              SealError::hashMismatch("App.app/Contents/MacOS/App"));
-  }
-  writeFile(root / "App.app/Contents/MacOS/App", std::string(300000, 'x'));
-  EXPECT_EQ(verifyError(), SealError::fileMissing("lib/a/b/c.txt"));
-  writeFile(root / "lib/a/b/c.txt", "deep");
-  EXPECT_EQ(verifyError(), SealError::unexpectedFile("0-extra"));
-}
-
+// A changed, a missing and an extra file at once: the first fault in manifest
+// order wins, however many threads hash, and extras only count at the end.
 TEST_F(BundleSealTest, FirstFaultInManifestOrderWhateverTheThreads) {
   for (int i = 0; i < 40; ++i) writeFile(root / "many" / std::to_string(100 + i), std::to_string(i));
   seal();
-  // A later file missing must not hide an earlier changed one, nor the reverse.
-  fs::remove(root / "many/130");
   writeFile(root / "many/120", "changed");
+  fs::remove(root / "many/130");
+  writeFile(root / "0-extra", "");
+  writeFile(root / "1-extra", "");
   std::size_t calls = 0;
   for (unsigned threads : {1u, 2u, 3u, 8u}) {
     SCOPED_TRACE(threads);
@@ -293,6 +279,10 @@ TEST_F(BundleSealTest, FirstFaultInManifestOrderWhateverTheThreads) {
     EXPECT_EQ(verifyError(std::nullopt, hashing), SealError::hashMismatch("many/120"));
   }
   EXPECT_GT(calls, 0u);
+  writeFile(root / "many/120", "20");
+  EXPECT_EQ(verifyError(), SealError::fileMissing("many/130"));
+  writeFile(root / "many/130", "30");
+  EXPECT_EQ(verifyError(), SealError::unexpectedFile("0-extra"));
 }
 
 TEST_F(BundleSealTest, DuplicatedListedPathVerifies) {
@@ -321,13 +311,6 @@ TEST_F(BundleSealTest, SealRefusesLinksAndLeavesNoSeal) {
   EXPECT_FALSE(fs::exists(root / BundleSeal::manifestFile));
 }
 
-TEST_F(BundleSealTest, UpperCaseDigestIsAMismatch) {
-  HashManifest m = seal();
-  for (char& c : m.files[0].sha256) c = static_cast<char>(std::toupper(c));
-  writeSignedManifest(m);
-  EXPECT_EQ(verifyError(), SealError::hashMismatch(m.files[0].path));
-}
-
 TEST(SealErrorTest, Texts) {
   const struct {
     SealError error;
@@ -345,25 +328,6 @@ TEST(SealErrorTest, Texts) {
     SCOPED_TRACE(c.text);
     EXPECT_STREQ(c.error.what(), c.text);
   }
-}
-
-// Rotations judged with real keys.
-TEST(RotationWithEd25519Test, OnlyACurrentKeyMayRaiseTheRevision) {
-  Ed25519KeyPair current("current");
-  Ed25519KeyPair next("next");
-  VendorAllowlist list{3, {current.vendorKey()}};
-  VendorVerification verification(std::make_shared<Ed25519Algorithm>(), [] { return Date::now(); });
-  auto rotation = [&](std::int64_t revision, const Ed25519KeyPair& signer) {
-    VendorAllowlist offered{revision, {next.vendorKey()}};
-    return VendorKeyRotation{offered, signer.sign(offered.signingPayload())};
-  };
-  auto accepted = verification.applyRotation(rotation(4, current), list);
-  ASSERT_TRUE(std::holds_alternative<VendorAllowlist>(accepted));
-  EXPECT_EQ(std::get<VendorAllowlist>(accepted).keys, std::vector{next.vendorKey()});
-  EXPECT_EQ(std::get<VendorVerificationError>(verification.applyRotation(rotation(3, current), list)),
-            VendorVerificationError::rotationNotNewer(3, 3));
-  EXPECT_EQ(std::get<VendorVerificationError>(verification.applyRotation(rotation(4, next), list)),
-            VendorVerificationError::unknownKey("next"));
 }
 
 }  // namespace

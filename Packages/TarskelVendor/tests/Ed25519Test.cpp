@@ -143,14 +143,6 @@ TEST(Ed25519Test, KeysOfTheWrongLengthFailWithTheLibraryError) {
   }
 }
 
-TEST(Ed25519Test, ExportedKeyRebuildsTheSamePair) {
-  Ed25519KeyPair pair("id-1");
-  Ed25519KeyPair again(*base64Decode(pair.rawPrivateKeyBase64()), "id-2");
-  EXPECT_EQ(again.vendorKey().publicKey, pair.vendorKey().publicKey);
-  EXPECT_EQ(again.vendorKey().keyId, "id-2");
-  EXPECT_NE(Ed25519KeyPair("id-1").vendorKey(), pair.vendorKey());
-}
-
 TEST(Ed25519Test, OneKeySignsFromSeveralThreads) {
   Ed25519KeyPair pair("shared");
   const std::string expected = pair.sign("same").signature;
