@@ -7,6 +7,7 @@
 
 #include "DaemonTestSupport.hpp"
 #include "tarskel/daemon/FsReadProtectedPathOp.hpp"
+#include "tarskel/daemon/GrantsSyncOp.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
 #include "tarskel/protocol/Base64.hpp"
 
@@ -91,16 +92,6 @@ TEST_F(FsReadTest, OnlyTheEntryItselfCountsAsRegular) {
   }
 }
 
-TEST_F(FsReadTest, RelativePathsResolveAgainstTheWorkingDirectory) {
-  sizedFile("rel", 3);
-  auto previous = std::filesystem::current_path();
-  std::filesystem::current_path(dir.path());
-  JSONValue result = read("rel");
-  std::filesystem::current_path(previous);
-  EXPECT_EQ(*result["path"], JSONValue("rel"));
-  EXPECT_EQ(result["size"]->numberValue(), 3.0);
-}
-
 TEST(InfoOpTest, ReportsVersionsProcessAndCatalogue) {
   boost::asio::thread_pool pool(1);
   InfoOp op;
@@ -118,6 +109,7 @@ TEST(InfoOpTest, ReportsVersionsProcessAndCatalogue) {
 TEST(OpSchemasTest, RefuseWhatTheOperationsDoNotTake) {
   InfoOp info;
   FsReadProtectedPathOp read;
+  GrantsSyncOp sync(nullptr);
   struct Case {
     const DaemonOp& op;
     JSONObject args;
@@ -131,6 +123,10 @@ TEST(OpSchemasTest, RefuseWhatTheOperationsDoNotTake) {
       {read, {{"path", "/x"}, {"extra", 1}}, false},
       {read, {{"path", 1}}, false},
       {read, {}, false},
+      {sync, {{"grants", JSONObject{}}}, true},
+      {sync, {{"grants", JSONValue::Array{}}}, false},
+      {sync, {{"grants", JSONObject{}}, {"x", 1}}, false},
+      {sync, {}, false},
   };
   for (std::size_t i = 0; i < cases.size(); ++i) {
     SCOPED_TRACE(i);
@@ -138,6 +134,7 @@ TEST(OpSchemasTest, RefuseWhatTheOperationsDoNotTake) {
     EXPECT_EQ(tc.op.argsSchema().validate(JSONValue(tc.args), "$").empty(), tc.valid);
   }
   EXPECT_FALSE(info.requiresGrant());
+  EXPECT_FALSE(sync.requiresGrant());
   EXPECT_TRUE(read.requiresGrant());
 }
 
