@@ -1,6 +1,7 @@
 #include "tarskel/store/AuditStore.hpp"
 
 #include <algorithm>
+#include <array>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <utility>
@@ -25,47 +26,69 @@ constexpr const char* kCorrelationQuery =
     "SELECT * FROM audit WHERE correlation_id = ? ORDER BY seq ASC;";
 constexpr const char* kChainQuery = "SELECT * FROM audit ORDER BY seq ASC;";
 
-// Moves the text of `column` into `out`; false when absent or not text.
-bool takeText(Row& row, const char* column, std::string& out) {
-  auto it = row.find(column);
-  if (it == row.end() || it->second.kind() != Value::Kind::text) return false;
-  out = *std::move(it->second).stringValue();
-  return true;
-}
+// The ten columns of a row, looked up once: elements of a Row never move.
+struct Columns {
+  static constexpr std::array<const char*, 10> kNames = {
+      "seq", "ts", "caller", "tool", "origin", "outcome", "duration_ms", "correlation_id",
+      "prev_hash", "hash"};
+  std::array<const Value*, 10> at{};
 
-bool takeNumber(const Row& row, const char* column, double& out) {
-  auto it = row.find(column);
-  if (it == row.end()) return false;
-  auto d = it->second.doubleValue();
-  if (!d) return false;
-  out = *d;
-  return true;
-}
-
-// The row as an Entry, or nothing unless every column is present and of an
-// accepted case. Text values are moved out of `row`.
-std::optional<AuditStore::Entry> decodeEntry(Row& row) {
-  AuditStore::Entry e;
-  auto seq = row.find("seq");
-  if (seq == row.end()) return std::nullopt;
-  auto seqValue = seq->second.intValue();
-  if (!seqValue) return std::nullopt;
-  e.seq = *seqValue;
-  if (!takeNumber(row, "ts", e.ts.secondsSinceReferenceDate)) return std::nullopt;
-  if (!takeNumber(row, "duration_ms", e.durationMs)) return std::nullopt;
-  if (!takeText(row, "caller", e.caller) || !takeText(row, "tool", e.tool) ||
-      !takeText(row, "origin", e.origin) || !takeText(row, "outcome", e.outcome) ||
-      !takeText(row, "correlation_id", e.correlationId) ||
-      !takeText(row, "prev_hash", e.prevHash) || !takeText(row, "hash", e.hash)) {
-    return std::nullopt;
+  explicit Columns(const Row& row) {
+    for (std::size_t i = 0; i < kNames.size(); ++i) {
+      auto it = row.find(kNames[i]);
+      at[i] = it == row.end() ? nullptr : &it->second;
+    }
   }
+};
+
+bool readText(const Value* v, std::string& out) {
+  const std::string* text = v == nullptr ? nullptr : v->textPointer();
+  if (text == nullptr) return false;
+  out.assign(*text);  // assign, not move: a reused Entry keeps its capacity
+  return true;
+}
+
+bool readNumber(const Value* v, double& out) {
+  auto d = v == nullptr ? std::nullopt : v->doubleValue();
+  if (d) out = *d;
+  return d.has_value();
+}
+
+// Fills `e` from the row; false unless every column is present and of an
+// accepted case.
+bool decodeInto(const Columns& c, AuditStore::Entry& e) {
+  auto seq = c.at[0] == nullptr ? std::nullopt : c.at[0]->intValue();
+  if (!seq) return false;
+  e.seq = *seq;
+  return readNumber(c.at[1], e.ts.secondsSinceReferenceDate) && readText(c.at[2], e.caller) &&
+         readText(c.at[3], e.tool) && readText(c.at[4], e.origin) && readText(c.at[5], e.outcome) &&
+         readNumber(c.at[6], e.durationMs) && readText(c.at[7], e.correlationId) &&
+         readText(c.at[8], e.prevHash) && readText(c.at[9], e.hash);
+}
+
+std::optional<AuditStore::Entry> decodeEntry(const Row& row) {
+  AuditStore::Entry e;
+  if (!decodeInto(Columns(row), e)) return std::nullopt;
   return e;
+}
+
+// The preimage of a row, written into a buffer the caller reuses.
+void writePreimage(std::string& out, std::string_view prevHash, Date ts, std::string_view caller,
+                   std::string_view tool, std::string_view origin, std::string_view outcome,
+                   std::string_view correlationId) {
+  std::string rendered = AuditStore::renderTimestamp(ts);
+  out.clear();
+  for (std::string_view part : {prevHash, std::string_view(rendered), caller, tool, origin, outcome}) {
+    out.append(part);
+    out.push_back('|');
+  }
+  out.append(correlationId);
 }
 
 std::vector<AuditStore::Entry> decodeAll(std::vector<Row>& rows) {
   std::vector<AuditStore::Entry> out;
   out.reserve(rows.size());
-  for (Row& row : rows) {
+  for (const Row& row : rows) {
     if (auto e = decodeEntry(row)) out.push_back(std::move(*e));
   }
   return out;
@@ -104,14 +127,7 @@ std::string AuditStore::chainHash(std::string_view prevHash, Date ts, std::strin
                                   std::string_view tool, std::string_view origin,
                                   std::string_view outcome, std::string_view correlationId) {
   std::string preimage;
-  std::string rendered = renderTimestamp(ts);
-  preimage.reserve(prevHash.size() + rendered.size() + caller.size() + tool.size() +
-                   origin.size() + outcome.size() + correlationId.size() + 6);
-  for (std::string_view part : {prevHash, std::string_view(rendered), caller, tool, origin, outcome}) {
-    preimage.append(part);
-    preimage.push_back('|');
-  }
-  preimage.append(correlationId);
+  writePreimage(preimage, prevHash, ts, caller, tool, origin, outcome, correlationId);
   return Hashing::sha256Hex(preimage);
 }
 
@@ -173,25 +189,29 @@ std::vector<AuditStore::Entry> AuditStore::entriesSync(const std::string& correl
 AuditStore::ChainReport AuditStore::inspectChain() const {
   ChainReport report;
   std::string expected(kGenesisHash);
+  Entry entry;
+  std::string preimage;
+  std::optional<Columns> columns;
   // Streamed rather than gathered: the outcome is the same as walking the
   // whole result, without holding every row in memory at once.
   db_->forEachRow(kChainQuery, {}, [&](Row& row) {
-    auto entry = decodeEntry(row);
-    if (!entry) {
+    if (!columns) columns.emplace(row);  // the same Row object for every row
+    if (!decodeInto(*columns, entry)) {
       report.firstBreak = ChainBreak{seqOf(row), "row does not decode"};
       return false;
     }
-    if (entry->prevHash != expected) {
-      report.firstBreak = ChainBreak{entry->seq, "prev_hash differs from the hash of the row before"};
+    if (entry.prevHash != expected) {
+      report.firstBreak = ChainBreak{entry.seq, "prev_hash differs from the hash of the row before"};
       return false;
     }
-    std::string hash = chainHash(entry->prevHash, entry->ts, entry->caller, entry->tool,
-                                 entry->origin, entry->outcome, entry->correlationId);
-    if (hash != entry->hash) {
-      report.firstBreak = ChainBreak{entry->seq, "hash does not match the row's contents"};
+    writePreimage(preimage, entry.prevHash, entry.ts, entry.caller, entry.tool, entry.origin,
+                  entry.outcome, entry.correlationId);
+    std::array<char, 64> hash = Hashing::sha256HexDigits(preimage);
+    if (std::string_view(hash.data(), hash.size()) != entry.hash) {
+      report.firstBreak = ChainBreak{entry.seq, "hash does not match the row's contents"};
       return false;
     }
-    expected = std::move(entry->hash);
+    std::swap(expected, entry.hash);
     ++report.rowsChecked;
     return true;
   });

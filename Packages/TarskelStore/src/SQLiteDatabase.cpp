@@ -71,6 +71,13 @@ std::string sanitizeUTF8(const char* text, std::size_t length) {
   return out;
 }
 
+bool isValidUTF8(const char* text, std::size_t length) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text);
+  std::size_t i = 0;
+  while (i < length && p[i] < 0x80) ++i;
+  return i == length || sanitizeUTF8(text + i, length - i) == std::string_view(text + i, length - i);
+}
+
 std::string textOf(const char* text) { return sanitizeUTF8(text, std::char_traits<char>::length(text)); }
 
 std::string errorMessage(sqlite3* handle) {
@@ -88,8 +95,6 @@ void prepare(sqlite3* handle, const std::string& sql, Statement& statement) {
     throw SQLiteDatabase::DBError(SQLiteDatabase::DBError::Kind::prepare, errorMessage(handle));
   }
 }
-
-void readColumn(sqlite3_stmt* stmt, int i, SQLiteDatabase::Value& out);
 
 }  // namespace
 
@@ -242,28 +247,26 @@ void SQLiteDatabase::forEachRow(const std::string& sql, const std::vector<Value>
   bind(statement.stmt, params);
 
   sqlite3_stmt* stmt = statement.stmt;
-  std::vector<std::string> names;
   Row row;
+  // Where each column lands in `row`. Elements of an unordered_map never
+  // move, so the names are hashed once per statement, not once per row; a
+  // later column of the same name shares the slot and overwrites it.
+  std::vector<Value*> slots;
   // Any step result other than a row ends the rows; it is not an error here.
   while (sqlite3_step(stmt) == SQLITE_ROW) {
-    int count = sqlite3_column_count(stmt);
-    if (names.size() != static_cast<std::size_t>(count)) {
-      names.clear();
+    if (slots.empty()) {
+      int count = sqlite3_column_count(stmt);
       for (int i = 0; i < count; ++i) {
-        names.push_back(
-            textOf(requireText(sqlite3_column_name(stmt, i), "sqlite3_column_name returned no text")));
+        const char* name = requireText(sqlite3_column_name(stmt, i), "sqlite3_column_name returned no text");
+        slots.push_back(&row[textOf(name)]);
       }
     }
-    // The row is reused: values are assigned in place, so a later column of
-    // the same name overwrites the earlier one.
-    for (int i = 0; i < count; ++i) readColumn(stmt, i, row[names[static_cast<std::size_t>(i)]]);
+    for (std::size_t i = 0; i < slots.size(); ++i) readColumn(stmt, static_cast<int>(i), *slots[i]);
     if (!visit(row)) break;
   }
 }
 
-namespace {
-
-void readColumn(sqlite3_stmt* stmt, int i, SQLiteDatabase::Value& out) {
+void SQLiteDatabase::readColumn(sqlite3_stmt* stmt, int i, Value& out) {
   switch (sqlite3_column_type(stmt, i)) {
     case SQLITE_INTEGER:
       out = SQLiteDatabase::Value::integer(sqlite3_column_int64(stmt, i));
@@ -275,7 +278,13 @@ void readColumn(sqlite3_stmt* stmt, int i, SQLiteDatabase::Value& out) {
       const char* text = requireText(reinterpret_cast<const char*>(sqlite3_column_text(stmt, i)),
                                      "sqlite3_column_text returned no text");
       std::size_t length = std::char_traits<char>::length(text);
-      out = SQLiteDatabase::Value::text(sanitizeUTF8(text, length));
+      // Reuse the slot's string when it already holds text: rows of one
+      // statement mostly keep their shapes.
+      if (auto* s = std::get_if<0>(&out.storage_); s != nullptr && isValidUTF8(text, length)) {
+        s->assign(text, length);
+      } else {
+        out = SQLiteDatabase::Value::text(sanitizeUTF8(text, length));
+      }
       return;
     }
     default:  // SQLITE_NULL, and SQLITE_BLOB: there is no blob case
@@ -283,7 +292,5 @@ void readColumn(sqlite3_stmt* stmt, int i, SQLiteDatabase::Value& out) {
       return;
   }
 }
-
-}  // namespace
 
 }  // namespace tarskel

@@ -29,6 +29,7 @@
 #include "tarskel/protocol/Error.hpp"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace tarskel {
 
@@ -51,6 +52,8 @@ class SQLiteDatabase {
     // The payload of `text`; nothing for the other cases. Converts nothing.
     std::optional<std::string> stringValue() const&;
     std::optional<std::string> stringValue() &&;
+    // The payload of `text` without a copy; nullptr for the other cases.
+    const std::string* textPointer() const { return std::get_if<0>(&storage_); }
     // The payload of `integer`; a `real` truncated toward zero; nothing for
     // `text` and `null`. A real that is not finite or lies outside the signed
     // 64-bit range is a programming fault: the process ends (std::abort).
@@ -137,6 +140,7 @@ class SQLiteDatabase {
  private:
   struct ReadOnlyTag {};
   SQLiteDatabase(const std::string& path, ReadOnlyTag);
+  static void readColumn(sqlite3_stmt* stmt, int column, Value& out);
 
   sqlite3* handle_ = nullptr;
   std::mutex lock_;
