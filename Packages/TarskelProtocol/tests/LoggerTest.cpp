@@ -65,18 +65,6 @@ TEST(LoggerTest, LineForms) {
   }
 }
 
-TEST(LoggerTest, LevelNamesRoundTrip) {
-  const char* names[] = {"trace", "debug", "info", "notice", "warning", "error", "critical"};
-  for (const char* name : names) {
-    SCOPED_TRACE(name);
-    auto level = logLevelFromName(name);
-    ASSERT_TRUE(level.has_value());
-    EXPECT_EQ(logLevelName(*level), name);
-  }
-  EXPECT_FALSE(logLevelFromName("warn").has_value());
-  EXPECT_FALSE(logLevelFromName("INFO").has_value());
-}
-
 TEST(LoggerTest, TimestampIsLocalTimeWithOffset) {
   {
     ScopedTimeZone tz("UTC0");
