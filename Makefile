@@ -23,7 +23,8 @@ test-sanitize:
 test-tsan:
 	$(MAKE) test PRESET=tsan
 
-bench: deps
+bench:
+	@scripts/install-deps --bench
 	cmake --preset bench >/dev/null
 	cmake --build build/bench -j $(JOBS)
 
