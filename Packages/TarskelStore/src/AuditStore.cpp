@@ -54,14 +54,17 @@ bool readNumber(const Value* v, double& out) {
   return d.has_value();
 }
 
+bool readInt(const Value* v, std::int64_t& out) {
+  if (v == nullptr || v->kind() == Value::Kind::text || v->kind() == Value::Kind::null) return false;
+  out = *v->intValue();
+  return true;
+}
+
 // Fills `e` from the row; false unless every column is present and of an
 // accepted case.
 bool decodeInto(const Columns& c, AuditStore::Entry& e) {
-  auto seq = c.at[0] == nullptr ? std::nullopt : c.at[0]->intValue();
-  if (!seq) return false;
-  e.seq = *seq;
-  return readNumber(c.at[1], e.ts.secondsSinceReferenceDate) && readText(c.at[2], e.caller) &&
-         readText(c.at[3], e.tool) && readText(c.at[4], e.origin) && readText(c.at[5], e.outcome) &&
+  return readInt(c.at[0], e.seq) && readNumber(c.at[1], e.ts.secondsSinceReferenceDate) &&
+         readText(c.at[2], e.caller) && readText(c.at[3], e.tool) && readText(c.at[4], e.origin) && readText(c.at[5], e.outcome) &&
          readNumber(c.at[6], e.durationMs) && readText(c.at[7], e.correlationId) &&
          readText(c.at[8], e.prevHash) && readText(c.at[9], e.hash);
 }
@@ -189,29 +192,36 @@ std::vector<AuditStore::Entry> AuditStore::entriesSync(const std::string& correl
 AuditStore::ChainReport AuditStore::inspectChain() const {
   ChainReport report;
   std::string expected(kGenesisHash);
-  Entry entry;
   std::string preimage;
   std::optional<Columns> columns;
-  // Streamed rather than gathered: the outcome is the same as walking the
-  // whole result, without holding every row in memory at once.
+  // Streamed rather than gathered, and read in place rather than decoded into
+  // copies: the judgement is the same as decoding every row of the whole
+  // result, without holding the table in memory.
   db_->forEachRow(kChainQuery, {}, [&](Row& row) {
     if (!columns) columns.emplace(row);  // the same Row object for every row
-    if (!decodeInto(*columns, entry)) {
+    const auto& c = columns->at;
+    std::array<const std::string*, 10> text{};
+    for (std::size_t i : {2, 3, 4, 5, 7, 8, 9}) text[i] = c[i] == nullptr ? nullptr : c[i]->textPointer();
+    std::int64_t seq = 0;
+    double ts = 0;
+    double duration = 0;
+    bool decodes = readInt(c[0], seq) && readNumber(c[1], ts) && readNumber(c[6], duration);
+    for (std::size_t i : {2, 3, 4, 5, 7, 8, 9}) decodes = decodes && text[i] != nullptr;
+    if (!decodes) {
       report.firstBreak = ChainBreak{seqOf(row), "row does not decode"};
       return false;
     }
-    if (entry.prevHash != expected) {
-      report.firstBreak = ChainBreak{entry.seq, "prev_hash differs from the hash of the row before"};
+    if (*text[8] != expected) {
+      report.firstBreak = ChainBreak{seq, "prev_hash differs from the hash of the row before"};
       return false;
     }
-    writePreimage(preimage, entry.prevHash, entry.ts, entry.caller, entry.tool, entry.origin,
-                  entry.outcome, entry.correlationId);
+    writePreimage(preimage, *text[8], Date{ts}, *text[2], *text[3], *text[4], *text[5], *text[7]);
     std::array<char, 64> hash = Hashing::sha256HexDigits(preimage);
-    if (std::string_view(hash.data(), hash.size()) != entry.hash) {
-      report.firstBreak = ChainBreak{entry.seq, "hash does not match the row's contents"};
+    if (std::string_view(hash.data(), hash.size()) != *text[9]) {
+      report.firstBreak = ChainBreak{seq, "hash does not match the row's contents"};
       return false;
     }
-    std::swap(expected, entry.hash);
+    expected.assign(*text[9]);
     ++report.rowsChecked;
     return true;
   });

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 namespace tarskel {
@@ -71,10 +72,20 @@ std::string sanitizeUTF8(const char* text, std::size_t length) {
   return out;
 }
 
-bool isValidUTF8(const char* text, std::size_t length) {
-  const auto* p = reinterpret_cast<const unsigned char*>(text);
+// Length of the leading ASCII run, eight bytes at a time.
+std::size_t asciiPrefix(const char* text, std::size_t length) {
   std::size_t i = 0;
-  while (i < length && p[i] < 0x80) ++i;
+  for (; i + 8 <= length; i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, text + i, 8);
+    if ((word & 0x8080808080808080ull) != 0) break;
+  }
+  while (i < length && static_cast<unsigned char>(text[i]) < 0x80) ++i;
+  return i;
+}
+
+bool isValidUTF8(const char* text, std::size_t length) {
+  std::size_t i = asciiPrefix(text, length);
   return i == length || sanitizeUTF8(text + i, length - i) == std::string_view(text + i, length - i);
 }
 
