@@ -1,0 +1,69 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+
+#include "tarskel/daemon/DaemonOp.hpp"
+#include "tarskel/daemon/PlatformFiles.hpp"
+
+namespace tarskel {
+
+// "platform.applyUpdate": exchanges the installed application bundle for one
+// that an unprivileged process has staged and sealed, or takes such an
+// exchange back. Root never installs what it cannot verify: the staged tree
+// must carry a seal, of a platform artefact, under a key of the allowlist at
+// <rootURL>/vendor/allowlist.json. Needs no grant.
+//
+// Arguments (no other keys):
+//   "action"        "swap" | "rollback"
+//   "installedApp"  the installed bundle; must end in ".app" (both actions)
+//   "previousPath"  where the version before the last swap is kept
+//   "stagedRoot", "appName"  swap: the sealed tree and the .app inside it
+//   "failedPath"    rollback: where the version rolled back from goes
+// Paths are file paths; a relative one is taken from the current directory.
+//
+// A swap verifies the seal, hands the staged .app to root (when the daemon
+// runs as root), empties previousPath, exchanges the staged .app with the
+// installed one in one system call, then moves the old version to
+// previousPath: {"swapped": true, "to": <manifest version>}. A rollback
+// exchanges previousPath with installedApp and moves the failed version to
+// failedPath: {"rolledback": true}. Neither undoes a step: at every instant
+// a whole bundle lies at installedApp, but a failure may leave previousPath
+// emptied (see the tests for the state after each step).
+//
+// Failures it words are DaemonOpError; the allowlist's DecodingError and the
+// seal's SealError go out as they are. execute has no suspension point: its
+// file operations block the worker thread, and two requests at once are not
+// excluded from each other.
+class PlatformApplyUpdateOp final : public DaemonOp {
+ public:
+  explicit PlatformApplyUpdateOp(
+      std::filesystem::path rootURL,
+      std::shared_ptr<const PlatformFiles> platform = PlatformFiles::system());
+
+  boost::asio::awaitable<JSONValue> execute(const JSONObject& args,
+                                            const DaemonOpContext& context) const override;
+
+  // Gives the tree at `at` (its root first, then every entry below it in the
+  // enumeration's order) to uid 0, gid 0, links changed themselves. The first
+  // refusal throws DaemonOpError "chown de <path> falló: errno <n>"; entries
+  // changed before it stay changed. A tree that can't be enumerated stops
+  // after its root, without error. Modes are left as they are.
+  static void chownTreeToRootWheel(const std::filesystem::path& at,
+                                   const PlatformFiles& platform = *PlatformFiles::system());
+
+  const std::filesystem::path& rootURL() const { return rootURL_; }
+
+ private:
+  JSONValue swap(const std::filesystem::path& stagedRoot, const std::string& appName,
+                 const std::filesystem::path& installedApp,
+                 const std::filesystem::path& previousURL) const;
+  JSONValue rollback(const std::filesystem::path& installedApp,
+                     const std::filesystem::path& previousURL,
+                     const std::filesystem::path& failedURL) const;
+
+  std::filesystem::path rootURL_;
+  std::shared_ptr<const PlatformFiles> platform_;
+};
+
+}  // namespace tarskel
