@@ -2,7 +2,8 @@
 # and for developers.
 .PHONY: all deps build test test-sanitize test-tsan bench fuzz run clean
 
-PRESET ?= default
+# CI (CI=true in the environment) builds with warnings as errors.
+PRESET ?= $(if $(filter true,$(CI)),ci,default)
 JOBS ?= $(shell nproc)
 
 all: build
