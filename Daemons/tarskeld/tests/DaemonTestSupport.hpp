@@ -77,13 +77,15 @@ class DaemonFixture : public ::testing::Test {
     return *db->query("SELECT COUNT(*) AS n FROM audit;").at(0).at("n").intValue();
   }
 
-  // Declared first so that the pool (and every task on it) is gone before
-  // the stores and the directory.
+  // Every task has finished before the stores go; the strands of the stores
+  // must in turn be gone before the pool that serves them.
+  void TearDown() override { pool.join(); }
+
   TempDir dir;
+  boost::asio::thread_pool pool{4};
   std::shared_ptr<SQLiteDatabase> db;
   std::shared_ptr<AuditStore> audit;
   std::shared_ptr<GrantsStore> grants;
-  boost::asio::thread_pool pool{4};
 };
 
 }  // namespace tarskel::testing
