@@ -20,6 +20,9 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
 
 namespace tarskel {
 
@@ -60,5 +63,30 @@ class PlatformFiles {
  protected:
   PlatformFiles() = default;
 };
+
+// The path that a caller's text names, as the platform operations use it:
+// absolute (a relative text is taken from the current directory, an empty one
+// names the current directory), without trailing separators, otherwise as
+// written ("." and ".." stay). Pure apart from reading the current directory.
+inline std::filesystem::path platformFilePath(std::string_view text) {
+  std::string path(text);
+  if (path.empty() || path.front() != '/') {
+    std::error_code error;
+    std::string base = std::filesystem::current_path(error).string();
+    if (error || base.empty()) base = "/";
+    if (base.back() != '/') base += '/';
+    path = base + path;
+  }
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return std::filesystem::path(path);
+}
+
+// True when the last component of `path` has the extension "app", exactly
+// (case matters).
+inline bool hasAppExtension(const std::filesystem::path& path) {
+  // A name that is only ".app" is a hidden file without an extension.
+  const std::string name = path.filename().string();
+  return name.size() > 4 && name.ends_with(".app");
+}
 
 }  // namespace tarskel

@@ -1,0 +1,217 @@
+#include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <optional>
+#include <string>
+
+#include "tarskel/protocol/Date.hpp"
+#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/vendor/HashManifest.hpp"
+#include "tarskel/vendor/BundleSeal.hpp"
+#include "tarskel/vendor/Ed25519.hpp"
+
+namespace fs = std::filesystem;
+
+namespace tarskel {
+namespace {
+
+SchemaNode nonEmptyString() {
+  SchemaNode node;
+  node.type = SchemaType::string;
+  node.minLength = 1;
+  return node;
+}
+
+SchemaNode applyUpdateSchema() {
+  SchemaNode action;
+  action.type = SchemaType::string;
+  action.enumValues = std::vector<JSONValue>{JSONValue("swap"), JSONValue("rollback")};
+  SchemaNode root;
+  root.type = SchemaType::object;
+  root.properties = std::map<std::string, SchemaNode>{
+      {"action", action},
+      {"stagedRoot", nonEmptyString()},
+      {"appName", nonEmptyString()},
+      {"installedApp", nonEmptyString()},
+      {"previousPath", nonEmptyString()},
+      {"failedPath", nonEmptyString()},
+  };
+  root.required = std::vector<std::string>{"action", "installedApp", "previousPath"};
+  root.additionalProperties = false;
+  return root;
+}
+
+const std::string* stringArgument(const JSONObject& args, std::string_view key) {
+  const JSONValue* value = args.find(key);
+  return value != nullptr ? value->stringValue() : nullptr;
+}
+
+std::string stringOrEmpty(const JSONObject& args, std::string_view key) {
+  const std::string* text = stringArgument(args, key);
+  return text != nullptr ? *text : std::string();
+}
+
+// The whole file, or nothing when it can't be opened or read to its end (a
+// directory included).
+std::optional<std::string> readWholeFile(const fs::path& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string bytes;
+  char buffer[16384];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    bytes.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return bytes;
+}
+
+// What exists after following links, as the existence checks of both
+// actions ask: a dangling link names nothing.
+bool existsAt(const fs::path& path) {
+  std::error_code error;
+  return fs::exists(path, error);
+}
+
+// Removes whatever is at `path`; a failure leaves what it could not remove.
+void removeQuietly(const fs::path& path) {
+  std::error_code error;
+  fs::remove_all(path, error);
+}
+
+// Moves `from` to `to`, refusing to replace anything already at `to`; across
+// file systems the tree is copied and then removed. Failures are the
+// caller's to ignore, so nothing is reported.
+void moveQuietly(const fs::path& from, const fs::path& to) {
+  std::error_code error;
+  if (fs::symlink_status(to, error).type() != fs::file_type::not_found) return;
+  fs::rename(from, to, error);
+  if (error != std::errc::cross_device_link) return;
+  error.clear();
+  fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
+  if (!error) fs::remove_all(from, error);
+}
+
+std::string errnoSuffix(int errorNumber) { return "errno " + std::to_string(errorNumber); }
+
+}  // namespace
+
+PlatformApplyUpdateOp::PlatformApplyUpdateOp(fs::path rootURL,
+                                             std::shared_ptr<const PlatformFiles> platform)
+    : DaemonOp("platform.applyUpdate", applyUpdateSchema(), false),
+      rootURL_(std::move(rootURL)),
+      platform_(std::move(platform)) {}
+
+boost::asio::awaitable<JSONValue> PlatformApplyUpdateOp::execute(
+    const JSONObject& args, const DaemonOpContext& /*context*/) const {
+  const fs::path installedApp = platformFilePath(stringOrEmpty(args, "installedApp"));
+  const fs::path previousURL = platformFilePath(stringOrEmpty(args, "previousPath"));
+  // Checked before the action, so that a rollback is held to it too.
+  if (!hasAppExtension(installedApp)) {
+    throw DaemonOpError("installedApp debe ser un bundle .app: " + installedApp.string());
+  }
+  const std::string action = stringOrEmpty(args, "action");
+  if (action == "swap") {
+    const std::string* stagedRoot = stringArgument(args, "stagedRoot");
+    const std::string* appName = stringArgument(args, "appName");
+    if (stagedRoot == nullptr || appName == nullptr) {
+      throw DaemonOpError("swap exige stagedRoot y appName");
+    }
+    co_return swap(platformFilePath(*stagedRoot), *appName, installedApp, previousURL);
+  }
+  if (action == "rollback") {
+    const std::string* failedPath = stringArgument(args, "failedPath");
+    if (failedPath == nullptr) throw DaemonOpError("rollback exige failedPath");
+    co_return rollback(installedApp, previousURL, platformFilePath(*failedPath));
+  }
+  throw DaemonOpError("action desconocida");
+}
+
+// No step is undone and each "quietly" step may fail without stopping the
+// next: the kernel's exchange is what keeps a whole bundle at installedApp.
+JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::string& appName,
+                                      const fs::path& installedApp,
+                                      const fs::path& previousURL) const {
+  const fs::path allowlistPath = rootURL_ / "vendor" / "allowlist.json";
+  std::optional<std::string> allowlistBytes = readWholeFile(allowlistPath);
+  if (!allowlistBytes) {
+    // Never fall back to another list: an unprovisioned daemon swaps nothing.
+    throw DaemonOpError("gate vendor del daemon sin provisionar (" + allowlistPath.string() +
+                        ") — root no intercambia lo que no puede verificar");
+  }
+  const auto allowlist = TarskelJSON::decoder().decode<VendorAllowlist>(*allowlistBytes);
+
+  // No installed version is given, so an older sealed version passes: what
+  // is judged is signature, expiry and exact contents.
+  const VendorVerification verification(std::make_shared<Ed25519Algorithm>(),
+                                        [] { return Date::now(); });
+  const HashManifest manifest =
+      BundleSeal::verify(stagedRoot, verification, allowlist, std::nullopt, false);
+  if (manifest.artifactType != ArtifactType::platform) {
+    throw DaemonOpError("el artefacto staged no es de plataforma");
+  }
+
+  // Appended as text: an appName that starts with "/" stays inside the tree.
+  const fs::path candidate = platformFilePath(stagedRoot.string() + "/" + appName);
+  if (!hasAppExtension(candidate) || !existsAt(candidate)) {
+    throw DaemonOpError("el artefacto verificado no trae " + appName);
+  }
+  if (platform_->effectiveUserId() == 0) chownTreeToRootWheel(candidate, *platform_);
+
+  // The kept version is given up before the exchange is known to succeed.
+  removeQuietly(previousURL);
+  std::error_code ignored;
+  fs::create_directories(previousURL.parent_path(), ignored);
+
+  if (int error = platform_->exchange(candidate, installedApp); error != 0) {
+    throw DaemonOpError("renamex_np(RENAME_SWAP) falló: " + errnoSuffix(error));
+  }
+  // The update has taken effect; keeping the old version is best effort.
+  moveQuietly(candidate, previousURL);
+  return JSONValue(JSONObject{{"swapped", JSONValue(true)}, {"to", JSONValue(manifest.version)}});
+}
+
+JSONValue PlatformApplyUpdateOp::rollback(const fs::path& installedApp,
+                                          const fs::path& previousURL,
+                                          const fs::path& failedURL) const {
+  if (!existsAt(previousURL)) {
+    throw DaemonOpError("sin versión anterior cacheada en " + previousURL.string());
+  }
+  if (int error = platform_->exchange(previousURL, installedApp); error != 0) {
+    throw DaemonOpError("rollback renamex_np falló: " + errnoSuffix(error));
+  }
+  removeQuietly(failedURL);
+  moveQuietly(previousURL, failedURL);
+  return JSONValue(JSONObject{{"rolledback", JSONValue(true)}});
+}
+
+void PlatformApplyUpdateOp::chownTreeToRootWheel(const fs::path& at,
+                                                 const PlatformFiles& platform) {
+  auto changeOrThrow = [&platform](const fs::path& path) {
+    if (int error = platform.changeOwnerToRootWheel(path); error != 0) {
+      throw DaemonOpError("chown de " + path.string() + " falló: " + errnoSuffix(error));
+    }
+  };
+  changeOrThrow(at);
+
+  // Links are not followed into, and unreadable directories are passed over
+  // rather than ending the walk.
+  std::error_code error;
+  fs::recursive_directory_iterator entry(at, fs::directory_options::skip_permission_denied, error);
+  if (error) return;
+  for (const fs::recursive_directory_iterator end; entry != end; entry.increment(error)) {
+    if (error) return;
+    changeOrThrow(entry->path());
+  }
+}
+
+}  // namespace tarskel

@@ -1,0 +1,58 @@
+#include <mach-o/dyld.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tarskel/daemon/PlatformFiles.hpp"
+
+namespace tarskel {
+namespace {
+
+class DarwinPlatformFiles final : public PlatformFiles {
+ public:
+  int exchange(const std::filesystem::path& a, const std::filesystem::path& b) const override {
+    if (::renamex_np(a.c_str(), b.c_str(), RENAME_SWAP) == 0) return 0;
+    return errno;
+  }
+
+  // _NSGetExecutablePath tells the size it needs when the buffer is short;
+  // the path it gives may still hold links, which the caller resolves.
+  std::optional<std::filesystem::path> executablePath() const override {
+    std::vector<char> buffer(1024);
+    auto size = static_cast<std::uint32_t>(buffer.size());
+    if (::_NSGetExecutablePath(buffer.data(), &size) != 0) {
+      buffer.resize(size);
+      if (::_NSGetExecutablePath(buffer.data(), &size) != 0) return std::nullopt;
+    }
+    std::string path(buffer.data());
+    if (path.empty()) return std::nullopt;
+    return std::filesystem::path(path);
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<const PlatformFiles> PlatformFiles::system() {
+  static const std::shared_ptr<const PlatformFiles> instance =
+      std::make_shared<DarwinPlatformFiles>();
+  return instance;
+}
+
+int PlatformFiles::changeOwnerToRootWheel(const std::filesystem::path& path) const {
+  return ::lchown(path.c_str(), 0, 0) == 0 ? 0 : errno;
+}
+
+uid_t PlatformFiles::effectiveUserId() const { return ::geteuid(); }
+
+PlatformFiles::Owner PlatformFiles::ownerOf(const std::filesystem::path& path) const {
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0) return Owner{std::nullopt, errno};
+  return Owner{static_cast<std::uint32_t>(info.st_uid), 0};
+}
+
+}  // namespace tarskel
