@@ -1,0 +1,43 @@
+#include "tarskel/daemon/DaemonPeerGate.hpp"
+
+#include "tarskel/codesign/CodeSignVerifier.hpp"
+
+namespace tarskel {
+
+namespace {
+// Where the verifier's messages name a path: an XPC client has none.
+constexpr std::string_view kClientName = "cliente xpc";
+}  // namespace
+
+DaemonPeerVerdict DaemonPeerGate::verdict(const DaemonMessageSender& message) const {
+  if (!teamIds) {
+    return DaemonPeerVerdict::unverified("gate SO sin provisionar (sin vendor/teams.json)");
+  }
+  const CodeSignPlatform& services = platform ? *platform : CodeSignPlatform::system();
+  const CodeResult running = message.senderCode(services);
+  if (running.status != 0 || !running.code) {
+    return DaemonPeerVerdict::rejected("sin identidad de código en el mensaje xpc (" +
+                                       std::to_string(running.status) + ")");
+  }
+  const CodeResult onDisk = services.staticCodeOf(*running.code);
+  if (onDisk.status != 0 || !onDisk.code) {
+    return DaemonPeerVerdict::rejected("sin static code del cliente xpc (" +
+                                       std::to_string(onDisk.status) + ")");
+  }
+  try {
+    return DaemonPeerVerdict::trusted(
+        CodeSignVerifier::check(*onDisk.code, kClientName, *teamIds, services));
+  } catch (const CodeSignError& e) {
+    return DaemonPeerVerdict::rejected(e.description());
+  } catch (const std::exception& e) {
+    // The verifier throws nothing else; a platform that does still must not
+    // take the message down with it.
+    return DaemonPeerVerdict::rejected(e.what());
+  }
+}
+
+std::shared_ptr<const CodeSignPlatform> DaemonPeerGate::systemPlatform() {
+  return {std::shared_ptr<const CodeSignPlatform>(), &CodeSignPlatform::system()};
+}
+
+}  // namespace tarskel

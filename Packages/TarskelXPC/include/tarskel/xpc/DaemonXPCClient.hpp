@@ -1,0 +1,83 @@
+#pragma once
+
+// The synchronous client of the daemon: one DaemonRequest in, one
+// DaemonResponse out.
+//
+//   DaemonXPCClient client(DaemonWire::machServiceName);
+//   DaemonResponse r = client.request({.op = "daemon.info"});
+//   if (!r.ok) ... r.error->code ...
+//
+// On macOS this is an XPC connection to the Mach service; elsewhere it is the
+// Unix socket that socketPathForMachService(name) names, speaking the
+// envelope of Transport.hpp.
+//
+// Threads. request() may be called from any number of threads at once; each
+// call blocks its thread until its own reply is there (replies pair with
+// messages by id), so never call it from a thread the answer depends on.
+// close() may be called from any thread. The object must outlive every call
+// in flight.
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "tarskel/protocol/Error.hpp"
+#include "tarskel/xpc/DaemonWire.hpp"
+
+namespace tarskel {
+
+// The daemon could not be reached, or its reply carried no response:
+// "daemon no disponible: <text>".
+class DaemonClientError : public Error {
+ public:
+  enum class Kind { transport };
+
+  static DaemonClientError transport(std::string text) {
+    return DaemonClientError(std::move(text));
+  }
+
+  Kind kind() const { return Kind::transport; }
+  // The text behind "daemon no disponible: ".
+  const std::string& text() const { return text_; }
+
+ private:
+  explicit DaemonClientError(std::string text)
+      : Error("daemon no disponible: " + text), text_(std::move(text)) {}
+
+  std::string text_;
+};
+
+class DaemonXPCClient {
+ public:
+  // Never fails and never connects: a daemon that isn't there shows up at
+  // the first request.
+  explicit DaemonXPCClient(std::string_view machServiceName);
+  // Releases the connection without cancelling it.
+  ~DaemonXPCClient();
+
+  DaemonXPCClient(const DaemonXPCClient&) = delete;
+  DaemonXPCClient& operator=(const DaemonXPCClient&) = delete;
+
+  // Sends `request` (encoded with TarskelJSON::encoder()) and blocks until
+  // the reply, with no time-out. Throws:
+  //   - the encoder's EncodingError when the request can't be encoded;
+  //   - DaemonClientError::transport when the daemon is absent, the
+  //     connection is lost before the reply, the client was closed, or the
+  //     reply has no response ("reply sin payload de respuesta");
+  //   - the decoder's DecodingError for a response that doesn't decode,
+  //     zero bytes included.
+  // A response with ok == false is returned, not thrown. After a transport
+  // failure the next call tries to connect again.
+  DaemonResponse request(const DaemonRequest& request);
+
+  // Cancels the connection: calls in flight and every later call fail with
+  // a transport error.
+  void close();
+
+  struct Connection;
+
+ private:
+  std::unique_ptr<Connection> connection_;
+};
+
+}  // namespace tarskel
