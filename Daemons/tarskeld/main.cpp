@@ -1,0 +1,6 @@
+#include "tarskel/daemon/DaemonPeerGate.hpp"
+#include "tarskel/daemon/Tarskeld.hpp"
+
+int main(int argc, char** argv) {
+  return tarskel::Tarskeld::main(argc, argv, tarskel::DaemonPeerGate::systemPlatform());
+}

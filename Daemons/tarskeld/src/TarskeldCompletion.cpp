@@ -1,0 +1,81 @@
+// Shell completion for tarskeld's options. The command has no subcommands and
+// no positional arguments, so each script only has to offer the option names,
+// directories after --root, nothing after --mach-service (a free name) and
+// the three shells after --generate-completion-script.
+
+#include <string>
+
+#include "tarskel/daemon/Tarskeld.hpp"
+
+namespace tarskel {
+namespace {
+
+constexpr std::string_view kBash = R"(# bash completion for tarskeld
+_tarskeld() {
+    local cur prev
+    cur="${COMP_WORDS[COMP_CWORD]}"
+    prev="${COMP_WORDS[COMP_CWORD-1]}"
+    case "$prev" in
+        --root)
+            compopt -o filenames 2>/dev/null
+            COMPREPLY=( $(compgen -d -- "$cur") )
+            return 0 ;;
+        --mach-service)
+            COMPREPLY=()
+            return 0 ;;
+        --generate-completion-script)
+            COMPREPLY=( $(compgen -W "bash zsh fish" -- "$cur") )
+            return 0 ;;
+    esac
+    COMPREPLY=( $(compgen -W "--mach-service --root --help --version --generate-completion-script" -- "$cur") )
+}
+complete -F _tarskeld tarskeld
+)";
+
+// zsh's _arguments reads "[...]" as the description and ":" as a separator;
+// the help texts hold neither.
+constexpr std::string_view kZshHead = R"(#compdef tarskeld
+_tarskeld() {
+    _arguments -s \
+        '--mach-service[)";
+constexpr std::string_view kZshMiddle = R"(]:nombre del servicio: ' \
+        '--root[)";
+constexpr std::string_view kZshTail = R"(]:directorio:_files -/' \
+        '(- *)--help[Muestra la ayuda]' \
+        '(- *)--version[Muestra la versión]' \
+        '(- *)--generate-completion-script[Imprime un script de completado]:shell:(bash zsh fish)'
+}
+_tarskeld "$@"
+)";
+
+constexpr std::string_view kFishHead = R"(# fish completion for tarskeld
+complete -c tarskeld -f
+complete -c tarskeld -l mach-service -x -d ')";
+constexpr std::string_view kFishMiddle = R"('
+complete -c tarskeld -l root -x -a '(__fish_complete_directories)' -d ')";
+constexpr std::string_view kFishTail = R"('
+complete -c tarskeld -l help -d 'Muestra la ayuda'
+complete -c tarskeld -l version -d 'Muestra la versión'
+complete -c tarskeld -l generate-completion-script -x -a 'bash zsh fish' -d 'Imprime un script de completado'
+)";
+
+std::string joined(std::initializer_list<std::string_view> parts) {
+  std::string out;
+  for (std::string_view part : parts) out += part;
+  return out;
+}
+
+}  // namespace
+
+std::optional<std::string> Tarskeld::completionScript(std::string_view shell) {
+  if (shell == "bash") return std::string(kBash);
+  if (shell == "zsh") {
+    return joined({kZshHead, machServiceHelp, kZshMiddle, rootHelp, kZshTail});
+  }
+  if (shell == "fish") {
+    return joined({kFishHead, machServiceHelp, kFishMiddle, rootHelp, kFishTail});
+  }
+  return std::nullopt;
+}
+
+}  // namespace tarskel

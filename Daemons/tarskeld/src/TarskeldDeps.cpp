@@ -1,0 +1,105 @@
+#include "tarskel/daemon/TarskeldDeps.hpp"
+
+#include <thread>
+#include <utility>
+
+#include "tarskel/codesign/TeamTrust.hpp"
+#include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
+#include "tarskel/daemon/PlatformUninstallMachineOp.hpp"
+#include "tarskel/vendor/VendorSeed.hpp"
+
+namespace tarskel {
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr fs::perms kStateDirectoryMode = fs::perms::owner_all | fs::perms::group_read |
+                                          fs::perms::group_exec | fs::perms::others_read |
+                                          fs::perms::others_exec;
+
+unsigned workerCount() {
+  unsigned n = std::thread::hardware_concurrency();
+  return n == 0 ? 2 : n;
+}
+
+DaemonCore::OpList platformOps(const fs::path& rootURL) {
+  return {std::make_shared<PlatformApplyUpdateOp>(rootURL),
+          std::make_shared<PlatformUninstallMachineOp>(
+              PlatformUninstallMachineOp::derivedInstalledApp(), rootURL)};
+}
+
+}  // namespace
+
+TarskeldDeps::TarskeldDeps() : pool_(workerCount()) {}
+
+// Only reached when create() fails part-way: a started daemon is never torn
+// down. Tasks already on the pool finish before the stores go.
+TarskeldDeps::~TarskeldDeps() {
+  server_.reset();
+  pool_.join();
+}
+
+fs::path TarskeldDeps::makeStateDirectory(const fs::path& rootURL) {
+  fs::path target = rootURL / "daemon";
+  fs::path partial;
+  for (const fs::path& component : target) {
+    partial /= component;
+    if (partial == partial.root_path() || component == "." || component == "..") continue;
+    // create_directory answers false, without error, for a directory that is
+    // there already; anything else in the way is an error.
+    if (fs::create_directory(partial)) fs::permissions(partial, kStateDirectoryMode);
+  }
+  return target;
+}
+
+void TarskeldDeps::seedVendorAllowlist(const fs::path& rootURL, const Seams& seams,
+                                       const Logger& logger) {
+  std::optional<fs::path> seedURL =
+      VendorSeed::resolveSeedURL(seams.environment, seams.executableURL);
+  if (!seedURL) return;
+  bool seeded = false;
+  try {
+    seeded = VendorSeed::seedIfAbsent(rootURL, *seedURL);
+  } catch (...) {
+    // A daemon without an allowlist still serves; an update then says why.
+    return;
+  }
+  if (seeded) logger.info("allowlist vendor de máquina sembrada desde la distribución");
+}
+
+std::optional<std::vector<std::string>> TarskeldDeps::loadGateTeams(const fs::path& rootURL,
+                                                                    const Logger& logger) {
+  std::optional<TeamTrust> trust = TeamTrust::loadIfProvisioned(rootURL, logger);
+  if (!trust) {
+    logger.warning("gate XPC sin provisionar — clientes pasan como unverified");
+    return std::nullopt;
+  }
+  logger.info("gate XPC activo: " + std::to_string(trust->teamIds.size()) +
+              " team(s) confiados");
+  return std::move(trust->teamIds);
+}
+
+std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
+                                                   const std::string& machService,
+                                                   const Logger& logger, Seams seams) {
+  std::unique_ptr<TarskeldDeps> deps(new TarskeldDeps());
+  fs::path stateDirectory = makeStateDirectory(rootURL);
+
+  deps->db_ = SQLiteDatabase::open((stateDirectory / "audit.db").string());
+  deps->audit_ = std::make_shared<AuditStore>(deps->db_, deps->pool_.get_executor());
+
+  seedVendorAllowlist(rootURL, seams, logger);
+  std::optional<std::vector<std::string>> teamIds = loadGateTeams(rootURL, logger);
+
+  deps->grants_ =
+      std::make_shared<GrantsStore>(stateDirectory / "grants.json", deps->pool_.get_executor());
+  deps->core_.emplace(std::nullopt, deps->audit_, deps->grants_, rootURL, platformOps);
+
+  deps->server_ = std::make_unique<DaemonXPCServer>(
+      machService, *deps->core_, DaemonPeerGate{std::move(teamIds), std::move(seams.gatePlatform)},
+      deps->pool_.get_executor());
+  deps->server_->start();
+  return deps;
+}
+
+}  // namespace tarskel
