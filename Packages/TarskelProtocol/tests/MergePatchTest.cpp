@@ -55,12 +55,6 @@ TEST(MergePatchTest, ApplyFollowsTheRFCExamplesAndOurEdgeCases) {
   }
 }
 
-TEST(MergePatchTest, ApplyTreatsCanonicallyEquivalentKeysAsOne) {
-  const JSONValue target = json("{\"caf\xC3\xA9\":1}");   // precomposed é
-  const JSONValue patch = json("{\"cafe\xCC\x81\":null}");  // e + combining acute
-  EXPECT_EQ(canonical(MergePatch::apply(patch, target)), "{}");
-}
-
 struct DiffCase {
   const char* from;
   const char* to;
@@ -87,20 +81,6 @@ TEST(MergePatchTest, DiffGivesTheSmallestPatchTheFormatCanSay) {
   for (const DiffCase& c : cases) {
     SCOPED_TRACE(std::string(c.from) + " -> " + c.to);
     EXPECT_EQ(canonical(MergePatch::diff(json(c.from), json(c.to))), c.expected);
-  }
-}
-
-TEST(MergePatchTest, DiffThenApplyLeadsToTheTargetWhenNoNullsStandAsValues) {
-  const std::vector<std::pair<const char*, const char*>> pairs = {
-      {R"({"a":1,"b":{"c":[1,2],"d":"x"},"e":true})", R"({"b":{"c":[1],"f":{"g":2}},"e":false})"},
-      {R"({"a":{"b":{"c":{"d":1}}}})", R"({"a":{"b":{"c":{"e":1}}}})"},
-      {R"({"a":1})", R"({"a":1})"},
-      {"{}", R"({"new":{"deep":[{}]}})"},
-  };
-  for (const auto& [from, to] : pairs) {
-    SCOPED_TRACE(std::string(from) + " -> " + to);
-    const JSONValue patch = MergePatch::diff(json(from), json(to));
-    EXPECT_EQ(MergePatch::apply(patch, json(from)), json(to));
   }
 }
 

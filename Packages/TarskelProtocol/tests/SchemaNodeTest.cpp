@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tarskel/protocol/TarskelJSON.hpp"
@@ -41,60 +41,36 @@ void runRuleCases(const std::vector<RuleCase>& cases) {
   }
 }
 
-TEST(SchemaNodeTest, EmptyNodeAcceptsEverything) {
-  for (const char* value : {"null", "true", "0", "-1.5", "\"\"", "[1,[2]]", R"({"a":{"b":null}})"}) {
-    SCOPED_TRACE(value);
-    EXPECT_TRUE(findings("{}", value).empty());
-  }
-}
-
-TEST(SchemaNodeTest, TypeMismatchIsTheOnlyFindingForThatValue) {
+TEST(SchemaNodeTest, ValidateRules) {
+  const std::string typeInteger = "$: [type] se esperaba integer, llegó number";
+  const std::string noMatch = "$: [pattern] no coincide con /^b$/";
   runRuleCases({
-      {R"({"type":"object","required":["a"]})", "[]",
-       {"$: [type] se esperaba object, llegó array"}},
-      {R"({"type":"integer","minimum":1})", "1.5", {"$: [type] se esperaba integer, llegó number"}},
-      {R"({"type":"integer"})", "1e300", {"$: [type] se esperaba integer, llegó number"}},
-      {R"({"type":"integer"})", "9007199254740992", {"$: [type] se esperaba integer, llegó number"}},
-      {R"({"type":"integer"})", "9007199254740991", {}},
+      {"{}", "null", {}},
+      {"{}", R"([1,{"a":"b"}])", {}},
+      // A type mismatch is the only finding for its value.
+      {R"({"type":"object","required":["a"]})", "[]", {"$: [type] se esperaba object, llegó array"}},
+      {R"({"type":"integer","minimum":1})", "1.5", {typeInteger}},
+      {R"({"type":"integer"})", "1e300", {typeInteger}},
+      {R"({"type":"integer"})", "9007199254740992", {typeInteger}},
       {R"({"type":"integer"})", "1.0", {}},
-      {R"({"type":"integer"})", "-0.0", {}},
       {R"({"type":"number"})", "3", {}},
-      {R"({"type":"string"})", "3", {"$: [type] se esperaba string, llegó integer"}},
       {R"({"type":"string","enum":["x"]})", "null", {"$: [type] se esperaba string, llegó null"}},
       {R"({"type":"boolean"})", "\"true\"", {"$: [type] se esperaba boolean, llegó string"}},
-      {R"({"type":"array"})", "{}", {"$: [type] se esperaba array, llegó object"}},
-      {R"({"type":"object"})", "false", {"$: [type] se esperaba object, llegó boolean"}},
-  });
-}
-
-TEST(SchemaNodeTest, EnumComparesAsJSONValuesAndDoesNotStopTheCheck) {
-  runRuleCases({
+      {R"({"type":"object"})", "3", {"$: [type] se esperaba object, llegó integer"}},
+      // Enum compares JSON values and does not stop the check.
       {R"({"enum":[1,"a"]})", "1.0", {}},
       {R"({"enum":[1,"a"]})", "2", {"$: [enum] valor fuera del conjunto admitido (2 opciones)"}},
-      {R"({"enum":[null]})", "null", {}},
-      {R"({"enum":[]})", "null", {"$: [enum] valor fuera del conjunto admitido (0 opciones)"}},
-      {R"({"enum":[{"a":[1]}]})", R"({"a":[1.0]})", {}},
       {"{\"enum\":[\"caf\xC3\xA9\"]}", "\"cafe\xCC\x81\"", {}},
       {R"({"type":"string","enum":["a"],"minLength":2})", "\"b\"",
        {"$: [enum] valor fuera del conjunto admitido (1 opciones)", "$: [minLength] largo 1 < mínimo 2"}},
-  });
-}
-
-TEST(SchemaNodeTest, NumberBoundsAreInclusiveAndShowAFraction) {
-  runRuleCases({
+      // Inclusive bounds, numbers shown with a fraction.
       {R"({"type":"integer","minimum":1})", "0", {"$: [minimum] 0.0 < mínimo 1.0"}},
-      {R"({"minimum":1})", "1", {}},
+      {R"({"minimum":1,"maximum":1})", "1", {}},
       {R"({"maximum":10})", "12.5", {"$: [maximum] 12.5 > máximo 10.0"}},
-      {R"({"maximum":10})", "10", {}},
       {R"({"minimum":0.5,"maximum":0.25})", "0.3",
        {"$: [minimum] 0.3 < mínimo 0.5", "$: [maximum] 0.3 > máximo 0.25"}},
       {R"({"minimum":0})", "-0.00001", {"$: [minimum] -1e-05 < mínimo 0.0"}},
-      {R"({"minimum":1})", "\"0\"", {}},
-  });
-}
-
-TEST(SchemaNodeTest, ObjectRulesReportMissingAndUndeclaredMembers) {
-  runRuleCases({
+      // Objects: missing and undeclared members.
       {R"({"required":["a"]})", R"({"a":null})", {}},
       {R"({"required":["a","b","a"]})", R"({"b":1})",
        {"$.a: [required] campo requerido ausente", "$.a: [required] campo requerido ausente"}},
@@ -102,116 +78,79 @@ TEST(SchemaNodeTest, ObjectRulesReportMissingAndUndeclaredMembers) {
       {R"({"additionalProperties":false})", R"({"a":1})", {}},
       {R"({"properties":{},"additionalProperties":false})", R"({"a":1})",
        {"$.a: [additionalProperties] campo no declarado en el schema"}},
-      {R"({"properties":{"b":{}},"additionalProperties":true})", R"({"a":1})", {}},
-      {R"({"properties":{"a b.c":{"type":"string"}}})", R"({"a b.c":1})",
-       {"$.a b.c: [type] se esperaba string, llegó integer"}},
       {"{\"properties\":{\"caf\xC3\xA9\":{\"type\":\"string\"}},\"additionalProperties\":false}",
        "{\"cafe\xCC\x81\":1}", {"$.cafe\xCC\x81: [type] se esperaba string, llegó integer"}},
-  });
-}
-
-TEST(SchemaNodeTest, PathsNameMembersAndElements) {
-  runRuleCases({
-      {R"({"properties":{"targets":{"items":{"properties":{"name":{"type":"string"}}}}}})",
-       R"({"targets":[{"name":"a"},{"name":"b"},{"name":3}]})",
-       {"$.targets[2].name: [type] se esperaba string, llegó integer"}},
+      // Paths of members and elements.
+      {R"({"properties":{"t":{"items":{"properties":{"name":{"type":"string"}}}}}})",
+       R"({"t":[{"name":"a"},{"name":3}]})", {"$.t[1].name: [type] se esperaba string, llegó integer"}},
       {R"({"items":{"items":{"maximum":1}}})", "[[0],[0,2]]", {"$[1][1]: [maximum] 2.0 > máximo 1.0"}},
-      {R"({"items":{"type":"string"},"minimum":5})", "[1]", {"$[0]: [type] se esperaba string, llegó integer"}},
-  });
-}
-
-TEST(SchemaNodeTest, ObjectMemberFindingsAreAllReported) {
-  std::vector<SchemaViolation> found =
-      schema(R"({"properties":{"a":{"type":"string"},"b":{"maximum":0}},"additionalProperties":false})")
-          .validate(json(R"({"a":1,"b":2,"c":3})"), "$");
-  std::vector<std::string> got = descriptions(found);
-  std::sort(got.begin(), got.end());
-  EXPECT_EQ(got, (std::vector<std::string>{
-                     "$.a: [type] se esperaba string, llegó integer",
-                     "$.b: [maximum] 2.0 > máximo 0.0",
-                     "$.c: [additionalProperties] campo no declarado en el schema",
-                 }));
-}
-
-TEST(SchemaNodeTest, StringLengthCountsUserPerceivedCharacters) {
-  struct Case {
-    const char* name;
-    std::string text;
-    int length;
-  };
-  const Case cases[] = {
-      {"ascii", "abc", 3},
-      {"precomposed e-acute", "\xC3\xA9", 1},
-      {"e and combining acute", "e\xCC\x81", 1},
-      {"flag of two regional indicators", "\xF0\x9F\x87\xAA\xF0\x9F\x87\xB8", 1},
-      {"family joined by ZWJ",
-       "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7", 1},
-      {"CR LF is one character", "a\r\nb", 3},
-      {"LF CR is two", "\n\r", 2},
-      {"mixed", "x\xC3\xA9y\xF0\x9F\x98\x80", 4},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const SchemaNode node = schema(R"({"minLength":100,"maxLength":0})");
-    std::vector<SchemaViolation> found = node.validate(JSONValue(c.text), "$");
-    ASSERT_EQ(found.size(), 2u);
-    EXPECT_EQ(found[0].message, "largo " + std::to_string(c.length) + " < mínimo 100");
-    EXPECT_EQ(found[1].message, "largo " + std::to_string(c.length) + " > máximo 0");
-  }
-}
-
-TEST(SchemaNodeTest, PatternsAreSearchedUnanchoredWithICUSyntax) {
-  runRuleCases({
+      // Patterns: ICU syntax, unanchored search, and ICU's $ before one final line terminator.
       {R"({"pattern":"b"})", R"("abc")", {}},
-      {R"({"pattern":"^b$"})", R"("abc")", {"$: [pattern] no coincide con /^b$/"}},
+      {R"({"pattern":"^b$"})", R"("abc")", {noMatch}},
       {R"({"pattern":"("})", R"("abc")", {"$: [pattern] el pattern del schema es inválido: /(/"}},
       {R"({"pattern":"("})", "5", {}},
       {R"({"pattern":"^\\p{Lu}\\w+$"})", "\"\xC3\x81rbol\"", {}},
-      // ICU's $ also matches before one final line terminator.
       {R"({"pattern":"^b$"})", R"("b\n")", {}},
       {R"({"pattern":"^b$"})", R"("b\r\n")", {}},
-      {R"({"pattern":"^b$"})", R"("b\n\n")", {"$: [pattern] no coincide con /^b$/"}},
-      {R"({"pattern":"^b$"})", R"("b\nc")", {"$: [pattern] no coincide con /^b$/"}},
+      {R"({"pattern":"^b$"})", R"("b\n\n")", {noMatch}},
       {R"({"minLength":5,"maxLength":1,"pattern":"z"})", R"("abc")",
        {"$: [minLength] largo 3 < mínimo 5", "$: [maxLength] largo 3 > máximo 1",
         "$: [pattern] no coincide con /z/"}},
   });
 }
 
-TEST(SchemaNodeTest, CatastrophicPatternGivesUpInsteadOfHanging) {
-  const SchemaNode node = schema(R"({"pattern":"(a+)+$"})");
-  const JSONValue value(std::string(64, 'a') + "!");
-  const auto start = std::chrono::steady_clock::now();
-  std::vector<std::string> got = descriptions(node.validate(value, "$"));
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-  EXPECT_EQ(got, std::vector<std::string>{"$: [pattern] no coincide con /(a+)+$/"});
-  // Without a limit this search would outlive the test run by years.
-  EXPECT_LT(elapsed, std::chrono::seconds(20));
+TEST(SchemaNodeTest, StringLengthCountsUserPerceivedCharacters) {
+  const std::pair<std::string, int> cases[] = {
+      {"abc", 3},
+      {"\xC3\xA9", 1},                           // precomposed e-acute
+      {"e\xCC\x81", 1},                          // e and a combining acute
+      {"\xF0\x9F\x87\xAA\xF0\x9F\x87\xB8", 1},  // a flag: two regional indicators
+      {"\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9", 1},  // two people joined by ZWJ
+      {"a\r\nb", 3},
+      {"\n\r", 2},
+      {"x\xC3\xA9y\xF0\x9F\x98\x80", 4},
+  };
+  const SchemaNode node = schema(R"({"minLength":100,"maxLength":0})");
+  for (const auto& [text, length] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(descriptions(node.validate(JSONValue(text), "$")),
+              (std::vector<std::string>{"$: [minLength] largo " + std::to_string(length) + " < mínimo 100",
+                                        "$: [maxLength] largo " + std::to_string(length) + " > máximo 0"}));
+  }
 }
 
-TEST(SchemaNodeTest, LongHonestInputStillMatchesWithinTheTimeLimit) {
-  const SchemaNode node = schema(R"({"pattern":"^(?:[a-z]+,)*[a-z]+$"})");
-  std::string text;
-  for (int i = 0; i < 20000; ++i) text += "word,";
-  text += "end";
-  EXPECT_TRUE(node.validate(JSONValue(text), "$").empty());
+TEST(SchemaNodeTest, PatternSearchHasATimeLimitThatHonestInputStaysUnder) {
+  const SchemaNode catastrophic = schema(R"({"pattern":"(a+)+$"})");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(descriptions(catastrophic.validate(JSONValue(std::string(64, 'a') + "!"), "$")),
+            std::vector<std::string>{"$: [pattern] no coincide con /(a+)+$/"});
+  // Without a limit this search would outlive the test run by years.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+
+  std::string longList;
+  for (int i = 0; i < 20000; ++i) longList += "word,";
+  EXPECT_TRUE(schema(R"({"pattern":"^(?:[a-z]+,)*[a-z]+$"})").validate(JSONValue(longList + "end"), "$").empty());
+}
+
+TEST(SchemaNodeTest, ValidationRunsOnSeveralThreadsAtOnce) {
+  const SchemaNode node = schema(R"({"items":{"type":"string","maxLength":1,"pattern":"^\\p{L}"}})");
+  JSONValue::Array elements;
+  for (int i = 0; i < 200; ++i) elements.emplace_back(i % 2 == 0 ? "\xC3\xA9x" : "e\xCC\x81");
+  const JSONValue value(std::move(elements));
+  std::vector<std::size_t> counts(4);
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < counts.size(); ++t) {
+    threads.emplace_back([&, t] { counts[t] = node.validate(value, "$").size(); });
+  }
+  for (std::thread& thread : threads) thread.join();
+  // Only the two-character strings (every other element) are too long.
+  for (std::size_t count : counts) EXPECT_EQ(count, 100u);
 }
 
 TEST(SchemaNodeTest, DecodingRefusesMalformedSchemas) {
-  const char* bad[] = {
-      R"({"type":"str"})",
-      R"({"type":"Integer"})",
-      R"({"x-risk":"low"})",
-      R"({"additionalProperties":{}})",
-      R"({"additionalProperties":"false"})",
-      R"({"minLength":1.5})",
-      R"({"maxLength":"3"})",
-      R"({"properties":{"a":{"type":"nope"}}})",
-      R"({"items":{"x-risk":"SAFE"}})",
-      R"({"properties":[]})",
-      R"({"required":"a"})",
-      R"([])",
-  };
+  const char* bad[] = {R"({"type":"str"})", R"({"x-risk":"low"})", R"({"additionalProperties":{}})",
+                       R"({"minLength":1.5})", R"({"maxLength":"3"})", R"({"properties":[]})",
+                       R"({"properties":{"a":{"type":"nope"}}})", R"({"items":{"x-risk":"SAFE"}})", "[]"};
   for (const char* text : bad) {
     SCOPED_TRACE(text);
     EXPECT_THROW(schema(text), DecodingError);
@@ -226,26 +165,10 @@ TEST(SchemaNodeTest, JSONFormRoundTripsWithItsOwnKeys) {
       R"("type":"object","x-risk":"disruptive"})";
   const SchemaNode node = schema(text);
   EXPECT_EQ(node.xRisk, RiskLevel::disruptive);
-  ASSERT_TRUE(node.items);
-  EXPECT_EQ(node.items->value().type, SchemaType::string);
-  ASSERT_TRUE(node.enumValues);
-  EXPECT_EQ(node.enumValues->size(), 3u);
   EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(node), text);
   EXPECT_EQ(schema(TarskelJSON::encoder().encode(node)), node);
-}
-
-TEST(SchemaNodeTest, NullAndUnknownKeysReadAsAbsent) {
-  const SchemaNode node = schema(R"({"type":null,"items":null,"$comment":"x","format":"uri"})");
-  EXPECT_EQ(node, SchemaNode{});
-  EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(node), "{}");
-}
-
-TEST(SchemaNodeTest, BoxesCompareByTheirNodes) {
-  SchemaNode a = schema(R"({"items":{"type":"string"}})");
-  SchemaNode b = schema(R"({"items":{"type":"string"}})");
-  SchemaNode c = schema(R"({"items":{"type":"number"}})");
-  EXPECT_EQ(a, b);
-  EXPECT_NE(a, c);
+  // A null reads as absent, and keys of fuller schema languages are ignored.
+  EXPECT_EQ(schema(R"({"type":null,"items":null,"format":"uri"})"), SchemaNode{});
 }
 
 TEST(SchemaNodeTest, DocumentationCheckCoversEveryDeclaredFieldInKeyOrder) {
