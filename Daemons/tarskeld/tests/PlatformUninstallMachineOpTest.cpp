@@ -1,0 +1,192 @@
+// The machine uninstall: where the bundle is derived from, the ownership
+// rule when root, and the removal itself on real trees.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "DaemonTestSupport.hpp"
+#include "tarskel/daemon/PlatformUninstallMachineOp.hpp"
+
+namespace tarskel {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The real system, but for the executable's path and who the daemon runs as.
+class ScriptedPlatform final : public PlatformFiles {
+ public:
+  int exchange(const fs::path& a, const fs::path& b) const override {
+    return PlatformFiles::system()->exchange(a, b);
+  }
+  std::optional<fs::path> executablePath() const override { return executable; }
+  uid_t effectiveUserId() const override { return euid; }
+
+  std::optional<fs::path> executable;
+  uid_t euid = 0;
+};
+
+// Sets or clears TARSKEL_INSTALLED_APP for one scope.
+class InstalledAppVariable {
+ public:
+  explicit InstalledAppVariable(const char* value) {
+    if (const char* old = ::getenv(kName)) saved_ = old;
+    if (value != nullptr) {
+      ::setenv(kName, value, 1);
+    } else {
+      ::unsetenv(kName);
+    }
+  }
+  ~InstalledAppVariable() {
+    if (saved_) {
+      ::setenv(kName, saved_->c_str(), 1);
+    } else {
+      ::unsetenv(kName);
+    }
+  }
+  InstalledAppVariable(const InstalledAppVariable&) = delete;
+  InstalledAppVariable& operator=(const InstalledAppVariable&) = delete;
+
+ private:
+  static constexpr const char* kName = "TARSKEL_INSTALLED_APP";
+  std::optional<std::string> saved_;
+};
+
+class PlatformUninstallTest : public testing::DaemonFixture {
+ protected:
+  void SetUp() override {
+    dataRoot = dir.file("state");
+    fs::create_directories(dataRoot / "daemon");
+    testing::writeFile(dataRoot / "daemon/grants.json", "{}");
+    bundle = dir.file("Applications/Tarskel.app");
+    fs::create_directories(bundle / "Contents/MacOS");
+    testing::writeFile(bundle / "Contents/MacOS/tarskeld", "binary");
+  }
+
+  PlatformUninstallMachineOp makeOp(std::optional<fs::path> installedApp) const {
+    return PlatformUninstallMachineOp(std::move(installedApp), dataRoot, platform);
+  }
+
+  JSONValue run(const PlatformUninstallMachineOp& op) {
+    DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
+    return testing::runOn(pool, op.execute({}, context));
+  }
+
+  std::string failure(const PlatformUninstallMachineOp& op) {
+    try {
+      run(op);
+      return "";
+    } catch (const std::exception& e) {
+      return e.what();
+    }
+  }
+
+  JSONValue removedResult() const {
+    return JSONValue(JSONObject{{"removed", JSONValue::Array{bundle.string()}},
+                                {"dataPreserved", JSONValue::Array{dataRoot.string()}}});
+  }
+
+  fs::path dataRoot, bundle;
+  std::shared_ptr<ScriptedPlatform> platform = std::make_shared<ScriptedPlatform>();
+};
+
+TEST_F(PlatformUninstallTest, DerivesTheBundleFromTheVariableOrTheExecutable) {
+  const fs::path inBundle = bundle / "Contents/MacOS/tarskeld";
+  fs::create_directories(dir.file("bin"));
+  fs::create_symlink(inBundle, dir.file("bin/tarskeld"));
+  const std::string cwd = fs::current_path().string();
+
+  struct Case {
+    std::string name;
+    const char* variable;
+    std::optional<fs::path> executable;
+    std::optional<fs::path> expected;
+  };
+  const std::vector<Case> cases = {
+      {"variable as it stands", "/nowhere/Other", inBundle, fs::path("/nowhere/Other")},
+      {"relative variable", "Local.app", std::nullopt, fs::path(cwd + "/Local.app")},
+      {"executable in a bundle", nullptr, inBundle, bundle},
+      {"executable through a link", nullptr, dir.file("bin/tarskeld"), bundle},
+      {"executable outside a bundle", nullptr, fs::path("/usr/sbin/tarskeld"), std::nullopt},
+      {"no executable", nullptr, std::nullopt, std::nullopt},
+  };
+  for (const Case& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    InstalledAppVariable variable(tc.variable);
+    platform->executable = tc.executable;
+    EXPECT_EQ(PlatformUninstallMachineOp::derivedInstalledApp(*platform), tc.expected);
+  }
+}
+
+TEST_F(PlatformUninstallTest, RefusalsLeaveTheBundle) {
+  if (::geteuid() != 0) GTEST_SKIP() << "giving the bundle to a user needs root";
+  ASSERT_EQ(::lchown(bundle.c_str(), 501, 20), 0);
+  struct Case {
+    std::optional<fs::path> installedApp;
+    std::string expected;
+  };
+  const std::vector<Case> cases = {
+      {std::nullopt, "el daemon no corre desde una instalación (.app) — nada que desmontar"},
+      {dir.file("Applications/Tarskel"),
+       "la instalación derivada no es un bundle .app: " + dir.file("Applications/Tarskel").string()},
+      {dir.file("Gone.app"), "el bundle instalado no existe: " + dir.file("Gone.app").string()},
+      {bundle, "el bundle instalado pertenece a uid 501, no a root — instalación individual: el "
+               "desmontaje es user-space, no del daemon"},
+  };
+  for (const Case& tc : cases) {
+    SCOPED_TRACE(tc.expected);
+    EXPECT_EQ(failure(makeOp(tc.installedApp)), tc.expected);
+    EXPECT_TRUE(fs::exists(bundle / "Contents/MacOS/tarskeld"));
+  }
+}
+
+TEST_F(PlatformUninstallTest, RootRemovesARootOwnedBundleOnce) {
+  if (::geteuid() != 0) GTEST_SKIP() << "the bundle must belong to root";
+  ASSERT_EQ(::lchown(bundle.c_str(), 0, 0), 0);
+  const PlatformUninstallMachineOp op = makeOp(bundle);
+
+  EXPECT_EQ(run(op), removedResult());
+  EXPECT_FALSE(fs::exists(bundle));
+  EXPECT_TRUE(fs::exists(dataRoot / "daemon/grants.json"));
+  EXPECT_EQ(failure(op), "el bundle instalado no existe: " + bundle.string());
+}
+
+TEST_F(PlatformUninstallTest, NotRootRemovesWhateverTheFileSystemAllows) {
+  platform->euid = 501;
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::lchown(bundle.c_str(), 501, 20), 0);
+  }
+
+  EXPECT_EQ(run(makeOp(bundle)), removedResult());
+  EXPECT_FALSE(fs::exists(bundle));
+}
+
+TEST_F(PlatformUninstallTest, ThroughTheCoreFromTheVariable) {
+  openStores();
+  InstalledAppVariable variable(bundle.c_str());
+  auto op = std::make_shared<PlatformUninstallMachineOp>(
+      PlatformUninstallMachineOp::derivedInstalledApp(*platform), dataRoot, platform);
+  platform->euid = ::geteuid() == 0 ? 0 : 501;
+  const DaemonCore core(DaemonCore::OpList{op}, audit, grants);
+  auto handle = [&](JSONObject args) {
+    return testing::runOn(pool, core.handle(DaemonRequest{"platform.uninstallMachine",
+                                                          std::move(args), std::nullopt,
+                                                          std::nullopt},
+                                            DaemonPeerVerdict::unverified("t")));
+  };
+
+  // No argument can point root at another path.
+  DaemonResponse refused = handle(JSONObject{{"path", "/"}});
+  ASSERT_TRUE(refused.error);
+  EXPECT_EQ(refused.error->code, "invalidArgs");
+  EXPECT_TRUE(fs::exists(bundle));
+
+  DaemonResponse removed = handle({});
+  ASSERT_TRUE(removed.ok) << removed.error->message;
+  EXPECT_EQ(*removed.result, removedResult());
+  EXPECT_FALSE(fs::exists(bundle));
+  EXPECT_TRUE(fs::exists(dataRoot));
+}
+
+}  // namespace
+}  // namespace tarskel
