@@ -9,8 +9,6 @@
 #include <unistd.h>
 
 #include <functional>
-#include <mutex>
-#include <set>
 
 #include "DaemonTestSupport.hpp"
 #include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
@@ -35,21 +33,25 @@ class ScriptedPlatform final : public PlatformFiles {
   std::optional<fs::path> executablePath() const override { return std::nullopt; }
   uid_t effectiveUserId() const override { return euid; }
   int changeOwnerToRootWheel(const fs::path& path) const override {
-    {
-      std::lock_guard lock(mutex_);
-      changed.push_back(path);
-    }
+    changed.push_back(path);
     if (path == refusedPath) return EPERM;
     return PlatformFiles::system()->changeOwnerToRootWheel(path);
   }
 
   uid_t euid = 0;
   fs::path refusedPath;
-  mutable std::vector<fs::path> changed;
-
- private:
-  mutable std::mutex mutex_;
+  mutable std::vector<fs::path> changed;  // one swap at a time in these tests
 };
+
+// What the decoder says of `bytes` as an allowlist.
+std::string decodingFailure(const std::string& bytes) {
+  try {
+    TarskelJSON::decoder().decode<VendorAllowlist>(bytes);
+  } catch (const DecodingError& e) {
+    return e.what();
+  }
+  return "decoded";
+}
 
 uid_t ownerOf(const fs::path& path) {
   struct stat info {};
@@ -175,8 +177,9 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
   struct Case {
     std::string name;
     std::function<fs::path()> prepare;  // returns the staged root
-    std::function<std::string(const fs::path&)> expected;
+    std::string expected;
     std::string appName = "Tarskel.app";
+    bool exact = true;  // otherwise `expected` need only appear in the text
   };
   const std::string unprovisioned = "gate vendor del daemon sin provisionar (" +
                                     allowlistPath().string() +
@@ -187,32 +190,28 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
          fs::remove(allowlistPath());
          return stage("2.0.0");
        },
-       [&](const fs::path&) { return unprovisioned; }},
+       unprovisioned},
       {"allowlist is a directory",
        [&] {
          fs::remove(allowlistPath());
          fs::create_directory(allowlistPath());
          return stage("2.0.0");
        },
-       [&](const fs::path&) { return unprovisioned; }},
+       unprovisioned},
       {"tampered file",
        [&] {
          fs::path staged = stage("2.0.0");
          testing::writeFile(staged / "Tarskel.app/Contents/MacOS/tarskel", "binary evil");
          return staged;
        },
-       [](const fs::path&) {
-         return SealError::hashMismatch("Tarskel.app/Contents/MacOS/tarskel").description();
-       }},
+       SealError::hashMismatch("Tarskel.app/Contents/MacOS/tarskel").description()},
       {"added file",
        [&] {
          fs::path staged = stage("2.0.0");
          testing::writeFile(staged / "Tarskel.app/Contents/extra", "x");
          return staged;
        },
-       [](const fs::path&) {
-         return SealError::unexpectedFile("Tarskel.app/Contents/extra").description();
-       }},
+       SealError::unexpectedFile("Tarskel.app/Contents/extra").description()},
       {"sealed by an unknown key",
        [&] {
          fs::path staged = stage("2.0.0");
@@ -220,12 +219,18 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
          provision();
          return staged;
        },
-       [](const fs::path&) {
-         return SealError::verification({VendorVerificationError::unknownKey("vendor-test")})
-             .description();
-       }},
+       SealError::verification({VendorVerificationError::unknownKey("vendor-test")})
+           .description()},
+      {"expired seal", [&] { return stage("2.0.0", ArtifactType::platform, -10); },
+       "manifest vencido: expiró ", "Tarskel.app", false},
+      {"allowlist that does not decode, not unprovisioned",
+       [&] {
+         testing::writeFile(allowlistPath(), R"({"revision":1})");
+         return stage("2.0.0");
+       },
+       decodingFailure(R"({"revision":1})")},
       {"service artefact", [&] { return stage("2.0.0", ArtifactType::service); },
-       [](const fs::path&) { return std::string("el artefacto staged no es de plataforma"); }},
+       "el artefacto staged no es de plataforma"},
       {"app name without .app",
        [&] {
          fs::path staged = stage("2.0.0");
@@ -234,11 +239,9 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
                           Date{Date::now().secondsSinceReferenceDate + 60}, key, std::nullopt);
          return staged;
        },
-       [](const fs::path&) { return std::string("el artefacto verificado no trae Tarskel"); },
-       "Tarskel"},
+       "el artefacto verificado no trae Tarskel", "Tarskel"},
       {"app not in the tree", [&] { return stage("2.0.0"); },
-       [](const fs::path&) { return std::string("el artefacto verificado no trae Other.app"); },
-       "Other.app"},
+       "el artefacto verificado no trae Other.app", "Other.app"},
   };
   for (const Case& tc : cases) {
     SCOPED_TRACE(tc.name);
@@ -246,7 +249,12 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
     makeApp(previous, "0.9.0");
     const fs::path staged = tc.prepare();
 
-    EXPECT_EQ(failure(swapArgs(staged, tc.appName)), tc.expected(staged));
+    const std::string text = failure(swapArgs(staged, tc.appName));
+    if (tc.exact) {
+      EXPECT_EQ(text, tc.expected);
+    } else {
+      EXPECT_NE(text.find(tc.expected), std::string::npos) << text;
+    }
     EXPECT_EQ(versionAt(installed), "1.0.0");
     EXPECT_EQ(versionAt(previous), "0.9.0");
     EXPECT_EQ(versionAt(staged / "Tarskel.app"), "2.0.0");
@@ -254,31 +262,6 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
     fs::remove_all(dir.path());
     fs::create_directory(dir.path());
   }
-}
-
-TEST_F(PlatformUpdateTest, InvalidAllowlistGoesOutAsTheDecoderSaidIt) {
-  testing::writeFile(allowlistPath(), R"({"revision":1})");
-  const fs::path staged = stage("2.0.0");
-  try {
-    run(swapArgs(staged));
-    FAIL() << "swap succeeded";
-  } catch (const DecodingError& e) {
-    EXPECT_EQ(std::string(e.what()).find("sin provisionar"), std::string::npos);
-  }
-  EXPECT_EQ(versionAt(installed), "1.0.0");
-}
-
-TEST_F(PlatformUpdateTest, ExpiredSealIsAVerificationFailure) {
-  const fs::path staged = stage("2.0.0", ArtifactType::platform, -10);
-  try {
-    run(swapArgs(staged));
-    FAIL() << "swap succeeded";
-  } catch (const SealError& e) {
-    ASSERT_EQ(e.kind(), SealError::Kind::verification);
-    ASSERT_EQ(e.verificationErrors().size(), 1u);
-    EXPECT_EQ(e.verificationErrors()[0].kind(), VendorVerificationError::Kind::expired);
-  }
-  EXPECT_EQ(versionAt(installed), "1.0.0");
 }
 
 TEST_F(PlatformUpdateTest, ArgumentsThatNameNoAction) {
@@ -328,11 +311,14 @@ TEST_F(PlatformUpdateTest, ChownRefusedMidTreeLeavesTheOldInstallation) {
   EXPECT_EQ(platform->changed.front(), app);
 }
 
-TEST_F(PlatformUpdateTest, MissingInstallationFailsTheExchangeAfterDroppingThePrevious) {
+TEST_F(PlatformUpdateTest, MissingInstallationIsRefusedByTheExchange) {
   makeApp(previous, "0.9.0");
   fs::remove_all(installed);
-  const fs::path staged = stage("2.0.0");
+  EXPECT_EQ(failure(rollbackArgs()), "rollback renamex_np falló: errno 2");
+  EXPECT_EQ(versionAt(previous), "0.9.0");
 
+  // A swap gives up the kept version before it learns that nothing is there.
+  const fs::path staged = stage("2.0.0");
   EXPECT_EQ(failure(swapArgs(staged)), "renamex_np(RENAME_SWAP) falló: errno 2");
   EXPECT_FALSE(fs::exists(previous));
   EXPECT_EQ(versionAt(staged / "Tarskel.app"), "2.0.0");
@@ -350,13 +336,6 @@ TEST_F(PlatformUpdateTest, UnkeptOldVersionStillSucceedsButCannotBeRolledBack) {
   EXPECT_EQ(versionAt(installed), "2.0.0");
   EXPECT_EQ(versionAt(staged / "Tarskel.app"), "1.0.0");
   EXPECT_EQ(failure(rollbackArgs()), "sin versión anterior cacheada en " + previous.string());
-}
-
-TEST_F(PlatformUpdateTest, RollbackWithoutAnInstallationIsRefusedByTheExchange) {
-  makeApp(previous, "0.9.0");
-  fs::remove_all(installed);
-  EXPECT_EQ(failure(rollbackArgs()), "rollback renamex_np falló: errno 2");
-  EXPECT_EQ(versionAt(previous), "0.9.0");
 }
 
 TEST_F(PlatformUpdateTest, NotRootSkipsTheOwnerChangeAndStillSwaps) {
@@ -420,8 +399,6 @@ TEST_F(PlatformUpdateTest, ThroughTheCoreTheSchemaComesFirst) {
   ASSERT_TRUE(refused.error);
   EXPECT_EQ(refused.error->code, "invalidArgs");
 
-  JSONObject emptyName = swapArgs(staged, "");
-  EXPECT_EQ(handle(emptyName).error->code, "invalidArgs");
   EXPECT_EQ(versionAt(installed), "1.0.0");
 
   DaemonResponse swapped = handle(swapArgs(staged));
@@ -432,7 +409,7 @@ TEST_F(PlatformUpdateTest, ThroughTheCoreTheSchemaComesFirst) {
   ASSERT_TRUE(second.error);
   EXPECT_EQ(second.error->code, "opFailed");
   EXPECT_EQ(second.error->message.rfind("platform.applyUpdate falló: ", 0), 0u);
-  EXPECT_EQ(auditRows(), 4);
+  EXPECT_EQ(auditRows(), 3);
 }
 
 }  // namespace
