@@ -1,5 +1,7 @@
 #include "tarskel/daemon/TarskeldDeps.hpp"
 
+#include <boost/asio/execution/blocking.hpp>
+#include <boost/asio/require.hpp>
 #include <thread>
 #include <utility>
 
@@ -95,9 +97,13 @@ std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
       std::make_shared<GrantsStore>(stateDirectory / "grants.json", deps->pool_.get_executor());
   deps->core_.emplace(std::nullopt, deps->audit_, deps->grants_, rootURL, platformOps);
 
+  // Never inline: a task started from a connection's handler must not run
+  // there, or a long operation would hold up that connection's next message.
+  boost::asio::any_io_executor tasks =
+      boost::asio::require(deps->pool_.get_executor(), boost::asio::execution::blocking.never);
   deps->server_ = std::make_unique<DaemonXPCServer>(
       machService, *deps->core_, DaemonPeerGate{std::move(teamIds), std::move(seams.gatePlatform)},
-      deps->pool_.get_executor());
+      std::move(tasks));
   deps->server_->start();
   return deps;
 }

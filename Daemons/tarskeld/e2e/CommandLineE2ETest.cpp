@@ -1,0 +1,148 @@
+// The command line of the shipped executable: help, version, completion
+// scripts, and the two ways the process ends before it serves.
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <regex>
+#include <set>
+
+#include "E2EFixture.hpp"
+
+namespace tarskel::e2e {
+namespace {
+
+struct Output {
+  int status = -1;
+  std::string text;
+};
+
+// Runs `command` under /bin/sh and collects its standard output.
+Output runShell(const std::string& command) {
+  Output out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return out;
+  char buffer[4096];
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.text.append(buffer, n);
+  out.status = pclose(pipe);
+  return out;
+}
+
+std::string daemonCommand(const std::string& arguments) {
+  return std::string("'") + TARSKELD_PATH + "' " + arguments;
+}
+
+// A log line of the daemon, whatever its level or text.
+bool isLogLine(const std::string& line) {
+  static const std::regex form(R"(^\S+ [a-z]+ tarskeld : \[tarskeld\] .*)");
+  return std::regex_match(line, form);
+}
+
+TEST(CommandLineTest, HelpShowsTheAbstractAndBothOptionsWithTheirTexts) {
+  Output help = runShell(daemonCommand("--help"));
+  EXPECT_EQ(help.status, 0);
+  for (const char* expected :
+       {"Tarskel — daemon de operaciones privilegiadas (catálogo cerrado)", "--mach-service",
+        "Nombre del Mach service a escuchar (los e2e pasan uno efímero).", "--root",
+        "Raíz de estado del daemon (los e2e pasan una efímera).", "--version",
+        "net.hollowick.tarskel.daemon", "/Library/Application Support/Tarskel"}) {
+    EXPECT_NE(help.text.find(expected), std::string::npos) << expected << "\n" << help.text;
+  }
+}
+
+TEST(CommandLineTest, VersionIsPrintedAlone) {
+  Output version = runShell(daemonCommand("--version"));
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.text, "0.1.0\n");
+}
+
+TEST(CommandLineTest, ParseErrorsEndWithFailureAndNeverStartTheDaemon) {
+  TempDir dir;
+  for (const char* arguments : {"--bogus", "--root", "extra", "--generate-completion-script tcsh"}) {
+    SCOPED_TRACE(arguments);
+    Output run = runShell("cd '" + dir.path().string() + "' && " + daemonCommand(arguments) +
+                          " 2>&1");
+    EXPECT_NE(run.status, 0);
+    EXPECT_EQ(run.text.find("sirviendo"), std::string::npos) << run.text;
+  }
+}
+
+// Every option the parser knows must be offered by every script.
+TEST(CommandLineTest, EveryCompletionScriptCoversEveryOption) {
+  std::string help = runShell(daemonCommand("--help")).text;
+  std::set<std::string> options;
+  std::regex optionName(R"(--[a-z][a-z-]+)");
+  for (auto it = std::sregex_iterator(help.begin(), help.end(), optionName);
+       it != std::sregex_iterator(); ++it) {
+    options.insert(it->str());
+  }
+  ASSERT_GE(options.size(), 5u);
+  for (const char* shell : {"bash", "zsh", "fish"}) {
+    SCOPED_TRACE(shell);
+    Output script = runShell(daemonCommand(std::string("--generate-completion-script ") + shell));
+    EXPECT_EQ(script.status, 0);
+    for (const std::string& option : options) {
+      // fish names long options without their dashes.
+      std::string name = std::string(shell) == "fish" ? "-l " + option.substr(2) : option;
+      EXPECT_NE(script.text.find(name), std::string::npos) << option;
+    }
+  }
+}
+
+TEST(CommandLineTest, BashCompletionOffersWhatEachPositionTakes) {
+  TempDir dir;
+  std::filesystem::create_directory(dir / "subdir");
+  writeFile(dir / "subfile", "x");
+  struct Case {
+    std::string words;
+    std::string expected;
+  } cases[] = {
+      {"tarskeld --r", "--root"},
+      {"tarskeld --m", "--mach-service"},
+      {"tarskeld --generate-completion-script f", "fish"},
+      {"tarskeld --root " + (dir / "sub").string(), (dir / "subdir").string()},
+      {"tarskeld --mach-service ne", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.words);
+    std::string program = "source <(" + daemonCommand("--generate-completion-script bash") +
+                          "); COMP_WORDS=(" + c.words +
+                          "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tarskeld; "
+                          "printf '%s' \"${COMPREPLY[*]}\"";
+    std::string quoted;
+    for (char ch : program) quoted += ch == '\'' ? std::string("'\\''") : std::string(1, ch);
+    Output run = runShell("bash -c '" + quoted + "'");
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.text, c.expected);
+  }
+}
+
+using StartupTest = E2EFixture;
+
+TEST_F(StartupTest, RootThatIsAFileEndsWithFailureBeforeAnyLogLine) {
+  writeFile(root(), "not a directory");
+  DaemonProcess process({TARSKELD_PATH, {"--mach-service", socketPath(), "--root", root().string()}, {}});
+  std::optional<int> status = process.waitForExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFEXITED(*status));
+  EXPECT_NE(WEXITSTATUS(*status), 0);
+  std::vector<std::string> lines = process.lines();
+  ASSERT_FALSE(lines.empty());
+  for (const std::string& line : lines) EXPECT_FALSE(isLogLine(line)) << line;
+  EXPECT_FALSE(std::filesystem::exists(socketPath()));
+}
+
+TEST_F(StartupTest, TildeRootLandsUnderHome) {
+  std::filesystem::path home = dir / "home";
+  std::filesystem::create_directory(home);
+  daemon = std::make_unique<DaemonProcess>(DaemonProcess::Options{
+      TARSKELD_PATH, {"--mach-service", socketPath(), "--root", "~/state/deep"}, {{"HOME", home.string()}}});
+  ASSERT_TRUE(daemon->waitForLine(kServingLine));
+  EXPECT_TRUE(std::filesystem::exists(home / "state/deep/daemon/audit.db"));
+  auto mode = std::filesystem::status(home / "state/deep/daemon").permissions();
+  EXPECT_EQ(mode, std::filesystem::perms(0755));
+  EXPECT_FALSE(std::filesystem::exists(dir / "~"));
+}
+
+}  // namespace
+}  // namespace tarskel::e2e
