@@ -112,7 +112,7 @@ void HandleEncodedInfo64(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kInFlight);
 }
 
-BENCHMARK(RawAuditInsert);
+BENCHMARK(RawAuditInsert)->UseRealTime();
 BENCHMARK(HandleInfo64)->UseRealTime();
 BENCHMARK(HandleEncodedInfo64)->UseRealTime();
 
@@ -120,6 +120,6 @@ BENCHMARK(HandleEncodedInfo64)->UseRealTime();
 
 int main(int argc, char** argv) {
   return tarskel::bench::runWithRatios(argc, argv,
-                                       {{"HandleInfo64/real_time", "RawAuditInsert", 0.8},
-                                        {"HandleEncodedInfo64/real_time", "RawAuditInsert", 0.8}});
+                                       {{"HandleInfo64/real_time", "RawAuditInsert/real_time", 0.8},
+                                        {"HandleEncodedInfo64/real_time", "RawAuditInsert/real_time", 0.8}});
 }
