@@ -26,6 +26,19 @@ class ScriptedPlatform final : public PlatformFiles {
   uid_t euid = 0;
 };
 
+// The text of the error that running `op` on `args` ends in, or "" on
+// success. Caught where it is thrown, on the pool, so that no exception
+// object is shared between threads.
+boost::asio::awaitable<std::string> failureOf(const DaemonOp& op, JSONObject args) {
+  const DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
+  try {
+    JSONValue ignored = co_await op.execute(args, context);
+  } catch (const std::exception& e) {
+    co_return std::string(e.what());
+  }
+  co_return std::string();
+}
+
 // Sets or clears TARSKEL_INSTALLED_APP for one scope.
 class InstalledAppVariable {
  public:
@@ -73,12 +86,7 @@ class PlatformUninstallTest : public testing::DaemonFixture {
   }
 
   std::string failure(const PlatformUninstallMachineOp& op) {
-    try {
-      run(op);
-      return "";
-    } catch (const std::exception& e) {
-      return e.what();
-    }
+    return testing::runOn(pool, failureOf(op, {}));
   }
 
   JSONValue removedResult() const {

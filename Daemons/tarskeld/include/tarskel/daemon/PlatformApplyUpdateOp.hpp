@@ -27,9 +27,15 @@ namespace tarskel {
 // installed one in one system call, then moves the old version to
 // previousPath: {"swapped": true, "to": <manifest version>}. A rollback
 // exchanges previousPath with installedApp and moves the failed version to
-// failedPath: {"rolledback": true}. Neither undoes a step: at every instant
-// a whole bundle lies at installedApp, but a failure may leave previousPath
-// emptied (see the tests for the state after each step).
+// failedPath: {"rolledback": true}. Neither undoes a step, and at every
+// instant a whole bundle lies at installedApp. What a failed swap leaves:
+//   before the owner change     nothing moved, the staged .app unchanged
+//   owner change refused        the staged .app owned by root in part
+//   exchange refused            previousPath emptied, the old version installed
+//   old version not kept        still a success; previousPath empty, the old
+//                               version left inside stagedRoot, so a
+//                               rollback finds nothing to go back to
+// After a rollback previousPath is empty: a second one in a row is refused.
 //
 // Failures it words are DaemonOpError; the allowlist's DecodingError and the
 // seal's SealError go out as they are. execute has no suspension point: its
