@@ -77,5 +77,22 @@ TEST_F(StartupLogTest, ProvisionedGateOnThisSystemRejectsEveryClient) {
   EXPECT_EQ(rows[0].outcome, "denied");
 }
 
+// What the systemd units rely on: the listening socket is handed over and
+// adopted, and the service name is not bound.
+TEST_F(StartupLogTest, SocketActivationAdoptsThePassedSocket) {
+  const std::filesystem::path activator = "/usr/bin/systemd-socket-activate";
+  if (!std::filesystem::exists(activator)) GTEST_SKIP() << "no systemd-socket-activate here";
+  const std::string unbound = (dir / "unbound.sock").string();
+  daemon = std::make_unique<DaemonProcess>(DaemonProcess::Options{
+      activator,
+      {"-l", socketPath(), TARSKELD_PATH, "--mach-service", unbound, "--root", root().string()},
+      {{"LISTEN_FDS", std::nullopt}, {"LISTEN_PID", std::nullopt}}});
+  ASSERT_TRUE(daemon->waitForLine("Listening on"));
+  // The first connection is what starts the daemon.
+  EXPECT_EQ(codeOf(call("daemon.info")), "ok");
+  EXPECT_TRUE(daemon->waitForLine(kServingLine));
+  EXPECT_FALSE(std::filesystem::exists(unbound));
+}
+
 }  // namespace
 }  // namespace tarskel::e2e
