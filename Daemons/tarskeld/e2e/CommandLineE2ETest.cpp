@@ -1,6 +1,8 @@
 // The command line of the shipped executable: help, version, completion
 // scripts, and the two ways the process ends before it serves.
 
+#include <pwd.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -8,6 +10,7 @@
 #include <set>
 
 #include "E2EFixture.hpp"
+#include "tarskel/daemon/Tarskeld.hpp"
 
 namespace tarskel::e2e {
 namespace {
@@ -115,6 +118,35 @@ TEST(CommandLineTest, BashCompletionOffersWhatEachPositionTakes) {
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.text, c.expected);
   }
+}
+
+TEST(TildeTest, ExpandsTheLeadingTildeAsTheShellWould) {
+  const char* saved = std::getenv("HOME");
+  std::string savedHome = saved != nullptr ? saved : "";
+  const passwd* rootEntry = getpwnam("root");
+  ASSERT_NE(rootEntry, nullptr);
+  const std::string rootHome = rootEntry->pw_dir;
+  struct Case {
+    std::string home;
+    std::string path;
+    std::string expected;
+  } cases[] = {
+      {"/home/ana", "~", "/home/ana"},
+      {"/home/ana", "~/state", "/home/ana/state"},
+      {"/home/ana/", "~/state", "/home/ana/state"},
+      {"/", "~/state", "/state"},
+      {"/home/ana", "~root/state", rootHome + "/state"},
+      {"/home/ana", "~no-such-user-here/state", "~no-such-user-here/state"},
+      {"/home/ana", "/srv/~/state", "/srv/~/state"},
+      {"/home/ana", "state/~", "state/~"},
+      {"/home/ana", "", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.home + " " + c.path);
+    setenv("HOME", c.home.c_str(), 1);
+    EXPECT_EQ(Tarskeld::expandTilde(c.path), c.expected);
+  }
+  setenv("HOME", savedHome.c_str(), 1);
 }
 
 using StartupTest = E2EFixture;
