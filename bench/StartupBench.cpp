@@ -27,7 +27,8 @@ using Clock = std::chrono::steady_clock;
 
 fs::path daemonPath() {
   if (const char* given = std::getenv("TARSKELD_PATH")) return given;
-  return fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "Daemons/tarskeld/tarskeld";
+  return fs::read_symlink("/proc/self/exe").parent_path().parent_path() /
+         "Daemons/tarskeld/tarskeld";
 }
 
 // Starts `arguments` with standard error on a pipe; the pipe's read end.
@@ -82,7 +83,8 @@ void BM_StartToServingLine(benchmark::State& state) {
 
     Clock::time_point start = Clock::now();
     int errors = -1;
-    pid_t pid = spawn({daemon.string(), "--mach-service", socket, "--root", root + "/state"}, errors);
+    pid_t pid =
+        spawn({daemon.string(), "--mach-service", socket, "--root", root + "/state"}, errors);
     bool served = pid > 0 && waitFor(errors, "sirviendo " + socket);
     double elapsed = secondsSince(start);
     kill(pid, SIGKILL);

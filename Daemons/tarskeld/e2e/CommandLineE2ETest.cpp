@@ -26,7 +26,8 @@ Output runShell(const std::string& command) {
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return out;
   char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.text.append(buffer, n);
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    out.text.append(buffer, n);
   out.status = pclose(pipe);
   return out;
 }
@@ -61,10 +62,11 @@ TEST(CommandLineTest, VersionIsPrintedAlone) {
 
 TEST(CommandLineTest, ParseErrorsEndWithFailureAndNeverStartTheDaemon) {
   TempDir dir;
-  for (const char* arguments : {"--bogus", "--root", "extra", "--generate-completion-script tcsh"}) {
+  for (const char* arguments :
+       {"--bogus", "--root", "extra", "--generate-completion-script tcsh"}) {
     SCOPED_TRACE(arguments);
-    Output run = runShell("cd '" + dir.path().string() + "' && " + daemonCommand(arguments) +
-                          " 2>&1");
+    Output run =
+        runShell("cd '" + dir.path().string() + "' && " + daemonCommand(arguments) + " 2>&1");
     EXPECT_NE(run.status, 0);
     EXPECT_EQ(run.text.find("sirviendo"), std::string::npos) << run.text;
   }
@@ -153,7 +155,8 @@ using StartupTest = E2EFixture;
 
 TEST_F(StartupTest, RootThatIsAFileEndsWithFailureBeforeAnyLogLine) {
   writeFile(root(), "not a directory");
-  DaemonProcess process({TARSKELD_PATH, {"--mach-service", socketPath(), "--root", root().string()}, {}});
+  DaemonProcess process(
+      {TARSKELD_PATH, {"--mach-service", socketPath(), "--root", root().string()}, {}});
   std::optional<int> status = process.waitForExit();
   ASSERT_TRUE(status.has_value());
   EXPECT_TRUE(WIFEXITED(*status));
@@ -167,8 +170,10 @@ TEST_F(StartupTest, RootThatIsAFileEndsWithFailureBeforeAnyLogLine) {
 TEST_F(StartupTest, TildeRootLandsUnderHome) {
   std::filesystem::path home = dir / "home";
   std::filesystem::create_directory(home);
-  daemon = std::make_unique<DaemonProcess>(DaemonProcess::Options{
-      TARSKELD_PATH, {"--mach-service", socketPath(), "--root", "~/state/deep"}, {{"HOME", home.string()}}});
+  daemon = std::make_unique<DaemonProcess>(
+      DaemonProcess::Options{TARSKELD_PATH,
+                             {"--mach-service", socketPath(), "--root", "~/state/deep"},
+                             {{"HOME", home.string()}}});
   ASSERT_TRUE(daemon->waitForLine(kServingLine));
   EXPECT_TRUE(std::filesystem::exists(home / "state/deep/daemon/audit.db"));
   auto mode = std::filesystem::status(home / "state/deep/daemon").permissions();

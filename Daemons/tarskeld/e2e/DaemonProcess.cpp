@@ -34,7 +34,8 @@ std::vector<std::string> environmentWith(
   for (char** entry = environ; *entry != nullptr; ++entry) {
     std::string text(*entry);
     std::size_t equals = text.find('=');
-    if (equals != std::string::npos) merged.emplace(text.substr(0, equals), text.substr(equals + 1));
+    if (equals != std::string::npos)
+      merged.emplace(text.substr(0, equals), text.substr(equals + 1));
   }
   for (const auto& [name, value] : changes) {
     if (value) {
@@ -177,7 +178,8 @@ RawConnection::RawConnection(const std::string& socketPath) {
   if (fd_ < 0) failSystem("socket");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (socketPath.size() >= sizeof address.sun_path) throw std::runtime_error("socket path too long");
+  if (socketPath.size() >= sizeof address.sun_path)
+    throw std::runtime_error("socket path too long");
   std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
   if (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     int saved = errno;

@@ -41,8 +41,8 @@ DaemonResponse E2EFixture::call(const std::string& op, JSONObject args,
                                 std::optional<std::string> serviceId,
                                 std::optional<std::string> correlationId) {
   DaemonXPCClient client(socketPath());
-  return client.request(DaemonRequest{op, std::move(args), std::move(correlationId),
-                                      std::move(serviceId)});
+  return client.request(
+      DaemonRequest{op, std::move(args), std::move(correlationId), std::move(serviceId)});
 }
 
 std::vector<AuditStore::Entry> E2EFixture::auditRows() const {

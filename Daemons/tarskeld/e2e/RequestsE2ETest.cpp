@@ -3,8 +3,8 @@
 
 #include "E2EFixture.hpp"
 #include "tarskel/protocol/Base64.hpp"
-#include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/bus/Framing.hpp"
 
 namespace tarskel::e2e {
 namespace {
@@ -14,17 +14,20 @@ using RequestTest = E2EFixture;
 std::vector<std::string> stringsOf(const JSONValue& value) {
   std::vector<std::string> out;
   if (const JSONValue::Array* array = value.arrayValue()) {
-    for (const JSONValue& item : *array) out.push_back(item.stringValue() ? *item.stringValue() : "?");
+    for (const JSONValue& item : *array)
+      out.push_back(item.stringValue() ? *item.stringValue() : "?");
   }
   return out;
 }
 
-TransportEnvelope message(std::uint64_t id, std::optional<std::string> body, bool expectsReply = true) {
+TransportEnvelope message(std::uint64_t id, std::optional<std::string> body,
+                          bool expectsReply = true) {
   return TransportEnvelope{id, expectsReply, std::move(body)};
 }
 
 std::string encodedRequest(const std::string& op, JSONObject args = {}) {
-  return TarskelJSON::encoder().encode(DaemonRequest{op, std::move(args), std::nullopt, std::nullopt});
+  return TarskelJSON::encoder().encode(
+      DaemonRequest{op, std::move(args), std::nullopt, std::nullopt});
 }
 
 DaemonResponse decodedResponse(const std::optional<TransportEnvelope>& reply) {
@@ -78,14 +81,16 @@ TEST_F(RequestTest, GateVerdictsReachTheClientAndTheChain) {
        "rejected:sin static code del cliente xpc (-67068)"},
       {"validity=-67050", true, "unauthorizedClient",
        "rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67050)"},
-      {"team=none", true, "unauthorizedClient", "rejected:gate SO: sin Team ID (¿ad-hoc?) en cliente xpc"},
+      {"team=none", true, "unauthorizedClient",
+       "rejected:gate SO: sin Team ID (¿ad-hoc?) en cliente xpc"},
       {"team=OTHERTEAM1", true, "unauthorizedClient",
        "rejected:gate SO: Team ID 'OTHERTEAM1' fuera de la allowlist en cliente xpc"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.script);
     std::filesystem::remove_all(root());
-    if (c.provisioned) writeFile(root() / "vendor/teams.json", R"({"revision":1,"teamIds":["TEAMID0001"]})");
+    if (c.provisioned)
+      writeFile(root() / "vendor/teams.json", R"({"revision":1,"teamIds":["TEAMID0001"]})");
     start({{"TARSKEL_TEST_GATE", c.script}}, TARSKELD_TESTGATE_PATH);
     DaemonResponse response = call("daemon.info");
     EXPECT_EQ(codeOf(response), c.code);
@@ -105,7 +110,8 @@ TEST_F(RequestTest, BytesThatDoNotParseAreAnsweredWithoutARow) {
   connection.send(message(1, std::string("{\"op\":")));
   connection.send(message(2, std::nullopt));
   connection.send(message(3, std::string()));
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(codeOf(decodedResponse(connection.receive())), "malformedRequest");
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(codeOf(decodedResponse(connection.receive())), "malformedRequest");
   EXPECT_TRUE(auditRows().empty());
 }
 
@@ -174,8 +180,9 @@ TEST_F(ProtectedReadTest, GrantsSurviveARestartAndGateTheReadUpToOneMebibyte) {
 
   DaemonResponse over = read(dir / "over", "svc.reader");
   EXPECT_EQ(codeOf(over), "opFailed");
-  EXPECT_EQ(messageOf(over), "fs.readProtectedPath falló: archivo supera el tope de 1048576 bytes: " +
-                                 (dir / "over").string());
+  EXPECT_EQ(messageOf(over),
+            "fs.readProtectedPath falló: archivo supera el tope de 1048576 bytes: " +
+                (dir / "over").string());
 
   DaemonResponse ungranted = read(dir / "cap", "svc.other");
   EXPECT_EQ(codeOf(ungranted), "notGranted");

@@ -30,10 +30,10 @@ std::vector<std::string> logMessages(const DaemonProcess& process) {
 
 TEST_F(StartupLogTest, UnprovisionedDaemonWarnsOnceThenServesTheGivenService) {
   start();
-  EXPECT_EQ(logMessages(*daemon),
-            (std::vector<std::string>{
-                "warning gate XPC sin provisionar — clientes pasan como unverified",
-                "info tarskeld v0.1.0 sirviendo " + socketPath()}));
+  EXPECT_EQ(
+      logMessages(*daemon),
+      (std::vector<std::string>{"warning gate XPC sin provisionar — clientes pasan como unverified",
+                                "info tarskeld v0.1.0 sirviendo " + socketPath()}));
   EXPECT_EQ(std::filesystem::status(root() / "daemon").permissions(), std::filesystem::perms(0755));
 }
 
@@ -63,7 +63,8 @@ TEST_F(StartupLogTest, SeedThatCannotBeReadIsSilent) {
 // Linux has no code signature: a provisioned gate shuts every client out,
 // and says so in the response and in the chain.
 TEST_F(StartupLogTest, ProvisionedGateOnThisSystemRejectsEveryClient) {
-  writeFile(root() / "vendor/teams.json", R"({"revision":3,"teamIds":["TEAMA00001","TEAMB00002"]})");
+  writeFile(root() / "vendor/teams.json",
+            R"({"revision":3,"teamIds":["TEAMA00001","TEAMB00002"]})");
   start();
   EXPECT_EQ(logMessages(*daemon).front(), "info gate XPC activo: 2 team(s) confiados");
 

@@ -51,7 +51,9 @@ class UpdateTest : public E2EFixture {
             {"failedPath", failedPath().string()}};
   }
 
-  std::string installedVersion() const { return readFile(installedApp() / "Contents/MacOS/tarskel"); }
+  std::string installedVersion() const {
+    return readFile(installedApp() / "Contents/MacOS/tarskel");
+  }
 
   Ed25519KeyPair key{"vendor-e2e"};
 };
@@ -120,7 +122,8 @@ TEST_F(UpdateTest, TwoMessagesOnOneConnectionOverlap) {
   writeFile(staged / kExecutable, "big");
   {
     // A sparse file: costs no disk, but every byte is hashed on verification.
-    int fd = open((staged / "Tarskel.app/Contents/Resources.bin").c_str(), O_CREAT | O_WRONLY, 0644);
+    int fd =
+        open((staged / "Tarskel.app/Contents/Resources.bin").c_str(), O_CREAT | O_WRONLY, 0644);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(ftruncate(fd, off_t{256} << 20), 0);
     close(fd);
@@ -131,7 +134,8 @@ TEST_F(UpdateTest, TwoMessagesOnOneConnectionOverlap) {
 
   RawConnection connection(socketPath());
   auto request = [](const std::string& op, JSONObject args) {
-    return TarskelJSON::encoder().encode(DaemonRequest{op, std::move(args), std::nullopt, std::nullopt});
+    return TarskelJSON::encoder().encode(
+        DaemonRequest{op, std::move(args), std::nullopt, std::nullopt});
   };
   connection.send({1, true, request("platform.applyUpdate", swapArgs(staged))});
   connection.send({2, true, request("daemon.info", {})});

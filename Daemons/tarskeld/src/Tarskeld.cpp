@@ -76,8 +76,7 @@ void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
   for (;;) pause();
 }
 
-int Tarskeld::main(int argc, char** argv,
-                   std::shared_ptr<const CodeSignPlatform> gatePlatform) {
+int Tarskeld::main(int argc, char** argv, std::shared_ptr<const CodeSignPlatform> gatePlatform) {
   Tarskeld command;
   std::string shell;
 

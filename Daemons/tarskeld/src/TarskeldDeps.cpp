@@ -76,8 +76,7 @@ std::optional<std::vector<std::string>> TarskeldDeps::loadGateTeams(const fs::pa
     logger.warning("gate XPC sin provisionar — clientes pasan como unverified");
     return std::nullopt;
   }
-  logger.info("gate XPC activo: " + std::to_string(trust->teamIds.size()) +
-              " team(s) confiados");
+  logger.info("gate XPC activo: " + std::to_string(trust->teamIds.size()) + " team(s) confiados");
   return std::move(trust->teamIds);
 }
 

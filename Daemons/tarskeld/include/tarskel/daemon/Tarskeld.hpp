@@ -49,8 +49,7 @@ struct Tarskeld {
   //
   // `gatePlatform` is what the peer gate judges senders with. The shipped
   // executable passes the system's own; only test builds pass a fake.
-  static int main(int argc, char** argv,
-                  std::shared_ptr<const CodeSignPlatform> gatePlatform);
+  static int main(int argc, char** argv, std::shared_ptr<const CodeSignPlatform> gatePlatform);
 
   // Starts the daemon as configured and never returns. Throws when the state
   // directory or the audit database fails; nothing else stops it.

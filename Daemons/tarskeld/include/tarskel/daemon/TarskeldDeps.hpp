@@ -53,8 +53,8 @@ class TarskeldDeps {
   // audit database can't be opened or attached; nothing is logged and nothing
   // is served then. Every other failure only reduces the daemon.
   static std::unique_ptr<TarskeldDeps> create(const std::filesystem::path& rootURL,
-                                              const std::string& machService,
-                                              const Logger& logger, Seams seams);
+                                              const std::string& machService, const Logger& logger,
+                                              Seams seams);
 
   // <rootURL>/daemon, made with its parents, each new directory 0755 (the
   // umask notwithstanding). One that is there already keeps its mode.
