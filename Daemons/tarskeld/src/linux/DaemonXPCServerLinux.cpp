@@ -71,21 +71,21 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   static asio::awaitable<void> readLoop(std::shared_ptr<PeerConnection> self) {
     std::vector<char> buffer(64 * 1024);
     for (;;) {
-      std::tuple<boost::system::error_code, std::size_t> read =
-          co_await self->socket_.async_read_some(asio::buffer(buffer),
-                                                 asio::as_tuple(asio::use_awaitable));
+      auto reading =
+          self->socket_.async_read_some(asio::buffer(buffer), asio::as_tuple(asio::use_awaitable));
+      std::tuple<boost::system::error_code, std::size_t> read = co_await std::move(reading);
       if (std::get<0>(read)) break;
       if (!self->receive(std::string_view(buffer.data(), std::get<1>(read)))) break;
     }
     self->close();
   }
 
-  // Closes the socket; on the strand.
+  // Closes the socket; on the strand. A write in flight still owns the
+  // front of the outbox: it fails and empties the outbox itself.
   void close() {
     boost::system::error_code ignored;
     socket_.shutdown(Local::socket::shutdown_both, ignored);
     socket_.close(ignored);
-    outbox_.clear();
   }
 
   // Queues a reply frame; any thread.
@@ -131,7 +131,8 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   static asio::awaitable<void> answer(DaemonCore core, std::string bytes,
                                       DaemonPeerVerdict verdict,
                                       std::shared_ptr<PeerConnection> self, std::uint64_t id) {
-    std::string response = co_await core.handleEncoded(std::move(bytes), std::move(verdict));
+    auto handling = core.handleEncoded(std::move(bytes), std::move(verdict));
+    std::string response = co_await std::move(handling);
     self->send(Transport::encodeFrame({id, false, std::move(response)}));
   }
 
@@ -144,7 +145,11 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
                           return;
                         }
                         self->outbox_.pop_front();
-                        if (!self->outbox_.empty()) self->writeFront();
+                        if (!self->socket_.is_open()) {
+                          self->outbox_.clear();
+                        } else if (!self->outbox_.empty()) {
+                          self->writeFront();
+                        }
                       });
   }
 
@@ -240,16 +245,18 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
 
   static asio::awaitable<void> acceptLoop(std::shared_ptr<Impl> self) {
     for (;;) {
-      std::tuple<boost::system::error_code, Local::socket> accepted =
-          co_await self->acceptor.async_accept(asio::make_strand(self->pool),
-                                               asio::as_tuple(asio::use_awaitable));
+      // Each connection gets its own strand. (Kept out of the co_await
+      // expression: GCC 12 may destroy temporaries there twice.)
+      asio::any_io_executor strand = asio::make_strand(self->pool);
+      auto accepting = self->acceptor.async_accept(strand, asio::as_tuple(asio::use_awaitable));
+      std::tuple<boost::system::error_code, Local::socket> accepted = co_await std::move(accepting);
       if (!self->acceptor.is_open()) co_return;
       if (std::get<0>(accepted)) {
         // Out of descriptors or the like: not logged, the listener goes on
         // after a breath rather than spinning.
         asio::steady_timer pause(self->acceptor.get_executor(), std::chrono::milliseconds(50));
-        std::tuple<boost::system::error_code> waited =
-            co_await pause.async_wait(asio::as_tuple(asio::use_awaitable));
+        auto waiting = pause.async_wait(asio::as_tuple(asio::use_awaitable));
+        std::tuple<boost::system::error_code> waited = co_await std::move(waiting);
         (void)waited;
         continue;
       }
