@@ -1,0 +1,149 @@
+// tarskel call and tarskel info against a scripted daemon. The daemon side
+// writes the envelope by hand (id: uint64be, flags: uint8, body), which pins
+// the tool's wire format independently of the library that produces it.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ToolRunner.hpp"
+#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/bus/Framing.hpp"
+
+namespace tarskel::tool {
+namespace {
+
+using testing::runTool;
+
+// Answers every request with `response`, remembering the request bodies.
+class CannedDaemon {
+ public:
+  explicit CannedDaemon(std::string response) : response_(std::move(response)) {
+    std::string pattern = (std::filesystem::temp_directory_path() / "tarskel-call-XXXXXX").string();
+    dir_ = ::mkdtemp(pattern.data());
+    path_ = dir_ + "/d.sock";
+    fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, path_.c_str());
+    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(::listen(fd_, 4), 0);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~CannedDaemon() {
+    ::shutdown(fd_, SHUT_RDWR);
+    thread_.join();
+    ::close(fd_);
+    std::filesystem::remove_all(dir_);
+  }
+
+  const std::string& path() const { return path_; }
+  std::vector<std::string> requests() {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
+
+ private:
+  void serve() {
+    for (int client; (client = ::accept(fd_, nullptr, nullptr)) >= 0; ::close(client)) {
+      FrameDecoder decoder;
+      char buffer[4096];
+      for (ssize_t n; (n = ::recv(client, buffer, sizeof buffer, 0)) > 0;) {
+        for (const std::string& envelope : decoder.append({buffer, static_cast<std::size_t>(n)})) {
+          {
+            std::lock_guard lock(mutex_);
+            requests_.push_back(envelope.substr(9));
+          }
+          // Same id, no reply expected, body present.
+          const std::string reply = Framing::encode(envelope.substr(0, 8) + '\x02' + response_);
+          ::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
+        }
+      }
+    }
+  }
+
+  std::string response_;
+  std::string dir_;
+  std::string path_;
+  int fd_ = -1;
+  std::thread thread_;
+  std::mutex mutex_;
+  std::vector<std::string> requests_;
+};
+
+TEST(CallCommandsTest, CallSendsTheRequestAndPrintsTheResponseOnOneLine) {
+  CannedDaemon daemon(R"({"result":{"b":1,"a":[true]},"ok":true})");
+  const auto run = runTool({"call", "fs.readProtectedPath", "--args", R"({"path":"/etc/x"})",
+                            "--service-id", "svc.a", "--correlation-id", "c-9", "--mach-service",
+                            daemon.path()});
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_EQ(run.out, "{\"ok\":true,\"result\":{\"a\":[true],\"b\":1}}\n");
+  ASSERT_EQ(daemon.requests().size(), 1u);
+  const JSONValue sent = TarskelJSON::decoder().decode<JSONValue>(daemon.requests()[0]);
+  EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(sent),
+            R"({"args":{"path":"\/etc\/x"},"correlationId":"c-9","op":"fs.readProtectedPath",)"
+            R"("serviceId":"svc.a"})");
+}
+
+TEST(CallCommandsTest, ExitCodes) {
+  CannedDaemon refusing(
+      R"({"ok":false,"error":{"code":"unknownOp","message":"op fuera del catálogo: x"}})");
+  CannedDaemon garbled("not json");
+  struct Case {
+    const char* name;
+    std::vector<std::string> args;
+    int exitCode;
+    std::string errContains;
+  };
+  const std::vector<Case> cases = {
+      {"refusal", {"call", "x", "--mach-service", refusing.path()}, 1, ""},
+      {"args not JSON", {"call", "x", "--args", "{", "--mach-service", refusing.path()}, 2,
+       "--args no es JSON válido"},
+      {"args not an object", {"call", "x", "--args", "[1]", "--mach-service", refusing.path()}, 2,
+       "--args debe ser un objeto JSON"},
+      {"no daemon", {"call", "x", "--mach-service", "/nonexistent-tarskel/d.sock"}, 3,
+       "tarskel: daemon no disponible: connect /nonexistent-tarskel/d.sock"},
+      {"unreadable reply", {"call", "x", "--mach-service", garbled.path()}, 3,
+       "respuesta ilegible del daemon"},
+      {"info refused", {"info", "--mach-service", refusing.path()}, 1,
+       "daemon.info rechazado: unknownOp: op fuera del catálogo: x"},
+      {"info without daemon", {"info", "--mach-service", "/nonexistent-tarskel/d.sock"}, 3,
+       "daemon no disponible"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto run = runTool(c.args);
+    EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
+    EXPECT_NE(run.err.find(c.errContains), std::string::npos) << run.err;
+  }
+}
+
+TEST(CallCommandsTest, InfoIsForPeople) {
+  CannedDaemon daemon(
+      R"({"ok":true,"result":{"daemonVersion":"0.1.0","protocolVersion":"1.1.0","pid":42,"uid":0,)"
+      R"("ops":["daemon.info","fs.readProtectedPath"]}})");
+  const auto run = runTool({"info", "--mach-service", daemon.path()});
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_EQ(run.out,
+            "tarskeld 0.1.0 (protocolo 1.1.0)\n"
+            "pid 42, uid 0\n"
+            "operaciones:\n"
+            "  daemon.info\n"
+            "  fs.readProtectedPath\n");
+  ASSERT_EQ(daemon.requests().size(), 1u);
+  EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(
+                TarskelJSON::decoder().decode<JSONValue>(daemon.requests()[0])),
+            R"({"args":{},"op":"daemon.info"})");
+}
+
+}  // namespace
+}  // namespace tarskel::tool
