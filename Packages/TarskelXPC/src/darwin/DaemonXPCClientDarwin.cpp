@@ -1,0 +1,73 @@
+// The client over an XPC connection to the Mach service (Apple only).
+
+#include <xpc/xpc.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/xpc/DaemonXPCClient.hpp"
+
+namespace tarskel {
+
+namespace {
+
+// One reference to an XPC object, released when the holder goes.
+struct XPCReference {
+  explicit XPCReference(xpc_object_t o) : object(o) {}
+  ~XPCReference() {
+    if (object != nullptr) xpc_release(object);
+  }
+  XPCReference(const XPCReference&) = delete;
+  XPCReference& operator=(const XPCReference&) = delete;
+  xpc_object_t object;
+};
+
+std::string printable(xpc_object_t object) {
+  char* text = xpc_copy_description(object);
+  std::string out = text != nullptr ? text : "";
+  std::free(text);
+  return out;
+}
+
+}  // namespace
+
+struct DaemonXPCClient::Connection {
+  xpc_connection_t connection;
+};
+
+DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName) {
+  const std::string name(machServiceName);
+  xpc_connection_t connection = xpc_connection_create_mach_service(name.c_str(), nullptr, 0);
+  // Errors show up as the reply of the call they interrupt; nothing to do here.
+  xpc_connection_set_event_handler(connection, ^(xpc_object_t) {
+  });
+  xpc_connection_resume(connection);
+  connection_ = std::make_unique<Connection>(Connection{connection});
+}
+
+// Releases our reference without cancelling: calls of other holders go on.
+DaemonXPCClient::~DaemonXPCClient() { xpc_release(connection_->connection); }
+
+DaemonResponse DaemonXPCClient::request(const DaemonRequest& request) {
+  const std::string bytes = TarskelJSON::encoder().encode(request);
+  const std::string requestKey(DaemonWire::requestKey);
+  const std::string responseKey(DaemonWire::responseKey);
+
+  XPCReference message(xpc_dictionary_create(nullptr, nullptr, 0));
+  xpc_dictionary_set_data(message.object, requestKey.c_str(), bytes.data(), bytes.size());
+  XPCReference reply(
+      xpc_connection_send_message_with_reply_sync(connection_->connection, message.object));
+  if (xpc_get_type(reply.object) != XPC_TYPE_DICTIONARY) {
+    throw DaemonClientError::transport(printable(reply.object));
+  }
+  std::size_t length = 0;
+  const void* data = xpc_dictionary_get_data(reply.object, responseKey.c_str(), &length);
+  if (data == nullptr) throw DaemonClientError::transport("reply sin payload de respuesta");
+  const std::string response(static_cast<const char*>(data), length);
+  return TarskelJSON::decoder().decode<DaemonResponse>(response);
+}
+
+void DaemonXPCClient::close() { xpc_connection_cancel(connection_->connection); }
+
+}  // namespace tarskel
