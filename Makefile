@@ -16,7 +16,7 @@ build: deps
 	cmake --build build/$(PRESET) -j $(JOBS)
 
 test: build
-	ctest --test-dir build/$(PRESET) --output-on-failure -j $(JOBS)
+	ctest --test-dir build/$(PRESET) --output-on-failure --timeout 600 -j $(JOBS)
 
 test-sanitize:
 	$(MAKE) test PRESET=sanitize
