@@ -22,7 +22,7 @@ test-sanitize:
 	$(MAKE) test PRESET=sanitize
 
 test-tsan:
-	$(MAKE) test PRESET=tsan
+	TSAN_OPTIONS=suppressions=$(CURDIR)/scripts/tsan.supp $(MAKE) test PRESET=tsan
 
 bench:
 	@scripts/install-deps --bench
@@ -33,8 +33,11 @@ fuzz: deps
 	cmake --preset fuzz >/dev/null
 	cmake --build build/fuzz -j $(JOBS)
 
+# Starts tarskeld in the foreground with its state under ./.state; from another
+# terminal: build/default/Tools/tarskel/tarskel call daemon.info --mach-service ./.state/tarskeld.sock
 run: build
-	@echo "tarskeld is not built yet; try: build/$(PRESET)/Tools/tarskel/tarskel --help"
+	@mkdir -p .state
+	build/$(PRESET)/Daemons/tarskeld/tarskeld --root ./.state --mach-service ./.state/tarskeld.sock
 
 clean:
 	rm -rf build
