@@ -1,5 +1,6 @@
 #include "tarskel/protocol/Date.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -61,8 +62,11 @@ Date Date::now() {
   return fromUnixTime(since.count());
 }
 
-std::string formatISO8601(Date date) {
-  const double unix = std::floor(date.unixTime());
+UTCTime utcTime(Date date) {
+  constexpr double kLimit = 1e15;
+  double unix = std::floor(date.unixTime());
+  if (std::isnan(unix)) unix = 0;
+  unix = std::clamp(unix, -kLimit, kLimit);
   const auto seconds = static_cast<std::int64_t>(unix);
   std::int64_t days = seconds / 86400;
   std::int64_t rest = seconds % 86400;
@@ -71,11 +75,15 @@ std::string formatISO8601(Date date) {
     days -= 1;
   }
   const Civil c = civilFromDays(days);
+  return {c.year, c.month, c.day, static_cast<unsigned>(rest / 3600),
+          static_cast<unsigned>(rest / 60 % 60), static_cast<unsigned>(rest % 60)};
+}
+
+std::string formatISO8601(Date date) {
+  const UTCTime t = utcTime(date);
   char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02uT%02lld:%02lld:%02lldZ",
-                static_cast<long long>(c.year), c.month, c.day,
-                static_cast<long long>(rest / 3600), static_cast<long long>(rest / 60 % 60),
-                static_cast<long long>(rest % 60));
+  std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02uT%02u:%02u:%02uZ",
+                static_cast<long long>(t.year), t.month, t.day, t.hour, t.minute, t.second);
   return buffer;
 }
 

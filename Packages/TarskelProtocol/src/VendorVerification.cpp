@@ -8,52 +8,11 @@
 #include "tarskel/protocol/TarskelJSON.hpp"
 
 namespace tarskel {
-namespace {
-
-struct CivilDate {
-  std::int64_t year;
-  unsigned month;
-  unsigned day;
-};
-
-// Proleptic Gregorian date of a count of days since 1970-01-01.
-CivilDate civilFromDays(std::int64_t days) {
-  days += 719468;
-  const std::int64_t era = (days >= 0 ? days : days - 146096) / 146097;
-  const auto dayOfEra = static_cast<unsigned>(days - era * 146097);
-  const unsigned yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-  const unsigned dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-  const unsigned mp = (5 * dayOfYear + 2) / 153;
-  const unsigned day = dayOfYear - (153 * mp + 2) / 5 + 1;
-  const unsigned month = mp < 10 ? mp + 3 : mp - 9;
-  const std::int64_t year = static_cast<std::int64_t>(yearOfEra) + era * 400 + (month <= 2 ? 1 : 0);
-  return {year, month, day};
-}
-
-}  // namespace
-
 std::string formatVendorDate(Date date) {
-  // Beyond ±10^15 s (some 30 million years) the text has no meaning left;
-  // the bound keeps every step inside 64-bit integers.
-  constexpr double kLimit = 1e15;
-  double unix = std::floor(date.unixTime());
-  if (std::isnan(unix)) unix = 0;
-  if (unix > kLimit) unix = kLimit;
-  if (unix < -kLimit) unix = -kLimit;
-  const auto seconds = static_cast<std::int64_t>(unix);
-  std::int64_t days = seconds / 86400;
-  std::int64_t secondOfDay = seconds % 86400;
-  if (secondOfDay < 0) {
-    secondOfDay += 86400;
-    days -= 1;
-  }
-  const CivilDate civil = civilFromDays(days);
+  const UTCTime t = utcTime(date);
   char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02u %02lld:%02lld:%02lld +0000",
-                static_cast<long long>(civil.year), civil.month, civil.day,
-                static_cast<long long>(secondOfDay / 3600),
-                static_cast<long long>(secondOfDay / 60 % 60),
-                static_cast<long long>(secondOfDay % 60));
+  std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02u %02u:%02u:%02u +0000",
+                static_cast<long long>(t.year), t.month, t.day, t.hour, t.minute, t.second);
   return buffer;
 }
 

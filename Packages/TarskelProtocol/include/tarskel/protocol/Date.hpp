@@ -1,6 +1,7 @@
 #pragma once
 
 #include <compare>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,6 +21,15 @@ struct Date {
 
   friend auto operator<=>(const Date&, const Date&) = default;
 };
+
+// The calendar fields of a date in UTC, the fraction of a second dropped.
+// Dates beyond about 30 million years are clamped there and NaN reads as the
+// Unix epoch, so that every step stays inside 64-bit integers.
+struct UTCTime {
+  std::int64_t year;
+  unsigned month, day, hour, minute, second;
+};
+UTCTime utcTime(Date date);
 
 // "yyyy-MM-ddTHH:mm:ssZ" in UTC; the fraction of a second is dropped, not rounded.
 std::string formatISO8601(Date date);
