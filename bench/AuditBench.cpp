@@ -18,7 +18,7 @@
 
 #include "AuditRowReference.hpp"
 #include "RatioReporter.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/store/AuditStore.hpp"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "RatioReporter.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace {
 

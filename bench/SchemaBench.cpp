@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tarskel/protocol/SchemaNode.hpp"
+#include "tarskel/protocol/schema/SchemaNode.hpp"
 
 using namespace tarskel;
 

@@ -12,41 +12,35 @@ if(TARSKEL_SANITIZE)
   add_link_options(-fsanitize=${TARSKEL_SANITIZE})
 endif()
 
-# tarskel_library(NAME <target> [DEPS <targets>...] [PRIVATE_DEPS <targets>...])
-# Sources are src/*.cpp plus src/linux/*.cpp on Linux, src/darwin/*.{cpp,mm} on Apple.
+# tarskel_library(NAME <target> SOURCES <files>... [LINUX_SOURCES <files>...]
+#                 [DARWIN_SOURCES <files>...] [DEPS <targets>...] [PRIVATE_DEPS <targets>...])
+# Sources are listed, never globbed: a file moved or added shows up in review
+# and can't drop out of the build unnoticed. Paths are relative to the package.
 function(tarskel_library)
-  cmake_parse_arguments(ARG "" "NAME" "DEPS;PRIVATE_DEPS" ${ARGN})
-  file(GLOB _srcs CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/*.cpp)
+  cmake_parse_arguments(ARG "" "NAME" "SOURCES;LINUX_SOURCES;DARWIN_SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  set(_srcs ${ARG_SOURCES})
   if(APPLE)
-    file(GLOB _plat CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/darwin/*.cpp
-         ${CMAKE_CURRENT_SOURCE_DIR}/src/darwin/*.mm)
+    list(APPEND _srcs ${ARG_DARWIN_SOURCES})
   else()
-    file(GLOB _plat CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/linux/*.cpp)
+    list(APPEND _srcs ${ARG_LINUX_SOURCES})
   endif()
-  if(NOT _srcs AND NOT _plat)
-    message(STATUS "${ARG_NAME}: no sources yet, skipped")
-    return()
-  endif()
-  add_library(${ARG_NAME} STATIC ${_srcs} ${_plat})
+  add_library(${ARG_NAME} STATIC ${_srcs})
   add_library(Tarskel::${ARG_NAME} ALIAS ${ARG_NAME})
-  target_include_directories(${ARG_NAME} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include
+  target_include_directories(${ARG_NAME} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+                                                $<INSTALL_INTERFACE:include>
                                          PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
   target_compile_options(${ARG_NAME} PRIVATE ${TARSKEL_WARNINGS})
   target_link_libraries(${ARG_NAME} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
 endfunction()
 
-# tarskel_test(NAME <binary> [DEPS <targets>...])
-# One GoogleTest binary from tests/*.cpp, registered with ctest.
+# tarskel_test(NAME <binary> SOURCES <files>... [DEPS <targets>...])
+# One GoogleTest binary per package, registered with ctest.
 function(tarskel_test)
   if(NOT TARSKEL_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "NAME" "DEPS" ${ARGN})
-  file(GLOB _srcs CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/*.cpp)
-  if(NOT _srcs)
-    return()
-  endif()
-  add_executable(${ARG_NAME} ${_srcs})
+  cmake_parse_arguments(ARG "" "NAME" "SOURCES;DEPS" ${ARGN})
+  add_executable(${ARG_NAME} ${ARG_SOURCES})
   target_compile_options(${ARG_NAME} PRIVATE ${TARSKEL_WARNINGS})
   target_include_directories(${ARG_NAME} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests)
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} GTest::gtest_main GTest::gmock)

@@ -14,7 +14,7 @@
 #include <string>
 
 #include "tarskel/daemon/DaemonCore.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonWire.hpp"
 
 namespace {

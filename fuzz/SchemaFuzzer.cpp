@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "tarskel/protocol/SchemaNode.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/schema/SchemaNode.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 using namespace tarskel;
 

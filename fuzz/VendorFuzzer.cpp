@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 #include "tarskel/protocol/vendor/VendorVerification.hpp"
 #include "tarskel/vendor/Ed25519.hpp"

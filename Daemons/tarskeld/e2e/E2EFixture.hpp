@@ -10,7 +10,7 @@
 #include <string>
 
 #include "DaemonProcess.hpp"
-#include "tarskel/protocol/JSONValue.hpp"
+#include "tarskel/protocol/json/JSONValue.hpp"
 #include "tarskel/store/AuditStore.hpp"
 #include "tarskel/xpc/DaemonWire.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"

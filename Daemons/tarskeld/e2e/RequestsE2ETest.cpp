@@ -2,8 +2,8 @@
 // what the transport drops, and the grants across a restart.
 
 #include "E2EFixture.hpp"
-#include "tarskel/protocol/Base64.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/base/Base64.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 
 namespace tarskel::e2e {

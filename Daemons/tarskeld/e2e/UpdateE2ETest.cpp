@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "E2EFixture.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/Ed25519.hpp"
 

@@ -10,7 +10,7 @@
 #include "tarskel/daemon/FsReadProtectedPathOp.hpp"
 #include "tarskel/daemon/GrantsSyncOp.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
 namespace {

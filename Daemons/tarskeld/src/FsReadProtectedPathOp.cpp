@@ -8,7 +8,7 @@
 #include <string>
 
 #include "tarskel/daemon/FileSystemError.hpp"
-#include "tarskel/protocol/Base64.hpp"
+#include "tarskel/protocol/base/Base64.hpp"
 
 namespace tarskel {
 namespace {

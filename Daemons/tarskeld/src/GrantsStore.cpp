@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "RandomUUID.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
 namespace {

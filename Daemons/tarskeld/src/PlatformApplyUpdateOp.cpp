@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "tarskel/protocol/Date.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/Ed25519.hpp"

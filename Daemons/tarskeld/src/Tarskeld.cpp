@@ -11,7 +11,7 @@
 
 #include "tarskel/daemon/PlatformFiles.hpp"
 #include "tarskel/daemon/TarskeldDeps.hpp"
-#include "tarskel/protocol/Logger.hpp"
+#include "tarskel/protocol/base/Logger.hpp"
 
 extern char** environ;
 

@@ -9,7 +9,7 @@
 
 #include "DaemonTestSupport.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
 namespace {

@@ -9,7 +9,7 @@
 #include "tarskel/daemon/FsReadProtectedPathOp.hpp"
 #include "tarskel/daemon/GrantsSyncOp.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
-#include "tarskel/protocol/Base64.hpp"
+#include "tarskel/protocol/base/Base64.hpp"
 
 namespace tarskel {
 namespace {

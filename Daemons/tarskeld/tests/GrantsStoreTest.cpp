@@ -6,7 +6,7 @@
 
 #include "DaemonTestSupport.hpp"
 #include "tarskel/daemon/GrantsSyncOp.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
 namespace {

@@ -12,7 +12,7 @@
 
 #include "DaemonTestSupport.hpp"
 #include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/Ed25519.hpp"
 

@@ -22,7 +22,7 @@
 #include "tarskel/codesign/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/Transport.hpp"

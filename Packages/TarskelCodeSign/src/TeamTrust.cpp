@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <exception>
 
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
 

@@ -6,7 +6,7 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <utility>
 
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/store/Hashing.hpp"
 
 namespace tarskel {

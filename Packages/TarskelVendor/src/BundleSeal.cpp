@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "ContentHashing.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::BundleSeal {
 namespace fs = std::filesystem;

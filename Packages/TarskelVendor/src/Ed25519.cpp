@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "tarskel/protocol/Base64.hpp"
+#include "tarskel/protocol/base/Base64.hpp"
 
 namespace tarskel {
 namespace {

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "TempDirectory.hpp"
-#include "tarskel/protocol/Base64.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/base/Base64.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/VendorHashing.hpp"
 

@@ -4,7 +4,7 @@
 #include <thread>
 #include <vector>
 
-#include "tarskel/protocol/Base64.hpp"
+#include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/vendor/Ed25519.hpp"
 #include "tarskel/vendor/VendorHashing.hpp"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
 namespace {

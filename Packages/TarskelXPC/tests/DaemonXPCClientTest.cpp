@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/xpc/Transport.hpp"
 

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "ToolCommand.hpp"
-#include "tarskel/protocol/Date.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/store/AuditStore.hpp"
 
 namespace tarskel::tool {

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "ToolCommand.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/DaemonWire.hpp"
 

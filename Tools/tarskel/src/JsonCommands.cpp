@@ -4,8 +4,8 @@
 #include <string>
 
 #include "ToolCommand.hpp"
-#include "tarskel/protocol/MergePatch.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/MergePatch.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::tool {
 namespace {

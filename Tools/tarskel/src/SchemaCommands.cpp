@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "ToolCommand.hpp"
-#include "tarskel/protocol/SchemaNode.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/schema/SchemaNode.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::tool {
 namespace {

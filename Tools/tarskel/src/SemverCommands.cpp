@@ -4,7 +4,7 @@
 #include <string>
 
 #include "ToolCommand.hpp"
-#include "tarskel/protocol/SemVer.hpp"
+#include "tarskel/protocol/semver/SemVer.hpp"
 
 namespace tarskel::tool {
 namespace {

@@ -21,9 +21,9 @@
 #include <vector>
 
 #include "ToolCommand.hpp"
-#include "tarskel/protocol/Base64.hpp"
-#include "tarskel/protocol/Date.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/base/Base64.hpp"
+#include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/Ed25519.hpp"
 

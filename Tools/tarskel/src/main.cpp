@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "ToolCommand.hpp"
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 
 namespace tarskel::tool {
 namespace {

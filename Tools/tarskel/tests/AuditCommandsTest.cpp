@@ -4,7 +4,7 @@
 #include <filesystem>
 
 #include "ToolRunner.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::tool::testing {
 namespace {

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "ToolRunner.hpp"
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 
 namespace tarskel::tool {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 
 namespace tarskel {

@@ -17,7 +17,7 @@
 #include <string>
 #include <variant>
 
-#include "tarskel/protocol/TarskelJSON.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/Transport.hpp"

@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
-#include "tarskel/protocol/Error.hpp"
-#include "tarskel/protocol/JSONValue.hpp"
-#include "tarskel/protocol/SchemaNode.hpp"
+#include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/protocol/json/JSONValue.hpp"
+#include "tarskel/protocol/schema/SchemaNode.hpp"
 
 namespace tarskel {
 

@@ -30,7 +30,7 @@
 
 #include "tarskel/daemon/DaemonCore.hpp"
 #include "tarskel/daemon/DaemonPeerGate.hpp"
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 
 namespace tarskel {
 

@@ -27,7 +27,7 @@
 #include "tarskel/daemon/DaemonPeerGate.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/daemon/GrantsStore.hpp"
-#include "tarskel/protocol/Logger.hpp"
+#include "tarskel/protocol/base/Logger.hpp"
 #include "tarskel/store/AuditStore.hpp"
 #include "tarskel/store/SQLiteDatabase.hpp"
 

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "tarskel/codesign/CodeSignPlatform.hpp"
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 
 namespace tarskel {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tarskel/protocol/Logger.hpp"
+#include "tarskel/protocol/base/Logger.hpp"
 
 namespace tarskel {
 

@@ -36,7 +36,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tarskel/protocol/Date.hpp"
+#include "tarskel/protocol/base/Date.hpp"
 #include "tarskel/store/SQLiteDatabase.hpp"
 
 namespace tarskel {

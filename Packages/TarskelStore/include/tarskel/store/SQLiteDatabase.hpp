@@ -26,7 +26,7 @@
 #include <variant>
 #include <vector>
 
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 
 struct sqlite3;
 struct sqlite3_stmt;

@@ -20,8 +20,8 @@
 #include <string_view>
 #include <vector>
 
-#include "tarskel/protocol/Date.hpp"
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 #include "tarskel/protocol/vendor/VendorVerification.hpp"
 #include "tarskel/vendor/Ed25519.hpp"

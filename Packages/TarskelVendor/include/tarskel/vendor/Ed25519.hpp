@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 #include "tarskel/protocol/vendor/VendorVerification.hpp"
 

@@ -26,8 +26,8 @@
 #include <string_view>
 #include <vector>
 
-#include "tarskel/protocol/JSONCoding.hpp"
-#include "tarskel/protocol/JSONValue.hpp"
+#include "tarskel/protocol/json/JSONCoding.hpp"
+#include "tarskel/protocol/json/JSONValue.hpp"
 
 namespace tarskel {
 

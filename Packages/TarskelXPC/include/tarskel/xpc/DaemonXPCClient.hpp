@@ -21,7 +21,7 @@
 #include <string>
 #include <string_view>
 
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 #include "tarskel/xpc/DaemonWire.hpp"
 
 namespace tarskel {

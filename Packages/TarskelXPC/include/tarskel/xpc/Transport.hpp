@@ -22,7 +22,7 @@
 #include <string>
 #include <string_view>
 
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 
 namespace tarskel {
 

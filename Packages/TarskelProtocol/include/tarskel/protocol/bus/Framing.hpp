@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 
 namespace tarskel {
 

@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
-#include "tarskel/protocol/Date.hpp"
-#include "tarskel/protocol/JSONCoding.hpp"
+#include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/json/JSONCoding.hpp"
 
 namespace tarskel {
 

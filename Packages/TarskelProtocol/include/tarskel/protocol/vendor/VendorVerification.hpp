@@ -13,8 +13,8 @@
 #include <variant>
 #include <vector>
 
-#include "tarskel/protocol/Date.hpp"
-#include "tarskel/protocol/Error.hpp"
+#include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 
 namespace tarskel {

@@ -1,0 +1,448 @@
+#include "tarskel/protocol/json/TarskelJSON.hpp"
+
+#include <simdjson.h>
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+
+namespace tarskel {
+namespace {
+
+namespace od = simdjson::ondemand;
+
+// ---------------------------------------------------------------- writing
+
+// 0: copy as is; 1: two-character escape in kShortEscape; 2: \u00xx.
+constexpr std::array<std::uint8_t, 256> makeEscapeClass() {
+  std::array<std::uint8_t, 256> table{};
+  for (int c = 0; c < 0x20; ++c) table[static_cast<std::size_t>(c)] = 2;
+  for (unsigned char c : {'"', '\\', '/', '\b', '\f', '\n', '\r', '\t'}) table[c] = 1;
+  return table;
+}
+constexpr auto kEscapeClass = makeEscapeClass();
+
+char shortEscape(char c) {
+  switch (c) {
+    case '"': return '"';
+    case '\\': return '\\';
+    case '/': return '/';
+    case '\b': return 'b';
+    case '\f': return 'f';
+    case '\n': return 'n';
+    case '\r': return 'r';
+    default: return 't';
+  }
+}
+
+void appendDigits(std::string& out, std::uint64_t magnitude, bool negative) {
+  char buffer[24];
+  auto result = std::to_chars(buffer, buffer + sizeof buffer, magnitude);
+  if (negative) out += '-';
+  out.append(buffer, result.ptr);
+}
+
+// Lays out the shortest round-trip digits of a finite, non-zero `value`.
+// `keepFraction` adds ".0" to an integral value in positional form.
+void appendLaidOut(std::string& out, double value, bool keepFraction) {
+  char buffer[40];
+  auto result = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::scientific);
+  std::string_view text(buffer, static_cast<std::size_t>(result.ptr - buffer));
+  // text is [-]d[.ddd]e(+|-)xx
+  const bool negative = text.front() == '-';
+  if (negative) text.remove_prefix(1);
+  const std::size_t ePos = text.find('e');
+  std::string digits;
+  digits.reserve(20);
+  for (char c : text.substr(0, ePos)) {
+    if (c != '.') digits += c;
+  }
+  int exponent = 0;  // of d1.d2...
+  std::from_chars(text.data() + ePos + 2, text.data() + text.size(), exponent);
+  if (text[ePos + 1] == '-') exponent = -exponent;
+
+  if (negative) out += '-';
+  const int e = exponent + 1;  // value = 0.d1d2... x 10^e
+  if (e < -3 || std::fabs(value) > 9007199254740992.0) {
+    out += digits[0];
+    if (digits.size() > 1) {
+      out += '.';
+      out.append(digits, 1);
+    }
+    out += 'e';
+    out += exponent < 0 ? '-' : '+';
+    const int magnitude = exponent < 0 ? -exponent : exponent;
+    if (magnitude < 10) out += '0';
+    out += std::to_string(magnitude);
+    return;
+  }
+  const auto n = static_cast<int>(digits.size());
+  if (e <= 0) {
+    out += "0.";
+    out.append(static_cast<std::size_t>(-e), '0');
+    out += digits;
+  } else if (e >= n) {
+    out += digits;
+    out.append(static_cast<std::size_t>(e - n), '0');
+    if (keepFraction) out += ".0";
+  } else {
+    out.append(digits, 0, static_cast<std::size_t>(e));
+    out += '.';
+    out.append(digits, static_cast<std::size_t>(e));
+  }
+}
+
+class Writer {
+ public:
+  explicit Writer(std::string& out) : out_(out) {}
+
+  void write(const JSONValue& value) {
+    switch (value.kind()) {
+      case JSONValue::Kind::boolean: out_ += *value.boolValue() ? "true" : "false"; break;
+      case JSONValue::Kind::number: writeNumber(*value.numberPayload()); break;
+      case JSONValue::Kind::string: appendJSONString(out_, *value.stringValue()); break;
+      case JSONValue::Kind::array: writeArray(*value.arrayValue()); break;
+      case JSONValue::Kind::object: writeObject(*value.objectValue()); break;
+      case JSONValue::Kind::null: out_ += "null"; break;
+    }
+  }
+
+ private:
+  void writeNumber(const JSONNumber& n) {
+    if (n.writeExact && n.hasExact) {
+      appendDigits(out_, n.magnitude, n.negative && n.magnitude != 0);
+    } else {
+      appendJSONNumber(out_, n.value);
+    }
+  }
+
+  void writeArray(const JSONValue::Array& array) {
+    out_ += '[';
+    bool first = true;
+    for (const JSONValue& element : array) {
+      if (!first) out_ += ',';
+      first = false;
+      write(element);
+    }
+    out_ += ']';
+  }
+
+  // Members are held sorted by UTF-8 bytes, so both encoders write that order.
+  void writeObject(const JSONObject& object) {
+    out_ += '{';
+    bool first = true;
+    for (const auto& [key, element] : object) {
+      if (!first) out_ += ',';
+      first = false;
+      appendJSONString(out_, key);
+      out_ += ':';
+      write(element);
+    }
+    out_ += '}';
+  }
+
+  std::string& out_;
+};
+
+// ---------------------------------------------------------------- reading
+
+[[noreturn]] void corrupted(std::string text) {
+  throw DecodingError(DecodingError::Kind::dataCorrupted, CodingPath(), std::move(text));
+}
+
+[[noreturn]] void syntaxError(simdjson::error_code error) {
+  switch (error) {
+    case simdjson::UTF8_ERROR: corrupted("el texto no es UTF-8 válido");
+    case simdjson::EMPTY: corrupted("el texto no es JSON válido: documento vacío");
+    case simdjson::TRAILING_CONTENT: corrupted("el texto no es JSON válido: contenido tras el documento");
+    case simdjson::DEPTH_ERROR: corrupted("el texto no es JSON válido: anidamiento demasiado profundo");
+    default:
+      corrupted(std::string("el texto no es JSON válido: ") + simdjson::error_message(error));
+  }
+}
+
+template <class T>
+T take(simdjson::simdjson_result<T>&& result) {
+  T value;
+  if (auto error = std::move(result).get(value)) syntaxError(error);
+  return value;
+}
+
+// Values give their raw token as is, documents wrapped in a result.
+std::string_view take(std::string_view token) { return token; }
+
+// RFC 8259 number grammar: -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?
+bool isNumberGrammar(std::string_view t) {
+  std::size_t i = 0;
+  auto digits = [&] {
+    const std::size_t start = i;
+    while (i < t.size() && t[i] >= '0' && t[i] <= '9') ++i;
+    return i > start;
+  };
+  if (i < t.size() && t[i] == '-') ++i;
+  if (i < t.size() && t[i] == '0') {
+    ++i;
+  } else if (!digits()) {
+    return false;
+  }
+  if (i < t.size() && t[i] == '.') {
+    ++i;
+    if (!digits()) return false;
+  }
+  if (i < t.size() && (t[i] == 'e' || t[i] == 'E')) {
+    ++i;
+    if (i < t.size() && (t[i] == '+' || t[i] == '-')) ++i;
+    if (!digits()) return false;
+  }
+  return i == t.size();
+}
+
+std::string_view trimTrailingSpace(std::string_view t) {
+  while (!t.empty() && (t.back() == ' ' || t.back() == '\t' || t.back() == '\n' || t.back() == '\r')) {
+    t.remove_suffix(1);
+  }
+  return t;
+}
+
+// Numbers go int64, then uint64, then binary64, so that integers keep their
+// exact value for 64-bit record fields. A number in the grammar that no
+// binary64 holds (1e999) is kept flagged for the record layer to judge.
+template <class Source>
+JSONValue readNumber(Source& source) {
+  const std::string_view token = trimTrailingSpace(take(source.raw_json_token()));
+  JSONNumber n;
+  std::int64_t i;
+  std::uint64_t u;
+  double d;
+  if (source.get_int64().get(i) == simdjson::SUCCESS) {
+    n.hasExact = true;
+    n.negative = i < 0 || (i == 0 && token.front() == '-');
+    n.magnitude = i < 0 ? 0 - static_cast<std::uint64_t>(i) : static_cast<std::uint64_t>(i);
+    n.value = n.negative && i == 0 ? -0.0 : static_cast<double>(i);
+  } else if (source.get_uint64().get(u) == simdjson::SUCCESS) {
+    n.hasExact = true;
+    n.magnitude = u;
+    n.value = static_cast<double>(u);
+  } else if (source.get_double().get(d) == simdjson::SUCCESS) {
+    n.value = d;
+  } else if (isNumberGrammar(token)) {
+    n.value = token.front() == '-' ? -HUGE_VAL : HUGE_VAL;
+    n.unrepresentable = true;
+  } else {
+    corrupted("el texto no es JSON válido: número mal formado");
+  }
+  return JSONValue(n);
+}
+
+// A string from the reader; escapes such as an unpaired \udc00 must not
+// smuggle ill-formed UTF-8 into the tree.
+std::string readString(std::string_view s) {
+  if (!simdjson::validate_utf8(s.data(), s.size())) corrupted("el texto no es UTF-8 válido");
+  return std::string(s);
+}
+
+class TreeBuilder {
+ public:
+  JSONValue build(od::value value, std::size_t depth) {
+    switch (take(value.type())) {
+      case od::json_type::array: return readArray(take(value.get_array()), depth);
+      case od::json_type::object: return readObject(take(value.get_object()), depth);
+      case od::json_type::number: return readNumber(value);
+      case od::json_type::string: return JSONValue(readString(take(value.get_string())));
+      case od::json_type::boolean: return JSONValue(take(value.get_bool()));
+      case od::json_type::null:
+        if (!take(value.is_null())) corrupted("el texto no es JSON válido: literal mal formado");
+        return JSONValue(nullptr);
+    }
+    corrupted("el texto no es JSON válido");
+  }
+
+  // `input` is the padded text the document was made from.
+  JSONValue buildRoot(od::document& doc, std::string_view input, bool& checkedEnd) {
+    switch (take(doc.type())) {
+      case od::json_type::array: return readArray(take(doc.get_array()), 0);
+      case od::json_type::object: return readObject(take(doc.get_object()), 0);
+      case od::json_type::number: return readRootNumber(doc, input, checkedEnd);
+      case od::json_type::string: return JSONValue(readString(take(doc.get_string())));
+      case od::json_type::boolean: return JSONValue(take(doc.get_bool()));
+      case od::json_type::null:
+        if (!take(doc.is_null())) corrupted("el texto no es JSON válido: literal mal formado");
+        return JSONValue(nullptr);
+    }
+    corrupted("el texto no es JSON válido");
+  }
+
+ private:
+  // The reader checks what trails a root scalar only when it can read the
+  // scalar; behind a number no binary64 holds, the check is made here.
+  static JSONValue readRootNumber(od::document& doc, std::string_view input, bool& checkedEnd) {
+    const std::string_view token = take(doc.raw_json_token());
+    JSONValue number = readNumber(doc);
+    if (number.numberPayload()->unrepresentable) {
+      const auto start = static_cast<std::size_t>(token.data() - input.data());
+      const std::size_t end = input.find_first_of(" \t\n\r", start);
+      if (end != std::string_view::npos && input.find_first_not_of(" \t\n\r", end) != std::string_view::npos) {
+        syntaxError(simdjson::TRAILING_CONTENT);
+      }
+      checkedEnd = true;
+    }
+    return number;
+  }
+
+  static void enter(std::size_t depth) {
+    // The reader keeps no limit of its own and recursion would end in a
+    // stack overflow, so depth is counted here.
+    if (depth >= JSONDecoder::kMaxDepth) {
+      corrupted("el texto no es JSON válido: anidamiento de más de " +
+                std::to_string(JSONDecoder::kMaxDepth) + " niveles");
+    }
+  }
+
+  // Elements and members gather on one stack per builder and move into a
+  // container of the exact size once their count is known, which spares the
+  // many small reallocations of growing each container on its own.
+  JSONValue readArray(od::array array, std::size_t depth) {
+    enter(depth);
+    const std::size_t base = elements_.size();
+    for (auto element : array) {
+      JSONValue value = build(take(std::move(element)), depth + 1);
+      elements_.push_back(std::move(value));
+    }
+    JSONValue::Array out(std::make_move_iterator(elements_.begin() + static_cast<std::ptrdiff_t>(base)),
+                         std::make_move_iterator(elements_.end()));
+    elements_.erase(elements_.begin() + static_cast<std::ptrdiff_t>(base), elements_.end());
+    return JSONValue(std::move(out));
+  }
+
+  JSONValue readObject(od::object object, std::size_t depth) {
+    enter(depth);
+    const std::size_t base = members_.size();
+    for (auto result : object) {
+      od::field field = take(std::move(result));
+      std::string key = readString(take(field.unescaped_key()));
+      JSONValue value = build(field.value(), depth + 1);
+      members_.emplace_back(std::move(key), std::move(value));
+    }
+    std::vector<JSONObject::Member> members(
+        std::make_move_iterator(members_.begin() + static_cast<std::ptrdiff_t>(base)),
+        std::make_move_iterator(members_.end()));
+    members_.erase(members_.begin() + static_cast<std::ptrdiff_t>(base), members_.end());
+    return JSONValue(JSONObject::fromUnsorted(std::move(members)));
+  }
+
+  std::vector<JSONValue> elements_;
+  std::vector<JSONObject::Member> members_;
+};
+
+// Outside strings JSON allows only four control bytes, and inside strings
+// none; the reader checks neither, so the raw text is screened once here.
+void refuseControlBytes(std::string_view bytes) {
+  for (char c : bytes) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 && u != '\t' && u != '\n' && u != '\r') {
+      corrupted("el texto no es JSON válido: carácter de control sin escapar");
+    }
+  }
+}
+
+JSONValue parseTree(std::string_view bytes) {
+  refuseControlBytes(bytes);
+  simdjson::padded_string padded(bytes);
+  // A parser keeps buffers sized to the largest document it has read; one per
+  // thread serves the many small documents, while a large one gets its own.
+  constexpr std::size_t kReusedParserLimit = 4 << 20;
+  thread_local od::parser shared;
+  od::parser local;
+  od::parser& parser = bytes.size() <= kReusedParserLimit ? shared : local;
+  od::document doc = take(parser.iterate(padded));
+  TreeBuilder builder;
+  bool checkedEnd = false;
+  JSONValue root = builder.buildRoot(doc, std::string_view(padded.data(), padded.size()), checkedEnd);
+  if (checkedEnd) return root;
+  // The reader accepts `{"a":1}}` silently: whatever follows the root is refused here.
+  const char* location = nullptr;
+  if (doc.current_location().get(location) != simdjson::OUT_OF_BOUNDS) {
+    syntaxError(simdjson::TRAILING_CONTENT);
+  }
+  return root;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- public
+
+void appendJSONString(std::string& out, std::string_view text) {
+  out += '"';
+  std::size_t runStart = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const std::uint8_t cls = kEscapeClass[c];
+    if (cls == 0) continue;
+    out.append(text, runStart, i - runStart);
+    runStart = i + 1;
+    if (cls == 1) {
+      out += '\\';
+      out += shortEscape(text[i]);
+    } else {
+      static constexpr char kHex[] = "0123456789abcdef";
+      out += "\\u00";
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    }
+  }
+  out.append(text, runStart, text.size() - runStart);
+  out += '"';
+}
+
+void appendJSONNumber(std::string& out, double value) {
+  if (!std::isfinite(value)) throw EncodingError("número no finito: " + formatNumberWithFraction(value));
+  if (value == 0) {
+    out += std::signbit(value) ? "-0" : "0";
+    return;
+  }
+  if (isIntegral(value)) {
+    const auto i = static_cast<std::int64_t>(value);
+    appendDigits(out, i < 0 ? 0 - static_cast<std::uint64_t>(i) : static_cast<std::uint64_t>(i), i < 0);
+    return;
+  }
+  appendLaidOut(out, value, false);
+}
+
+std::string formatJSONNumber(double value) {
+  std::string out;
+  appendJSONNumber(out, value);
+  return out;
+}
+
+std::string formatNumberWithFraction(double value) {
+  if (std::isnan(value)) return "nan";
+  if (std::isinf(value)) return value < 0 ? "-inf" : "inf";
+  if (value == 0) return std::signbit(value) ? "-0.0" : "0.0";
+  std::string out;
+  appendLaidOut(out, value, true);
+  return out;
+}
+
+std::string JSONEncoder::encode(const JSONValue& value) const {
+  std::string out;
+  Writer(out).write(value);
+  return out;
+}
+
+JSONValue JSONDecoder::parse(std::string_view bytes) const { return parseTree(bytes); }
+
+template <>
+JSONValue JSONDecoder::decode<JSONValue>(std::string_view bytes) const {
+  JSONValue tree = parseTree(bytes);
+  coding_detail::requireRepresentable(tree, CodingPath());
+  return tree;
+}
+
+namespace TarskelJSON {
+JSONEncoder canonicalEncoder() { return JSONEncoder(true); }
+JSONEncoder encoder() { return JSONEncoder(false); }
+JSONDecoder decoder() { return JSONDecoder(); }
+}  // namespace TarskelJSON
+
+}  // namespace tarskel

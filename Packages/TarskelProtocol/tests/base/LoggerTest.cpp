@@ -1,0 +1,164 @@
+#include "tarskel/protocol/base/Logger.hpp"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tarskel {
+namespace {
+
+// Sets TZ for the life of the object and puts the old value back.
+class ScopedTimeZone {
+ public:
+  explicit ScopedTimeZone(const char* tz) {
+    if (const char* old = std::getenv("TZ")) old_ = old;
+    ::setenv("TZ", tz, 1);
+    ::tzset();
+  }
+  ~ScopedTimeZone() {
+    if (old_) {
+      ::setenv("TZ", old_->c_str(), 1);
+    } else {
+      ::unsetenv("TZ");
+    }
+    ::tzset();
+  }
+  ScopedTimeZone(const ScopedTimeZone&) = delete;
+  ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+
+ private:
+  std::optional<std::string> old_;
+};
+
+struct CapturedLines {
+  std::vector<std::string> lines;
+  LogSink sink() {
+    return [this](std::string_view line) { lines.emplace_back(line); };
+  }
+};
+
+TEST(LoggerTest, LineForms) {
+  struct Case {
+    LogLevel level;
+    LogMetadata metadata;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {LogLevel::critical, {}, "T critical tarskeld : [src] mensaje — ñ\n"},
+      {LogLevel::trace, {}, "T trace tarskeld : [src] mensaje — ñ\n"},
+      {LogLevel::notice, {{"peer", "12"}}, "T notice tarskeld : peer=12 [src] mensaje — ñ\n"},
+      {LogLevel::warning,
+       {{"b", "2"}, {"a", "1"}},
+       "T warning tarskeld : b=2 a=1 [src] mensaje — ñ\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.expected);
+    EXPECT_EQ(formatLogLine("T", c.level, "tarskeld", c.metadata, "src", "mensaje — ñ"),
+              c.expected);
+  }
+}
+
+TEST(LoggerTest, TimestampIsLocalTimeWithOffset) {
+  {
+    ScopedTimeZone tz("UTC0");
+    EXPECT_EQ(formatLogTimestamp(0), "1970-01-01T00:00:00+0000");
+  }
+  {
+    ScopedTimeZone tz("XXX-5:30");  // fixed offset east of Greenwich, no daylight time
+    EXPECT_EQ(formatLogTimestamp(86400), "1970-01-02T05:30:00+0530");
+  }
+}
+
+TEST(LoggerTest, TimestampBeyondCalendarIsUnknown) {
+  EXPECT_EQ(formatLogTimestamp(std::numeric_limits<std::time_t>::max()), "<unknown>");
+}
+
+TEST(LoggerTest, WritesOneCompleteLinePerMessage) {
+  CapturedLines out;
+  Logger logger("tarskeld", LogLevel::info, out.sink());
+  logger.critical("vendor/teams.json ilegible: x — gate del SO sin raíz");
+  ASSERT_EQ(out.lines.size(), 1u);
+  static const std::regex form(
+      R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}[+-]\d{4} critical tarskeld : \[tarskeld\] )"
+      R"(vendor/teams.json ilegible: x — gate del SO sin raíz\n$)");
+  EXPECT_TRUE(std::regex_match(out.lines[0], form)) << out.lines[0];
+}
+
+TEST(LoggerTest, DropsMessagesBelowTheMinimumLevel) {
+  CapturedLines out;
+  Logger logger("tarskeld", LogLevel::notice, out.sink());
+  logger.trace("t");
+  logger.debug("d");
+  logger.info("i");
+  logger.notice("n");
+  logger.warning("w");
+  logger.error("e");
+  logger.critical("c");
+  ASSERT_EQ(out.lines.size(), 4u);
+  EXPECT_NE(out.lines[0].find(" notice tarskeld : [tarskeld] n\n"), std::string::npos);
+  EXPECT_NE(out.lines[3].find(" critical tarskeld : [tarskeld] c\n"), std::string::npos);
+}
+
+TEST(LoggerTest, SourceDefaultsToLabelAndCanBeChanged) {
+  CapturedLines out;
+  Logger logger("tarskel", LogLevel::trace, out.sink());
+  logger.withSource("codesign").info("a", {{"k", "v"}});
+  logger.info("b");
+  ASSERT_EQ(out.lines.size(), 2u);
+  EXPECT_NE(out.lines[0].find(" info tarskel : k=v [codesign] a\n"), std::string::npos);
+  EXPECT_NE(out.lines[1].find(" info tarskel : [tarskel] b\n"), std::string::npos);
+}
+
+TEST(LoggerTest, SinkThatThrowsDoesNotReachTheCaller) {
+  Logger logger("x", LogLevel::info, [](std::string_view) { throw std::runtime_error("full"); });
+  EXPECT_NO_THROW(logger.error("lost"));
+}
+
+// Copies of one logger on several threads share the sink; calls into it must
+// not overlap, or an unsynchronised sink like this vector would be corrupted.
+TEST(LoggerTest, ConcurrentCopiesSerialiseTheSink) {
+  CapturedLines out;
+  Logger logger("tarskeld", LogLevel::info, out.sink());
+  constexpr int kThreads = 4;
+  constexpr int kLines = 500;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([copy = logger, t] {
+      for (int i = 0; i < kLines; ++i) copy.info("hilo " + std::to_string(t));
+    });
+  }
+  for (auto& th : threads) th.join();
+  ASSERT_EQ(out.lines.size(), static_cast<std::size_t>(kThreads * kLines));
+  for (const std::string& line : out.lines) {
+    ASSERT_EQ(line.find('\n'), line.size() - 1) << line;
+  }
+}
+
+TEST(LoggerTest, DefaultSinkWritesToStandardError) {
+  std::FILE* capture = std::tmpfile();
+  ASSERT_NE(capture, nullptr);
+  int saved = ::dup(STDERR_FILENO);
+  ASSERT_GE(saved, 0);
+  ASSERT_GE(::dup2(::fileno(capture), STDERR_FILENO), 0);
+  Logger("tarskeld").warning("al error estándar");
+  ::dup2(saved, STDERR_FILENO);
+  ::close(saved);
+
+  std::rewind(capture);
+  char buffer[256] = {};
+  std::size_t n = std::fread(buffer, 1, sizeof buffer - 1, capture);
+  std::fclose(capture);
+  std::string text(buffer, n);
+  EXPECT_NE(text.find(" warning tarskeld : [tarskeld] al error estándar\n"), std::string::npos)
+      << text;
+}
+
+}  // namespace
+}  // namespace tarskel

@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tarskel/protocol/base/Base64.hpp"
+#include "tarskel/protocol/vendor/VendorVerification.hpp"
+
+namespace tarskel {
+namespace {
+
+using Kind = VendorVerificationError::Kind;
+
+// A signature is good when it reads "<publicKey>|<message>": enough to tell
+// which bytes and which key the verifier handed over.
+class FakeAlgorithm : public SignatureAlgorithm {
+ public:
+  bool verify(std::string_view signature, std::string_view message,
+              std::string_view publicKey) const override {
+    ++calls;
+    return publicKey.size() == 32 && signature == std::string(publicKey) + "|" + std::string(message);
+  }
+  mutable std::atomic<int> calls{0};
+};
+
+const std::string kKey(32, 'K');
+const std::string kOtherKey(32, 'O');
+const Date kNow{800000000};
+
+VendorSignature signedBy(const std::string& keyId, const std::string& publicKey,
+                         std::string_view message) {
+  return {keyId, "ed25519", base64Encode(publicKey + "|" + std::string(message))};
+}
+
+class VendorVerificationTest : public ::testing::Test {
+ protected:
+  std::vector<VendorVerificationError> verify(std::string_view bytes, const VendorSignature& sig,
+                                              std::optional<std::int64_t> installed = std::nullopt,
+                                              bool allowDowngrade = false) {
+    return verification.verify(bytes, manifest, sig, allowlist, installed, allowDowngrade);
+  }
+
+  std::shared_ptr<FakeAlgorithm> algorithm = std::make_shared<FakeAlgorithm>();
+  int clockReads = 0;
+  VendorVerification verification{algorithm, [this] {
+                                    ++clockReads;
+                                    return kNow;
+                                  }};
+  VendorAllowlist allowlist{1, {{"vendor", base64Encode(kKey)}}};
+  HashManifest manifest{"id", ArtifactType::platform, "1", 10, Date{kNow.secondsSinceReferenceDate + 1},
+                        {}, std::nullopt};
+  std::string data = "manifest bytes";
+};
+
+TEST_F(VendorVerificationTest, AcceptsAGoodSignatureOverTheBytesGiven) {
+  EXPECT_TRUE(verify(data, signedBy("vendor", kKey, data)).empty());
+  EXPECT_EQ(clockReads, 1);
+  // One more byte (a line end) is other bytes, whatever the decoded manifest says.
+  EXPECT_EQ(verify(data + "\n", signedBy("vendor", kKey, data)),
+            std::vector{VendorVerificationError::badSignature("vendor")});
+}
+
+TEST_F(VendorVerificationTest, SignatureFindingsStopAtTheFirst) {
+  const struct {
+    const char* name;
+    VendorSignature signature;
+    VendorAllowlist list;
+    VendorVerificationError expected;
+  } cases[] = {
+      {"algorithm in capitals", {"vendor", "ED25519", ""}, allowlist,
+       VendorVerificationError::unsupportedAlgorithm("ED25519")},
+      {"unknown key and unsupported algorithm", {"nobody", "rsa", "!!"}, allowlist,
+       VendorVerificationError::unsupportedAlgorithm("rsa")},
+      {"unknown key", signedBy("nobody", kKey, data), allowlist,
+       VendorVerificationError::unknownKey("nobody")},
+      {"line break in signature text",
+       {"vendor", "ed25519", base64Encode(kKey + "|") + "\n" + base64Encode(data)}, allowlist,
+       VendorVerificationError::malformedSignature()},
+      {"signature without padding", {"vendor", "ed25519", "YWI"}, allowlist,
+       VendorVerificationError::malformedSignature()},
+      {"public key not base64", signedBy("vendor", kKey, data), {1, {{"vendor", "a b="}}},
+       VendorVerificationError::malformedSignature()},
+      {"public key of 31 bytes", signedBy("vendor", kKey, data),
+       {1, {{"vendor", base64Encode(kKey.substr(1))}}},
+       VendorVerificationError::badSignature("vendor")},
+      {"signature by another key", signedBy("vendor", kOtherKey, data), allowlist,
+       VendorVerificationError::badSignature("vendor")},
+      {"first of two equal ids decides", signedBy("vendor", kOtherKey, data),
+       {1, {{"vendor", base64Encode(kKey)}, {"vendor", base64Encode(kOtherKey)}}},
+       VendorVerificationError::badSignature("vendor")},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    allowlist = c.list;
+    EXPECT_EQ(verify(data, c.signature), std::vector{c.expected});
+  }
+}
+
+TEST_F(VendorVerificationTest, ExpiryAndAntiRollback) {
+  const auto good = signedBy("vendor", kKey, data);
+  const auto expired = VendorVerificationError::expired(kNow, kNow);
+  const struct {
+    const char* name;
+    double expiresOffset;
+    std::optional<std::int64_t> installed;
+    bool allowDowngrade;
+    std::vector<VendorVerificationError> expected;
+  } cases[] = {
+      {"expires one second after now", 1, std::nullopt, false, {}},
+      {"expires exactly now", 0, std::nullopt, false, {expired}},
+      {"equal version", 1, 10, false, {}},
+      {"older version", 1, 11, false, {VendorVerificationError::downgrade(11, 10)}},
+      {"older version allowed", 1, 11, true, {}},
+      {"no installed version", 1, std::nullopt, false, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    manifest.expires = Date{kNow.secondsSinceReferenceDate + c.expiresOffset};
+    EXPECT_EQ(verify(data, good, c.installed, c.allowDowngrade), c.expected);
+  }
+}
+
+TEST_F(VendorVerificationTest, CollectsEveryFindingInOrder) {
+  manifest.expires = Date{kNow.secondsSinceReferenceDate - 5};
+  auto errors = verify(data, signedBy("vendor", kOtherKey, data), 11);
+  EXPECT_EQ(errors, (std::vector{VendorVerificationError::badSignature("vendor"),
+                                 VendorVerificationError::expired(manifest.expires, kNow),
+                                 VendorVerificationError::downgrade(11, 10)}));
+}
+
+TEST(VendorVerificationErrorTest, Texts) {
+  const Date expires = *parseISO8601("2026-01-02T03:04:05Z");
+  const struct {
+    VendorVerificationError error;
+    const char* text;
+  } cases[] = {
+      {VendorVerificationError::unknownKey("k"), "keyId 'k' no está en la allowlist vendor"},
+      {VendorVerificationError::unsupportedAlgorithm("rsa"),
+       "algoritmo 'rsa' no soportado (se exige ed25519)"},
+      {VendorVerificationError::badSignature("k"), "la firma no verifica bajo la clave 'k'"},
+      {VendorVerificationError::expired(Date{expires.secondsSinceReferenceDate + 0.9},
+                                        Date{-0.5}),
+       "manifest vencido: expiró 2026-01-02 03:04:05 +0000, ahora es 2000-12-31 23:59:59 +0000"},
+      {VendorVerificationError::downgrade(-1, INT64_MIN),
+       "anti-rollback: instalado monotonicVersion=-1, ofrecido -9223372036854775808"},
+      {VendorVerificationError::rotationNotNewer(4, 4),
+       "rotación no monotónica: revision vigente 4, ofrecida 4"},
+      {VendorVerificationError::malformedSignature(), "firma malformada (base64 inválido)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(c.error.description(), c.text);
+    EXPECT_STREQ(c.error.what(), c.text);
+  }
+}
+
+class RotationTest : public VendorVerificationTest {
+ protected:
+  VendorKeyRotation rotation(std::int64_t revision, const std::string& signerId,
+                             const std::string& signerKey) {
+    VendorAllowlist next{revision, {{"next", base64Encode(kOtherKey)}}};
+    return {next, signedBy(signerId, signerKey, next.signingPayload())};
+  }
+};
+
+TEST_F(RotationTest, Outcomes) {
+  const struct {
+    const char* name;
+    VendorKeyRotation rotation;
+    std::optional<VendorVerificationError> failure;
+  } cases[] = {
+      {"signed by the current key", rotation(2, "vendor", kKey), std::nullopt},
+      {"equal revision, perfect signature", rotation(1, "vendor", kKey),
+       VendorVerificationError::rotationNotNewer(1, 1)},
+      {"lower revision", rotation(0, "vendor", kKey), VendorVerificationError::rotationNotNewer(1, 0)},
+      {"signed only by a key of the new list", rotation(2, "next", kOtherKey),
+       VendorVerificationError::unknownKey("next")},
+      {"bad signature", rotation(2, "vendor", kOtherKey), VendorVerificationError::badSignature("vendor")},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto result = verification.applyRotation(c.rotation, allowlist);
+    if (c.failure) {
+      ASSERT_TRUE(std::holds_alternative<VendorVerificationError>(result));
+      EXPECT_EQ(std::get<VendorVerificationError>(result), *c.failure);
+    } else {
+      ASSERT_TRUE(std::holds_alternative<VendorAllowlist>(result));
+      EXPECT_EQ(std::get<VendorAllowlist>(result), c.rotation.newAllowlist);
+    }
+  }
+}
+
+TEST_F(RotationTest, SignatureCoversTheWholeNewList) {
+  VendorKeyRotation r = rotation(2, "vendor", kKey);
+  r.newAllowlist.keys.push_back({"intruder", base64Encode(kOtherKey)});
+  auto result = verification.applyRotation(r, allowlist);
+  ASSERT_TRUE(std::holds_alternative<VendorVerificationError>(result));
+  EXPECT_EQ(std::get<VendorVerificationError>(result), VendorVerificationError::badSignature("vendor"));
+}
+
+}  // namespace
+}  // namespace tarskel
