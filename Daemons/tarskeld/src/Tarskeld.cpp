@@ -1,16 +1,21 @@
 #include "tarskel/daemon/Tarskeld.hpp"
 
+#include <fcntl.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <iostream>
 
 #include "tarskel/daemon/PlatformFiles.hpp"
 #include "tarskel/daemon/TarskeldDeps.hpp"
+#include "tarskel/protocol/base/Error.hpp"
 #include "tarskel/protocol/base/Logger.hpp"
 
 extern char** environ;
@@ -44,6 +49,50 @@ std::map<std::string, std::string> processEnvironment() {
   return out;
 }
 
+// One daemon per root: two would each write the audit chain from their own
+// idea of its head and fork it. An advisory lock on daemon/tarskeld.lock,
+// taken before the audit store opens and held by this open file for the
+// life of the process (the kernel lets go of it however the process ends).
+// The file holds the owner's pid, for the message of the one refused.
+class RootLock {
+ public:
+  explicit RootLock(const std::filesystem::path& stateDirectory) {
+    const std::filesystem::path path = stateDirectory / "tarskeld.lock";
+    fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd_ < 0) {
+      throw Error("cannot open the lock " + path.string() + ": " + std::strerror(errno));
+    }
+    if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      int error = errno;
+      std::string owner = ownerPid();
+      ::close(fd_);
+      if (error == EWOULDBLOCK) {
+        throw Error("another tarskeld" + (owner.empty() ? "" : " (pid " + owner + ")") +
+                    " already serves the root " + stateDirectory.parent_path().string() +
+                    "; it holds " + path.string());
+      }
+      throw Error("cannot lock " + path.string() + ": " + std::strerror(error));
+    }
+    std::string pid = std::to_string(::getpid()) + "\n";
+    if (::ftruncate(fd_, 0) == 0) static_cast<void>(::pwrite(fd_, pid.data(), pid.size(), 0));
+  }
+  RootLock(const RootLock&) = delete;
+  RootLock& operator=(const RootLock&) = delete;
+  // Never runs in a serving daemon (run() does not return); closing lets go.
+  ~RootLock() { ::close(fd_); }
+
+ private:
+  std::string ownerPid() const {
+    char buffer[32] = {};
+    ssize_t n = ::pread(fd_, buffer, sizeof buffer - 1, 0);
+    std::string text(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    return text.find_first_not_of("0123456789") == std::string::npos ? text : std::string();
+  }
+
+  int fd_ = -1;
+};
+
 }  // namespace
 
 std::string Tarskeld::expandTilde(std::string_view path) {
@@ -61,6 +110,10 @@ std::string Tarskeld::expandTilde(std::string_view path) {
 void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
   Logger logger{std::string(commandName)};
   std::filesystem::path rootURL = expandTilde(root);
+
+  // The lock lives beside the audit chain, so the state directory comes
+  // first; create() finds it made.
+  RootLock lock(TarskeldDeps::makeStateDirectory(rootURL));
 
   TarskeldDeps::Seams seams{std::move(gatePlatform), processEnvironment(),
                             PlatformFiles::system()->executablePath()};

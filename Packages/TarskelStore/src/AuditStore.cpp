@@ -25,6 +25,31 @@ constexpr const char* kRecentQuery = "SELECT * FROM audit ORDER BY seq DESC LIMI
 constexpr const char* kCorrelationQuery =
     "SELECT * FROM audit WHERE correlation_id = ? ORDER BY seq ASC;";
 constexpr const char* kChainQuery = "SELECT * FROM audit ORDER BY seq ASC;";
+constexpr const char* kChainFromQuery = "SELECT * FROM audit WHERE seq >= ? ORDER BY seq ASC;";
+constexpr const char* kSequenceQuery = "SELECT seq FROM sqlite_sequence WHERE name = 'audit';";
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
+constexpr std::string_view kEllipsis = "\xE2\x80\xA6";     // U+2026
+
+// The length of the valid UTF-8 sequence at the start of `text`, or 0 when
+// it starts with an invalid one (or a NUL, which a stored text can't hold).
+std::size_t validSequence(std::string_view text) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  unsigned char c = p[0];
+  if (c != 0 && c < 0x80) return 1;
+  std::size_t need = 0;
+  std::uint32_t cp = 0;
+  if (c >= 0xC2 && c <= 0xDF) need = 1, cp = c & 0x1Fu;
+  else if (c >= 0xE0 && c <= 0xEF) need = 2, cp = c & 0x0Fu;
+  else if (c >= 0xF0 && c <= 0xF4) need = 3, cp = c & 0x07u;
+  if (need == 0 || need >= text.size()) return 0;
+  for (std::size_t k = 1; k <= need; ++k) {
+    if ((p[k] & 0xC0) != 0x80) return 0;
+    cp = (cp << 6) | (p[k] & 0x3Fu);
+  }
+  bool overlong = (need == 2 && cp < 0x800) || (need == 3 && cp < 0x10000);
+  bool invalid = (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF;
+  return overlong || invalid ? 0 : need + 1;
+}
 
 // The ten columns of a row, looked up once: elements of a Row never move.
 struct Columns {
@@ -122,6 +147,29 @@ AuditStore::AuditStore(std::shared_ptr<SQLiteDatabase> db, boost::asio::any_io_e
   }
 }
 
+std::string AuditStore::storedText(std::string_view text) {
+  std::string out;
+  out.reserve(std::min(text.size(), kMaxTextBytes));
+  std::size_t i = 0;
+  while (i < text.size() && out.size() <= kMaxTextBytes) {
+    std::size_t n = validSequence(text.substr(i));
+    if (n == 0) {
+      out.append(kReplacement);
+      ++i;
+    } else {
+      out.append(text.substr(i, n));
+      i += n;
+    }
+  }
+  if (out.size() <= kMaxTextBytes && i == text.size()) return out;
+  // Cut so that the mark still fits, never inside a character.
+  std::size_t keep = kMaxTextBytes - kEllipsis.size();
+  while (keep > 0 && (static_cast<unsigned char>(out[keep]) & 0xC0) == 0x80) --keep;
+  out.resize(keep);
+  out.append(kEllipsis);
+  return out;
+}
+
 std::string AuditStore::renderTimestamp(Date ts) {
   return formatNumberWithFraction(ts.secondsSinceReferenceDate);
 }
@@ -136,9 +184,17 @@ std::string AuditStore::chainHash(std::string_view prevHash, Date ts, std::strin
 
 // ---- Writing ---------------------------------------------------------------
 
-std::string AuditStore::recordSync(const std::string& caller, const std::string& tool,
-                                   const std::string& origin, const std::string& outcome,
-                                   double durationMs, const std::string& correlationId) {
+std::string AuditStore::recordSync(const std::string& callerText, const std::string& toolText,
+                                   const std::string& originText, const std::string& outcomeText,
+                                   double durationMs, const std::string& correlationText) {
+  // The texts as the row will hold them, so that the hash covers what is
+  // stored: SQLite would cut a text at a NUL, and a client's bytes may be
+  // anything, of any length.
+  const std::string caller = storedText(callerText);
+  const std::string tool = storedText(toolText);
+  const std::string origin = storedText(originText);
+  const std::string outcome = storedText(outcomeText);
+  const std::string correlationId = storedText(correlationText);
   Date ts = now_();  // one reading serves the preimage and the column
   std::string hash = chainHash(lastHash_, ts, caller, tool, origin, outcome, correlationId);
   try {
@@ -189,15 +245,22 @@ std::vector<AuditStore::Entry> AuditStore::entriesSync(const std::string& correl
   return decodeAll(rows);
 }
 
-AuditStore::ChainReport AuditStore::inspectChain() const {
+AuditStore::ChainReport AuditStore::inspectChain(std::int64_t fromSeq) const {
+  using Kind = ChainBreak::Kind;
   ChainReport report;
-  std::string expected(kGenesisHash);
+  const bool whole = fromSeq <= 1;
+  // Nothing until the first row when starting inside the chain: its
+  // prev_hash is the anchor then.
+  std::optional<std::string> expected;
+  if (whole) expected.emplace(kGenesisHash);
+  report.headSeq = whole ? 0 : fromSeq - 1;
+  report.headHash = expected.value_or(std::string());
   std::string preimage;
   std::optional<Columns> columns;
   // Streamed rather than gathered, and read in place rather than decoded into
   // copies: the judgement is the same as decoding every row of the whole
   // result, without holding the table in memory.
-  db_->forEachRow(kChainQuery, {}, [&](Row& row) {
+  auto visit = [&](Row& row) {
     if (!columns) columns.emplace(row);  // the same Row object for every row
     const auto& c = columns->at;
     std::array<const std::string*, 10> text{};
@@ -208,24 +271,76 @@ AuditStore::ChainReport AuditStore::inspectChain() const {
     bool decodes = readInt(c[0], seq) && readNumber(c[1], ts) && readNumber(c[6], duration);
     for (std::size_t i : {2, 3, 4, 5, 7, 8, 9}) decodes = decodes && text[i] != nullptr;
     if (!decodes) {
-      report.firstBreak = ChainBreak{seqOf(row), "row does not decode"};
+      report.firstBreak = ChainBreak{Kind::broken, seqOf(row), "row does not decode"};
       return false;
     }
-    if (*text[8] != expected) {
-      report.firstBreak = ChainBreak{seq, "prev_hash differs from the hash of the row before"};
+    if (!expected) {
+      if (seq != fromSeq) {
+        report.firstBreak = ChainBreak{Kind::broken, fromSeq, "no row has this seq"};
+        return false;
+      }
+      expected.emplace(*text[8]);
+      report.headHash = *text[8];
+    }
+    if (*text[8] != *expected) {
+      report.firstBreak = ChainBreak{Kind::broken, seq, "prev_hash differs from the hash of the row before"};
       return false;
     }
     writePreimage(preimage, *text[8], Date{ts}, *text[2], *text[3], *text[4], *text[5], *text[7]);
     std::array<char, 64> hash = Hashing::sha256HexDigits(preimage);
     if (std::string_view(hash.data(), hash.size()) != *text[9]) {
-      report.firstBreak = ChainBreak{seq, "hash does not match the row's contents"};
+      report.firstBreak = ChainBreak{Kind::broken, seq, "hash does not match the row's contents"};
       return false;
     }
-    expected.assign(*text[9]);
+    expected->assign(*text[9]);
     ++report.rowsChecked;
+    report.headSeq = seq;
+    report.headHash = *text[9];
     return true;
-  });
+  };
+  SQLiteDatabase::ScanEnd end = whole ? db_->forEachRow(kChainQuery, {}, visit)
+                                      : db_->forEachRow(kChainFromQuery, {Value::integer(fromSeq)}, visit);
+  if (report.firstBreak) return report;
+  // A read that stops early is not the end of the chain: the rows beyond
+  // were never judged.
+  if (!end.complete) {
+    report.firstBreak = ChainBreak{Kind::damaged, report.headSeq, end.message};
+    return report;
+  }
+  if (!whole && !expected) {
+    // Nothing at or after fromSeq: the chain holds if nothing was issued
+    // there either (checkTail), and its head is the row before.
+    for (Row& row : db_->query("SELECT hash FROM audit WHERE seq = ?;", {Value::integer(fromSeq - 1)})) {
+      if (const std::string* hash = row["hash"].textPointer()) report.headHash = *hash;
+    }
+  }
+  checkTail(report);
   return report;
+}
+
+// Rows deleted from the end leave a chain that holds; SQLite's own sequence
+// of the table still remembers the last seq it issued.
+void AuditStore::checkTail(ChainReport& report) const {
+  using Kind = ChainBreak::Kind;
+  std::optional<std::int64_t> issued;
+  SQLiteDatabase::ScanEnd end;
+  try {
+    end = db_->forEachRow(kSequenceQuery, {}, [&](Row& row) {
+      auto it = row.find("seq");
+      if (it != row.end() && it->second.kind() == Value::Kind::integer) issued = it->second.intValue();
+      return false;
+    });
+  } catch (const SQLiteDatabase::DBError& e) {
+    end = SQLiteDatabase::ScanEnd{false, e.code(), e.message()};
+  }
+  if (!end.complete) {
+    report.firstBreak = ChainBreak{Kind::damaged, report.headSeq, end.message};
+  } else if (!issued && report.headSeq > 0) {
+    report.firstBreak = ChainBreak{Kind::cut, report.headSeq, "the table's sequence has no record of it"};
+  } else if (issued && *issued != report.headSeq) {
+    report.firstBreak = ChainBreak{Kind::cut, report.headSeq,
+                                   "the table's sequence stands at " + std::to_string(*issued)};
+  }
 }
 
 bool AuditStore::verifyChainSync() const { return inspectChain().holds(); }

@@ -2,6 +2,10 @@
 
 #include <sqlite3.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -95,16 +99,36 @@ std::string errorMessage(sqlite3* handle) {
   return textOf(requireText(sqlite3_errmsg(handle), "sqlite3_errmsg returned no text"));
 }
 
-// Finalizes on every path out of a statement's scope.
-struct Statement {
-  sqlite3_stmt* stmt = nullptr;
-  ~Statement() { sqlite3_finalize(stmt); }
+// Puts a cached statement back as it was found, on every path out of its
+// use: reset (which also ends its read of the file) and no bindings left.
+struct StatementUse {
+  sqlite3_stmt* stmt;
+  ~StatementUse() {
+    if (stmt == nullptr) return;  // handed back already
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+  }
 };
 
-void prepare(sqlite3* handle, const std::string& sql, Statement& statement) {
-  if (sqlite3_prepare_v2(handle, sql.c_str(), -1, &statement.stmt, nullptr) != SQLITE_OK) {
-    throw SQLiteDatabase::DBError(SQLiteDatabase::DBError::Kind::prepare, errorMessage(handle));
+constexpr mode_t kGroupAndOther = S_IRWXG | S_IRWXO;
+
+// Clears the group and other bits of an existing file we own; anything else
+// (no file, not ours) is left to SQLite to report or to live with.
+void restrictExisting(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) == 0 && (info.st_mode & kGroupAndOther) != 0) {
+    static_cast<void>(::chmod(path.c_str(), info.st_mode & 07700));
   }
+}
+
+// A new database file 0600, and an existing one with its -wal and -shm
+// restricted to its owner. SQLite gives the -wal and -shm it creates the
+// mode of the database file, so this covers them too.
+void makeOwnerOnly(const std::string& path) {
+  if (path.empty() || path == ":memory:" || path.rfind("file:", 0) == 0) return;
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd >= 0) ::close(fd);  // a failure shows in sqlite3_open, with SQLite's text
+  for (const char* suffix : {"", "-wal", "-shm"}) restrictExisting(path + suffix);
 }
 
 }  // namespace
@@ -155,17 +179,18 @@ const char* prefixOf(SQLiteDatabase::DBError::Kind kind) {
 }
 }  // namespace
 
-SQLiteDatabase::DBError::DBError(Kind kind, std::string message)
-    : Error(prefixOf(kind) + message), kind_(kind), message_(std::move(message)) {}
+SQLiteDatabase::DBError::DBError(Kind kind, std::string message, int code)
+    : Error(prefixOf(kind) + message), kind_(kind), message_(std::move(message)), code_(code) {}
 
 // ---- Opening and closing ---------------------------------------------------
 
 SQLiteDatabase::SQLiteDatabase(const std::string& path) {
-  if (sqlite3_open(path.c_str(), &handle_) != SQLITE_OK) {
+  makeOwnerOnly(path);
+  if (int rc = sqlite3_open(path.c_str(), &handle_); rc != SQLITE_OK) {
     std::string message = handle_ != nullptr ? errorMessage(handle_) : "?";
     sqlite3_close(handle_);
     handle_ = nullptr;
-    throw DBError(DBError::Kind::open, message);
+    throw DBError(DBError::Kind::open, message, rc & 0xFF);
   }
   exec("PRAGMA journal_mode=WAL;");
   exec("PRAGMA synchronous=NORMAL;");
@@ -173,11 +198,11 @@ SQLiteDatabase::SQLiteDatabase(const std::string& path) {
 }
 
 SQLiteDatabase::SQLiteDatabase(const std::string& path, ReadOnlyTag) {
-  if (sqlite3_open_v2(path.c_str(), &handle_, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+  if (int rc = sqlite3_open_v2(path.c_str(), &handle_, SQLITE_OPEN_READONLY, nullptr); rc != SQLITE_OK) {
     std::string message = handle_ != nullptr ? errorMessage(handle_) : "?";
     sqlite3_close(handle_);
     handle_ = nullptr;
-    throw DBError(DBError::Kind::open, message);
+    throw DBError(DBError::Kind::open, message, rc & 0xFF);
   }
   exec("PRAGMA busy_timeout=3000;");
 }
@@ -190,7 +215,11 @@ std::shared_ptr<SQLiteDatabase> SQLiteDatabase::openReadOnly(const std::string& 
   return std::shared_ptr<SQLiteDatabase>(new SQLiteDatabase(path, ReadOnlyTag{}));
 }
 
-SQLiteDatabase::~SQLiteDatabase() { sqlite3_close(handle_); }
+SQLiteDatabase::~SQLiteDatabase() {
+  // A connection with statements alive would refuse to close.
+  for (auto& entry : statements_) sqlite3_finalize(entry.second);
+  sqlite3_close(handle_);
+}
 
 // ---- Running SQL -----------------------------------------------------------
 
@@ -227,16 +256,55 @@ bool SQLiteDatabase::exec(const std::string& sql) {
   return sqlite3_exec(handle_, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
+sqlite3_stmt* SQLiteDatabase::statementFor(const std::string& sql) {
+  if (auto it = statements_.find(sql); it != statements_.end()) return it->second;
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v2(handle_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+    throw DBError(DBError::Kind::prepare, errorMessage(handle_), sqlite3_errcode(handle_) & 0xFF);
+  }
+  // Text that compiles to nothing (a comment, blanks) has no statement to
+  // keep: it runs as an empty statement every time.
+  if (stmt == nullptr) return nullptr;
+  if (statements_.size() >= kStatementCacheSize) {
+    // Callers use a handful of fixed texts; a caller that builds many starts
+    // the cache afresh rather than growing it without bound.
+    for (auto& entry : statements_) sqlite3_finalize(entry.second);
+    statements_.clear();
+  }
+  statements_.emplace(sql, stmt);
+  return stmt;
+}
+
+void SQLiteDatabase::recompile(const std::string& sql) {
+  if (auto it = statements_.find(sql); it != statements_.end()) {
+    sqlite3_finalize(it->second);
+    statements_.erase(it);
+  }
+  statementFor(sql);
+}
+
 void SQLiteDatabase::execute(const std::string& sql, const std::vector<Value>& params) {
   std::lock_guard guard(lock_);
-  Statement statement;
-  prepare(handle_, sql, statement);
-  bind(statement.stmt, params);
-  if (sqlite3_step(statement.stmt) != SQLITE_DONE) {
-    std::string message = errorMessage(handle_);  // before finalize resets it
-    sqlite3_finalize(statement.stmt);
-    statement.stmt = nullptr;
-    throw DBError(DBError::Kind::step, message);
+  const bool cached = statements_.count(sql) != 0;
+  sqlite3_stmt* stmt = statementFor(sql);
+  if (stmt == nullptr) {
+    // SQL without a statement steps as a misuse, as it always has.
+    throw DBError(DBError::Kind::step, errorMessage(handle_), SQLITE_MISUSE);
+  }
+  StatementUse use{stmt};
+  bind(stmt, params);
+  if (sqlite3_step(stmt) != SQLITE_DONE) {
+    // Read before the reset, which may replace the message.
+    DBError error(DBError::Kind::step, errorMessage(handle_), sqlite3_errcode(handle_) & 0xFF);
+    // A kept statement whose table has gone fails here, where a fresh one
+    // would not have compiled: report it as the prepare it is.
+    if (cached) {
+      use.stmt = nullptr;
+      sqlite3_reset(stmt);
+      sqlite3_clear_bindings(stmt);
+      recompile(sql);
+    }
+    throw error;
   }
 }
 
@@ -250,21 +318,23 @@ std::vector<SQLiteDatabase::Row> SQLiteDatabase::query(const std::string& sql,
   return rows;
 }
 
-void SQLiteDatabase::forEachRow(const std::string& sql, const std::vector<Value>& params,
-                                const std::function<bool(Row&)>& visit) {
+SQLiteDatabase::ScanEnd SQLiteDatabase::forEachRow(const std::string& sql,
+                                                   const std::vector<Value>& params,
+                                                   const std::function<bool(Row&)>& visit) {
   std::lock_guard guard(lock_);
-  Statement statement;
-  prepare(handle_, sql, statement);
-  bind(statement.stmt, params);
+  const bool cached = statements_.count(sql) != 0;
+  sqlite3_stmt* stmt = statementFor(sql);
+  if (stmt == nullptr) return {};
+  StatementUse use{stmt};
+  bind(stmt, params);
 
-  sqlite3_stmt* stmt = statement.stmt;
   Row row;
   // Where each column lands in `row`. Elements of an unordered_map never
   // move, so the names are hashed once per statement, not once per row; a
   // later column of the same name shares the slot and overwrites it.
   std::vector<Value*> slots;
-  // Any step result other than a row ends the rows; it is not an error here.
-  while (sqlite3_step(stmt) == SQLITE_ROW) {
+  int rc = SQLITE_DONE;
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
     if (slots.empty()) {
       int count = sqlite3_column_count(stmt);
       for (int i = 0; i < count; ++i) {
@@ -273,8 +343,19 @@ void SQLiteDatabase::forEachRow(const std::string& sql, const std::vector<Value>
       }
     }
     for (std::size_t i = 0; i < slots.size(); ++i) readColumn(stmt, static_cast<int>(i), *slots[i]);
-    if (!visit(row)) break;
+    if (!visit(row)) return {};
   }
+  // Any other step result ends the rows. query() takes that as the end; the
+  // caller that must know can tell an error from the last row here.
+  if (rc == SQLITE_DONE) return {};
+  ScanEnd end{false, sqlite3_errcode(handle_) & 0xFF, errorMessage(handle_)};
+  if (cached && slots.empty()) {
+    use.stmt = nullptr;
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+    recompile(sql);  // as in execute: a vanished table is a prepare error
+  }
+  return end;
 }
 
 void SQLiteDatabase::readColumn(sqlite3_stmt* stmt, int i, Value& out) {

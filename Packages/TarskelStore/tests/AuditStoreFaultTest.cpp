@@ -13,6 +13,8 @@
 #include <boost/asio/use_future.hpp>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <set>
 #include <thread>
@@ -80,6 +82,36 @@ TEST_F(RefusingDatabaseTest, ReadOnlyConnectionStillAnswersAHash) {
   EXPECT_EQ(writer->lastHash(), stored);
   writer->recordSync("c", "t", "xpc", "ok", 1, "3");
   EXPECT_TRUE(writer->verifyChainSync());
+}
+
+// Regression: with one page of a 20,000-row chain overwritten, SQLite stopped
+// reading part-way and the walk took that for the end: "chain ok: 8946 rows".
+TEST(DamagedFileTest, AReadThatStopsEarlyIsDamageNotTheEndOfTheChain) {
+  testing::TempDir dir;
+  const std::string path = dir.file("audit.db");
+  {
+    boost::asio::io_context io;
+    auto db = SQLiteDatabase::open(path);
+    AuditStore store(db, io.get_executor());
+    ASSERT_TRUE(db->exec("BEGIN;"));
+    for (int i = 0; i < 20000; ++i) store.recordSync("caller", "daemon.info", "xpc", "ok", 1, std::to_string(i));
+    ASSERT_TRUE(db->exec("COMMIT;"));
+  }  // the last connection checkpoints the log into the file
+  const auto size = std::filesystem::file_size(path);
+  ASSERT_GT(size, 100u * 4096u);
+  {
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(size / 4096 / 2 * 4096));
+    file << std::string(4096, 'Z');
+  }
+  boost::asio::io_context io;
+  AuditStore store(SQLiteDatabase::openReadOnly(path), io.get_executor());
+  AuditStore::ChainReport report = store.inspectChain();
+  ASSERT_FALSE(report.holds());
+  EXPECT_EQ(report.firstBreak->kind, AuditStore::ChainBreak::Kind::damaged);
+  EXPECT_EQ(report.firstBreak->seq, report.headSeq);
+  EXPECT_LT(report.rowsChecked, 20000);
+  EXPECT_EQ(report.firstBreak->reason, "database disk image is malformed");
 }
 
 // The child writes records as fast as it can and reports each returned hash

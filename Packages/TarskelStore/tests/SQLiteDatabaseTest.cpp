@@ -47,13 +47,8 @@ TEST_F(SQLiteDatabaseTest, OpeningInAMissingDirectoryFailsWithOpenError) {
   }
 }
 
-TEST_F(SQLiteDatabaseTest, OpeningSetsWriteAheadLogAndBusyTimeout) {
-  EXPECT_EQ(db->query("PRAGMA journal_mode;")[0]["journal_mode"], Value::text("wal"));
-  EXPECT_EQ(db->query("PRAGMA synchronous;")[0]["synchronous"], Value::integer(1));
-  EXPECT_EQ(db->query("PRAGMA busy_timeout;")[0]["timeout"], Value::integer(3000));
-}
-
 TEST_F(SQLiteDatabaseTest, ReadOnlyOpeningNeverCreatesAFile) {
+  EXPECT_EQ(db->query("PRAGMA journal_mode;")[0]["journal_mode"], Value::text("wal"));
   EXPECT_THROW(SQLiteDatabase::openReadOnly(dir.file("absent.db")), DBError);
   EXPECT_FALSE(std::filesystem::exists(dir.file("absent.db")));
 
@@ -83,6 +78,43 @@ TEST_F(SQLiteDatabaseTest, StepErrorCarriesSQLiteMessage) {
   }
 }
 
+// Regression: audit.db and its -wal and -shm were 0644, so any user read
+// every row. New files are the owner's alone, and old ones are tightened.
+TEST_F(SQLiteDatabaseTest, DatabaseFilesAreTheOwnersAlone) {
+  auto mode = [](const std::string& path) {
+    return std::filesystem::status(path).permissions() & std::filesystem::perms::all;
+  };
+  const auto ownerOnly = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
+  db->execute("INSERT INTO t VALUES (1, 2);");
+  for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(mode(dir.file("test.db") + suffix), ownerOnly) << suffix;
+
+  const std::string old = dir.file("old.db");
+  std::filesystem::copy_file(dir.file("test.db"), old);
+  std::filesystem::permissions(old, std::filesystem::perms::owner_all | std::filesystem::perms::others_read);
+  SQLiteDatabase reopened(old);
+  EXPECT_EQ(mode(old), std::filesystem::perms::owner_all);
+}
+
+// Statements are cached per text: each use must leave its statement reset
+// and unbound, or the next call would see the last one's rows or values, and
+// an unfinished read would keep the table locked.
+TEST_F(SQLiteDatabaseTest, CachedStatementsCarryNothingFromOneCallToTheNext) {
+  const std::string insert = "INSERT INTO t VALUES (?, ?);";
+  db->execute(insert, {Value::integer(1), Value::integer(2)});
+  db->execute(insert, {Value::integer(3)});  // b unbound: NULL, not 2
+  EXPECT_EQ(db->query("SELECT b FROM t WHERE a = 3;")[0]["b"], Value::null());
+
+  int seen = 0;
+  db->forEachRow("SELECT * FROM t;", {}, [&](SQLiteDatabase::Row&) { return ++seen < 1; });
+  EXPECT_EQ(seen, 1);
+  EXPECT_TRUE(db->exec("DROP TABLE t;")) << "a stopped read left the table locked";
+  EXPECT_EQ(errorOf([&] { db->execute(insert, {Value::integer(1)}); }), DBError::Kind::prepare);
+  ASSERT_TRUE(db->exec("CREATE TABLE t (a, b);"));
+  db->execute(insert, {Value::integer(5), Value::integer(6)});  // recompiled for the new table
+  for (int i = 0; i < 200; ++i) db->query("SELECT " + std::to_string(i) + " AS n;");  // beyond the cache
+  EXPECT_EQ(count(), 1);
+}
+
 TEST_F(SQLiteDatabaseTest, ExecuteRunsOnlyTheFirstStatementExecRunsAll) {
   db->execute("INSERT INTO t VALUES (1, 1); INSERT INTO t VALUES (2, 2);");
   EXPECT_EQ(count(), 1);
@@ -110,15 +142,11 @@ TEST_F(SQLiteDatabaseTest, ValuesRoundTripByCase) {
   EXPECT_EQ(rows[4]["a"], Value::integer(2));
 }
 
-TEST_F(SQLiteDatabaseTest, LaterColumnOfTheSameNameStands) {
-  auto rows = db->query("SELECT 1 AS x, 2 AS x;");
+TEST_F(SQLiteDatabaseTest, ColumnsByNameTheLaterStandsAndInvalidUTF8IsReplaced) {
+  auto rows = db->query("SELECT 1 AS x, 2 AS x, CAST(x'61ff62' AS TEXT) AS s;");
   ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].size(), 1u);
+  EXPECT_EQ(rows[0].size(), 2u);
   EXPECT_EQ(rows[0]["x"], Value::integer(2));
-}
-
-TEST_F(SQLiteDatabaseTest, InvalidUTF8IsReplacedNotRejected) {
-  auto rows = db->query("SELECT CAST(x'61ff62' AS TEXT) AS s;");
   EXPECT_EQ(rows[0]["s"], Value::text("a\xEF\xBF\xBD" "b"));
 }
 

@@ -72,9 +72,20 @@ class AuditStore {
     friend bool operator==(const Entry&, const Entry&) = default;
   };
 
-  // Where a walk of the chain first failed: the row's seq (nothing when the
-  // row has no readable seq) and why, in words for people.
+  // The most one text column of a row holds, in bytes; with the numbers and
+  // hashes a row stays under 21 KiB whatever a client sends.
+  static constexpr std::size_t kMaxTextBytes = 4096;
+
+  // Where a walk of the chain first failed, and why, in words for people:
+  //  - broken: the row at `seq` does not decode or does not chain (nothing
+  //    in `seq` when the row has no readable seq);
+  //  - damaged: SQLite stopped reading after the row at `seq` (0: before the
+  //    first), so the rows beyond it were never judged;
+  //  - cut: every stored row chains, but the table's sequence says rows were
+  //    issued after the last one (`seq`), or has no record of the table.
   struct ChainBreak {
+    enum class Kind { broken, damaged, cut };
+    Kind kind = Kind::broken;
     std::optional<std::int64_t> seq;
     std::string reason;
   };
@@ -82,6 +93,10 @@ class AuditStore {
   struct ChainReport {
     std::int64_t rowsChecked = 0;         // rows that passed
     std::optional<ChainBreak> firstBreak;  // nothing when the chain holds
+    // The last row that passed (seq 0 and the start hash when none did):
+    // the head to anchor elsewhere when the chain holds.
+    std::int64_t headSeq = 0;
+    std::string headHash;
     bool holds() const { return !firstBreak; }
   };
 
@@ -111,9 +126,8 @@ class AuditStore {
   boost::asio::awaitable<std::vector<Entry>> entries(std::string correlationId);
 
   // True when every row chains to the one before and its hash matches its
-  // preimage; an empty table holds. An undecodable row answers false. Does
-  // not compare the last hash with the head, so a cut-off tail goes
-  // unnoticed. Throws DBError.
+  // preimage, SQLite read every row, and no row was issued after the last
+  // (inspectChain); an empty table holds. Throws DBError.
   boost::asio::awaitable<bool> verifyChain();
 
   // Synchronous forms; see the thread rules above.
@@ -124,8 +138,17 @@ class AuditStore {
   std::vector<Entry> entriesSync(const std::string& correlationId) const;
   bool verifyChainSync() const;
 
-  // The verifyChain walk, saying where and why it stopped. Throws DBError.
-  ChainReport inspectChain() const;
+  // The verifyChain walk, saying where and why it stopped. From `fromSeq`
+  // on when above 1: a row of exactly that seq must exist, and its prev_hash
+  // is taken as given (compare it with an anchor kept elsewhere). Reads row
+  // by row, never the whole table at once. Throws DBError when the walk
+  // can't start (the query does not compile).
+  ChainReport inspectChain(std::int64_t fromSeq = 1) const;
+
+  // `text` as a row stores it, and so as the chain hashes it: each NUL and
+  // each invalid UTF-8 sequence replaced by U+FFFD, and cut at a character
+  // boundary to at most kMaxTextBytes, ending in "…" when cut.
+  static std::string storedText(std::string_view text);
 
   // The head of the chain in memory.
   const std::string& lastHash() const { return lastHash_; }
@@ -142,6 +165,9 @@ class AuditStore {
                                std::string_view outcome, std::string_view correlationId);
 
  private:
+  // Compares the head with the last seq SQLite issued for the table.
+  void checkTail(ChainReport& report) const;
+
   std::shared_ptr<SQLiteDatabase> db_;
   boost::asio::strand<boost::asio::any_io_executor> strand_;
   Clock now_;

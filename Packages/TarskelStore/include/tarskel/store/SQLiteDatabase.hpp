@@ -14,7 +14,16 @@
 // Between processes the protection is SQLite's own: write-ahead log and a
 // busy time-out of 3000 ms.
 //
-// Statements are prepared and finalized on every call; nothing is cached.
+// Statements are cached per connection and SQL text: the first call with a
+// text prepares it, later calls reuse the compiled statement, which is reset
+// and cleared of its bindings after every use, on every path out. A statement
+// is only ever used under the mutex, so it is never shared by two calls. The
+// cache holds at most kStatementCacheSize texts; beyond that it starts afresh.
+//
+// Files. A database opened for writing is its owner's alone: a new file is
+// created 0600 (so are SQLite's -wal and -shm beside it, which take the
+// database's mode), and an existing one, with its -wal and -shm, loses any
+// group and other permission bits.
 
 #include <cstdint>
 #include <functional>
@@ -83,14 +92,29 @@ class SQLiteDatabase {
   class DBError : public Error {
    public:
     enum class Kind { open, prepare, step };
-    DBError(Kind kind, std::string message);
+    DBError(Kind kind, std::string message, int code = 0);
     Kind kind() const { return kind_; }
     const std::string& message() const { return message_; }
+    // SQLite's primary result code (SQLITE_CORRUPT, SQLITE_CANTOPEN, ...);
+    // 0 when unknown.
+    int code() const { return code_; }
 
    private:
     Kind kind_;
     std::string message_;
+    int code_;
   };
+
+  // How a walk over rows ended. `complete` is false when SQLite answered an
+  // error before the last row (a damaged page, say); `message` and `code` are
+  // then SQLite's. A visitor that stops the walk leaves it complete.
+  struct ScanEnd {
+    bool complete = true;
+    int code = 0;
+    std::string message;
+  };
+
+  static constexpr std::size_t kStatementCacheSize = 64;
 
   // Opens (creating when missing, read-write) the database at `path`, then
   // sets journal_mode=WAL, synchronous=NORMAL and busy_timeout=3000, ignoring
@@ -133,17 +157,26 @@ class SQLiteDatabase {
   // query() without materialising the result: `visit` sees each row in step
   // order while the connection's mutex is held, and returns false to stop.
   // The Row passed is reused between calls; `visit` may move values out of
-  // it. Same errors as query().
-  void forEachRow(const std::string& sql, const std::vector<Value>& params,
-                  const std::function<bool(Row&)>& visit);
+  // it. Same errors as query(); unlike query(), it says how the rows ended,
+  // so that a reader which must see every row can tell an early stop.
+  ScanEnd forEachRow(const std::string& sql, const std::vector<Value>& params,
+                     const std::function<bool(Row&)>& visit);
 
  private:
   struct ReadOnlyTag {};
+  struct CachedStatement;
   SQLiteDatabase(const std::string& path, ReadOnlyTag);
   static void readColumn(sqlite3_stmt* stmt, int column, Value& out);
+  // The compiled statement for `sql`, from the cache or prepared now. Call
+  // with the mutex held. Throws DBError(prepare).
+  sqlite3_stmt* statementFor(const std::string& sql);
+  // Drops the kept statement for `sql` and compiles it afresh: throws
+  // DBError(prepare) when it no longer compiles. Mutex held.
+  void recompile(const std::string& sql);
 
   sqlite3* handle_ = nullptr;
   std::mutex lock_;
+  std::unordered_map<std::string, sqlite3_stmt*> statements_;  // under lock_
 };
 
 }  // namespace tarskel
