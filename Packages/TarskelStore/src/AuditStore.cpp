@@ -27,6 +27,13 @@ constexpr const char* kCorrelationQuery =
 constexpr const char* kChainQuery = "SELECT * FROM audit ORDER BY seq ASC;";
 constexpr const char* kChainFromQuery = "SELECT * FROM audit WHERE seq >= ? ORDER BY seq ASC;";
 constexpr const char* kSequenceQuery = "SELECT seq FROM sqlite_sequence WHERE name = 'audit';";
+#define TARSKEL_AUDIT_FILTER                                                          \
+  "WHERE seq > ?1 AND (?2 IS NULL OR tool = ?2) AND (?3 IS NULL OR outcome = ?3) " \
+  "AND (?4 IS NULL OR ts >= ?4) AND (?5 IS NULL OR ts <= ?5) "
+constexpr const char* kFilteredQuery = "SELECT * FROM audit " TARSKEL_AUDIT_FILTER "ORDER BY seq ASC;";
+constexpr const char* kStartOfLastQuery =
+    "SELECT seq FROM audit " TARSKEL_AUDIT_FILTER "ORDER BY seq DESC LIMIT 1 OFFSET ?6;";
+#undef TARSKEL_AUDIT_FILTER
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 constexpr std::string_view kEllipsis = "\xE2\x80\xA6";     // U+2026
 
@@ -341,6 +348,36 @@ void AuditStore::checkTail(ChainReport& report) const {
     report.firstBreak = ChainBreak{Kind::cut, report.headSeq,
                                    "the table's sequence stands at " + std::to_string(*issued)};
   }
+}
+
+namespace {
+
+std::vector<Value> filterParams(const AuditStore::Filter& f) {
+  auto text = [](const std::optional<std::string>& s) { return s ? Value::text(*s) : Value::null(); };
+  auto time = [](const std::optional<Date>& d) {
+    return d ? Value::real(d->secondsSinceReferenceDate) : Value::null();
+  };
+  return {Value::integer(f.afterSeq), text(f.tool), text(f.outcome), time(f.since), time(f.until)};
+}
+
+}  // namespace
+
+void AuditStore::forEachEntry(const Filter& filter,
+                              const std::function<bool(const Entry&)>& visit) const {
+  std::optional<Columns> columns;
+  Entry entry;  // reused: its strings keep their capacity from row to row
+  db_->forEachRow(kFilteredQuery, filterParams(filter), [&](Row& row) {
+    if (!columns) columns.emplace(row);
+    return !decodeInto(*columns, entry) || visit(entry);
+  });
+}
+
+std::optional<std::int64_t> AuditStore::startOfLast(const Filter& filter, std::int64_t count) const {
+  std::vector<Value> params = filterParams(filter);
+  params.push_back(Value::integer(count - 1));
+  std::optional<std::int64_t> seq;
+  for (Row& row : db_->query(kStartOfLastQuery, params)) seq = row["seq"].intValue();
+  return seq;
 }
 
 bool AuditStore::verifyChainSync() const { return inspectChain().holds(); }

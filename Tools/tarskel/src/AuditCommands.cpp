@@ -1,16 +1,27 @@
-// tarskel audit verify|tail|show
+// tarskel audit verify|tail|show|export
 //
 // Reads the daemon's audit chain without ever writing to it: the database is
 // opened read-only, so a wrong path never leaves a new file behind, and the
-// daemon can keep recording while the tool reads.
+// daemon can keep recording while the tool reads. Listings stream row by row,
+// so a million rows cost no more memory than ten.
+//
+// Exit codes: 0 ok; 1 the chain does not hold (broken, damaged, cut);
+// 2 bad usage or a database that can't be read.
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <boost/asio/io_context.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ToolCommand.hpp"
@@ -30,17 +41,38 @@ struct AuditSource {
   std::string path() const {
     if (!db.empty()) return db;
     if (!root.empty()) return root + "/daemon/audit.db";
-    throw ToolFailure(kExitUsage, "indique --root o --db");
+    throw ToolFailure(kExitUsage, "give --root or --db");
   }
 };
+
+// Says why the file can't be read before SQLite does, in words: SQLite's
+// own answer to a file the user may not read is "unable to open database
+// file", and a read-only connection also needs the -wal and -shm.
+void checkReadable(const std::string& path) {
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    const std::string file = path + suffix;
+    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+      ::close(fd);
+      continue;
+    }
+    int error = errno;
+    if (error == ENOENT && *suffix != '\0') continue;  // no log: nothing to read there
+    if (error == EACCES || error == EPERM) {
+      throw ToolFailure(kExitUsage, file + ": permission denied: the audit database is readable by " +
+                                        "its owner only (root); run this command as root, e.g. with sudo");
+    }
+    throw ToolFailure(kExitUsage, file + ": " + std::strerror(error));
+  }
+}
 
 // A store attached read-only. It never records, so no strand is ever run.
 struct ReadOnlyAudit {
   boost::asio::io_context io;
   std::unique_ptr<AuditStore> store;
 
-  explicit ReadOnlyAudit(const AuditSource& source) {
-    const std::string path = source.path();
+  explicit ReadOnlyAudit(const std::string& path) {
+    checkReadable(path);
     try {
       store = std::make_unique<AuditStore>(SQLiteDatabase::openReadOnly(path), io.get_executor());
     } catch (const SQLiteDatabase::DBError& e) {
@@ -49,130 +81,328 @@ struct ReadOnlyAudit {
   }
 };
 
-// One row for machines: every column under its own name, `ts` as the stored
-// number so that the row's hash can be recomputed from the output.
-struct AuditRowJSON {
-  const Entry& e;
-  void encode(KeyedEncoder& out) const {
-    out.required("seq", e.seq);
-    out.required("ts", e.ts.secondsSinceReferenceDate);
-    out.required("caller", e.caller);
-    out.required("tool", e.tool);
-    out.required("origin", e.origin);
-    out.required("outcome", e.outcome);
-    out.required("duration_ms", e.durationMs);
-    out.required("correlation_id", e.correlationId);
-    out.required("prev_hash", e.prevHash);
-    out.required("hash", e.hash);
-  }
-};
+// ---- Output for people ------------------------------------------------------
 
-std::string jsonLines(const std::vector<Entry>& entries) {
-  const JSONEncoder encoder = TarskelJSON::encoder();
+// Client-supplied text made safe for a terminal, as journalctl shows it:
+// control characters (C0, DEL, C1), backslash and the characters that
+// reorder a line are escaped, so that no row can forge another on screen or
+// reach the terminal as a command. Other text, accents included, stands.
+std::string forPeople(std::string_view text) {
   std::string out;
-  for (const Entry& e : entries) {
-    KeyedEncoder keyed;
-    AuditRowJSON{e}.encode(keyed);
-    out += encoder.encode(JSONValue(std::move(keyed).finish()));
-    out += '\n';
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    auto c = static_cast<unsigned char>(text[i]);
+    switch (c) {
+      case '\n': out += "\\n"; continue;
+      case '\t': out += "\\t"; continue;
+      case '\r': out += "\\r"; continue;
+      case '\\': out += "\\\\"; continue;
+      default: break;
+    }
+    if (c < 0x20 || c == 0x7F) {
+      out += fmt::format("\\x{:02x}", c);
+    } else if (c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0) {
+      out += fmt::format("\\u{:04x}", (static_cast<unsigned char>(text[++i]) & 0x3F) | 0x80);
+    } else if (c == 0xE2 && i + 2 < text.size()) {
+      // U+200E/F, U+202A..E, U+2066..9: marks and embeddings that reorder text.
+      unsigned cp = 0x2000 | ((static_cast<unsigned char>(text[i + 1]) & 0x3Fu) << 6) |
+                    (static_cast<unsigned char>(text[i + 2]) & 0x3Fu);
+      bool reorders = cp == 0x200E || cp == 0x200F || (cp >= 0x202A && cp <= 0x202E) ||
+                      (cp >= 0x2066 && cp <= 0x2069) || cp == 0x2028 || cp == 0x2029;
+      if (reorders && (static_cast<unsigned char>(text[i + 1]) & 0xF0) == 0x80) {
+        out += fmt::format("\\u{:04x}", cp);
+        i += 2;
+      } else {
+        out += static_cast<char>(c);
+      }
+    } else {
+      out += static_cast<char>(c);
+    }
   }
   return out;
 }
 
 // Rows for people: aligned columns, the caller last since it is the longest.
-std::string table(const std::vector<Entry>& entries) {
-  constexpr std::size_t kColumns = 8;
+// Streams in blocks; widths only ever grow, so a short listing comes out as
+// one aligned table and a long one never holds more than a block.
+class Table {
+ public:
+  static constexpr std::size_t kColumns = 8;
+  static constexpr std::size_t kBlock = 256;
   using Line = std::array<std::string, kColumns>;
-  std::vector<Line> lines{{"SEQ", "TIME", "OP", "OUTCOME", "ORIGIN", "CORRELATION", "MS", "CALLER"}};
-  for (const Entry& e : entries) {
-    lines.push_back({std::to_string(e.seq), formatISO8601(e.ts), e.tool, e.outcome, e.origin,
-                     e.correlationId, fmt::format("{:.1f}", e.durationMs), e.caller});
+
+  Table() { lines_.push_back({"SEQ", "TIME", "OP", "OUTCOME", "ORIGIN", "CORRELATION", "MS", "CALLER"}); }
+
+  void add(const Entry& e) {
+    lines_.push_back({std::to_string(e.seq), formatISO8601(e.ts), forPeople(e.tool), forPeople(e.outcome),
+                      forPeople(e.origin), forPeople(e.correlationId), fmt::format("{:.1f}", e.durationMs),
+                      forPeople(e.caller)});
+    if (lines_.size() >= kBlock) flush();
   }
-  std::array<std::size_t, kColumns> widths{};
-  for (const Line& line : lines) {
-    for (std::size_t i = 0; i < kColumns; ++i) widths[i] = std::max(widths[i], line[i].size());
+
+  void flush() {
+    for (const Line& line : lines_) {
+      for (std::size_t i = 0; i < kColumns; ++i) widths_[i] = std::max(widths_[i], line[i].size());
+    }
+    std::string out;
+    for (const Line& line : lines_) {
+      for (std::size_t i = 0; i + 1 < kColumns; ++i) out += fmt::format("{:<{}}  ", line[i], widths_[i]);
+      out += line[kColumns - 1] + '\n';
+    }
+    lines_.clear();
+    if (!out.empty()) writeOutput(out);
   }
-  std::string out;
-  for (const Line& line : lines) {
-    for (std::size_t i = 0; i + 1 < kColumns; ++i) out += fmt::format("{:<{}}  ", line[i], widths[i]);
-    out += line[kColumns - 1] + '\n';
-  }
-  return out;
+
+ private:
+  std::vector<Line> lines_;
+  std::array<std::size_t, kColumns> widths_{};
+};
+
+// ---- Output for machines ----------------------------------------------------
+
+// `ts` in ISO 8601 to the millisecond, UTC.
+std::string isoTime(Date ts) {
+  double whole = std::floor(ts.secondsSinceReferenceDate);
+  auto ms = static_cast<int>((ts.secondsSinceReferenceDate - whole) * 1000.0);
+  UTCTime t = utcTime(Date{whole});
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", t.year, t.month, t.day, t.hour,
+                     t.minute, t.second, ms);
 }
 
-int printEntries(const std::vector<Entry>& entries, bool json) {
-  writeOutput(json ? jsonLines(entries) : table(entries));
+// One row for machines: every column under its camelCase name, exactly as
+// stored; `ts` as the stored number, so that the row's hash can be
+// recomputed from the output, and `time` beside it for people.
+std::string jsonLine(const Entry& e) {
+  KeyedEncoder out;
+  out.required("seq", e.seq);
+  out.required("ts", e.ts.secondsSinceReferenceDate);
+  out.required("time", isoTime(e.ts));
+  out.required("caller", e.caller);
+  out.required("tool", e.tool);
+  out.required("origin", e.origin);
+  out.required("outcome", e.outcome);
+  out.required("durationMs", e.durationMs);
+  out.required("correlationId", e.correlationId);
+  out.required("prevHash", e.prevHash);
+  out.required("hash", e.hash);
+  return TarskelJSON::encoder().encode(JSONValue(std::move(out).finish())) + '\n';
+}
+
+// Where rows go: a table for people, or JSON lines written in blocks.
+class Printer {
+ public:
+  explicit Printer(bool json) : json_(json) {}
+  ~Printer() = default;
+
+  void add(const Entry& e) {
+    if (!json_) return table_.add(e);
+    pending_ += jsonLine(e);
+    if (pending_.size() >= 64 * 1024) flush();
+  }
+  void flush() {
+    if (!json_) return table_.flush();
+    if (!pending_.empty()) writeOutput(pending_);
+    pending_.clear();
+  }
+
+ private:
+  bool json_;
+  Table table_;
+  std::string pending_;
+};
+
+// ---- Commands ---------------------------------------------------------------
+
+struct Listing {
+  AuditSource source;
+  std::int64_t count = 20;  // tail only; negative: all
+  bool json = false;
+  bool follow = false;
+  std::string op, outcome, since, until;
+  std::string correlation;  // show only
+  std::int64_t from = 1;    // export and verify
+};
+
+std::optional<Date> parseTime(const std::string& option, const std::string& text) {
+  if (text.empty()) return std::nullopt;
+  if (auto d = parseISO8601(text)) return d;
+  if (auto d = parseISO8601(text + "T00:00:00Z")) return d;
+  throw ToolFailure(kExitUsage, option + ": not a time: " + text +
+                                    " (write 2025-11-15T19:08:04Z, in UTC, or 2025-11-15)");
+}
+
+AuditStore::Filter filterOf(const Listing& l) {
+  AuditStore::Filter f;
+  if (!l.op.empty()) f.tool = l.op;
+  if (!l.outcome.empty()) f.outcome = l.outcome;
+  f.since = parseTime("--since", l.since);
+  f.until = parseTime("--until", l.until);
+  return f;
+}
+
+template <class Body>
+auto readingDatabase(const std::string& path, Body body) {
+  try {
+    return body();
+  } catch (const SQLiteDatabase::DBError& e) {
+    throw ToolFailure(kExitUsage, path + ": " + e.description());
+  }
+}
+
+int list(const Listing& l, bool tail) {
+  const std::string path = l.source.path();
+  AuditStore::Filter filter = filterOf(l);
+  ReadOnlyAudit audit(path);
+  Printer printer(l.json);
+  return readingDatabase(path, [&] {
+    if (tail && l.count >= 0) {
+      // The last `count` rows: find where they start, then stream from there.
+      // None at all: start after the last, which --follow then waits beyond.
+      if (l.count == 0) {
+        filter.afterSeq = audit.store->startOfLast(filter, 1).value_or(0);
+      } else {
+        std::optional<std::int64_t> start = audit.store->startOfLast(filter, l.count);
+        filter.afterSeq = start ? *start - 1 : 0;
+      }
+    } else if (!tail) {
+      filter.afterSeq = std::max<std::int64_t>(l.from, 1) - 1;
+    }
+    auto print = [&](const Entry& e) {
+      printer.add(e);
+      filter.afterSeq = e.seq;
+      return true;
+    };
+    audit.store->forEachEntry(filter, print);
+    printer.flush();
+    while (l.follow) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(250));
+      audit.store->forEachEntry(filter, print);
+      printer.flush();
+    }
+    return static_cast<int>(kExitSuccess);
+  });
+}
+
+int show(const Listing& l) {
+  const std::string path = l.source.path();
+  ReadOnlyAudit audit(path);
+  Printer printer(l.json);
+  readingDatabase(path, [&] {
+    for (const Entry& e : audit.store->entriesSync(l.correlation)) printer.add(e);
+  });
+  printer.flush();
   return kExitSuccess;
 }
 
-int verify(const AuditSource& source) {
-  ReadOnlyAudit audit(source);
+const char* problemOf(AuditStore::ChainBreak::Kind kind) {
+  switch (kind) {
+    case AuditStore::ChainBreak::Kind::broken: return "broken";
+    case AuditStore::ChainBreak::Kind::damaged: return "damaged";
+    case AuditStore::ChainBreak::Kind::cut: return "cut";
+  }
+  return "broken";
+}
+
+// The report in words: the head on success, so that it can be anchored
+// elsewhere; the first fault otherwise.
+std::string verdictText(const AuditStore::ChainReport& r, std::int64_t from) {
+  using Kind = AuditStore::ChainBreak::Kind;
+  if (r.holds()) {
+    std::string scope = from > 1 ? fmt::format(" from seq {}", from) : "";
+    return fmt::format("chain ok{}: {} rows, head seq {} hash {}\n", scope, r.rowsChecked, r.headSeq,
+                       r.headHash.empty() ? std::string(AuditStore::kGenesisHash) : r.headHash);
+  }
+  const AuditStore::ChainBreak& b = *r.firstBreak;
+  std::string seq = b.seq ? std::to_string(*b.seq) : std::string("?");
+  switch (b.kind) {
+    case Kind::damaged: return fmt::format("database damaged after seq {}: {}\n", seq, b.reason);
+    case Kind::cut: return fmt::format("chain cut after seq {}: {}\n", seq, b.reason);
+    case Kind::broken: break;
+  }
+  return fmt::format("chain broken at seq {}: {}\n", seq, b.reason);
+}
+
+std::string verdictJSON(const AuditStore::ChainReport& r, std::int64_t from) {
+  KeyedEncoder out;
+  out.required("ok", r.holds());
+  out.required("fromSeq", std::max<std::int64_t>(from, 1));
+  out.required("rowsChecked", r.rowsChecked);
+  out.required("headSeq", r.headSeq);
+  out.required("headHash", r.headHash);
+  if (r.firstBreak) {
+    out.required("problem", std::string(problemOf(r.firstBreak->kind)));
+    if (r.firstBreak->seq) out.required("seq", *r.firstBreak->seq);
+    out.required("reason", r.firstBreak->reason);
+  }
+  return TarskelJSON::encoder().encode(JSONValue(std::move(out).finish())) + '\n';
+}
+
+int verify(const Listing& l) {
+  const std::string path = l.source.path();
+  ReadOnlyAudit audit(path);
   AuditStore::ChainReport report;
   try {
-    report = audit.store->inspectChain();
+    report = audit.store->inspectChain(l.from);
   } catch (const SQLiteDatabase::DBError& e) {
-    throw ToolFailure(kExitUsage, source.path() + ": " + e.description());
+    // A file SQLite can't read as a database at all never verifies.
+    if (e.code() != 11 /* SQLITE_CORRUPT */ && e.code() != 26 /* SQLITE_NOTADB */) {
+      throw ToolFailure(kExitUsage, path + ": " + e.description());
+    }
+    report.firstBreak = AuditStore::ChainBreak{AuditStore::ChainBreak::Kind::damaged, 0, e.message()};
   }
-  if (report.holds()) {
-    writeOutput(fmt::format("chain ok: {} rows\n", report.rowsChecked));
-    return kExitSuccess;
-  }
-  const auto& broken = *report.firstBreak;
-  writeOutput(fmt::format("chain broken at seq {}: {}\n",
-                          broken.seq ? std::to_string(*broken.seq) : std::string("?"), broken.reason));
-  return kExitFinding;
+  writeOutput(l.json ? verdictJSON(report, l.from) : verdictText(report, l.from));
+  return report.holds() ? kExitSuccess : kExitFinding;
 }
 
-template <class Read>
-int list(const AuditSource& source, bool json, Read read) {
-  ReadOnlyAudit audit(source);
-  try {
-    return printEntries(read(*audit.store), json);
-  } catch (const SQLiteDatabase::DBError& e) {
-    throw ToolFailure(kExitUsage, source.path() + ": " + e.description());
-  }
-}
-
-void addSource(CLI::App* command, AuditSource& source) {
-  auto* root = command->add_option("--root", source.root, "state root; reads ROOT/daemon/audit.db");
-  auto* db = command->add_option("--db", source.db, "the audit database file itself");
+void addSource(CLI::App* command, Listing& l) {
+  auto* root = command->add_option("--root", l.source.root, "state root; reads ROOT/daemon/audit.db");
+  auto* db = command->add_option("--db", l.source.db, "the audit database file itself");
   root->excludes(db);
   db->excludes(root);
+}
+
+void addFilters(CLI::App* command, Listing& l) {
+  command->add_option("--op", l.op, "only rows of this operation");
+  command->add_option("--outcome", l.outcome, "only rows with this outcome")
+      ->check(CLI::IsMember({"ok", "denied", "error"}));
+  command->add_option("--since", l.since, "only rows at or after this UTC time (2025-11-15T19:08:04Z or 2025-11-15)");
+  command->add_option("--until", l.until, "only rows at or before this UTC time");
 }
 
 void install(CLI::App& app, ToolContext& ctx) {
   CLI::App* audit = app.add_subcommand("audit", "Read and check the daemon's audit chain");
   audit->require_subcommand(1);
-
-  auto source = std::make_shared<AuditSource>();
-  auto json = std::make_shared<bool>(false);
+  auto l = std::make_shared<Listing>();
 
   CLI::App* verifyCommand = audit->add_subcommand(
-      "verify", "Check the chain; exit 1 naming the first row where it breaks");
-  addSource(verifyCommand, *source);
-  verifyCommand->callback([&ctx, source] { ctx.action = [source] { return verify(*source); }; });
+      "verify", "Check the chain: print its head, or exit 1 naming where it breaks");
+  addSource(verifyCommand, *l);
+  verifyCommand->add_option("--from", l->from, "start at this seq, taking its prev_hash as given");
+  verifyCommand->add_flag("--json", l->json, "the verdict as one JSON object");
+  verifyCommand->callback([&ctx, l] { ctx.action = [l] { return verify(*l); }; });
 
-  auto count = std::make_shared<std::int64_t>(20);
   CLI::App* tail = audit->add_subcommand("tail", "The newest rows, oldest first");
-  addSource(tail, *source);
-  tail->add_option("-n", *count, "how many rows (default 20; negative for all)");
-  tail->add_flag("--json", *json, "one JSON object per row and line");
-  tail->callback([&ctx, source, count, json] {
-    ctx.action = [source, count, json] {
-      return list(*source, *json, [&](const AuditStore& s) { return s.recentSync(*count); });
-    };
+  addSource(tail, *l);
+  tail->add_option("-n", l->count, "how many rows (default 20; negative for all)");
+  tail->add_flag("--json", l->json, "one JSON object per row and line");
+  tail->add_flag("-f,--follow", l->follow, "keep printing rows as they are recorded");
+  addFilters(tail, *l);
+  tail->callback([&ctx, l] { ctx.action = [l] { return list(*l, true); }; });
+
+  CLI::App* exportCommand = audit->add_subcommand("export", "Every row as JSON lines, oldest first");
+  addSource(exportCommand, *l);
+  exportCommand->add_option("--from", l->from, "start at this seq");
+  addFilters(exportCommand, *l);
+  exportCommand->callback([&ctx, l] {
+    l->json = true;
+    ctx.action = [l] { return list(*l, false); };
   });
 
-  auto correlation = std::make_shared<std::string>();
-  CLI::App* show = audit->add_subcommand("show", "The rows of one correlation id");
-  addSource(show, *source);
-  show->add_option("--correlation", *correlation, "correlation id")->required();
-  show->add_flag("--json", *json, "one JSON object per row and line");
-  show->callback([&ctx, source, correlation, json] {
-    ctx.action = [source, correlation, json] {
-      return list(*source, *json, [&](const AuditStore& s) { return s.entriesSync(*correlation); });
-    };
-  });
+  CLI::App* showCommand = audit->add_subcommand("show", "The rows of one correlation id");
+  addSource(showCommand, *l);
+  showCommand->add_option("--correlation", l->correlation, "correlation id")->required();
+  showCommand->add_flag("--json", l->json, "one JSON object per row and line");
+  showCommand->callback([&ctx, l] { ctx.action = [l] { return show(*l); }; });
 }
 
 const CommandRegistration kAudit(40, install);

@@ -145,6 +145,25 @@ class AuditStore {
   // can't start (the query does not compile).
   ChainReport inspectChain(std::int64_t fromSeq = 1) const;
 
+  // Which rows a listing wants; an absent field doesn't filter.
+  struct Filter {
+    std::int64_t afterSeq = 0;          // rows with a greater seq
+    std::optional<std::string> tool;    // exactly this op
+    std::optional<std::string> outcome; // exactly this outcome
+    std::optional<Date> since;          // ts at or after
+    std::optional<Date> until;          // ts at or before
+  };
+
+  // The rows that `filter` wants, in seq order, one at a time: `visit`
+  // returns false to stop. Rows that don't decode are skipped. Memory stays
+  // flat however many rows there are; the connection's mutex is held
+  // throughout, so `visit` must not call back into the store. Throws DBError.
+  void forEachEntry(const Filter& filter, const std::function<bool(const Entry&)>& visit) const;
+
+  // The seq that starts the last `count` rows `filter` wants (count >= 1),
+  // or nothing when fewer rows match. Throws DBError.
+  std::optional<std::int64_t> startOfLast(const Filter& filter, std::int64_t count) const;
+
   // `text` as a row stores it, and so as the chain hashes it: each NUL and
   // each invalid UTF-8 sequence replaced by U+FFFD, and cut at a character
   // boundary to at most kMaxTextBytes, ending in "…" when cut.
