@@ -136,23 +136,28 @@ TEST_F(DaemonCoreTest, TwoViolationsAreJoinedInTheValidatorsOrder) {
                                          "; " + violations[1].description());
 }
 
-TEST_F(DaemonCoreTest, FailureTextOfOperationErrors) {
+TEST_F(DaemonCoreTest, HowAnOperationEndsIsAnsweredAndRecorded) {
   struct Case {
     ScriptedOp::Ending ending;
-    std::string message;
+    std::string answer;  // the encoded response; "" when it can't be encoded
+    std::string outcome;
   };
   const std::vector<Case> cases = {
-      {ScriptedOp::Ending::opError, "t.op falló: me negué"},
-      {ScriptedOp::Ending::otherError, "t.op falló: runtime says no"},
+      {ScriptedOp::Ending::opError, R"(t.op falló: me negué)", "error"},
+      {ScriptedOp::Ending::otherError, R"(t.op falló: runtime says no)", "error"},
+      {ScriptedOp::Ending::nonFinite, "", "ok"},  // zero bytes, but the row stands
   };
   for (const Case& tc : cases) {
-    SCOPED_TRACE(tc.message);
+    SCOPED_TRACE(tc.answer);
     DaemonCore c = core(DaemonCore::OpList{std::make_shared<ScriptedOp>("t.op", tc.ending)});
-    DaemonResponse response = handle(c, {"t.op", {}, std::nullopt, std::nullopt}, kUnverified);
-    ASSERT_TRUE(response.error);
-    EXPECT_EQ(response.error->code, "opFailed");
-    EXPECT_EQ(response.error->message, tc.message);
-    EXPECT_EQ(lastRow().outcome, "error");
+    std::string answer = testing::runOn(pool, c.handleEncoded(R"({"op":"t.op","args":{}})", kUnverified));
+    if (tc.answer.empty()) {
+      EXPECT_EQ(answer, "");
+    } else {
+      EXPECT_THAT(answer, HasSubstr(R"("code":"opFailed")"));
+      EXPECT_THAT(answer, HasSubstr(tc.answer));
+    }
+    EXPECT_EQ(lastRow().outcome, tc.outcome);
   }
 }
 
@@ -193,15 +198,6 @@ TEST_F(DaemonCoreTest, UnreadableBytesAnswerMalformedWithoutARow) {
   EXPECT_EQ(auditRows(), 0);
 }
 
-TEST_F(DaemonCoreTest, UnencodableResultGivesZeroBytesButIsRecorded) {
-  DaemonCore c = core(DaemonCore::OpList{
-      std::make_shared<ScriptedOp>("t.inf", ScriptedOp::Ending::nonFinite)});
-  std::string answer =
-      testing::runOn(pool, c.handleEncoded(R"({"op":"t.inf","args":{}})", kUnverified));
-  EXPECT_EQ(answer, "");
-  EXPECT_EQ(lastRow().outcome, "ok");
-}
-
 TEST_F(DaemonCoreTest, CatalogueSizeFollowsOpsAndRoot) {
   EXPECT_THAT(core().catalog(),
               ::testing::ElementsAre("daemon.grants.sync", "daemon.info", "fs.readProtectedPath"));
@@ -222,10 +218,6 @@ TEST_F(DaemonCoreTest, CatalogueSizeFollowsOpsAndRoot) {
   DaemonCore full(std::nullopt, audit, grants, dir.path(), rooted);
   EXPECT_EQ(full.catalog().size(), 5u);
   EXPECT_EQ(seenRoot, dir.path());
-
-  DaemonResponse info = handle(full, {"daemon.info", {}, std::nullopt, std::nullopt}, kUnverified);
-  ASSERT_TRUE(info.result);
-  EXPECT_EQ((*info.result)["ops"]->arrayValue()->size(), 5u);
 }
 
 TEST(DaemonCoreDeathTest, DuplicateNameEndsTheProcess) {
@@ -240,8 +232,8 @@ TEST(DaemonCoreDeathTest, DuplicateNameEndsTheProcess) {
 // Many requests at once on the worker pool: each leaves exactly one row, and
 // the rows still chain.
 TEST_F(DaemonCoreTest, ConcurrentRequestsEachLeaveOneChainedRow) {
-  constexpr int kThreads = 8;
-  constexpr int kPerThread = 200;
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 100;
   boost::asio::thread_pool workers(kThreads);
   DaemonCore c = core();
   std::vector<std::future<DaemonResponse>> answers;
@@ -253,12 +245,9 @@ TEST_F(DaemonCoreTest, ConcurrentRequestsEachLeaveOneChainedRow) {
   }
   for (auto& answer : answers) answer.get();
 
-  EXPECT_EQ(auditRows(), kThreads * kPerThread);
-  std::set<std::string> ids;
-  for (auto& row : db->query("SELECT correlation_id FROM audit;")) {
-    ids.insert(*row.at("correlation_id").stringValue());
-  }
-  EXPECT_EQ(ids.size(), static_cast<std::size_t>(kThreads * kPerThread)) << "one row per request";
+  auto counts = db->query("SELECT count(*) AS n, count(DISTINCT correlation_id) AS ids FROM audit;");
+  EXPECT_EQ(counts[0]["n"], SQLiteDatabase::Value::integer(kThreads * kPerThread));
+  EXPECT_EQ(counts[0]["ids"], SQLiteDatabase::Value::integer(kThreads * kPerThread)) << "one row per request";
   EXPECT_TRUE(audit->verifyChainSync());
 }
 
