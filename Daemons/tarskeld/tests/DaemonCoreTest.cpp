@@ -124,18 +124,6 @@ TEST_F(DaemonCoreTest, SevenOutcomesAnswerAndRecordOnce) {
   EXPECT_TRUE(audit->verifyChainSync());
 }
 
-TEST_F(DaemonCoreTest, TwoViolationsAreJoinedInTheValidatorsOrder) {
-  DaemonCore c = core();
-  JSONObject args{{"path", ""}, {"extra", 1}};
-  auto violations = c.op("fs.readProtectedPath")->argsSchema().validate(JSONValue(args), "$");
-  ASSERT_EQ(violations.size(), 2u);
-  DaemonResponse response =
-      handle(c, {"fs.readProtectedPath", args, std::nullopt, "svc.reader"}, kUnverified);
-  ASSERT_TRUE(response.error);
-  EXPECT_EQ(response.error->message, "args fuera del schema: " + violations[0].description() +
-                                         "; " + violations[1].description());
-}
-
 TEST_F(DaemonCoreTest, HowAnOperationEndsIsAnsweredAndRecorded) {
   struct Case {
     ScriptedOp::Ending ending;

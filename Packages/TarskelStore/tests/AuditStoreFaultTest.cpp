@@ -68,22 +68,6 @@ TEST_F(RefusingDatabaseTest, AbortingTriggerLeavesAHoleThatARestartCloses) {
   EXPECT_EQ(store->recentSync(1).at(0).prevHash, after);
 }
 
-TEST_F(RefusingDatabaseTest, ReadOnlyConnectionStillAnswersAHash) {
-  std::string stored = attach(SQLiteDatabase::open(path()))->recordSync("a", "t", "xpc", "ok", 1, "1");
-
-  auto readOnly = attach(SQLiteDatabase::openReadOnly(path()));
-  std::string lost = readOnly->recordSync("b", "t", "xpc", "ok", 1, "2");
-  EXPECT_NE(lost, stored);
-  EXPECT_EQ(readOnly->lastHash(), lost);
-  EXPECT_EQ(readOnly->recentSync(-1).size(), 1u);
-
-  // Nothing reached the file, so a writer attached afterwards chains on cleanly.
-  auto writer = attach(SQLiteDatabase::open(path()));
-  EXPECT_EQ(writer->lastHash(), stored);
-  writer->recordSync("c", "t", "xpc", "ok", 1, "3");
-  EXPECT_TRUE(writer->verifyChainSync());
-}
-
 // Regression: with one page of a 20,000-row chain overwritten, SQLite stopped
 // reading part-way and the walk took that for the end: "chain ok: 8946 rows".
 TEST(DamagedFileTest, AReadThatStopsEarlyIsDamageNotTheEndOfTheChain) {
@@ -203,13 +187,9 @@ TEST(ConcurrentRecordTest, EachRecordLeavesExactlyOneRowOnAChainThatHolds) {
   EXPECT_EQ(rows[0]["n"], SQLiteDatabase::Value::integer(kRecords));
   EXPECT_EQ(rows[0]["total"], SQLiteDatabase::Value::integer(kRecords));
 
-  auto verified = boost::asio::co_spawn(pool, store.verifyChain(), boost::asio::use_future);
-  EXPECT_TRUE(verified.get());
-  auto recent = boost::asio::co_spawn(pool, store.recent(3), boost::asio::use_future).get();
-  ASSERT_EQ(recent.size(), 3u);
-  EXPECT_EQ(recent.back().hash, store.lastHash());
-  auto one = boost::asio::co_spawn(pool, store.entries("req-7"), boost::asio::use_future).get();
-  EXPECT_EQ(one.size(), 1u);
+  auto recent = boost::asio::co_spawn(pool, store.recent(1), boost::asio::use_future).get();
+  EXPECT_EQ(recent.at(0).hash, store.lastHash());
+  EXPECT_TRUE(store.verifyChainSync());
   pool.join();
 }
 
