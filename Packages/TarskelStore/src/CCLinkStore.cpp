@@ -46,7 +46,8 @@ std::vector<CCEvent> CCLinkStore::pendingEvents(std::int64_t limit) {
   std::vector<CCEvent> events;
   db_->forEachRow("SELECT payload FROM cc_events ORDER BY seq ASC LIMIT ?", {Value::integer(limit)},
                   [&events](SQLiteDatabase::Row& row) {
-                    if (auto event = decodeText<CCEvent>(row["payload"])) events.push_back(std::move(*event));
+                    if (auto event = decodeText<CCEvent>(row["payload"]))
+                      events.push_back(std::move(*event));
                     return true;
                   });
   return events;
@@ -82,18 +83,19 @@ void CCLinkStore::storeAck(const CCAck& ack, std::int64_t keepLast) {
 
 std::vector<CCLinkStore::OutboxRow> CCLinkStore::outboxRows() {
   std::vector<OutboxRow> out;
-  db_->forEachRow("SELECT seq, event_id, payload, created_at FROM cc_events ORDER BY seq ASC", {},
-                  [&out](SQLiteDatabase::Row& row) {
-                    out.push_back(OutboxRow{row["seq"].intValue().value_or(0), textOf(row, "event_id"),
-                                            std::move(row["payload"]), textOf(row, "created_at")});
-                    return true;
-                  });
+  db_->forEachRow(
+      "SELECT seq, event_id, payload, created_at FROM cc_events ORDER BY seq ASC", {},
+      [&out](SQLiteDatabase::Row& row) {
+        out.push_back(OutboxRow{row["seq"].intValue().value_or(0), textOf(row, "event_id"),
+                                std::move(row["payload"]), textOf(row, "created_at")});
+        return true;
+      });
   return out;
 }
 
 std::optional<CCLinkStore::AckRow> CCLinkStore::ackRow(const std::string& cmdId) {
-  std::vector<SQLiteDatabase::Row> rows =
-      db_->query("SELECT cmd_id, ack, created_at FROM cc_cmd_dedupe WHERE cmd_id = ?", {Value::text(cmdId)});
+  std::vector<SQLiteDatabase::Row> rows = db_->query(
+      "SELECT cmd_id, ack, created_at FROM cc_cmd_dedupe WHERE cmd_id = ?", {Value::text(cmdId)});
   if (rows.empty()) return std::nullopt;
   SQLiteDatabase::Row& row = rows.front();
   return AckRow{textOf(row, "cmd_id"), std::move(row["ack"]), textOf(row, "created_at")};

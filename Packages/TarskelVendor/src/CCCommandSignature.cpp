@@ -17,8 +17,9 @@ CCCommandSignatureError::CCCommandSignatureError(Kind kind, std::string descript
     : Error(std::move(description)), kind_(kind) {}
 
 CCCommandSignatureError CCCommandSignatureError::malformedSignature() {
-  return CCCommandSignatureError(Kind::malformedSignature,
-                                 "firma del comando malformada: se espera '<keyId>:<base64 de 64 bytes>'");
+  return CCCommandSignatureError(
+      Kind::malformedSignature,
+      "firma del comando malformada: se espera '<keyId>:<base64 de 64 bytes>'");
 }
 
 CCCommandSignatureError CCCommandSignatureError::unknownKey(const std::string& keyId) {
@@ -26,8 +27,8 @@ CCCommandSignatureError CCCommandSignatureError::unknownKey(const std::string& k
 }
 
 CCCommandSignatureError CCCommandSignatureError::badKey(const std::string& keyId) {
-  return CCCommandSignatureError(Kind::badKey,
-                                 "la clave '" + keyId + "' de la allowlist no es una clave pública Ed25519");
+  return CCCommandSignatureError(
+      Kind::badKey, "la clave '" + keyId + "' de la allowlist no es una clave pública Ed25519");
 }
 
 CCCommandSignatureError CCCommandSignatureError::badSignature(const std::string& keyId) {
@@ -36,8 +37,9 @@ CCCommandSignatureError CCCommandSignatureError::badSignature(const std::string&
 }
 
 CCCommandSignatureError CCCommandSignatureError::expired(Date deadline, Date now) {
-  return CCCommandSignatureError(Kind::expired, "comando vencido: deadline " + formatVendorDate(deadline) +
-                                                    ", ahora es " + formatVendorDate(now));
+  return CCCommandSignatureError(Kind::expired, "comando vencido: deadline " +
+                                                    formatVendorDate(deadline) + ", ahora es " +
+                                                    formatVendorDate(now));
 }
 
 std::optional<CCCommandSignature> CCCommandSignature::parse(std::string_view sig) {
@@ -55,19 +57,22 @@ std::string CCCommandSignature::sign(const CCCommand& command, const Ed25519KeyP
   return signature.keyId + ":" + signature.signature;
 }
 
-VendorKey CCCommandSignature::verify(const CCCommand& command, const VendorAllowlist& allowlist, Date now) {
+VendorKey CCCommandSignature::verify(const CCCommand& command, const VendorAllowlist& allowlist,
+                                     Date now) {
   const std::optional<CCCommandSignature> sig = parse(command.sig);
   if (!sig) throw CCCommandSignatureError::malformedSignature();
   std::optional<VendorKey> key = allowlist.key(sig->keyId);
   if (!key) throw CCCommandSignatureError::unknownKey(sig->keyId);
   const std::optional<std::string> publicKey = base64Decode(key->publicKey);
-  if (!publicKey || publicKey->size() != kPublicKeyBytes) throw CCCommandSignatureError::badKey(sig->keyId);
+  if (!publicKey || publicKey->size() != kPublicKeyBytes)
+    throw CCCommandSignatureError::badKey(sig->keyId);
   if (!Ed25519Algorithm().verify(sig->signature, command.signingPayload(), *publicKey)) {
     throw CCCommandSignatureError::badSignature(sig->keyId);
   }
   // Whole seconds on both sides, as the payload carries the deadline's second
   // only; a clock that reads NaN is past every deadline.
-  if (!(std::floor(now.secondsSinceReferenceDate) <= std::floor(command.deadline.secondsSinceReferenceDate))) {
+  if (!(std::floor(now.secondsSinceReferenceDate) <=
+        std::floor(command.deadline.secondsSinceReferenceDate))) {
     throw CCCommandSignatureError::expired(command.deadline, now);
   }
   return *key;

@@ -69,7 +69,9 @@ std::string jsonString(std::string_view text) {
   return out;
 }
 
-std::string canonicalLine(const auto& record) { return TarskelJSON::canonicalEncoder().encode(record) + "\n"; }
+std::string canonicalLine(const auto& record) {
+  return TarskelJSON::canonicalEncoder().encode(record) + "\n";
+}
 
 // --- payload, sign, verify ---------------------------------------------------
 
@@ -83,8 +85,9 @@ struct CommandOptions {
 // A draft needs no sig: everything but the signature is read, as a verifier would.
 CCCommand commandWithoutSig(const std::string& path) {
   CCCommand::SigningBody body = decodeFile<CCCommand::SigningBody>(path);
-  return CCCommand(std::move(body.cmdId), std::move(body.target), std::move(body.method), std::move(body.params),
-                   body.deadline, std::move(body.issuedBy), std::move(body.dualControl), "");
+  return CCCommand(std::move(body.cmdId), std::move(body.target), std::move(body.method),
+                   std::move(body.params), body.deadline, std::move(body.issuedBy),
+                   std::move(body.dualControl), "");
 }
 
 int payload(const CommandOptions& o) {
@@ -111,8 +114,9 @@ int verify(const CommandOptions& o) {
   }
   try {
     const VendorKey key = CCCommandSignature::verify(command, allowlist, now);
-    writeOutput(fmt::format("verificado: {} ({} → {}), clave {}, deadline {}\n", command.cmdId, command.method,
-                            command.target, key.keyId, formatISO8601(command.deadline)));
+    writeOutput(fmt::format("verificado: {} ({} → {}), clave {}, deadline {}\n", command.cmdId,
+                            command.method, command.target, key.keyId,
+                            formatISO8601(command.deadline)));
     return kExitSuccess;
   } catch (const CCCommandSignatureError& e) {
     throw ToolFailure(kExitFinding, o.file + ": " + e.description());
@@ -125,7 +129,8 @@ int verify(const CommandOptions& o) {
 std::string decodedLine(const std::string& text) {
   try {
     const WireMessage message = WireMessage::decode(text);
-    return "{\"kind\":" + jsonString(enumName(message.kind())) + ",\"message\":" + message.encodedString() + "}\n";
+    return "{\"kind\":" + jsonString(enumName(message.kind())) +
+           ",\"message\":" + message.encodedString() + "}\n";
   } catch (const Error& e) {
     return "{\"error\":" + jsonString(e.description()) + "}\n";
   }
@@ -165,7 +170,8 @@ struct StoreOptions {
 CCLinkStore openStore(const std::string& path, bool forWriting) {
   try {
     if (!forWriting) return CCLinkStore(SQLiteDatabase::openReadOnly(path));
-    if (!std::filesystem::is_regular_file(path)) throw ToolFailure(kExitUsage, path + ": no existe");
+    if (!std::filesystem::is_regular_file(path))
+      throw ToolFailure(kExitUsage, path + ": no existe");
     return CCLinkStore(SQLiteDatabase::open(path));
   } catch (const SQLiteDatabase::DBError& e) {
     throw ToolFailure(kExitUsage, path + ": " + e.description());
@@ -200,9 +206,10 @@ std::string outboxLine(const CCLinkStore::OutboxRow& row, bool json) {
     event = TarskelJSON::decoder().decode<CCEvent>(text);
   });
   if (json) {
-    std::string out = fmt::format("{{\"seq\":{},\"eventId\":{},\"createdAt\":{},", row.seq, jsonString(row.eventId),
-                                  jsonString(row.createdAt));
-    out += event ? "\"event\":" + TarskelJSON::canonicalEncoder().encode(*event) : "\"error\":" + jsonString(error);
+    std::string out = fmt::format("{{\"seq\":{},\"eventId\":{},\"createdAt\":{},", row.seq,
+                                  jsonString(row.eventId), jsonString(row.createdAt));
+    out += event ? "\"event\":" + TarskelJSON::canonicalEncoder().encode(*event)
+                 : "\"error\":" + jsonString(error);
     return out + "}\n";
   }
   return fmt::format("{}  {}  {}  {}\n", row.seq, row.eventId, row.createdAt,
@@ -211,7 +218,8 @@ std::string outboxLine(const CCLinkStore::OutboxRow& row, bool json) {
 
 int outboxList(const StoreOptions& o) {
   return onStore(o, false, [&o](CCLinkStore& store) {
-    for (const CCLinkStore::OutboxRow& row : store.outboxRows()) writeOutput(outboxLine(row, o.json));
+    for (const CCLinkStore::OutboxRow& row : store.outboxRows())
+      writeOutput(outboxLine(row, o.json));
     return kExitSuccess;
   });
 }
@@ -227,7 +235,8 @@ int outboxRemove(const StoreOptions& o) {
   return onStore(o, true, [&o](CCLinkStore& store) {
     const std::int64_t before = store.pendingCount();
     store.removeEvent(o.id);
-    if (store.pendingCount() == before) throw ToolFailure(kExitFinding, "ningún evento '" + o.id + "' en la cola");
+    if (store.pendingCount() == before)
+      throw ToolFailure(kExitFinding, "ningún evento '" + o.id + "' en la cola");
     writeOutput("eliminado: " + o.id + "\n");
     return kExitSuccess;
   });
@@ -238,9 +247,11 @@ int acksShow(const StoreOptions& o) {
     const std::optional<CCLinkStore::AckRow> row = store.ackRow(o.id);
     if (!row) throw ToolFailure(kExitFinding, "ningún ack guardado para '" + o.id + "'");
     std::optional<CCAck> ack;
-    const std::string error = decodingError(
-        row->ack, [&ack](const std::string& text) { ack = TarskelJSON::decoder().decode<CCAck>(text); });
-    if (!ack) throw ToolFailure(kExitFinding, "el ack guardado para '" + o.id + "' es ilegible: " + error);
+    const std::string error = decodingError(row->ack, [&ack](const std::string& text) {
+      ack = TarskelJSON::decoder().decode<CCAck>(text);
+    });
+    if (!ack)
+      throw ToolFailure(kExitFinding, "el ack guardado para '" + o.id + "' es ilegible: " + error);
     writeOutput(canonicalLine(*ack));
     return kExitSuccess;
   });
@@ -249,8 +260,10 @@ int acksShow(const StoreOptions& o) {
 // --- installation -----------------------------------------------------------------
 
 template <class Options>
-void bind(CLI::App* command, ToolContext& ctx, std::shared_ptr<Options> options, int (*run)(const Options&)) {
-  command->callback([&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
+void bind(CLI::App* command, ToolContext& ctx, std::shared_ptr<Options> options,
+          int (*run)(const Options&)) {
+  command->callback(
+      [&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
 }
 
 void install(CLI::App& app, ToolContext& ctx) {
@@ -258,42 +271,64 @@ void install(CLI::App& app, ToolContext& ctx) {
   cc->require_subcommand(1);
 
   auto c = std::make_shared<CommandOptions>();
-  CLI::App* payloadCommand = cc->add_subcommand("payload", "Print the bytes a command's signature covers");
-  payloadCommand->add_option("file", c->file, "command file, or - for standard input")->required()->type_name("FILE");
+  CLI::App* payloadCommand =
+      cc->add_subcommand("payload", "Print the bytes a command's signature covers");
+  payloadCommand->add_option("file", c->file, "command file, or - for standard input")
+      ->required()
+      ->type_name("FILE");
   bind(payloadCommand, ctx, c, payload);
 
-  CLI::App* signCommand = cc->add_subcommand("sign", "Sign a command with a vendor key; print it signed");
-  signCommand->add_option("file", c->file, "command file, or - (any sig in it is replaced)")->required()->type_name("FILE");
-  signCommand->add_option("--key", c->key, "key file of `tarskel vendor keygen`")->required()->type_name("FILE");
+  CLI::App* signCommand =
+      cc->add_subcommand("sign", "Sign a command with a vendor key; print it signed");
+  signCommand->add_option("file", c->file, "command file, or - (any sig in it is replaced)")
+      ->required()
+      ->type_name("FILE");
+  signCommand->add_option("--key", c->key, "key file of `tarskel vendor keygen`")
+      ->required()
+      ->type_name("FILE");
   bind(signCommand, ctx, c, sign);
 
-  CLI::App* verifyCommand = cc->add_subcommand("verify", "Check a command's signature and deadline; exit 1 naming the fault");
-  verifyCommand->add_option("file", c->file, "signed command file, or -")->required()->type_name("FILE");
-  verifyCommand->add_option("--allowlist", c->allowlist, "vendor allowlist file")->required()->type_name("FILE");
-  verifyCommand->add_option("--now", c->now, "judge the deadline at this time, not the clock's")->type_name("DATE");
+  CLI::App* verifyCommand = cc->add_subcommand(
+      "verify", "Check a command's signature and deadline; exit 1 naming the fault");
+  verifyCommand->add_option("file", c->file, "signed command file, or -")
+      ->required()
+      ->type_name("FILE");
+  verifyCommand->add_option("--allowlist", c->allowlist, "vendor allowlist file")
+      ->required()
+      ->type_name("FILE");
+  verifyCommand->add_option("--now", c->now, "judge the deadline at this time, not the clock's")
+      ->type_name("DATE");
   bind(verifyCommand, ctx, c, verify);
 
-  CLI::App* decodeCommand = cc->add_subcommand("decode", "Decode wire messages, one per line; one JSON line each");
+  CLI::App* decodeCommand =
+      cc->add_subcommand("decode", "Decode wire messages, one per line; one JSON line each");
   c->file = "-";
-  decodeCommand->add_option("file", c->file, "file of messages, or - (the default)")->type_name("FILE");
+  decodeCommand->add_option("file", c->file, "file of messages, or - (the default)")
+      ->type_name("FILE");
   bind(decodeCommand, ctx, c, decodeMessages);
 
   auto s = std::make_shared<StoreOptions>();
-  CLI::App* outbox = cc->add_subcommand("outbox", "The events a link store holds for the control centre");
-  outbox->add_option("--db", s->db, "the link store's database file")->required()->type_name("FILE");
+  CLI::App* outbox =
+      cc->add_subcommand("outbox", "The events a link store holds for the control centre");
+  outbox->add_option("--db", s->db, "the link store's database file")
+      ->required()
+      ->type_name("FILE");
   outbox->require_subcommand(1);
-  CLI::App* listCommand = outbox->add_subcommand("list", "Every queued row, oldest first, readable or not");
+  CLI::App* listCommand =
+      outbox->add_subcommand("list", "Every queued row, oldest first, readable or not");
   listCommand->add_flag("--json", s->json, "one JSON object per row");
   bind(listCommand, ctx, s, outboxList);
   bind(outbox->add_subcommand("count", "The number of queued rows"), ctx, s, outboxCount);
-  CLI::App* removeCommand = outbox->add_subcommand("remove", "Drop one queued event; exit 1 if it isn't there");
+  CLI::App* removeCommand =
+      outbox->add_subcommand("remove", "Drop one queued event; exit 1 if it isn't there");
   removeCommand->add_option("id", s->id, "the event's eventId")->required()->type_name("ID");
   bind(removeCommand, ctx, s, outboxRemove);
 
   CLI::App* acks = cc->add_subcommand("acks", "The acks a link store remembers");
   acks->add_option("--db", s->db, "the link store's database file")->required()->type_name("FILE");
   acks->require_subcommand(1);
-  CLI::App* showCommand = acks->add_subcommand("show", "Print the ack stored for a command; exit 1 if none");
+  CLI::App* showCommand =
+      acks->add_subcommand("show", "Print the ack stored for a command; exit 1 if none");
   showCommand->add_option("cmd", s->id, "the command's cmdId")->required()->type_name("CMD");
   bind(showCommand, ctx, s, acksShow);
 }

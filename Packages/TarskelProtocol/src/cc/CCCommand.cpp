@@ -62,8 +62,8 @@ void CCCommand::encode(KeyedEncoder& e) const {
 
 CCCommand CCCommand::decode(const KeyedDecoder& d) {
   SigningBody b = SigningBody::decode(d);
-  return CCCommand(std::move(b.cmdId), std::move(b.target), std::move(b.method), std::move(b.params),
-                   b.deadline, std::move(b.issuedBy), std::move(b.dualControl),
+  return CCCommand(std::move(b.cmdId), std::move(b.target), std::move(b.method),
+                   std::move(b.params), b.deadline, std::move(b.issuedBy), std::move(b.dualControl),
                    d.required<std::string>("sig"));
 }
 

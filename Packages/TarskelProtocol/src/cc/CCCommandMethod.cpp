@@ -51,7 +51,8 @@ const std::vector<Spec>& all() {
 }
 
 const Names& ccToDeviceNames() {
-  static const Names names = namesWhere([](const Spec& s) { return s.direction == Direction::ccToDevice; });
+  static const Names names =
+      namesWhere([](const Spec& s) { return s.direction == Direction::ccToDevice; });
   return names;
 }
 

@@ -78,8 +78,9 @@ void AuditAnchorReport::encode(KeyedEncoder& e) const {
 }
 
 AuditAnchorReport AuditAnchorReport::decode(const KeyedDecoder& d) {
-  return AuditAnchorReport{d.required<std::string>("deviceId"), d.required<std::int64_t>("sequence"),
-                           d.required<std::string>("head"), d.required<Date>("ts")};
+  return AuditAnchorReport{d.required<std::string>("deviceId"),
+                           d.required<std::int64_t>("sequence"), d.required<std::string>("head"),
+                           d.required<Date>("ts")};
 }
 
 }  // namespace tarskel

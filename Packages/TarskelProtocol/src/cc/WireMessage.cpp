@@ -25,12 +25,18 @@ void WireMessage::encode(KeyedEncoder& e) const {
 
 WireMessage WireMessage::decode(const KeyedDecoder& d) {
   switch (d.required<Kind>("type")) {
-    case Kind::heartbeat: return dataAs<Heartbeat>(d);
-    case Kind::event: return dataAs<CCEvent>(d);
-    case Kind::ack: return dataAs<CCAck>(d);
-    case Kind::command: return dataAs<CCCommand>(d);
-    case Kind::eventAck: return dataAs<EventAck>(d);
-    case Kind::auditAnchor: return dataAs<AuditAnchorReport>(d);
+    case Kind::heartbeat:
+      return dataAs<Heartbeat>(d);
+    case Kind::event:
+      return dataAs<CCEvent>(d);
+    case Kind::ack:
+      return dataAs<CCAck>(d);
+    case Kind::command:
+      return dataAs<CCCommand>(d);
+    case Kind::eventAck:
+      return dataAs<EventAck>(d);
+    case Kind::auditAnchor:
+      return dataAs<AuditAnchorReport>(d);
   }
   // Unreachable: decoding a Kind yields one of the six cases or throws.
   return dataAs<EventAck>(d);

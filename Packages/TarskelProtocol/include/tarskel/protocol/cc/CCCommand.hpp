@@ -63,8 +63,9 @@ struct CCCommand {
   std::string sig;  // over signingPayload(); see CCCommandSignature in TarskelVendor
 
   CCCommand() = default;
-  CCCommand(std::string cmdId, std::string target, std::string method, std::optional<JSONValue> params,
-            Date deadline, std::string issuedBy, std::optional<DualControl> dualControl, std::string sig);
+  CCCommand(std::string cmdId, std::string target, std::string method,
+            std::optional<JSONValue> params, Date deadline, std::string issuedBy,
+            std::optional<DualControl> dualControl, std::string sig);
 
   SigningBody signingBody() const;
 

@@ -38,7 +38,9 @@ struct WireMessage {
 
   Payload payload;
 
-  static WireMessage eventAck(std::string eventId) { return WireMessage{EventAck{std::move(eventId)}}; }
+  static WireMessage eventAck(std::string eventId) {
+    return WireMessage{EventAck{std::move(eventId)}};
+  }
 
   Kind kind() const { return static_cast<Kind>(payload.index()); }
 
