@@ -34,6 +34,7 @@ std::string textOf(const SQLiteDatabase::Row& row, const char* column) {
 
 CCLinkStore::CCLinkStore(std::shared_ptr<SQLiteDatabase> db) : db_(std::move(db)) {
   (void)db_->exec(std::string(kSchema));
+  (void)db_->exec(std::string(kCreatedAtIndex));
 }
 
 void CCLinkStore::enqueue(const CCEvent& event) {

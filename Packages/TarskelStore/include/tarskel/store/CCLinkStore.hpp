@@ -54,8 +54,15 @@ class CCLinkStore {
       "    created_at TEXT NOT NULL\n"
       ");";
 
-  // Runs kSchema, ignoring whether it took (a read-only connection can't
-  // create tables, and a tool may still read through it). Never throws.
+  // The trim of storeAck orders the whole dedupe table by created_at on
+  // every store; with this index SQLite walks the newest entries instead of
+  // sorting. Created apart from kSchema, which stays as it is.
+  static constexpr std::string_view kCreatedAtIndex =
+      "CREATE INDEX IF NOT EXISTS cc_cmd_dedupe_created_at ON cc_cmd_dedupe (created_at, cmd_id);";
+
+  // Runs kSchema, then kCreatedAtIndex, ignoring whether each took (a
+  // read-only connection can't create them, and a tool may still read
+  // through it). Never throws.
   explicit CCLinkStore(std::shared_ptr<SQLiteDatabase> db);
 
   const std::shared_ptr<SQLiteDatabase>& db() const { return db_; }
