@@ -55,7 +55,7 @@ struct KeyFile {
 Ed25519KeyPair loadKeyPair(const std::string& path) {
   const KeyFile file = decodeFile<KeyFile>(path);
   const std::optional<std::string> raw = base64Decode(file.privateKey);
-  if (!raw) throw ToolFailure(kExitUsage, path + ": privateKey no es base64 válido");
+  if (!raw) throw ToolFailure(kExitUsage, path + ": privateKey is not valid base64");
   try {
     return Ed25519KeyPair(*raw, file.keyId);
   } catch (const Ed25519Error& e) {
@@ -109,12 +109,12 @@ int verify(const CommandOptions& o) {
   Date now = Date::now();
   if (o.now) {
     const std::optional<Date> parsed = parseISO8601(*o.now);
-    if (!parsed) throw ToolFailure(kExitUsage, "--now espera YYYY-MM-DDTHH:MM:SSZ: " + *o.now);
+    if (!parsed) throw ToolFailure(kExitUsage, "--now expects YYYY-MM-DDTHH:MM:SSZ: " + *o.now);
     now = *parsed;
   }
   try {
     const VendorKey key = CCCommandSignature::verify(command, allowlist, now);
-    writeOutput(fmt::format("verificado: {} ({} → {}), clave {}, deadline {}\n", command.cmdId,
+    writeOutput(fmt::format("verified: {} ({} → {}), key {}, deadline {}\n", command.cmdId,
                             command.method, command.target, key.keyId,
                             formatISO8601(command.deadline)));
     return kExitSuccess;
@@ -140,7 +140,7 @@ int decodeMessages(const CommandOptions& o) {
   std::ifstream file;
   if (o.file != "-") {
     file.open(o.file, std::ios::binary);
-    if (!file) throw ToolFailure(kExitUsage, "no se pudo leer " + o.file);
+    if (!file) throw ToolFailure(kExitUsage, "cannot read " + o.file);
   }
   std::istream& in = o.file == "-" ? std::cin : file;
   bool failed = false;
@@ -153,7 +153,7 @@ int decodeMessages(const CommandOptions& o) {
     failed = failed || out.rfind("{\"error\":", 0) == 0;
     writeOutput(out);
   }
-  if (in.bad()) throw ToolFailure(kExitUsage, "no se pudo leer " + o.file);
+  if (in.bad()) throw ToolFailure(kExitUsage, "cannot read " + o.file);
   return failed ? kExitFinding : kExitSuccess;
 }
 
@@ -171,7 +171,7 @@ CCLinkStore openStore(const std::string& path, bool forWriting) {
   try {
     if (!forWriting) return CCLinkStore(SQLiteDatabase::openReadOnly(path));
     if (!std::filesystem::is_regular_file(path))
-      throw ToolFailure(kExitUsage, path + ": no existe");
+      throw ToolFailure(kExitUsage, path + ": no such file");
     return CCLinkStore(SQLiteDatabase::open(path));
   } catch (const SQLiteDatabase::DBError& e) {
     throw ToolFailure(kExitUsage, path + ": " + e.description());
@@ -191,7 +191,7 @@ int onStore(const StoreOptions& o, bool forWriting, Body body) {
 
 std::string decodingError(const SQLiteDatabase::Value& column, const auto& decode) {
   const std::string* text = column.textPointer();
-  if (text == nullptr) return "la columna no es texto";
+  if (text == nullptr) return "the column is not text";
   try {
     decode(*text);
     return {};
@@ -213,7 +213,7 @@ std::string outboxLine(const CCLinkStore::OutboxRow& row, bool json) {
     return out + "}\n";
   }
   return fmt::format("{}  {}  {}  {}\n", row.seq, row.eventId, row.createdAt,
-                     event ? event->type : "(ilegible: " + error + ")");
+                     event ? event->type : "(unreadable: " + error + ")");
 }
 
 int outboxList(const StoreOptions& o) {
@@ -236,8 +236,8 @@ int outboxRemove(const StoreOptions& o) {
     const std::int64_t before = store.pendingCount();
     store.removeEvent(o.id);
     if (store.pendingCount() == before)
-      throw ToolFailure(kExitFinding, "ningún evento '" + o.id + "' en la cola");
-    writeOutput("eliminado: " + o.id + "\n");
+      throw ToolFailure(kExitFinding, "no event '" + o.id + "' in the outbox");
+    writeOutput("removed: " + o.id + "\n");
     return kExitSuccess;
   });
 }
@@ -245,13 +245,13 @@ int outboxRemove(const StoreOptions& o) {
 int acksShow(const StoreOptions& o) {
   return onStore(o, false, [&o](CCLinkStore& store) {
     const std::optional<CCLinkStore::AckRow> row = store.ackRow(o.id);
-    if (!row) throw ToolFailure(kExitFinding, "ningún ack guardado para '" + o.id + "'");
+    if (!row) throw ToolFailure(kExitFinding, "no ack stored for '" + o.id + "'");
     std::optional<CCAck> ack;
     const std::string error = decodingError(row->ack, [&ack](const std::string& text) {
       ack = TarskelJSON::decoder().decode<CCAck>(text);
     });
     if (!ack)
-      throw ToolFailure(kExitFinding, "el ack guardado para '" + o.id + "' es ilegible: " + error);
+      throw ToolFailure(kExitFinding, "the ack stored for '" + o.id + "' can't be read: " + error);
     writeOutput(canonicalLine(*ack));
     return kExitSuccess;
   });

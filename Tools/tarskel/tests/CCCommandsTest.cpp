@@ -75,8 +75,7 @@ TEST_F(CCCommandsTest, SignedCommandVerifiesAndFailsAfterAnyChangeToASignedField
   write("signed.json", signedRun.out);
   const ToolRun ok = verify("signed.json");
   EXPECT_EQ(ok.exitCode, 0) << ok.err;
-  EXPECT_EQ(ok.out,
-            "verificado: c1 (config.set → dev1), clave k1, deadline 2026-01-02T03:04:05Z\n");
+  EXPECT_EQ(ok.out, "verified: c1 (config.set → dev1), key k1, deadline 2026-01-02T03:04:05Z\n");
 
   const JSONValue original = TarskelJSON::decoder().decode<JSONValue>(signedRun.out);
   const std::pair<const char*, JSONValue> changes[] = {
@@ -117,7 +116,7 @@ TEST_F(CCCommandsTest, VerifyRefusesOrFindsInputUnusable) {
        "comando vencido: deadline 2026-01-02 03:04:05 +0000, ahora es 2026-01-02 03:04:06 +0000"},
       {verify("byK1.json", {}), 1, "comando vencido"},
       {verify("draft.json"), 2, "falta la clave \"sig\""},
-      {verify("byK1.json", {"--now", "mañana"}), 2, "--now espera"},
+      {verify("byK1.json", {"--now", "mañana"}), 2, "--now expects"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(c.run.exitCode, c.exitCode) << c.message;
@@ -177,17 +176,17 @@ TEST_F(CCCommandsTest, OutboxAndAcksInspectAndRepairAStore) {
        {"list"},
        0,
        "1  e1  2026-01-02T03:04:06Z  service.crashed\n"
-       "2  bad  2026-01-02T03:04:07Z  (ilegible: dataCorrupted en <raíz>: "},
+       "2  bad  2026-01-02T03:04:07Z  (unreadable: dataCorrupted en <raíz>: "},
       {"outbox",
        {"list", "--json"},
        0,
        R"({"seq":1,"eventId":"e1","createdAt":"2026-01-02T03:04:06Z","event":{"deviceId":"d",)"
        R"("eventId":"e1","ts":"2026-01-02T03:04:05Z","type":"service.crashed"}})"},
       {"acks", {"show", "c1"}, 0, "{\"cmdId\":\"c1\",\"status\":\"acked\"}\n"},
-      {"acks", {"show", "c2"}, 1, "tarskel: el ack guardado para 'c2' es ilegible: dataCorrupted"},
-      {"acks", {"show", "c3"}, 1, "tarskel: ningún ack guardado para 'c3'"},
-      {"outbox", {"remove", "nope"}, 1, "tarskel: ningún evento 'nope' en la cola"},
-      {"outbox", {"remove", "bad"}, 0, "eliminado: bad\n"},
+      {"acks", {"show", "c2"}, 1, "tarskel: the ack stored for 'c2' can't be read: dataCorrupted"},
+      {"acks", {"show", "c3"}, 1, "tarskel: no ack stored for 'c3'"},
+      {"outbox", {"remove", "nope"}, 1, "tarskel: no event 'nope' in the outbox"},
+      {"outbox", {"remove", "bad"}, 0, "removed: bad\n"},
       {"outbox", {"count"}, 0, "1\n"},
   };
   for (const auto& c : cases) {

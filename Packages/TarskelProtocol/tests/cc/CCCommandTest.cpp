@@ -29,13 +29,15 @@ CCCommand plainCommand() {
                    *parseISO8601("2026-01-02T03:04:05Z"), "ops", std::nullopt, "sig");
 }
 
-// That each field but sig is covered, and the deadline to the second only, is
-// proved by signing in CCCommandSignatureTest.
+// That each other field is covered is proved by signing, in the tool's tests.
 TEST(CCCommandTest, SigningPayloadIsTheCanonicalBodyWithoutSig) {
   CCCommand c = plainCommand();
   EXPECT_EQ(c.signingPayload(),
             R"({"cmdId":"c1","deadline":"2026-01-02T03:04:05Z","issuedBy":"ops",)"
             R"("method":"service.start","target":"dev1"})");
+  const std::string plain = c.signingPayload();
+  c.sig = "other";
+  EXPECT_EQ(c.signingPayload(), plain);
   c.params = decode<JSONValue>(R"({"z":1,"a":{"y":null,"b":"/"}})");
   c.dualControl = DualControl{true, "ana"};
   c.deadline.secondsSinceReferenceDate += 0.999;
