@@ -1,0 +1,123 @@
+#pragma once
+
+// What the link to the control centre must not lose across restarts: an
+// outbox of events the centre hasn't confirmed yet, and the acks already
+// given, so that a command delivered twice runs once and is answered twice
+// with the same ack:
+//
+//   if (auto ack = store.cachedAck(cmd.cmdId)) return *ack;   // known: answer again
+//   CCAck ack = run(cmd);
+//   store.storeAck(ack, keepLast);
+//   return ack;
+//
+// Ownership: the store shares the SQLiteDatabase it is given and keeps no
+// state of its own; both tables live in that database's file.
+//
+// Threads: any thread may call any member. Each statement is atomic under the
+// connection's lock, but nothing here serialises more than one statement:
+// storeAck's insert and trim are two steps, and two concurrent deliveries of
+// one new command may both miss cachedAck and both run it. Callers that care
+// serialise themselves.
+//
+// Failures: encoding errors (EncodingError) and SQLiteDatabase::DBError reach
+// the caller unchanged; nothing is logged. Rows that don't decode are skipped
+// by pendingEvents and read as absent by cachedAck, without an error. A step
+// failure inside a query (say SQLITE_BUSY) ends its rows early, so
+// pendingEvents may return fewer events than there are and pendingCount 0.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tarskel/protocol/cc/CCCommand.hpp"
+#include "tarskel/protocol/cc/DeviceReports.hpp"
+#include "tarskel/store/SQLiteDatabase.hpp"
+
+namespace tarskel {
+
+class CCLinkStore {
+ public:
+  // The two tables, run by one exec.
+  static constexpr std::string_view kSchema =
+      "CREATE TABLE IF NOT EXISTS cc_events (\n"
+      "    seq INTEGER PRIMARY KEY AUTOINCREMENT,\n"
+      "    event_id TEXT UNIQUE NOT NULL,\n"
+      "    payload TEXT NOT NULL,\n"
+      "    created_at TEXT NOT NULL\n"
+      ");\n"
+      "CREATE TABLE IF NOT EXISTS cc_cmd_dedupe (\n"
+      "    cmd_id TEXT PRIMARY KEY,\n"
+      "    ack TEXT NOT NULL,\n"
+      "    created_at TEXT NOT NULL\n"
+      ");";
+
+  // The trim of storeAck orders the whole dedupe table by created_at on
+  // every store; with this index SQLite walks the newest entries instead of
+  // sorting. Created apart from kSchema, which stays as it is.
+  static constexpr std::string_view kCreatedAtIndex =
+      "CREATE INDEX IF NOT EXISTS cc_cmd_dedupe_created_at ON cc_cmd_dedupe (created_at, cmd_id);";
+
+  // Runs kSchema, then kCreatedAtIndex, ignoring whether each took (a
+  // read-only connection can't create them, and a tool may still read
+  // through it). Never throws.
+  explicit CCLinkStore(std::shared_ptr<SQLiteDatabase> db);
+
+  const std::shared_ptr<SQLiteDatabase>& db() const { return db_; }
+
+  // Queues the event, stamped with the current time. An id already queued is
+  // ignored without an error: the first copy keeps its payload and its place.
+  // An id removed earlier can be queued again. When this returns, the event
+  // is committed. Throws EncodingError, DBError.
+  void enqueue(const CCEvent& event);
+
+  // Up to `limit` queued events, oldest first; a negative limit means all.
+  // Rows that don't decode are left out (and left in the table), yet each
+  // takes a place in the limit. Removes nothing. Throws DBError(prepare).
+  std::vector<CCEvent> pendingEvents(std::int64_t limit);
+
+  // Removes the event; an unknown id is no error. Throws DBError.
+  void removeEvent(const std::string& eventId);
+
+  // The number of queued rows, undecodable ones included; 0 when the count
+  // can't be read. Throws DBError(prepare).
+  std::int64_t pendingCount();
+
+  // The ack stored for the command, or nothing when there is none or it can't
+  // be read (a damaged entry reads as an unknown command). Throws DBError(prepare).
+  std::optional<CCAck> cachedAck(const std::string& cmdId);
+
+  // Stores the ack (replacing an earlier one for the same command, whose
+  // created_at moves forward), then keeps only the `keepLast` entries with the
+  // greatest created_at: 0 empties the table, the new ack included; a negative
+  // value keeps everything. Entries of one second are not told apart, so at
+  // the boundary any of them may go. A failing trim leaves the new entry
+  // stored and throws all the same. Throws EncodingError, DBError.
+  void storeAck(const CCAck& ack, std::int64_t keepLast);
+
+  // For people who inspect or repair a store by hand: the raw rows, as stored,
+  // decodable or not.
+  struct OutboxRow {
+    std::int64_t seq = 0;
+    std::string eventId;
+    SQLiteDatabase::Value payload;
+    std::string createdAt;
+  };
+  // Every queued row, oldest first. Throws DBError(prepare).
+  std::vector<OutboxRow> outboxRows();
+
+  struct AckRow {
+    std::string cmdId;
+    SQLiteDatabase::Value ack;
+    std::string createdAt;
+  };
+  // The stored entry for the command, as stored. Throws DBError(prepare).
+  std::optional<AckRow> ackRow(const std::string& cmdId);
+
+ private:
+  std::shared_ptr<SQLiteDatabase> db_;
+};
+
+}  // namespace tarskel

@@ -1,0 +1,174 @@
+// The link store against real SQLite files: the outbox's order and
+// duplicates, damaged rows, the ack memory and its trimming, and a writer
+// killed mid-enqueue.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "StoreTestSupport.hpp"
+#include "tarskel/store/CCLinkStore.hpp"
+
+namespace tarskel {
+namespace {
+
+CCEvent event(const std::string& id, const std::string& type = "service.crashed") {
+  return CCEvent{id, "dev1", *parseISO8601("2026-01-02T03:04:05Z"), type,
+                 JSONValue::Object{{"n", 1}}};
+}
+
+std::vector<std::string> ids(const std::vector<CCEvent>& events) {
+  std::vector<std::string> out;
+  for (const CCEvent& e : events) out.push_back(e.eventId);
+  return out;
+}
+
+class CCLinkStoreTest : public ::testing::Test {
+ protected:
+  std::string path() const { return dir.file("link.db"); }
+
+  // Every cmd_id in the dedupe table, in no order.
+  std::set<std::string> storedCommands() {
+    std::set<std::string> out;
+    for (auto& row : db->query("SELECT cmd_id FROM cc_cmd_dedupe"))
+      out.insert(*row["cmd_id"].stringValue());
+    return out;
+  }
+
+  testing::TempDir dir;
+  std::shared_ptr<SQLiteDatabase> db = SQLiteDatabase::open(path());
+  CCLinkStore store{db};
+};
+
+TEST_F(CCLinkStoreTest, OutboxKeepsArrivalOrderAndTheFirstCopy) {
+  EXPECT_EQ(store.pendingCount(), 0);
+  for (const char* id : {"e1", "e2", "e3"}) store.enqueue(event(id));
+  store.enqueue(event("e1", "second.copy"));
+  EXPECT_EQ(store.pendingCount(), 3);
+  EXPECT_EQ(store.pendingEvents(2), (std::vector<CCEvent>{event("e1"), event("e2")}));
+  EXPECT_TRUE(store.pendingEvents(0).empty());
+  EXPECT_EQ(ids(store.pendingEvents(-1)), (std::vector<std::string>{"e1", "e2", "e3"}));
+
+  store.removeEvent("e2");
+  store.removeEvent("unknown");
+  EXPECT_EQ(store.pendingCount(), 2);
+  store.enqueue(event("e2"));
+  EXPECT_EQ(ids(store.pendingEvents(-1)), (std::vector<std::string>{"e1", "e3", "e2"}));
+}
+
+TEST_F(CCLinkStoreTest, UndecodableRowsAreSkippedYetCountedAndHoldTheirPlace) {
+  for (const char* payload : {"'{not json'", R"('{"eventId":"x"}')", "X'7B7D'"}) {
+    ASSERT_TRUE(db->exec(std::string("INSERT INTO cc_events (event_id, payload, created_at) ") +
+                         "VALUES (" + payload + ", " + payload + ", '2026-01-02T03:04:05Z')"));
+  }
+  store.enqueue(event("good"));
+  EXPECT_EQ(store.pendingCount(), 4);
+  EXPECT_TRUE(store.pendingEvents(3).empty())
+      << "three damaged rows at the front starve a limit of 3";
+  EXPECT_EQ(ids(store.pendingEvents(-1)), std::vector<std::string>{"good"});
+}
+
+TEST_F(CCLinkStoreTest, CachedAckAnswersOnlyForAReadableEntry) {
+  EXPECT_FALSE(store.cachedAck("c1").has_value());
+  store.storeAck(CCAck("c1", CCAck::Status::nacked, std::nullopt, JSONRPCError(-32603, "x")), 10);
+  const CCAck later("c1", CCAck::Status::acked, JSONValue("ok"), std::nullopt, 4);
+  store.storeAck(later, 10);
+  EXPECT_EQ(store.cachedAck("c1"), later);
+  EXPECT_EQ(storedCommands(), std::set<std::string>{"c1"});
+  for (const char* damage : {"'not json'", R"('{"cmdId":"c1","status":"ok"}')", "X'00'"}) {
+    ASSERT_TRUE(db->exec(std::string("UPDATE cc_cmd_dedupe SET ack = ") + damage));
+    EXPECT_FALSE(store.cachedAck("c1").has_value()) << damage;
+  }
+}
+
+TEST_F(CCLinkStoreTest, StoreAckKeepsTheNewestKeepLastEntries) {
+  // "a" and "b" stored at distinct past seconds, then one ack stored now.
+  const struct {
+    std::int64_t keepLast;
+    const char* storedNow;
+    std::set<std::string> left;
+  } cases[] = {
+      {2, "new", {"b", "new"}},       {1, "new", {"new"}},           {0, "new", {}},
+      {-1, "new", {"a", "b", "new"}}, {3, "new", {"a", "b", "new"}}, {2, "a", {"b", "a"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.keepLast) + " " + c.storedNow);
+    ASSERT_TRUE(db->exec("DELETE FROM cc_cmd_dedupe"));
+    store.storeAck(CCAck("a", CCAck::Status::acked), -1);
+    store.storeAck(CCAck("b", CCAck::Status::acked), -1);
+    ASSERT_TRUE(
+        db->exec("UPDATE cc_cmd_dedupe SET created_at = '2020-01-01T00:00:0' || "
+                 "CASE cmd_id WHEN 'a' THEN '1Z' ELSE '2Z' END"));
+    store.storeAck(CCAck(c.storedNow, CCAck::Status::acked), c.keepLast);
+    EXPECT_EQ(storedCommands(), c.left);
+  }
+  const std::string createdAt =
+      *db->query("SELECT MAX(created_at) AS t FROM cc_cmd_dedupe")[0]["t"].stringValue();
+  EXPECT_TRUE(std::regex_match(createdAt, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")))
+      << createdAt;
+  EXPECT_NEAR(parseISO8601(createdAt)->secondsSinceReferenceDate,
+              Date::now().secondsSinceReferenceDate, 5);
+}
+
+// The child queues events as fast as it can and reports each id once
+// enqueue has returned; the parent kills it mid-stream.
+[[noreturn]] void enqueueUntilKilled(const std::string& path, int out) {
+  CCLinkStore store(SQLiteDatabase::open(path));
+  for (int i = 0; i < 1000000; ++i) {
+    const std::string id = "e" + std::to_string(i);
+    store.enqueue(event(id));
+    const std::string line = id + "\n";
+    if (write(out, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(3);
+  }
+  _exit(0);
+}
+
+TEST(KilledLinkTest, EveryEnqueuedEventSurvivesSIGKILLInOrder) {
+  testing::TempDir dir;
+  const std::string path = dir.file("link.db");
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    close(fds[0]);
+    enqueueUntilKilled(path, fds[1]);
+  }
+  close(fds[1]);
+
+  FILE* in = fdopen(fds[0], "r");
+  std::vector<std::string> returned;  // ids whose enqueue had returned
+  char line[64];
+  while (std::fgets(line, sizeof line, in) != nullptr) {
+    const std::size_t n = std::strlen(line);
+    if (line[n - 1] == '\n') returned.emplace_back(line, n - 1);
+    if (returned.size() == 1500) kill(child, SIGKILL);
+  }
+  std::fclose(in);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status)) << "the child ended before it was killed";
+
+  CCLinkStore store(SQLiteDatabase::open(path));
+  const std::vector<std::string> stored = ids(store.pendingEvents(-1));
+  ASSERT_GE(stored.size(), returned.size());
+  EXPECT_EQ(
+      std::vector<std::string>(stored.begin(), stored.begin() + static_cast<long>(returned.size())),
+      returned)
+      << "every acknowledged event is there, oldest first";
+  EXPECT_EQ(store.pendingCount(), static_cast<std::int64_t>(stored.size()))
+      << "no damaged row was left";
+  store.enqueue(event("after"));
+  EXPECT_EQ(store.pendingEvents(-1).back().eventId, "after");
+}
+
+}  // namespace
+}  // namespace tarskel
