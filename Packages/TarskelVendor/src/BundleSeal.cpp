@@ -11,6 +11,9 @@
 #include <system_error>
 #include <utility>
 
+#include <unicode/normalizer2.h>
+#include <unicode/unistr.h>
+
 #include "ContentHashing.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
@@ -118,6 +121,33 @@ std::vector<fs::directory_entry> sortedEntries(const fs::path& directory) {
   return entries;
 }
 
+// The NFC form of `path` in UTF-8, whose byte order is the order of Unicode
+// scalar values. Bytes that are not UTF-8 stay as they are.
+std::string normalisedForOrder(const std::string& path) {
+  const bool ascii = std::all_of(path.begin(), path.end(),
+                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (ascii) return path;
+  UErrorCode status = U_ZERO_ERROR;
+  const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
+  if (U_FAILURE(status)) return path;
+  const icu::UnicodeString normal =
+      nfc->normalize(icu::UnicodeString::fromUTF8(icu::StringPiece(path.data(), static_cast<int32_t>(path.size()))), status);
+  if (U_FAILURE(status)) return path;
+  std::string out;
+  normal.toUTF8String(out);
+  return out;
+}
+
+// Content order: by the scalar values of the normalised text, then by the
+// bytes, so that two spellings of one name still have a fixed order.
+void sortContent(std::vector<std::string>& paths) {
+  std::vector<std::pair<std::string, std::string>> keyed;
+  keyed.reserve(paths.size());
+  for (std::string& path : paths) keyed.emplace_back(normalisedForOrder(path), std::move(path));
+  std::sort(keyed.begin(), keyed.end());
+  for (std::size_t i = 0; i < paths.size(); ++i) paths[i] = std::move(keyed[i].second);
+}
+
 }  // namespace
 
 std::vector<std::string> contentEntries(const fs::path& bundleAt) {
@@ -145,7 +175,7 @@ std::vector<std::string> contentEntries(const fs::path& bundleAt) {
     // Depth first, in name order.
     std::move(subdirectories.rbegin(), subdirectories.rend(), std::back_inserter(pending));
   }
-  std::sort(files.begin(), files.end());
+  sortContent(files);
   return files;
 }
 
@@ -155,6 +185,12 @@ HashManifest seal(const fs::path& bundleAt, std::string artifactId, ArtifactType
                   std::optional<std::map<std::string, std::string>> metadata,
                   const SealHashing& hashing) {
   const std::vector<std::string> paths = contentEntries(bundleAt);
+  // A name that is not UTF-8 could not stand in the manifest's JSON.
+  for (const std::string& path : paths) {
+    if (!isValidUTF8(path)) {
+      throw EncodingError("nombre de archivo que no es UTF-8 válido: " + escapedBytes(path));
+    }
+  }
   std::vector<ContentDigest> digests =
       hashContent(bundleAt, paths, hashing, [](std::size_t, const std::string&) { return false; });
 
@@ -218,7 +254,11 @@ HashManifest verify(const fs::path& bundleAt, const VendorVerification& verifica
   }
 
   for (const HashManifest::FileEntry& entry : manifest.files) present.erase(entry.path);
-  if (!present.empty()) throw SealError::unexpectedFile(*present.begin());
+  if (!present.empty()) {
+    std::vector<std::string> unexpected(present.begin(), present.end());
+    sortContent(unexpected);
+    throw SealError::unexpectedFile(unexpected.front());
+  }
   return manifest;
 }
 

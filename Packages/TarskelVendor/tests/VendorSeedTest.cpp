@@ -73,6 +73,14 @@ TEST_F(VendorSeedTest, SeedsOnceWithTheSourcePermissions) {
   EXPECT_EQ(readFile(target), "garbage");
 }
 
+// Regression: a directory seed failed with "cannot copy file".
+TEST_F(VendorSeedTest, DirectorySeedIsCopiedRecursively) {
+  writeFile(seed / "keys/a.json", "A");
+  EXPECT_TRUE(VendorSeed::seedIfAbsent(root, seed));
+  EXPECT_EQ(readFile(target / "keys/a.json"), "A");
+  EXPECT_FALSE(VendorSeed::seedIfAbsent(root, seed));
+}
+
 TEST_F(VendorSeedTest, MissingSeedIsNotAnError) {
   EXPECT_FALSE(VendorSeed::seedIfAbsent(root, temp.path() / "absent.json"));
   EXPECT_FALSE(VendorSeed::seedIfAbsent(root, ""));
