@@ -13,13 +13,13 @@
 
 namespace tarskel::testing {
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when the value goes.
+// A fresh directory under `parent` (the system's temporary directory unless
+// given), removed with everything in it when the value goes.
 class TempDirectory {
  public:
-  explicit TempDirectory(std::string_view prefix = "tarskel-test") {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / (std::string(prefix) + "-XXXXXX")).string();
+  explicit TempDirectory(std::string_view prefix = "tarskel-test",
+                         const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string pattern = (parent / (std::string(prefix) + "-XXXXXX")).string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
   }
