@@ -1,12 +1,10 @@
 #include "tarskel/vendor/BundleSeal.hpp"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -15,6 +13,8 @@
 #include <unicode/unistr.h>
 
 #include "ContentHashing.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
+#include "tarskel/protocol/base/Files.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::BundleSeal {
@@ -25,47 +25,13 @@ namespace {
 // this is not a manifest, and reading it whole would only exhaust memory.
 constexpr std::size_t kMaxManifestBytes = 256u << 20;
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-std::string systemText(const fs::path& path, int error) {
-  return path.string() + ": " + std::strerror(error);
-}
-
 // The seal's own files, whole. They are not content, so nothing has vouched
 // for them: a link is not followed and a named pipe can't make us wait.
 std::string readSealFile(const fs::path& path) {
-  FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (file.get() < 0) throw SealError::unreadableManifest(systemText(path, errno));
-  struct stat info {};
-  if (::fstat(file.get(), &info) != 0) throw SealError::unreadableManifest(systemText(path, errno));
-  if (!S_ISREG(info.st_mode)) {
-    throw SealError::unreadableManifest(path.string() + ": no es un archivo regular");
-  }
-  std::string content;
-  char buffer[64 * 1024];
-  for (;;) {
-    ssize_t n = ::read(file.get(), buffer, sizeof buffer);
-    if (n == 0) return content;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw SealError::unreadableManifest(systemText(path, errno));
-    }
-    if (content.size() + static_cast<std::size_t>(n) > kMaxManifestBytes) {
-      throw SealError::unreadableManifest(path.string() + ": demasiado grande");
-    }
-    content.append(buffer, static_cast<std::size_t>(n));
+  try {
+    return readFile(path, kMaxManifestBytes, {.followLastLink = false});
+  } catch (const FileReadError& e) {
+    throw SealError::unreadableManifest(e.description());
   }
 }
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "TempDirectory.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"

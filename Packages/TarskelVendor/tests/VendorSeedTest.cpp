@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "TempDirectory.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/vendor/VendorSeed.hpp"
 
 namespace tarskel {
