@@ -1,4 +1,7 @@
 // Reading the tool's input, writing its output, and the words it says to people.
+//
+// Input is read on the person's own behalf, so unlike the daemon's capped
+// reader it takes pipes and process substitutions (<(cmd)) of any size.
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -13,6 +16,7 @@
 #include <optional>
 
 #include "ToolCommand.hpp"
+#include "tarskel/protocol/base/Files.hpp"
 
 namespace tarskel::tool {
 namespace {
@@ -267,30 +271,10 @@ void writeOutput(const std::string& bytes) {
 
 void writeResult(const std::string& bytes, const std::string& outputPath) {
   if (outputPath.empty() || outputPath == "-") return writeOutput(bytes);
-  namespace fs = std::filesystem;
-  const fs::path target(outputPath);
-  std::string temporary =
-      (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
-  const int fd = ::mkstemp(temporary.data());
-  if (fd < 0) throw ToolFailure(kExitUsage, outputPath + ": " + systemReason(errno));
-  bool ok = writeAll(fd, bytes) && ::fsync(fd) == 0;
-  int error = ok ? 0 : errno;
-  // People read what they keep; mkstemp's 0600 would hide it from the group.
-  if (ok && ::fchmod(fd, 0644) != 0) {
-    ok = false;
-    error = errno;
-  }
-  if (::close(fd) != 0 && ok) {
-    ok = false;
-    error = errno;
-  }
-  if (ok && ::rename(temporary.c_str(), outputPath.c_str()) != 0) {
-    ok = false;
-    error = errno;
-  }
-  if (!ok) {
-    ::unlink(temporary.c_str());
-    throw ToolFailure(kExitUsage, outputPath + ": " + systemReason(error));
+  try {
+    atomicReplace(outputPath, bytes);
+  } catch (const FileSystemError& e) {
+    throw ToolFailure(kExitUsage, outputPath + ": " + systemReason(e.errorNumber()));
   }
 }
 
