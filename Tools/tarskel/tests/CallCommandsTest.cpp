@@ -115,6 +115,8 @@ TEST(CallCommandsTest, ExitCodes) {
        "--args must be a JSON object"},
       {"args file absent", {"call", "x", "--args", "@/nonexistent/a", "--mach-service", refusing.path()},
        2, "/nonexistent/a: No such file or directory"},
+      // Regression: an empty name meant the socket /run/tarskel/.sock.
+      {"empty service", {"info", "--mach-service", ""}, 2, "--mach-service is empty"},
       {"silent daemon", {"call", "x", "--timeout", "0.3", "--mach-service", silent.path()}, 3,
        ": no answer within 0.3 s (--timeout)"},
       {"silent daemon, info", {"info", "--timeout", "0.3", "--mach-service", silent.path()}, 3,
