@@ -145,10 +145,11 @@ std::string fishScript(const std::vector<Node>& nodes) {
       "    end\n"
       "    echo $at\n"
       "end\n"
-      "function __tarskel_at\n    test (__tarskel_path) = \"$argv[1]\"\nend\n"
-      "complete -c tarskel -f -n 'test -n \"$(__tarskel_commands (__tarskel_path))\"' "
-      "-a '(__tarskel_commands (__tarskel_path))'\n"
-      "complete -c tarskel -F -n 'test -z \"$(__tarskel_commands (__tarskel_path))\"'\n";
+      "function __tarskel_at\n    set -l p (__tarskel_path)\n    test \"$p\" = \"$argv[1]\"\nend\n"
+      "function __tarskel_has_commands\n    set -l c (__tarskel_commands (__tarskel_path))\n"
+      "    test (count $c) -gt 0\nend\n"
+      "complete -c tarskel -f -n __tarskel_has_commands -a '(__tarskel_commands (__tarskel_path))'\n"
+      "complete -c tarskel -F -n 'not __tarskel_has_commands'\n";
   for (const Node& node : nodes) {
     const std::string condition = "-n " + quoted("__tarskel_at \"" + node.path + "\"");
     for (const CLI::Option* option : node.options) {
@@ -218,7 +219,8 @@ std::string manualPage(const CLI::App& app) {
     }
     for (const CLI::Option* option : node.options) {
       if (option->get_lnames() == std::vector<std::string>{"quiet"} ||
-          option->get_lnames() == std::vector<std::string>{"help"}) {
+          option->get_lnames() == std::vector<std::string>{"help"} ||
+          option->get_description() == "Print the version and exit") {
         continue;  // said once above
       }
       std::string names;
