@@ -43,7 +43,7 @@ function(tarskel_test)
   add_executable(${ARG_NAME} ${ARG_SOURCES})
   target_compile_options(${ARG_NAME} PRIVATE ${TARSKEL_WARNINGS})
   target_include_directories(${ARG_NAME} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests)
-  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} GTest::gtest_main GTest::gmock)
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} TarskelTestSupport GTest::gtest_main GTest::gmock)
   include(GoogleTest)
   gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60
                        PROPERTIES ENVIRONMENT "TARSKEL_BUILD_DIR=${CMAKE_BINARY_DIR}")

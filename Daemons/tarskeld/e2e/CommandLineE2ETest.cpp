@@ -60,16 +60,46 @@ TEST(CommandLineTest, VersionIsPrintedAlone) {
   EXPECT_EQ(version.text, "0.1.0\n");
 }
 
-TEST(CommandLineTest, ParseErrorsEndWithFailureAndNeverStartTheDaemon) {
+// Regression: CLI11's own statuses (109 for --bogus) leaked out, and an empty
+// root or service put the state or the socket in the current directory.
+TEST(CommandLineTest, ParseErrorsExitTwoAndNeverStartTheDaemon) {
   TempDir dir;
-  for (const char* arguments :
-       {"--bogus", "--root", "extra", "--generate-completion-script tcsh"}) {
+  for (const char* arguments : {"--bogus", "--root", "extra", "--generate-completion-script tcsh",
+                                "--root ''", "--mach-service ''"}) {
     SCOPED_TRACE(arguments);
     Output run =
         runShell("cd '" + dir.path().string() + "' && " + daemonCommand(arguments) + " 2>&1");
-    EXPECT_NE(run.status, 0);
+    EXPECT_TRUE(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 2) << run.status;
     EXPECT_EQ(run.text.find("sirviendo"), std::string::npos) << run.text;
+    EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
   }
+}
+
+// Regression: the root was used as typed, and a relative or trailing-slash
+// spelling reached clients.
+TEST(CommandLineTest, RootIsAbsoluteAndStandardised) {
+  const std::string cwd = std::filesystem::current_path().string();
+  const std::pair<std::string, std::string> cases[] = {
+      {"/srv/state/", "/srv/state"}, {"/srv/./a/../state", "/srv/state"},
+      {"state", cwd + "/state"},     {"./state/", cwd + "/state"},
+      {"/", "/"},
+  };
+  for (const auto& [typed, expected] : cases) {
+    EXPECT_EQ(Tarskeld::resolveRoot(typed).string(), expected) << typed;
+  }
+}
+
+// Regression: a damaged audit database ended the daemon with the store's
+// text alone, without the file.
+TEST(CommandLineTest, DamagedAuditDatabaseIsNamed) {
+  TempDir dir;
+  writeFile(dir / "daemon/audit.db", std::string(4096, 'x'));
+  Output run = runShell(daemonCommand("--root '" + dir.path().string() + "' --mach-service '" +
+                                      (dir / "d.sock").string() + "' 2>&1"));
+  EXPECT_TRUE(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 1) << run.status;
+  EXPECT_NE(run.text.find("tarskeld: error: " + (dir / "daemon/audit.db").string() + ": "),
+            std::string::npos)
+      << run.text;
 }
 
 // Every option the parser knows must be offered by every script.

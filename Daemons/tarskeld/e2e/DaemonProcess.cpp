@@ -58,17 +58,6 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 
 }  // namespace
 
-TempDir::TempDir() {
-  std::string pattern = "/tmp/tarskeld-e2e-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) failSystem("mkdtemp");
-  path_ = pattern;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  fs::remove_all(path_, ignored);
-}
-
 void writeFile(const fs::path& path, const std::string& bytes) {
   fs::create_directories(path.parent_path());
   std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;

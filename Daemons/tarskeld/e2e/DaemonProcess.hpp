@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
 namespace tarskel::e2e {
@@ -25,18 +26,10 @@ using namespace std::chrono_literals;
 
 // A fresh directory under /tmp (short, so that socket paths fit), removed
 // with everything in it afterwards.
-class TempDir {
+class TempDir : public testing::TempDirectory {
  public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::filesystem::path& path() const { return path_; }
-  std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-
- private:
-  std::filesystem::path path_;
+  TempDir() : TempDirectory("tarskeld-e2e", "/tmp") {}
+  std::filesystem::path operator/(const std::string& name) const { return path() / name; }
 };
 
 void writeFile(const std::filesystem::path& path, const std::string& bytes);

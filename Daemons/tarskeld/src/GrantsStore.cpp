@@ -1,18 +1,11 @@
 #include "tarskel/daemon/GrantsStore.hpp"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <cerrno>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <optional>
 #include <utility>
 
 #include "RandomUUID.hpp"
+#include "tarskel/protocol/base/Files.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
@@ -38,41 +31,16 @@ GrantSets toSets(const GrantsStore::Grants& grants) {
   return sets;
 }
 
-std::optional<std::string> readWholeFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) return std::nullopt;
-  return bytes;
-}
+// Far beyond any real table; a bigger file counts as broken, like one that
+// does not decode.
+constexpr std::size_t kMaxGrantsBytes = 16u << 20;
 
 GrantSets load(const std::filesystem::path& path) {
-  std::optional<std::string> bytes = readWholeFile(path);
-  if (!bytes) return {};
   try {
-    return toSets(TarskelJSON::decoder().decode<GrantsFile>(*bytes).grants);
+    const std::string bytes = readFile(path, kMaxGrantsBytes);
+    return toSets(TarskelJSON::decoder().decode<GrantsFile>(bytes).grants);
   } catch (const std::exception&) {
-    return {};  // a broken file counts as absent until the next replace
-  }
-}
-
-// A plain write: the mode is what the process's umask makes of 0666.
-void writeFile(const std::filesystem::path& path, const std::string& bytes) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (fd < 0) throw FileSystemError::fromErrno("no se pudo escribir", path.native(), errno);
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      int error = errno;
-      ::close(fd);
-      throw FileSystemError::fromErrno("no se pudo escribir", path.native(), error);
-    }
-    written += static_cast<std::size_t>(n);
-  }
-  if (::close(fd) != 0 && errno != EINTR) {
-    throw FileSystemError::fromErrno("no se pudo escribir", path.native(), errno);
+    return {};  // a missing or broken file counts as absent until the next replace
   }
 }
 
@@ -103,14 +71,9 @@ bool GrantsStore::isGrantedSync(const std::string& op, const std::string& servic
 
 void GrantsStore::replaceSync(const Grants& grants) {
   std::string bytes = TarskelJSON::encoder().encode(GrantsFile{grants});
-  std::filesystem::path temporary =
-      fileURL_.parent_path() / (".grants-" + randomUUIDString() + ".tmp");
-  writeFile(temporary, bytes);
-  // rename(2) swaps the name in one step and needs no existing target, so a
-  // first sync on a fresh machine takes the same road as every other.
-  if (std::rename(temporary.c_str(), fileURL_.c_str()) != 0) {
-    throw FileSystemError::fromErrno("no se pudo reemplazar", fileURL_.native(), errno);
-  }
+  // The rename needs no existing target, so a first sync on a fresh machine
+  // takes the same road as every other. A failure removes the temporary file.
+  atomicReplace(fileURL_, bytes, {".grants-" + randomUUIDString() + ".tmp", 0666});
   grants_ = toSets(grants);  // last: any failure above leaves the memory as it was
 }
 

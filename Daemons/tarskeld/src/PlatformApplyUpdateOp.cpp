@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/base/Files.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
@@ -54,25 +55,19 @@ std::string stringOrEmpty(const JSONObject& args, std::string_view key) {
   return text != nullptr ? *text : std::string();
 }
 
-// The whole file, or nothing when it can't be opened or read to its end (a
-// directory included).
-std::optional<std::string> readWholeFile(const fs::path& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  std::string bytes;
-  char buffer[16384];
-  for (;;) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      ::close(fd);
-      return std::nullopt;
-    }
-    if (n == 0) break;
-    bytes.append(buffer, static_cast<std::size_t>(n));
+// An allowlist of some thousand keys is a few hundred kilobytes; a bigger
+// file is not an allowlist and is not read into memory.
+constexpr std::size_t kMaxAllowlistBytes = 4u << 20;
+
+// The machine allowlist's bytes, or nothing when it can't be read. Opened
+// without blocking and read only when it is a regular file within the cap:
+// a FIFO or a device put there must not hold a worker.
+std::optional<std::string> readAllowlist(const fs::path& path) {
+  try {
+    return readFile(path, kMaxAllowlistBytes);
+  } catch (const FileReadError&) {
+    return std::nullopt;
   }
-  ::close(fd);
-  return bytes;
 }
 
 // What exists after following links, as the existence checks of both
@@ -142,7 +137,7 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
                                       const fs::path& installedApp,
                                       const fs::path& previousURL) const {
   const fs::path allowlistPath = rootURL_ / "vendor" / "allowlist.json";
-  std::optional<std::string> allowlistBytes = readWholeFile(allowlistPath);
+  std::optional<std::string> allowlistBytes = readAllowlist(allowlistPath);
   if (!allowlistBytes) {
     // Never fall back to another list: an unprovisioned daemon swaps nothing.
     throw DaemonOpError("gate vendor del daemon sin provisionar (" + allowlistPath.string() +

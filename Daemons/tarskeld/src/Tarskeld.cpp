@@ -12,6 +12,7 @@
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 
 #include "tarskel/daemon/PlatformFiles.hpp"
 #include "tarskel/daemon/TarskeldDeps.hpp"
@@ -23,8 +24,19 @@ extern char** environ;
 namespace tarskel {
 namespace {
 
-constexpr std::string_view kCompletionHelp =
-    "Imprime un script de completado de opciones para bash, zsh o fish.";
+constexpr std::string_view kCompletionHelp = "Print a completion script for bash, zsh or fish.";
+
+// The exit statuses of both executables, tarskel's and tarskeld's alike.
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr std::string_view kExitStatusHelp =
+    "Exit status: 0 ok (--help, --version), 1 the daemon could not start (the error names the "
+    "file), 2 bad command line. Once serving, tarskeld runs until it is killed.";
+
+// An empty value would put the state, or the socket, in the current directory.
+std::string nonEmpty(const std::string& value) {
+  return value.empty() ? std::string("must not be empty") : std::string();
+}
 
 std::optional<std::string> homeOf(std::string_view user) {
   if (user.empty()) {
@@ -107,9 +119,16 @@ std::string Tarskeld::expandTilde(std::string_view path) {
   return *home + rest;
 }
 
+std::filesystem::path Tarskeld::resolveRoot(std::string_view root) {
+  std::filesystem::path path = std::filesystem::absolute(expandTilde(root)).lexically_normal();
+  // "/srv/state/" names the same directory as "/srv/state"; clients see one spelling.
+  if (path.has_relative_path() && path.filename().empty()) path = path.parent_path();
+  return path;
+}
+
 void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
   Logger logger{std::string(commandName)};
-  std::filesystem::path rootURL = expandTilde(root);
+  const std::filesystem::path rootURL = resolveRoot(root);
 
   // The lock lives beside the audit chain, so the state directory comes
   // first; create() finds it made.
@@ -119,8 +138,13 @@ void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
                             PlatformFiles::system()->executablePath()};
   // Held by this frame, which never ends: the listener's handlers and the
   // tasks on the pool reach the stores through it.
-  std::unique_ptr<TarskeldDeps> deps =
-      TarskeldDeps::create(rootURL, machService, logger, std::move(seams));
+  std::unique_ptr<TarskeldDeps> deps;
+  try {
+    deps = TarskeldDeps::create(rootURL, machService, logger, std::move(seams));
+  } catch (const SQLiteDatabase::DBError& e) {
+    // The store's text does not say which file it was about.
+    throw std::runtime_error((rootURL / "daemon" / "audit.db").string() + ": " + e.what());
+  }
 
   logger.info("tarskeld v0.1.0 sirviendo " + machService);
 
@@ -135,16 +159,19 @@ int Tarskeld::main(int argc, char** argv, std::shared_ptr<const CodeSignPlatform
 
   CLI::App app{std::string(abstract), std::string(commandName)};
   app.add_option("--mach-service", command.machService, std::string(machServiceHelp))
-      ->capture_default_str();
-  app.add_option("--root", command.root, std::string(rootHelp))->capture_default_str();
+      ->capture_default_str()
+      ->check(nonEmpty);
+  app.add_option("--root", command.root, std::string(rootHelp))->capture_default_str()->check(nonEmpty);
   app.set_version_flag("--version", std::string(version));
+  app.footer(std::string(kExitStatusHelp));
   app.add_option("--generate-completion-script", shell, std::string(kCompletionHelp))
       ->check(CLI::IsMember({"bash", "zsh", "fish"}));
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    const int status = app.exit(e);
+    return status == 0 ? 0 : kExitUsage;
   }
 
   if (!shell.empty()) {
@@ -155,9 +182,9 @@ int Tarskeld::main(int argc, char** argv, std::shared_ptr<const CodeSignPlatform
   try {
     command.run(std::move(gatePlatform));
   } catch (const std::exception& e) {
-    std::cerr << "Error: " << e.what() << std::endl;
+    std::cerr << "tarskeld: error: " << e.what() << std::endl;
   }
-  return EXIT_FAILURE;
+  return kExitFailed;
 }
 
 }  // namespace tarskel

@@ -38,12 +38,12 @@ constexpr std::string_view kZshHead = R"(#compdef tarskeld
 _tarskeld() {
     _arguments -s \
         '--mach-service[)";
-constexpr std::string_view kZshMiddle = R"(]:nombre del servicio: ' \
+constexpr std::string_view kZshMiddle = R"(]:service name: ' \
         '--root[)";
-constexpr std::string_view kZshTail = R"(]:directorio:_files -/' \
-        '(- *)--help[Muestra la ayuda]' \
-        '(- *)--version[Muestra la versión]' \
-        '(- *)--generate-completion-script[Imprime un script de completado]:shell:(bash zsh fish)'
+constexpr std::string_view kZshTail = R"(]:directory:_files -/' \
+        '(- *)--help[Print help]' \
+        '(- *)--version[Print the version]' \
+        '(- *)--generate-completion-script[Print a completion script]:shell:(bash zsh fish)'
 }
 _tarskeld "$@"
 )";
@@ -54,9 +54,9 @@ complete -c tarskeld -l mach-service -x -d ')";
 constexpr std::string_view kFishMiddle = R"('
 complete -c tarskeld -l root -x -a '(__fish_complete_directories)' -d ')";
 constexpr std::string_view kFishTail = R"('
-complete -c tarskeld -l help -d 'Muestra la ayuda'
-complete -c tarskeld -l version -d 'Muestra la versión'
-complete -c tarskeld -l generate-completion-script -x -a 'bash zsh fish' -d 'Imprime un script de completado'
+complete -c tarskeld -l help -d 'Print help'
+complete -c tarskeld -l version -d 'Print the version'
+complete -c tarskeld -l generate-completion-script -x -a 'bash zsh fish' -d 'Print a completion script'
 )";
 
 std::string joined(std::initializer_list<std::string_view> parts) {

@@ -1,4 +1,5 @@
 #include "tarskel/codesign/TeamTrust.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -17,13 +18,7 @@ namespace fs = std::filesystem;
 
 class TeamTrustTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "teamtrust-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    fs::create_directories(root_ / "vendor");
-  }
-  void TearDown() override { fs::remove_all(root_); }
+  void SetUp() override { fs::create_directories(root_ / "vendor"); }
 
   void Write(const std::string& content) {
     std::ofstream(root_ / "vendor/teams.json", std::ios::binary) << content;
@@ -35,7 +30,8 @@ class TeamTrustTest : public ::testing::Test {
     return TeamTrust::loadIfProvisioned(root_, logger);
   }
 
-  fs::path root_;
+  testing::TempDirectory dir_;
+  fs::path root_ = dir_.path();
   std::vector<std::string> lines_;
 };
 

@@ -1,17 +1,20 @@
 #include "tarskel/vendor/BundleSeal.hpp"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <set>
 #include <system_error>
 #include <utility>
 
+#include <unicode/normalizer2.h>
+#include <unicode/unistr.h>
+
 #include "ContentHashing.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
+#include "tarskel/protocol/base/Files.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::BundleSeal {
@@ -22,47 +25,13 @@ namespace {
 // this is not a manifest, and reading it whole would only exhaust memory.
 constexpr std::size_t kMaxManifestBytes = 256u << 20;
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-std::string systemText(const fs::path& path, int error) {
-  return path.string() + ": " + std::strerror(error);
-}
-
 // The seal's own files, whole. They are not content, so nothing has vouched
 // for them: a link is not followed and a named pipe can't make us wait.
 std::string readSealFile(const fs::path& path) {
-  FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (file.get() < 0) throw SealError::unreadableManifest(systemText(path, errno));
-  struct stat info {};
-  if (::fstat(file.get(), &info) != 0) throw SealError::unreadableManifest(systemText(path, errno));
-  if (!S_ISREG(info.st_mode)) {
-    throw SealError::unreadableManifest(path.string() + ": no es un archivo regular");
-  }
-  std::string content;
-  char buffer[64 * 1024];
-  for (;;) {
-    ssize_t n = ::read(file.get(), buffer, sizeof buffer);
-    if (n == 0) return content;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw SealError::unreadableManifest(systemText(path, errno));
-    }
-    if (content.size() + static_cast<std::size_t>(n) > kMaxManifestBytes) {
-      throw SealError::unreadableManifest(path.string() + ": demasiado grande");
-    }
-    content.append(buffer, static_cast<std::size_t>(n));
+  try {
+    return readFile(path, kMaxManifestBytes, {.followLastLink = false});
+  } catch (const FileReadError& e) {
+    throw SealError::unreadableManifest(e.description());
   }
 }
 
@@ -118,6 +87,33 @@ std::vector<fs::directory_entry> sortedEntries(const fs::path& directory) {
   return entries;
 }
 
+// The NFC form of `path` in UTF-8, whose byte order is the order of Unicode
+// scalar values. Bytes that are not UTF-8 stay as they are.
+std::string normalisedForOrder(const std::string& path) {
+  const bool ascii = std::all_of(path.begin(), path.end(),
+                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (ascii) return path;
+  UErrorCode status = U_ZERO_ERROR;
+  const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
+  if (U_FAILURE(status)) return path;
+  const icu::UnicodeString normal =
+      nfc->normalize(icu::UnicodeString::fromUTF8(icu::StringPiece(path.data(), static_cast<int32_t>(path.size()))), status);
+  if (U_FAILURE(status)) return path;
+  std::string out;
+  normal.toUTF8String(out);
+  return out;
+}
+
+// Content order: by the scalar values of the normalised text, then by the
+// bytes, so that two spellings of one name still have a fixed order.
+void sortContent(std::vector<std::string>& paths) {
+  std::vector<std::pair<std::string, std::string>> keyed;
+  keyed.reserve(paths.size());
+  for (std::string& path : paths) keyed.emplace_back(normalisedForOrder(path), std::move(path));
+  std::sort(keyed.begin(), keyed.end());
+  for (std::size_t i = 0; i < paths.size(); ++i) paths[i] = std::move(keyed[i].second);
+}
+
 }  // namespace
 
 std::vector<std::string> contentEntries(const fs::path& bundleAt) {
@@ -145,7 +141,7 @@ std::vector<std::string> contentEntries(const fs::path& bundleAt) {
     // Depth first, in name order.
     std::move(subdirectories.rbegin(), subdirectories.rend(), std::back_inserter(pending));
   }
-  std::sort(files.begin(), files.end());
+  sortContent(files);
   return files;
 }
 
@@ -155,6 +151,12 @@ HashManifest seal(const fs::path& bundleAt, std::string artifactId, ArtifactType
                   std::optional<std::map<std::string, std::string>> metadata,
                   const SealHashing& hashing) {
   const std::vector<std::string> paths = contentEntries(bundleAt);
+  // A name that is not UTF-8 could not stand in the manifest's JSON.
+  for (const std::string& path : paths) {
+    if (!isValidUTF8(path)) {
+      throw EncodingError("nombre de archivo que no es UTF-8 válido: " + escapedBytes(path));
+    }
+  }
   std::vector<ContentDigest> digests =
       hashContent(bundleAt, paths, hashing, [](std::size_t, const std::string&) { return false; });
 
@@ -218,7 +220,11 @@ HashManifest verify(const fs::path& bundleAt, const VendorVerification& verifica
   }
 
   for (const HashManifest::FileEntry& entry : manifest.files) present.erase(entry.path);
-  if (!present.empty()) throw SealError::unexpectedFile(*present.begin());
+  if (!present.empty()) {
+    std::vector<std::string> unexpected(present.begin(), present.end());
+    sortContent(unexpected);
+    throw SealError::unexpectedFile(unexpected.front());
+  }
   return manifest;
 }
 

@@ -30,8 +30,10 @@ bool seedIfAbsent(const fs::path& rootURL, const fs::path& seedURL) {
   if (fs::exists(target, ec)) return false;
   if (!fs::exists(seedURL, ec)) return false;
   fs::create_directories(target.parent_path());
-  fs::copy_file(seedURL, target);
-  // The copy carries the seed's own permissions, whatever the umask did.
+  // A directory is copied whole, as the platform's copy does; every file
+  // and directory carries its own permissions.
+  fs::copy(seedURL, target, fs::copy_options::recursive);
+  // The top of the copy carries the seed's own permissions, whatever the umask did.
   fs::permissions(target, fs::status(seedURL).permissions());
   return true;
 }

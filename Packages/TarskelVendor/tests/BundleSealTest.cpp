@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "TempDirectory.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
@@ -307,6 +307,32 @@ TEST_F(BundleSealTest, SealRefusesLinksAndLeavesNoSeal) {
     FAIL() << "sealed a tree with a link";
   } catch (const SealError& e) {
     EXPECT_EQ(e, SealError::notRegularFile("App.app/Contents/dangling"));
+  }
+  EXPECT_FALSE(fs::exists(root / BundleSeal::manifestFile));
+}
+
+// Regression: names were sorted by raw bytes, so "e" + U+0302 came first,
+// though its NFC form (U+00EA) comes after "f" and after U+00E9.
+TEST_F(BundleSealTest, ContentIsOrderedByScalarsOfTheNormalisedName) {
+  fs::remove_all(root);
+  for (const char* name : {"f", "e\xCC\x82", "\xC3\xA9" "b"}) writeFile(root / name, name);
+  const std::vector<std::string> expected{"f", "\xC3\xA9" "b", "e\xCC\x82"};
+  EXPECT_EQ(BundleSeal::contentEntries(root), expected);
+
+  HashManifest m = seal();
+  m.files.erase(m.files.begin() + 1, m.files.end());
+  writeSignedManifest(m);
+  EXPECT_EQ(verifyError(), SealError::unexpectedFile(expected[1]));
+}
+
+// Regression: a name that is not UTF-8 sealed into a manifest no reader takes.
+TEST_F(BundleSealTest, SealRefusesANameThatIsNotUTF8) {
+  writeFile(root / "a\xFF" "b", "x");
+  try {
+    seal();
+    FAIL() << "sealed a name that is not UTF-8";
+  } catch (const EncodingError& e) {
+    EXPECT_STREQ(e.what(), "invalidValue: nombre de archivo que no es UTF-8 válido: a\\xffb");
   }
   EXPECT_FALSE(fs::exists(root / BundleSeal::manifestFile));
 }

@@ -4,7 +4,7 @@
 #include <fstream>
 #include <string>
 
-#include "TempDirectory.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/vendor/VendorHashing.hpp"
 
 namespace tarskel {

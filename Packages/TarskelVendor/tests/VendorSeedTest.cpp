@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "TempDirectory.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/vendor/VendorSeed.hpp"
 
 namespace tarskel {
@@ -71,6 +71,14 @@ TEST_F(VendorSeedTest, SeedsOnceWithTheSourcePermissions) {
   writeFile(target, "garbage");
   EXPECT_FALSE(VendorSeed::seedIfAbsent(root, seed));
   EXPECT_EQ(readFile(target), "garbage");
+}
+
+// Regression: a directory seed failed with "cannot copy file".
+TEST_F(VendorSeedTest, DirectorySeedIsCopiedRecursively) {
+  writeFile(seed / "keys/a.json", "A");
+  EXPECT_TRUE(VendorSeed::seedIfAbsent(root, seed));
+  EXPECT_EQ(readFile(target / "keys/a.json"), "A");
+  EXPECT_FALSE(VendorSeed::seedIfAbsent(root, seed));
 }
 
 TEST_F(VendorSeedTest, MissingSeedIsNotAnError) {

@@ -10,16 +10,7 @@
 namespace tarskel::tool {
 namespace {
 
-// The JSON value in `path` ("-" for standard input). Unreadable or undecodable
-// input is bad usage (exit 2), with the decoder's reason.
-JSONValue readJSON(const std::string& path) {
-  const std::string bytes = readInput(path);
-  try {
-    return TarskelJSON::decoder().decode<JSONValue>(bytes);
-  } catch (const DecodingError& e) {
-    throw ToolFailure(kExitUsage, (path == "-" ? std::string("entrada estándar") : path) + ": " + e.what());
-  }
-}
+JSONValue readJSON(const std::string& path) { return readJSONInput<JSONValue>(path); }
 
 int writeCanonical(const JSONValue& value) {
   writeOutput(TarskelJSON::canonicalEncoder().encode(value));

@@ -12,26 +12,19 @@
 namespace tarskel::tool {
 namespace {
 
-std::string inputName(const std::string& path) {
-  return path == "-" ? std::string("entrada estándar") : path;
-}
-
-// The document in `path` ("-" for standard input) decoded as a T. Unreadable
-// or undecodable input is bad usage (exit 2), with the decoder's reason.
-template <class T>
-T readDocument(const std::string& path) {
-  const std::string bytes = readInput(path);
-  try {
-    return TarskelJSON::decoder().decode<T>(bytes);
-  } catch (const DecodingError& e) {
-    throw ToolFailure(kExitUsage, inputName(path) + ": " + e.what());
-  }
-}
-
-// One finding per line; exit 1 when there is any.
-int report(const std::vector<SchemaViolation>& violations) {
+// One finding per line, or with --json one object; exit 1 when there is any.
+int report(const std::vector<SchemaViolation>& violations, bool json) {
   std::string text;
-  for (const SchemaViolation& v : violations) text.append(v.description()).append("\n");
+  if (json) {
+    JSONValue::Array findings;
+    for (const SchemaViolation& v : violations) {
+      findings.emplace_back(JSONObject{{"path", JSONValue(v.path)}, {"rule", JSONValue(v.rule)},
+                                       {"message", JSONValue(v.message)}});
+    }
+    text = jsonLine(JSONObject{{"ok", JSONValue(violations.empty())}, {"findings", JSONValue(std::move(findings))}});
+  } else {
+    for (const SchemaViolation& v : violations) text.append(v.description()).append("\n");
+  }
   writeOutput(text);
   return violations.empty() ? kExitSuccess : kExitFinding;
 }
@@ -40,25 +33,27 @@ struct ValidateOptions {
   std::string schemaFile;
   std::string valueFile;
   std::string path = "$";
+  bool json = false;
 };
 
 int runValidate(const ValidateOptions& options) {
   if (options.schemaFile == "-" && options.valueFile == "-") {
-    throw ToolFailure(kExitUsage, "solo uno de SCHEMA y VALUE puede leerse de la entrada estándar");
+    throw ToolFailure(kExitUsage, "only one of SCHEMA and VALUE can be standard input");
   }
-  const SchemaNode schema = readDocument<SchemaNode>(options.schemaFile);
-  const JSONValue value = readDocument<JSONValue>(options.valueFile);
-  return report(schema.validate(value, options.path));
+  const SchemaNode schema = readJSONInput<SchemaNode>(options.schemaFile);
+  const JSONValue value = readJSONInput<JSONValue>(options.valueFile);
+  return report(schema.validate(value, options.path), options.json);
 }
 
 struct DocCheckOptions {
   std::string schemaFile;
   std::string path = "configSchema";
+  bool json = false;
 };
 
 int runDocCheck(const DocCheckOptions& options) {
-  const SchemaNode schema = readDocument<SchemaNode>(options.schemaFile);
-  return report(schema.configDocumentationViolations(options.path));
+  const SchemaNode schema = readJSONInput<SchemaNode>(options.schemaFile);
+  return report(schema.configDocumentationViolations(options.path), options.json);
 }
 
 void install(CLI::App& app, ToolContext& ctx) {
@@ -74,6 +69,7 @@ void install(CLI::App& app, ToolContext& ctx) {
       ->required();
   validateCommand->add_option("--at", validate->path, "path that names the value in findings")
       ->capture_default_str();
+  addJSONFlag(validateCommand, validate->json);
   validateCommand->callback([&ctx, validate] { ctx.action = [validate] { return runValidate(*validate); }; });
 
   auto docCheck = std::make_shared<DocCheckOptions>();
@@ -84,6 +80,7 @@ void install(CLI::App& app, ToolContext& ctx) {
       ->required();
   docCheckCommand->add_option("--at", docCheck->path, "path that names the schema's root in findings")
       ->capture_default_str();
+  addJSONFlag(docCheckCommand, docCheck->json);
   docCheckCommand->callback([&ctx, docCheck] { ctx.action = [docCheck] { return runDocCheck(*docCheck); }; });
 }
 

@@ -1,26 +1,43 @@
 #pragma once
 
-// The frame every `tarskel` subcommand plugs into. A command file registers
-// an installer at static-initialisation time:
+// The frame every `tarskel` subcommand plugs into, and the plumbing they share.
+//
+// A command file registers an installer at static-initialisation time:
 //
 //   static const CommandRegistration kJson(10, [](CLI::App& app, ToolContext& ctx) {...});
 //
 // The installer adds its subcommands to `app` and, in their callbacks, sets
-// `ctx.action`, which main() runs after parsing. Actions return an exit code.
+// `ctx.action`, which main() runs after parsing. Actions return an exit code
+// or throw ToolFailure; any other tarskel::Error that escapes is exit 2.
+// Every command gets -q/--quiet and --version (where it has no --version of
+// its own) without asking, and appears in the completion scripts and the
+// manual page, which are generated from this same tree.
+//
+// What the tool itself says (help, framing of errors, warnings) is English;
+// the system's own texts (library errors, findings) are quoted as they are.
 
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <vector>
+
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::tool {
 
+// The one table of exit statuses, for every command (and for tarskeld).
 enum ExitCode : int {
   kExitSuccess = 0,
-  kExitFinding = 1,    // a finding or a refusal
-  kExitUsage = 2,      // bad usage or unreadable input
-  kExitTransport = 3,  // the daemon could not be reached
+  kExitFinding = 1,    // refused, or not ok: a finding, a failed check, a refusal
+  kExitUsage = 2,      // bad usage, or input that can't be used (unreadable, malformed)
+  kExitTransport = 3,  // the daemon could not be reached, or did not answer in time
 };
+
+inline constexpr std::string_view kExitStatusHelp =
+    "Exit status: 0 ok; 1 refused or not ok; 2 bad usage or unusable input; "
+    "3 daemon unreachable or timed out.";
 
 struct ToolContext {
   std::function<int()> action;
@@ -44,11 +61,84 @@ class ToolFailure : public std::runtime_error {
   int exitCode_;
 };
 
+// ---- Input
+
+// `path` as messages name it: "standard input" for "-".
+std::string inputName(const std::string& path);
+
 // The whole content of `path`, or of standard input for "-". Throws
-// ToolFailure(kExitUsage) naming the file when it can't be read.
+// ToolFailure(kExitUsage) naming the file and the reason ("is a directory",
+// the system's text for the error) when it can't be read.
 std::string readInput(const std::string& path);
 
-// Writes `bytes` to standard output exactly, no newline added.
+// The JSON document in `path` decoded as T. A syntax error is reported as
+// "FILE:LINE:COLUMN: reason"; any other decoding error as "FILE: <text>";
+// both ToolFailure(kExitUsage).
+template <class T>
+T readJSONInput(const std::string& path);
+
+// The same for bytes already in hand; `name` names them in messages.
+template <class T>
+T decodeJSONInput(std::string_view bytes, const std::string& name);
+
+// The failure for `error`, raised while decoding `bytes`: with the line and
+// column of the first syntax error when there is one.
+ToolFailure jsonInputFailure(std::string_view bytes, const std::string& name,
+                             const DecodingError& error);
+
+// ---- Output
+
+// Writes `bytes` to standard output exactly, no newline added, and flushes.
+// A write that fails (a full disk, a closed pipe) throws
+// ToolFailure(kExitUsage) with the reason.
 void writeOutput(const std::string& bytes);
+
+// Writes `bytes` to `outputPath` through a temporary file beside it and an
+// atomic rename, so the target is whole or untouched (and may be one of the
+// command's own inputs); to standard output when `outputPath` is empty.
+void writeResult(const std::string& bytes, const std::string& outputPath);
+
+// Adds "-o,--output FILE" for writeResult.
+void addOutputOption(CLI::App* command, std::string& outputPath);
+
+// Adds "--json": the result as one JSON object and a newline, documented in
+// docs/tarskel-json.md.
+void addJSONFlag(CLI::App* command, bool& json);
+
+// One line of JSON for machines: the canonical bytes of `value` and "\n".
+std::string jsonLine(const JSONValue& value);
+
+// ---- People
+
+// True under -q/--quiet: no progress, no warnings, no report of success.
+bool quiet();
+void setQuiet(bool value);  // by the command line, before any action runs
+
+// "tarskel: warning: <text>" on standard error, unless quiet.
+void warn(const std::string& text);
+
+// Whether standard error is a terminal that progress may be drawn on.
+bool progressWanted();
+
+// The word of `candidates` closest to `word` (by edit distance, a prefix
+// counting as close), or "" when none is close enough to suggest.
+std::string nearestWord(std::string_view word, const std::vector<std::string>& candidates);
+
+// ---- templates
+
+template <class T>
+T decodeJSONInput(std::string_view bytes, const std::string& name) {
+  try {
+    return TarskelJSON::decoder().decode<T>(bytes);
+  } catch (const DecodingError& e) {
+    throw jsonInputFailure(bytes, name, e);
+  }
+}
+
+template <class T>
+T readJSONInput(const std::string& path) {
+  const std::string bytes = readInput(path);
+  return decodeJSONInput<T>(bytes, inputName(path));
+}
 
 }  // namespace tarskel::tool

@@ -3,14 +3,17 @@
 // The vendor's side of the vendor gate: making keys and allowlists, sealing a
 // staged tree, checking a tree as the daemon would, and rotating the list of
 // keys. A key file is {"keyId":"ID","privateKey":"<base64 of 32 raw bytes>"},
-// mode 0600, and is never overwritten.
+// mode 0600, and is never overwritten; a public-key file is the allowlist
+// entry {"keyId":"ID","publicKey":"<base64 of 32 raw bytes>"}.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <fmt/format.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -20,10 +23,12 @@
 #include <string>
 #include <vector>
 
+#include "Progress.hpp"
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/base/Date.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/protocol/semver/SemVer.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/Ed25519.hpp"
 
@@ -45,25 +50,55 @@ struct KeyFile {
   }
 };
 
-template <class T>
-T decodeFile(const std::string& path) {
-  const std::string bytes = readInput(path);
+// A key id people and machines can both use: some text, all of it UTF-8.
+std::string checkedKeyId(const std::string& keyId, const std::string& where) {
+  if (keyId.empty()) throw ToolFailure(kExitUsage, where + ": the key id is empty");
+  if (!isValidUTF8(keyId)) {
+    throw ToolFailure(kExitUsage, where + ": the key id is not UTF-8: " + escapedBytes(keyId));
+  }
+  return keyId;
+}
+
+// Like ssh: a private key that others may read is no longer private.
+void checkKeyPermissions(const std::string& path, bool strict) {
+  struct stat info {};
+  if (path == "-" || ::stat(path.c_str(), &info) != 0 || (info.st_mode & 077) == 0) return;
+  const std::string text = fmt::format("{}: private key readable by group or others (mode {:04o}); "
+                                       "chmod 600 it",
+                                       path, info.st_mode & 07777);
+  if (strict) throw ToolFailure(kExitUsage, text);
+  warn(text);
+}
+
+Ed25519KeyPair loadKeyPair(const std::string& path, bool strict) {
+  const KeyFile file = readJSONInput<KeyFile>(path);
+  checkKeyPermissions(path, strict);
+  std::optional<std::string> raw = base64Decode(file.privateKey);
+  if (!raw) throw ToolFailure(kExitUsage, inputName(path) + ": privateKey is not valid base64");
   try {
-    return TarskelJSON::decoder().decode<T>(bytes);
-  } catch (const Error& e) {
-    throw ToolFailure(kExitUsage, path + ": " + e.description());
+    return Ed25519KeyPair(*raw, checkedKeyId(file.keyId, inputName(path)));
+  } catch (const Ed25519Error& e) {
+    throw ToolFailure(kExitUsage, inputName(path) + ": " + e.description());
   }
 }
 
-Ed25519KeyPair loadKeyPair(const std::string& path) {
-  const KeyFile file = decodeFile<KeyFile>(path);
-  std::optional<std::string> raw = base64Decode(file.privateKey);
-  if (!raw) throw ToolFailure(kExitUsage, path + ": privateKey no es base64 válido");
+// An allowlist entry from a public-key file ({"keyId","publicKey"}) or from
+// a private key file.
+VendorKey loadVendorKey(const std::string& path, bool strict) {
+  const JSONValue value = readJSONInput<JSONValue>(path);
+  if (value["privateKey"] != nullptr) return loadKeyPair(path, strict).vendorKey();
+  VendorKey key;
   try {
-    return Ed25519KeyPair(*raw, file.keyId);
-  } catch (const Ed25519Error& e) {
-    throw ToolFailure(kExitUsage, path + ": " + e.description());
+    key = TarskelJSON::decoder().decode<VendorKey>(TarskelJSON::encoder().encode(value));
+  } catch (const DecodingError& e) {
+    throw ToolFailure(kExitUsage, inputName(path) + ": not a key file: " + e.what());
   }
+  checkedKeyId(key.keyId, inputName(path));
+  const std::optional<std::string> raw = base64Decode(key.publicKey);
+  if (!raw || raw->size() != 32) {
+    throw ToolFailure(kExitUsage, inputName(path) + ": publicKey is not 32 bytes in base64");
+  }
+  return key;
 }
 
 std::string canonicalLine(const auto& record) {
@@ -71,7 +106,7 @@ std::string canonicalLine(const auto& record) {
 }
 
 [[noreturn]] void failWrite(const std::string& path) {
-  throw ToolFailure(kExitUsage, "no se pudo escribir " + path + ": " + std::strerror(errno));
+  throw ToolFailure(kExitUsage, path + ": " + std::strerror(errno));
 }
 
 // Writes the key beside its final name, then links it in place: a crash
@@ -98,34 +133,27 @@ void writeKeyFile(const std::string& path, const std::string& content) {
   const int linkError = errno;
   ::unlink(temporary.c_str());
   if (linked) return;
-  if (ok && linkError == EEXIST) throw ToolFailure(kExitUsage, path + " ya existe; no se sobrescribe");
+  if (ok && linkError == EEXIST) {
+    throw ToolFailure(kExitUsage, path + " exists already; a key is never overwritten");
+  }
   errno = linkError;
   failWrite(path);
 }
 
-// Progress for people watching a terminal; nothing when standard error is a
-// file or a pipe. Redrawn at most ten times a second, so small trees finish
-// before anything is drawn.
-SealHashing hashingWithProgress(const char* verb) {
-  SealHashing hashing;
-  if (::isatty(STDERR_FILENO) == 0) return hashing;
-  auto last = std::make_shared<std::chrono::steady_clock::time_point>(std::chrono::steady_clock::now());
-  auto drawn = std::make_shared<bool>(false);
-  hashing.progress = [verb, last, drawn](std::size_t done, std::size_t total) {
-    const auto now = std::chrono::steady_clock::now();
-    if (done < total && now - *last < std::chrono::milliseconds(100)) return;
-    *last = now;
-    if (done == total && !*drawn) return;
-    *drawn = true;
-    fmt::print(stderr, "\r{} {}/{} archivos{}", verb, done, total, done == total ? "\x1b[K\n" : "");
-  };
-  return hashing;
+JSONObject manifestFacts(const std::string& dir, const HashManifest& m) {
+  return JSONObject{{"dir", JSONValue(dir)},
+                    {"artifactId", JSONValue(m.artifactId)},
+                    {"artifactType", JSONValue(std::string(enumName(m.artifactType)))},
+                    {"version", JSONValue(m.version)},
+                    {"monotonicVersion", JSONValue::integer(m.monotonicVersion)},
+                    {"expires", JSONValue(formatISO8601(m.expires))},
+                    {"files", JSONValue::integer(static_cast<std::int64_t>(m.files.size()))}};
 }
 
-std::string summary(const char* heading, const fs::path& dir, const HashManifest& m) {
+std::string summary(const char* heading, const std::string& dir, const HashManifest& m) {
   return fmt::format(
-      "{}: {}\n  artefacto: {} {} ({})\n  monotonicVersion: {}\n  archivos: {}\n  vence: {}\n",
-      heading, dir.string(), m.artifactId, m.version, enumName(m.artifactType), m.monotonicVersion,
+      "{}: {}\n  artifact: {} {} ({})\n  monotonicVersion: {}\n  files: {}\n  expires: {}\n",
+      heading, dir, m.artifactId, m.version, enumName(m.artifactType), m.monotonicVersion,
       m.files.size(), formatISO8601(m.expires));
 }
 
@@ -133,16 +161,42 @@ VendorVerification ed25519Verification() {
   return VendorVerification(std::make_shared<Ed25519Algorithm>(), [] { return Date::now(); });
 }
 
+const char* sealKindName(SealError::Kind kind) {
+  switch (kind) {
+    case SealError::Kind::unreadableManifest: return "unreadableManifest";
+    case SealError::Kind::fileMissing: return "fileMissing";
+    case SealError::Kind::hashMismatch: return "hashMismatch";
+    case SealError::Kind::unexpectedFile: return "unexpectedFile";
+    case SealError::Kind::notRegularFile: return "notRegularFile";
+    case SealError::Kind::verification: return "verification";
+  }
+  return "?";
+}
+
 // What the seal and the file system say, as exit codes: a finding of the
-// seal is a refusal, anything else is input that could not be used.
+// seal is a refusal (with --json, also a line on standard output), anything
+// else is input that could not be used.
 template <class Body>
-int guarded(Body body) {
+int guarded(const std::string& dir, bool json, Body body) {
   try {
     return body();
   } catch (const SealError& e) {
+    if (json) {
+      JSONObject error{{"kind", JSONValue(sealKindName(e.kind()))}, {"message", JSONValue(e.description())}};
+      writeOutput(jsonLine(JSONObject{{"ok", JSONValue(false)}, {"dir", JSONValue(dir)}, {"error", JSONValue(std::move(error))}}));
+    }
     throw ToolFailure(kExitFinding, e.description());
-  } catch (const fs::filesystem_error& e) {
+  } catch (const std::filesystem::filesystem_error& e) {
     throw ToolFailure(kExitUsage, e.what());
+  } catch (const EncodingError& e) {
+    throw ToolFailure(kExitUsage, e.description());
+  }
+}
+
+void requireDirectory(const std::string& dir) {
+  std::error_code ec;
+  if (!fs::is_directory(dir, ec)) {
+    throw ToolFailure(kExitUsage, dir + ": " + (fs::exists(dir, ec) ? "not a directory" : std::strerror(ENOENT)));
   }
 }
 
@@ -152,21 +206,41 @@ struct KeygenOptions {
 };
 
 int keygen(const KeygenOptions& o) {
-  Ed25519KeyPair pair(o.keyId);
+  Ed25519KeyPair pair(checkedKeyId(o.keyId, "--key-id"));
   writeKeyFile(o.out, TarskelJSON::encoder().encode(KeyFile{pair.keyId(), pair.rawPrivateKeyBase64()}));
   writeOutput(canonicalLine(pair.vendorKey()));
+  return kExitSuccess;
+}
+
+struct PubkeyOptions {
+  std::string key;
+  std::string output;
+  bool strict = false;
+};
+
+int pubkey(const PubkeyOptions& o) {
+  writeResult(canonicalLine(loadKeyPair(o.key, o.strict).vendorKey()), o.output);
   return kExitSuccess;
 }
 
 struct AllowlistOptions {
   std::int64_t revision = 0;
   std::vector<std::string> keyFiles;
+  std::string output;
+  bool strict = false;
 };
 
 int allowlist(const AllowlistOptions& o) {
   VendorAllowlist list{o.revision, {}};
-  for (const std::string& path : o.keyFiles) list.keys.push_back(loadKeyPair(path).vendorKey());
-  writeOutput(canonicalLine(list));
+  std::map<std::string, std::string> seen;  // key id -> the file it came from
+  for (const std::string& path : o.keyFiles) {
+    VendorKey key = loadVendorKey(path, o.strict);
+    if (auto [it, fresh] = seen.emplace(key.keyId, path); !fresh) {
+      throw ToolFailure(kExitUsage, "key id '" + key.keyId + "' twice: " + it->second + " and " + path);
+    }
+    list.keys.push_back(std::move(key));
+  }
+  writeResult(canonicalLine(list), o.output);
   return kExitSuccess;
 }
 
@@ -176,9 +250,11 @@ struct SealOptions {
   std::string artifactId;
   std::string type;
   std::string version;
-  std::int64_t monotonic = 0;
+  std::string monotonic;
   std::string expires;
   std::vector<std::string> metadata;
+  bool json = false;
+  bool strict = false;
 };
 
 std::optional<std::map<std::string, std::string>> parseMetadata(const std::vector<std::string>& pairs) {
@@ -187,28 +263,74 @@ std::optional<std::map<std::string, std::string>> parseMetadata(const std::vecto
   for (const std::string& pair : pairs) {
     const auto equals = pair.find('=');
     if (equals == std::string::npos || equals == 0) {
-      throw ToolFailure(kExitUsage, "--metadata espera CLAVE=VALOR: " + pair);
+      throw ToolFailure(kExitUsage, "--metadata takes KEY=VALUE: " + pair);
     }
     if (!out.emplace(pair.substr(0, equals), pair.substr(equals + 1)).second) {
-      throw ToolFailure(kExitUsage, "--metadata repetida: " + pair.substr(0, equals));
+      throw ToolFailure(kExitUsage, "--metadata given twice: " + pair.substr(0, equals));
     }
   }
   return out;
 }
 
+// The anti-rollback number: a decimal integer from 0 up to the int64 limit,
+// read exactly (a parser that clamps would seal a number nobody asked for).
+std::int64_t parseMonotonic(const std::string& text) {
+  std::int64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || text.empty() || value < 0) {
+    throw ToolFailure(kExitUsage, "--monotonic takes an integer from 0 to 9223372036854775807: " + text);
+  }
+  return value;
+}
+
+// A tree's own files must not hide under vendor/, which the seal never
+// covers: only what an earlier seal wrote may be there.
+void refuseForeignVendorDirectory(const std::string& dir) {
+  const fs::path vendor = fs::path(dir) / BundleSeal::vendorDir;
+  std::error_code ec;
+  if (!fs::exists(fs::symlink_status(vendor, ec))) return;
+  const std::string refusal = vendor.string() +
+                              " holds files of the tree, which a seal would leave uncovered; "
+                              "move them elsewhere (only manifest.json and manifest.sig may be there)";
+  if (!fs::is_directory(fs::symlink_status(vendor, ec))) throw ToolFailure(kExitUsage, refusal);
+  for (const fs::directory_entry& entry : fs::directory_iterator(vendor, ec)) {
+    const std::string name = entry.path().filename().string();
+    const bool sealFile = name == "manifest.json" || name == "manifest.sig";
+    if (!sealFile || !entry.is_regular_file(ec) || entry.is_symlink(ec)) throw ToolFailure(kExitUsage, refusal);
+  }
+}
+
 int seal(const SealOptions& o) {
   const std::optional<ArtifactType> type = enumFromName<ArtifactType>(o.type);
-  if (!type) throw ToolFailure(kExitUsage, "--type debe ser platform o service");
+  if (!type) throw ToolFailure(kExitUsage, "--type takes platform or service: " + o.type);
+  if (o.artifactId.empty()) throw ToolFailure(kExitUsage, "--artifact-id is empty");
+  if (!SemVer::parse(o.version)) {
+    throw ToolFailure(kExitUsage, "--version takes a version such as 1.2.3 or 2.0.0-rc.1: '" + o.version + "'");
+  }
+  const std::int64_t monotonic = parseMonotonic(o.monotonic);
   const std::optional<Date> expires = parseISO8601(o.expires);
-  if (!expires) throw ToolFailure(kExitUsage, "--expires espera YYYY-MM-DDTHH:MM:SSZ: " + o.expires);
+  if (!expires) throw ToolFailure(kExitUsage, "--expires takes YYYY-MM-DDTHH:MM:SSZ: " + o.expires);
+  if (expires->secondsSinceReferenceDate <= Date::now().secondsSinceReferenceDate) {
+    throw ToolFailure(kExitUsage, "--expires is not in the future, so no machine would accept the seal: " + o.expires);
+  }
   auto metadata = parseMetadata(o.metadata);
-  const Ed25519KeyPair pair = loadKeyPair(o.key);
-  if (!fs::is_directory(o.dir)) throw ToolFailure(kExitUsage, o.dir + " no es un directorio");
-  return guarded([&] {
-    const HashManifest m = BundleSeal::seal(o.dir, o.artifactId, *type, o.version, o.monotonic,
-                                            *expires, pair, std::move(metadata),
-                                            hashingWithProgress("sellando"));
-    writeOutput(summary("sellado", o.dir, m) + "  clave: " + pair.keyId() + "\n");
+  const Ed25519KeyPair pair = loadKeyPair(o.key, o.strict);
+  requireDirectory(o.dir);
+  refuseForeignVendorDirectory(o.dir);
+  return guarded(o.dir, o.json, [&] {
+    HashManifest m;
+    {
+      Progress progress("sealing", o.dir);
+      m = BundleSeal::seal(o.dir, o.artifactId, *type, o.version, monotonic, *expires, pair,
+                           std::move(metadata), progress.hashing());
+    }
+    if (o.json) {
+      JSONObject facts = manifestFacts(o.dir, m);
+      facts.set("keyId", JSONValue(pair.keyId()));
+      writeOutput(jsonLine(facts));
+    } else if (!quiet()) {
+      writeOutput(summary("sealed", o.dir, m) + "  key: " + pair.keyId() + "\n");
+    }
     return kExitSuccess;
   });
 }
@@ -218,15 +340,26 @@ struct VerifyOptions {
   std::string allowlist;
   std::optional<std::int64_t> installedMonotonic;
   bool allowDowngrade = false;
+  bool json = false;
 };
 
 int verify(const VerifyOptions& o) {
-  const auto list = decodeFile<VendorAllowlist>(o.allowlist);
-  return guarded([&] {
-    const HashManifest m =
-        BundleSeal::verify(o.dir, ed25519Verification(), list, o.installedMonotonic,
-                           o.allowDowngrade, hashingWithProgress("verificando"));
-    writeOutput(summary("verificado", o.dir, m));
+  const auto list = readJSONInput<VendorAllowlist>(o.allowlist);
+  requireDirectory(o.dir);
+  return guarded(o.dir, o.json, [&] {
+    HashManifest m;
+    {
+      Progress progress("verifying", o.dir);
+      m = BundleSeal::verify(o.dir, ed25519Verification(), list, o.installedMonotonic,
+                             o.allowDowngrade, progress.hashing());
+    }
+    if (o.json) {
+      JSONObject facts = manifestFacts(o.dir, m);
+      facts.set("ok", JSONValue(true));
+      writeOutput(jsonLine(facts));
+    } else if (!quiet()) {
+      writeOutput(summary("verified", o.dir, m));
+    }
     return kExitSuccess;
   });
 }
@@ -236,6 +369,8 @@ struct RotateOptions {
   std::string next;
   std::string key;
   std::string rotation;
+  std::string output;
+  bool strict = false;
 };
 
 // The rotation's verdict under `current`: the new list, or exit 1 with why not.
@@ -248,20 +383,20 @@ VendorAllowlist judgeRotation(const VendorKeyRotation& rotation, const VendorAll
 }
 
 int rotate(const RotateOptions& o) {
-  const auto current = decodeFile<VendorAllowlist>(o.current);
-  const auto next = decodeFile<VendorAllowlist>(o.next);
-  const Ed25519KeyPair pair = loadKeyPair(o.key);
+  const auto current = readJSONInput<VendorAllowlist>(o.current);
+  const auto next = readJSONInput<VendorAllowlist>(o.next);
+  const Ed25519KeyPair pair = loadKeyPair(o.key, o.strict);
   const VendorKeyRotation rotation{next, pair.sign(next.signingPayload())};
   // A rotation the machines would refuse is not worth handing out.
   judgeRotation(rotation, current);
-  writeOutput(canonicalLine(rotation));
+  writeResult(canonicalLine(rotation), o.output);
   return kExitSuccess;
 }
 
 int applyRotation(const RotateOptions& o) {
-  const auto current = decodeFile<VendorAllowlist>(o.current);
-  const auto rotation = decodeFile<VendorKeyRotation>(o.rotation);
-  writeOutput(canonicalLine(judgeRotation(rotation, current)));
+  const auto current = readJSONInput<VendorAllowlist>(o.current);
+  const auto rotation = readJSONInput<VendorKeyRotation>(o.rotation);
+  writeResult(canonicalLine(judgeRotation(rotation, current)), o.output);
   return kExitSuccess;
 }
 
@@ -271,52 +406,73 @@ void bind(CLI::App* command, ToolContext& ctx, std::shared_ptr<Options> options,
   command->callback([&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
 }
 
+void addStrict(CLI::App* command, bool& strict) {
+  command->add_flag("--strict", strict, "Refuse, not just warn about, a private key readable by group or others");
+}
+
 void install(CLI::App& app, ToolContext& ctx) {
   CLI::App* vendor = app.add_subcommand("vendor", "Keys, allowlists and seals of the vendor gate");
   vendor->require_subcommand(1);
 
   auto k = std::make_shared<KeygenOptions>();
   CLI::App* keygenCommand = vendor->add_subcommand("keygen", "Make a signing key; print its allowlist entry");
-  keygenCommand->add_option("--key-id", k->keyId, "the key's name in allowlists")->required();
-  keygenCommand->add_option("--out", k->out, "key file to create (mode 0600)")->required();
+  keygenCommand->add_option("--key-id", k->keyId, "The key's name in allowlists")->required();
+  keygenCommand->add_option("--out", k->out, "Key file to create (mode 0600; never overwritten)")->required();
   bind(keygenCommand, ctx, k, keygen);
+
+  auto p = std::make_shared<PubkeyOptions>();
+  CLI::App* pubkeyCommand =
+      vendor->add_subcommand("pubkey", "Print the public-key file {\"keyId\",\"publicKey\"} of a key");
+  pubkeyCommand->add_option("KEY", p->key, "Private key file")->required();
+  addOutputOption(pubkeyCommand, p->output);
+  addStrict(pubkeyCommand, p->strict);
+  bind(pubkeyCommand, ctx, p, pubkey);
 
   auto a = std::make_shared<AllowlistOptions>();
   CLI::App* allowlistCommand = vendor->add_subcommand("allowlist", "Print an allowlist of these keys");
-  allowlistCommand->add_option("--revision", a->revision, "the list's revision")->required();
-  allowlistCommand->add_option("keyfiles", a->keyFiles, "key files, in list order")->required();
+  allowlistCommand->add_option("--revision", a->revision, "The list's revision")->required();
+  allowlistCommand->add_option("KEYFILES", a->keyFiles, "Public-key or private key files, in list order")
+      ->required();
+  addOutputOption(allowlistCommand, a->output);
+  addStrict(allowlistCommand, a->strict);
   bind(allowlistCommand, ctx, a, allowlist);
 
   auto s = std::make_shared<SealOptions>();
   CLI::App* sealCommand = vendor->add_subcommand("seal", "Hash and sign a tree into DIR/vendor");
-  sealCommand->add_option("dir", s->dir, "the tree's root")->required();
-  sealCommand->add_option("--key", s->key, "key file")->required();
-  sealCommand->add_option("--artifact-id", s->artifactId, "artefact identity")->required();
+  sealCommand->add_option("DIR", s->dir, "The tree's root")->required();
+  sealCommand->add_option("--key", s->key, "Private key file")->required();
+  sealCommand->add_option("--artifact-id", s->artifactId, "Artifact identity")->required();
   sealCommand->add_option("--type", s->type, "platform or service")->required();
-  sealCommand->add_option("--version", s->version, "version shown to people")->required();
-  sealCommand->add_option("--monotonic", s->monotonic, "anti-rollback number")->required();
-  sealCommand->add_option("--expires", s->expires, "YYYY-MM-DDTHH:MM:SSZ")->required();
-  sealCommand->add_option("--metadata", s->metadata, "K=V annotation, repeatable");
+  sealCommand->add_option("--version", s->version, "The artifact's version, e.g. 1.2.3")->required();
+  sealCommand->add_option("--monotonic", s->monotonic, "Anti-rollback number, 0 or more")->required();
+  sealCommand->add_option("--expires", s->expires, "YYYY-MM-DDTHH:MM:SSZ, in the future")->required();
+  sealCommand->add_option("--metadata", s->metadata, "KEY=VALUE annotation, repeatable");
+  addJSONFlag(sealCommand, s->json);
+  addStrict(sealCommand, s->strict);
   bind(sealCommand, ctx, s, seal);
 
   auto v = std::make_shared<VerifyOptions>();
   CLI::App* verifyCommand = vendor->add_subcommand("verify", "Prove a sealed tree; exit 1 naming the fault");
-  verifyCommand->add_option("dir", v->dir, "the tree's root")->required();
-  verifyCommand->add_option("--allowlist", v->allowlist, "allowlist file")->required();
-  verifyCommand->add_option("--installed-monotonic", v->installedMonotonic, "refuse older versions");
-  verifyCommand->add_flag("--allow-downgrade", v->allowDowngrade, "accept an older version");
+  verifyCommand->add_option("DIR", v->dir, "The tree's root")->required();
+  verifyCommand->add_option("--allowlist", v->allowlist, "Allowlist file")->required();
+  verifyCommand->add_option("--installed-monotonic", v->installedMonotonic, "Refuse older versions");
+  verifyCommand->add_flag("--allow-downgrade", v->allowDowngrade, "Accept an older version");
+  addJSONFlag(verifyCommand, v->json);
   bind(verifyCommand, ctx, v, verify);
 
   auto r = std::make_shared<RotateOptions>();
   CLI::App* rotateCommand = vendor->add_subcommand("rotate", "Sign a new allowlist with a current key");
-  rotateCommand->add_option("--current", r->current, "allowlist in force")->required();
-  rotateCommand->add_option("--new", r->next, "allowlist to replace it")->required();
-  rotateCommand->add_option("--key", r->key, "key file of a current key")->required();
+  rotateCommand->add_option("--current", r->current, "Allowlist in force")->required();
+  rotateCommand->add_option("--new", r->next, "Allowlist to replace it")->required();
+  rotateCommand->add_option("--key", r->key, "Private key file of a current key")->required();
+  addOutputOption(rotateCommand, r->output);
+  addStrict(rotateCommand, r->strict);
   bind(rotateCommand, ctx, r, rotate);
 
   CLI::App* applyCommand = vendor->add_subcommand("apply-rotation", "Print the allowlist a rotation yields");
-  applyCommand->add_option("rotation", r->rotation, "rotation file")->required();
-  applyCommand->add_option("--current", r->current, "allowlist in force")->required();
+  applyCommand->add_option("ROTATION", r->rotation, "Rotation file")->required();
+  applyCommand->add_option("--current", r->current, "Allowlist in force")->required();
+  addOutputOption(applyCommand, r->output);
   bind(applyCommand, ctx, r, applyRotation);
 }
 

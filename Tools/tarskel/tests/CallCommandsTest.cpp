@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -63,6 +64,7 @@ class CannedDaemon {
             std::lock_guard lock(mutex_);
             requests_.push_back(envelope.substr(9));
           }
+          if (response_.empty()) continue;  // accepts, never answers
           // Same id, no reply expected, body present.
           const std::string reply = Framing::encode(envelope.substr(0, 8) + '\x02' + response_);
           ::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
@@ -98,6 +100,7 @@ TEST(CallCommandsTest, ExitCodes) {
   CannedDaemon refusing(
       R"({"ok":false,"error":{"code":"unknownOp","message":"op fuera del catálogo: x"}})");
   CannedDaemon garbled("not json");
+  CannedDaemon silent("");
   struct Case {
     const char* name;
     std::vector<std::string> args;
@@ -107,15 +110,23 @@ TEST(CallCommandsTest, ExitCodes) {
   const std::vector<Case> cases = {
       {"refusal", {"call", "x", "--mach-service", refusing.path()}, 1, ""},
       {"args not JSON", {"call", "x", "--args", "{", "--mach-service", refusing.path()}, 2,
-       "--args no es JSON válido"},
+       "tarskel: --args:1:2: unexpected end of the document"},
       {"args not an object", {"call", "x", "--args", "[1]", "--mach-service", refusing.path()}, 2,
-       "--args debe ser un objeto JSON"},
+       "--args must be a JSON object"},
+      {"args file absent", {"call", "x", "--args", "@/nonexistent/a", "--mach-service", refusing.path()},
+       2, "/nonexistent/a: No such file or directory"},
+      // Regression: an empty name meant the socket /run/tarskel/.sock.
+      {"empty service", {"info", "--mach-service", ""}, 2, "--mach-service is empty"},
+      {"silent daemon", {"call", "x", "--timeout", "0.3", "--mach-service", silent.path()}, 3,
+       ": no answer within 0.3 s (--timeout)"},
+      {"silent daemon, info", {"info", "--timeout", "0.3", "--mach-service", silent.path()}, 3,
+       "no answer within"},
       {"no daemon", {"call", "x", "--mach-service", "/nonexistent-tarskel/d.sock"}, 3,
        "tarskel: daemon no disponible: connect /nonexistent-tarskel/d.sock"},
       {"unreadable reply", {"call", "x", "--mach-service", garbled.path()}, 3,
-       "respuesta ilegible del daemon"},
+       "unreadable reply from the daemon"},
       {"info refused", {"info", "--mach-service", refusing.path()}, 1,
-       "daemon.info rechazado: unknownOp: op fuera del catálogo: x"},
+       "daemon.info refused: unknownOp: op fuera del catálogo: x"},
       {"info without daemon", {"info", "--mach-service", "/nonexistent-tarskel/d.sock"}, 3,
        "daemon no disponible"},
   };
@@ -127,6 +138,20 @@ TEST(CallCommandsTest, ExitCodes) {
   }
 }
 
+// Regression: `--args -` failed although documented, and large arguments
+// could only go on the command line.
+TEST(CallCommandsTest, ArgumentsFromStandardInputOrAFile) {
+  CannedDaemon daemon(R"({"ok":true})");
+  const auto file = std::filesystem::temp_directory_path() / ("tarskel-args-" + std::to_string(::getpid()));
+  std::ofstream(file) << R"({"big":")" << std::string(300000, 'x') << R"("})";
+  EXPECT_EQ(runTool({"call", "op", "--args", "-", "--mach-service", daemon.path()}, R"({"a":1})").exitCode, 0);
+  EXPECT_EQ(runTool({"call", "op", "--args", "@" + file.string(), "--mach-service", daemon.path()}).exitCode, 0);
+  std::filesystem::remove(file);
+  ASSERT_EQ(daemon.requests().size(), 2u);
+  EXPECT_NE(daemon.requests()[0].find(R"("args":{"a":1})"), std::string::npos);
+  EXPECT_GT(daemon.requests()[1].size(), 300000u);
+}
+
 TEST(CallCommandsTest, InfoIsForPeople) {
   CannedDaemon daemon(
       R"({"ok":true,"result":{"daemonVersion":"0.1.0","protocolVersion":"1.1.0","pid":42,"uid":0,)"
@@ -134,9 +159,9 @@ TEST(CallCommandsTest, InfoIsForPeople) {
   const auto run = runTool({"info", "--mach-service", daemon.path()});
   EXPECT_EQ(run.exitCode, 0) << run.err;
   EXPECT_EQ(run.out,
-            "tarskeld 0.1.0 (protocolo 1.1.0)\n"
+            "tarskeld 0.1.0 (protocol 1.1.0)\n"
             "pid 42, uid 0\n"
-            "operaciones:\n"
+            "operations:\n"
             "  daemon.info\n"
             "  fs.readProtectedPath\n");
   ASSERT_EQ(daemon.requests().size(), 1u);

@@ -36,8 +36,10 @@ inline std::string shellQuote(const std::string& s) {
   return out + "'";
 }
 
-// Runs `tarskel args...` with `input` on standard input.
-inline ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "") {
+// Runs `tarskel args...` with `input` on standard input; standard output
+// goes to `stdoutTo` when given (then `out` stays empty).
+inline ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "",
+                       const std::string& stdoutTo = "") {
   namespace fs = std::filesystem;
   static int counter = 0;
   const fs::path dir = fs::temp_directory_path() /
@@ -46,7 +48,8 @@ inline ToolRun runTool(const std::vector<std::string>& args, const std::string& 
   std::ofstream(dir / "in", std::ios::binary) << input;
   std::string command = shellQuote(TARSKEL_TOOL_PATH);
   for (const auto& a : args) command += " " + shellQuote(a);
-  command += " <" + shellQuote((dir / "in").string()) + " >" + shellQuote((dir / "out").string()) +
+  command += " <" + shellQuote((dir / "in").string()) + " >" +
+             shellQuote(stdoutTo.empty() ? (dir / "out").string() : stdoutTo) +
              " 2>" + shellQuote((dir / "err").string());
   const int status = std::system(command.c_str());
   ToolRun run;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -40,10 +41,21 @@ class VendorCommandsTest : public ::testing::Test {
 
   testing::ToolRun run(const std::vector<std::string>& args) { return runTool(args); }
 
-  testing::ToolRun seal(const std::string& key = "k1.json") {
-    return run({"vendor", "seal", tree.string(), "--key", path(key), "--artifact-id", "net.example",
-                "--type", "platform", "--version", "1.0", "--monotonic", "7", "--expires",
-                "2099-01-01T00:00:00Z", "--metadata", "canal=beta"});
+  testing::ToolRun seal(std::vector<std::string> extra = {}) {
+    std::vector<std::string> args{"vendor", "seal", tree.string(), "--key", path("k1.json"),
+                                  "--artifact-id", "net.example", "--type", "platform", "--version",
+                                  "1.0.0", "--monotonic", "7", "--expires", "2099-01-01T00:00:00Z",
+                                  "--metadata", "canal=beta"};
+    // An option given in `extra` replaces the one above.
+    for (std::size_t i = 0; i < extra.size(); ++i) {
+      auto at = std::find(args.begin(), args.end(), extra[i]);
+      if (at != args.end() && i + 1 < extra.size()) {
+        *(at + 1) = extra[++i];
+      } else {
+        args.push_back(extra[i]);
+      }
+    }
+    return run(args);
   }
 
   testing::ToolRun verify(std::vector<std::string> extra = {}) {
@@ -72,7 +84,7 @@ TEST_F(VendorCommandsTest, KeygenWritesAPrivateKeyFileOnce) {
 TEST_F(VendorCommandsTest, SealedTreeVerifiesAndFailsAfterAChange) {
   auto sealed = seal();
   ASSERT_EQ(sealed.exitCode, 0) << sealed.err;
-  EXPECT_NE(sealed.out.find("archivos: 2"), std::string::npos);
+  EXPECT_NE(sealed.out.find("files: 2"), std::string::npos);
   EXPECT_NE(readWhole(tree / "vendor/manifest.json").find(R"("metadata":{"canal":"beta"})"),
             std::string::npos);
   auto good = verify();
@@ -84,6 +96,68 @@ TEST_F(VendorCommandsTest, SealedTreeVerifiesAndFailsAfterAChange) {
   auto refused = verify();
   EXPECT_EQ(refused.exitCode, 1);
   EXPECT_EQ(refused.err, "tarskel: sha256 no coincide: App.app/Contents/Info.plist\n");
+  auto json = verify({"--json"});
+  EXPECT_EQ(json.exitCode, 1);
+  std::string escapedTree;
+  for (char c : tree.string()) escapedTree += c == '/' ? std::string("\\/") : std::string(1, c);
+  EXPECT_EQ(json.out, "{\"dir\":\"" + escapedTree + "\",\"error\":{\"kind\":\"hashMismatch\",\"message\":"
+                      "\"sha256 no coincide: App.app\\/Contents\\/Info.plist\"},\"ok\":false}\n");
+}
+
+// Regressions: each of these sealed, or made a key, that nothing could use.
+TEST_F(VendorCommandsTest, SealAndKeygenRefuseUnusableValues) {
+  const struct {
+    std::vector<std::string> extra;
+    std::string err;
+  } cases[] = {
+      {{"--monotonic", "9223372036854775808"}, "--monotonic takes an integer from 0 to"},
+      {{"--monotonic", "-1"}, "--monotonic takes an integer"},
+      {{"--expires", "2001-01-01T00:00:00Z"}, "--expires is not in the future"},
+      {{"--version", ""}, "--version takes a version"},
+      {{"--version", "banana"}, "--version takes a version"},
+      {{"--artifact-id", ""}, "--artifact-id is empty"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.err);
+    auto refused = seal(c.extra);
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_NE(refused.err.find(c.err), std::string::npos) << refused.err;
+  }
+  EXPECT_FALSE(fs::exists(tree / "vendor"));
+  for (const std::string id : {"", "k\xff"}) {
+    auto keygen = run({"vendor", "keygen", "--key-id", id, "--out", path("bad.key")});
+    EXPECT_EQ(keygen.exitCode, 2);
+    EXPECT_FALSE(fs::exists(dir / "bad.key"));
+  }
+}
+
+// Regression: files of the tree under vendor/ were silently left out of the
+// seal, so a change there still verified.
+TEST_F(VendorCommandsTest, SealRefusesATreeWithItsOwnVendorFiles) {
+  ASSERT_EQ(seal().exitCode, 0);
+  EXPECT_EQ(seal().exitCode, 0) << "what an earlier seal wrote may be there";
+  writeFile(tree / "vendor/lib.so", "code");
+  auto refused = seal();
+  EXPECT_EQ(refused.exitCode, 2);
+  EXPECT_NE(refused.err.find("vendor holds files of the tree"), std::string::npos) << refused.err;
+}
+
+// Regression: allowlists needed the private keys and took one id twice.
+TEST_F(VendorCommandsTest, PublicKeysDuplicateIdsAndLooseKeyFiles) {
+  auto pub = run({"vendor", "pubkey", path("k1.json"), "-o", path("k1.pub")});
+  ASSERT_EQ(pub.exitCode, 0) << pub.err;
+  EXPECT_EQ(run({"vendor", "allowlist", "--revision", "1", path("k1.pub")}).out, readWhole(dir / "al1.json"));
+
+  auto twice = run({"vendor", "allowlist", "--revision", "1", path("k1.pub"), path("k1.json")});
+  EXPECT_EQ(twice.exitCode, 2);
+  EXPECT_NE(twice.err.find("key id 'k1' twice"), std::string::npos) << twice.err;
+
+  fs::permissions(dir / "k1.json", fs::perms::group_read, fs::perm_options::add);
+  auto loose = run({"vendor", "allowlist", "--revision", "1", path("k1.json")});
+  EXPECT_EQ(loose.exitCode, 0);
+  EXPECT_NE(loose.err.find("private key readable by group or others (mode 0640)"), std::string::npos);
+  EXPECT_EQ(run({"vendor", "allowlist", "--revision", "1", path("k1.json"), "-q"}).err, "");
+  EXPECT_EQ(run({"vendor", "allowlist", "--revision", "1", path("k1.json"), "--strict"}).exitCode, 2);
 }
 
 TEST_F(VendorCommandsTest, VerifyPassesAntiRollbackOptionsOn) {
@@ -113,6 +187,8 @@ TEST_F(VendorCommandsTest, BadInputIsUsageNotRefusal) {
                                    "--artifact-id", "a", "--type", "service", "--version", "1",
                                    "--monotonic", "1", "--expires", "2099-01-01T00:00:00Z"}},
       {"missing allowlist", {"vendor", "verify", tree.string(), "--allowlist", path("none.json")}},
+      // Regression: a missing tree was 1 here and 2 in seal.
+      {"missing tree", {"vendor", "verify", path("none"), "--allowlist", path("al1.json")}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -126,9 +202,12 @@ TEST_F(VendorCommandsTest, RotationRoundTrip) {
                        "--key", path("k1.json")});
   ASSERT_EQ(rotation.exitCode, 0) << rotation.err;
   writeFile(dir / "rotation.json", rotation.out);
-  auto applied = run({"vendor", "apply-rotation", path("rotation.json"), "--current", path("al1.json")});
-  EXPECT_EQ(applied.exitCode, 0);
-  EXPECT_EQ(applied.out, readWhole(dir / "al2.json"));
+  // -o may name the command's own input: it is replaced whole, after reading.
+  writeFile(dir / "in-force.json", readWhole(dir / "al1.json"));
+  auto applied = run({"vendor", "apply-rotation", path("rotation.json"), "--current",
+                      path("in-force.json"), "-o", path("in-force.json")});
+  EXPECT_EQ(applied.exitCode, 0) << applied.err;
+  EXPECT_EQ(readWhole(dir / "in-force.json"), readWhole(dir / "al2.json"));
 
   auto replayed = run({"vendor", "apply-rotation", path("rotation.json"), "--current", path("al2.json")});
   EXPECT_EQ(replayed.exitCode, 1);

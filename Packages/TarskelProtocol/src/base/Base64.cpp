@@ -66,8 +66,8 @@ std::optional<std::string> base64Decode(std::string_view text) {
       if (v < 0) return std::nullopt;  // also '=' in the wrong place
       n = n << 6 | static_cast<std::uint32_t>(v);
     }
-    // The bits below the last symbol must be zero, so that each text has one reading.
-    if ((padding == 1 && (n & 0xFF) != 0) || (padding == 2 && (n & 0xFFFF) != 0)) return std::nullopt;
+    // Unused bits of the last symbol are dropped, whatever they hold: a
+    // signature spelled with non-zero pad bits is still that signature.
     out += static_cast<char>(n >> 16 & 0xFF);
     if (padding < 2) out += static_cast<char>(n >> 8 & 0xFF);
     if (padding < 1) out += static_cast<char>(n & 0xFF);

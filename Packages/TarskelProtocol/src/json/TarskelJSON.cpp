@@ -2,6 +2,7 @@
 
 #include <simdjson.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -372,7 +373,34 @@ JSONValue parseTree(std::string_view bytes) {
 
 // ---------------------------------------------------------------- public
 
+bool isValidUTF8(std::string_view text) { return simdjson::validate_utf8(text.data(), text.size()); }
+
+std::string escapedBytes(std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (std::size_t i = 0; i < text.size();) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const std::size_t n = c < 0x80 ? 1 : (c >= 0xF0 ? 4 : (c >= 0xE0 ? 3 : (c >= 0xC0 ? 2 : 0)));
+    const bool printable = n > 1 || (n == 1 && c >= 0x20 && c != 0x7F && c != '\\');
+    if (printable && i + n <= text.size() && simdjson::validate_utf8(text.data() + i, n)) {
+      out.append(text, i, n);
+      i += n;
+    } else {
+      out += "\\x";
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+      ++i;
+    }
+  }
+  return out;
+}
+
 void appendJSONString(std::string& out, std::string_view text) {
+  // Strings reach the encoder from anywhere (file names, say), not only from
+  // the decoder: bytes that are not UTF-8 would make output no reader takes.
+  if (!isValidUTF8(text)) {
+    throw EncodingError("texto que no es UTF-8 válido: " + escapedBytes(text));
+  }
   out += '"';
   std::size_t runStart = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {

@@ -21,8 +21,9 @@ namespace {
 // A pattern search may not run away on a catastrophic pattern such as
 // "(a+)+$": past this many steps of ICU's match engine (each ten thousand
 // backtracking operations, some 0.2 ms on the machines we measured) the
-// search gives up and counts as no match. Honest patterns backtrack little
-// and stay far below it even on long strings.
+// search gives up. That is a finding of its own, never "no coincide": the
+// string may well match. Honest patterns backtrack little and stay far below
+// it even on long strings.
 constexpr std::int32_t kPatternTimeLimit = 100;
 
 // Where a value stands. Built on the stack while descending and turned into
@@ -142,7 +143,7 @@ std::int64_t graphemeLength(std::string_view text) {
   return count;
 }
 
-enum class PatternOutcome { match, noMatch, invalidPattern };
+enum class PatternOutcome { match, noMatch, invalidPattern, tooSlow };
 
 // Compiled on every use, with no flags: patterns are few and checks rare.
 PatternOutcome searchPattern(std::string_view pattern, std::string_view text) {
@@ -159,7 +160,8 @@ PatternOutcome searchPattern(std::string_view pattern, std::string_view text) {
   if (U_FAILURE(status) || !matcher) return PatternOutcome::noMatch;
   matcher->setTimeLimit(kPatternTimeLimit, status);
   const bool found = matcher->find(status);
-  // A search that timed out or ran out of stack found nothing.
+  // A search that timed out or ran out of stack decided nothing.
+  if (status == U_REGEX_TIME_OUT || status == U_REGEX_STACK_OVERFLOW) return PatternOutcome::tooSlow;
   return U_SUCCESS(status) && found ? PatternOutcome::match : PatternOutcome::noMatch;
 }
 
@@ -247,6 +249,10 @@ void checkString(const SchemaNode& node, const std::string& text, const ValuePat
       case PatternOutcome::invalidPattern:
         out.push_back({path.toString(), "pattern",
                        "el pattern del schema es inválido: /" + *node.pattern + "/"});
+        break;
+      case PatternOutcome::tooSlow:
+        out.push_back({path.toString(), "pattern",
+                       "el pattern del schema tardó demasiado: /" + *node.pattern + "/"});
         break;
     }
   }

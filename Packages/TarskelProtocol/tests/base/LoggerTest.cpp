@@ -44,81 +44,31 @@ struct CapturedLines {
   }
 };
 
-TEST(LoggerTest, LineForms) {
-  struct Case {
-    LogLevel level;
-    LogMetadata metadata;
-    const char* expected;
-  };
-  const Case cases[] = {
-      {LogLevel::critical, {}, "T critical tarskeld : [src] mensaje — ñ\n"},
-      {LogLevel::trace, {}, "T trace tarskeld : [src] mensaje — ñ\n"},
-      {LogLevel::notice, {{"peer", "12"}}, "T notice tarskeld : peer=12 [src] mensaje — ñ\n"},
-      {LogLevel::warning,
-       {{"b", "2"}, {"a", "1"}},
-       "T warning tarskeld : b=2 a=1 [src] mensaje — ñ\n"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.expected);
-    EXPECT_EQ(formatLogLine("T", c.level, "tarskeld", c.metadata, "src", "mensaje — ñ"),
-              c.expected);
-  }
-}
-
-TEST(LoggerTest, TimestampIsLocalTimeWithOffset) {
-  {
-    ScopedTimeZone tz("UTC0");
-    EXPECT_EQ(formatLogTimestamp(0), "1970-01-01T00:00:00+0000");
-  }
+TEST(LoggerTest, LineFormsAndTimestamps) {
+  EXPECT_EQ(formatLogLine("T", LogLevel::critical, "tarskeld", {}, "src", "mensaje — ñ"),
+            "T critical tarskeld : [src] mensaje — ñ\n");
+  EXPECT_EQ(formatLogLine("T", LogLevel::warning, "tarskeld", {{"b", "2"}, {"a", "1"}}, "src", "m"),
+            "T warning tarskeld : b=2 a=1 [src] m\n");
   {
     ScopedTimeZone tz("XXX-5:30");  // fixed offset east of Greenwich, no daylight time
     EXPECT_EQ(formatLogTimestamp(86400), "1970-01-02T05:30:00+0530");
   }
-}
-
-TEST(LoggerTest, TimestampBeyondCalendarIsUnknown) {
   EXPECT_EQ(formatLogTimestamp(std::numeric_limits<std::time_t>::max()), "<unknown>");
 }
 
-TEST(LoggerTest, WritesOneCompleteLinePerMessage) {
-  CapturedLines out;
-  Logger logger("tarskeld", LogLevel::info, out.sink());
-  logger.critical("vendor/teams.json ilegible: x — gate del SO sin raíz");
-  ASSERT_EQ(out.lines.size(), 1u);
-  static const std::regex form(
-      R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}[+-]\d{4} critical tarskeld : \[tarskeld\] )"
-      R"(vendor/teams.json ilegible: x — gate del SO sin raíz\n$)");
-  EXPECT_TRUE(std::regex_match(out.lines[0], form)) << out.lines[0];
-}
-
-TEST(LoggerTest, DropsMessagesBelowTheMinimumLevel) {
+TEST(LoggerTest, LevelsSourcesAndAThrowingSink) {
   CapturedLines out;
   Logger logger("tarskeld", LogLevel::notice, out.sink());
-  logger.trace("t");
-  logger.debug("d");
   logger.info("i");
   logger.notice("n");
-  logger.warning("w");
-  logger.error("e");
-  logger.critical("c");
-  ASSERT_EQ(out.lines.size(), 4u);
-  EXPECT_NE(out.lines[0].find(" notice tarskeld : [tarskeld] n\n"), std::string::npos);
-  EXPECT_NE(out.lines[3].find(" critical tarskeld : [tarskeld] c\n"), std::string::npos);
-}
-
-TEST(LoggerTest, SourceDefaultsToLabelAndCanBeChanged) {
-  CapturedLines out;
-  Logger logger("tarskel", LogLevel::trace, out.sink());
-  logger.withSource("codesign").info("a", {{"k", "v"}});
-  logger.info("b");
+  logger.withSource("codesign").critical("c", {{"k", "v"}});
   ASSERT_EQ(out.lines.size(), 2u);
-  EXPECT_NE(out.lines[0].find(" info tarskel : k=v [codesign] a\n"), std::string::npos);
-  EXPECT_NE(out.lines[1].find(" info tarskel : [tarskel] b\n"), std::string::npos);
-}
+  static const std::regex form(R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}[+-]\d{4} notice tarskeld : \[tarskeld\] n\n$)");
+  EXPECT_TRUE(std::regex_match(out.lines[0], form)) << out.lines[0];
+  EXPECT_NE(out.lines[1].find(" critical tarskeld : k=v [codesign] c\n"), std::string::npos);
 
-TEST(LoggerTest, SinkThatThrowsDoesNotReachTheCaller) {
-  Logger logger("x", LogLevel::info, [](std::string_view) { throw std::runtime_error("full"); });
-  EXPECT_NO_THROW(logger.error("lost"));
+  Logger throwing("x", LogLevel::info, [](std::string_view) { throw std::runtime_error("full"); });
+  EXPECT_NO_THROW(throwing.error("lost"));
 }
 
 // Copies of one logger on several threads share the sink; calls into it must

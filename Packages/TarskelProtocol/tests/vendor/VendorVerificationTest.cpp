@@ -60,6 +60,15 @@ TEST_F(VendorVerificationTest, AcceptsAGoodSignatureOverTheBytesGiven) {
   // One more byte (a line end) is other bytes, whatever the decoded manifest says.
   EXPECT_EQ(verify(data + "\n", signedBy("vendor", kKey, data)),
             std::vector{VendorVerificationError::badSignature("vendor")});
+
+  // Regression: non-zero unused bits in the last symbol made a good
+  // signature "malformada"; strictness is white space, alphabet and padding.
+  VendorSignature spelled = signedBy("vendor", kKey, data);
+  ASSERT_EQ(spelled.signature.back(), '=');
+  const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  char& last = spelled.signature[spelled.signature.find('=') - 1];
+  last = alphabet[alphabet.find(last) | 1];
+  EXPECT_TRUE(verify(data, spelled).empty());
 }
 
 TEST_F(VendorVerificationTest, SignatureFindingsStopAtTheFirst) {
@@ -151,7 +160,6 @@ TEST(VendorVerificationErrorTest, Texts) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
-    EXPECT_EQ(c.error.description(), c.text);
     EXPECT_STREQ(c.error.what(), c.text);
   }
 }
@@ -162,6 +170,10 @@ class RotationTest : public VendorVerificationTest {
                              const std::string& signerKey) {
     VendorAllowlist next{revision, {{"next", base64Encode(kOtherKey)}}};
     return {next, signedBy(signerId, signerKey, next.signingPayload())};
+  }
+  static VendorKeyRotation withIntruder(VendorKeyRotation r) {
+    r.newAllowlist.keys.push_back({"intruder", base64Encode(kOtherKey)});
+    return r;
   }
 };
 
@@ -178,6 +190,8 @@ TEST_F(RotationTest, Outcomes) {
       {"signed only by a key of the new list", rotation(2, "next", kOtherKey),
        VendorVerificationError::unknownKey("next")},
       {"bad signature", rotation(2, "vendor", kOtherKey), VendorVerificationError::badSignature("vendor")},
+      {"a key added after signing", withIntruder(rotation(2, "vendor", kKey)),
+       VendorVerificationError::badSignature("vendor")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -190,14 +204,6 @@ TEST_F(RotationTest, Outcomes) {
       EXPECT_EQ(std::get<VendorAllowlist>(result), c.rotation.newAllowlist);
     }
   }
-}
-
-TEST_F(RotationTest, SignatureCoversTheWholeNewList) {
-  VendorKeyRotation r = rotation(2, "vendor", kKey);
-  r.newAllowlist.keys.push_back({"intruder", base64Encode(kOtherKey)});
-  auto result = verification.applyRotation(r, allowlist);
-  ASSERT_TRUE(std::holds_alternative<VendorVerificationError>(result));
-  EXPECT_EQ(std::get<VendorVerificationError>(result), VendorVerificationError::badSignature("vendor"));
 }
 
 }  // namespace

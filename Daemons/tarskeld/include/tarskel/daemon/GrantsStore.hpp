@@ -48,9 +48,9 @@ class GrantsStore {
   boost::asio::awaitable<bool> isGranted(std::string op, std::string serviceId);
 
   // Puts `grants` in place of the whole table: first the file, through a
-  // temporary ".grants-<UUID>.tmp" beside it renamed over it, and only then
-  // the memory. Throws FileSystemError (or EncodingError) and then leaves the
-  // file and the memory as they were; a temporary file may stay behind.
+  // temporary ".grants-<UUID>.tmp" beside it, flushed and renamed over it,
+  // and only then the memory. Throws FileSystemError (or EncodingError) and
+  // then leaves the file and the memory as they were, and no temporary file.
   // Works on a fresh machine where the file does not exist yet.
   boost::asio::awaitable<void> replace(Grants grants);
 

@@ -17,6 +17,7 @@
 //
 // Threads: parse and run belong to the main thread. run() never returns.
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -58,6 +59,10 @@ struct Tarskeld {
   // `path` with a leading "~" or "~user" replaced by that home directory, as
   // the shell would; any other path, or an unknown user, as it stands.
   static std::string expandTilde(std::string_view path);
+
+  // The state root as the daemon uses it: tilde expanded, made absolute
+  // against the current directory, "." and ".." resolved, no trailing "/".
+  static std::filesystem::path resolveRoot(std::string_view root);
 
   // A completion script for "bash", "zsh" or "fish" covering every option of
   // the command; nothing for another shell.

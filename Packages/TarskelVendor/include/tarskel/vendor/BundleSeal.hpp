@@ -82,7 +82,7 @@ inline constexpr std::string_view manifestFile = "vendor/manifest.json";
 inline constexpr std::string_view signatureFile = "vendor/manifest.sig";
 
 // The relative paths ("/"-separated) of the content files under `bundleAt`,
-// sorted by their UTF-8 bytes. A root that does not exist has no content; a
+// sorted by the Unicode scalar values of their NFC form. A root that does not exist has no content; a
 // directory that can't be opened is passed over. Throws
 // SealError::notRegularFile for a symbolic link or special file in the
 // content, and std::filesystem::filesystem_error when an entry's type can't
@@ -93,7 +93,9 @@ std::vector<std::string> contentEntries(const std::filesystem::path& bundleAt);
 // canonical bytes, no line end) and <bundle>/vendor/manifest.sig (the
 // signature of exactly those bytes), replacing any earlier seal, and returns
 // the manifest, whose files are in contentEntries order. Throws SealError
-// from contentEntries; errors of reading, encoding (EncodingError), signing
+// from contentEntries, and EncodingError naming (with its bad bytes escaped)
+// a content file whose name is not valid UTF-8, before anything is written;
+// errors of reading, encoding (EncodingError), signing
 // (Ed25519Error) and writing (std::filesystem::filesystem_error) go out as
 // they are, possibly leaving a manifest without its signature.
 HashManifest seal(const std::filesystem::path& bundleAt, std::string artifactId,

@@ -25,7 +25,8 @@ class JSONEncoder {
  public:
   explicit JSONEncoder(bool sortedKeys) : sortedKeys_(sortedKeys) {}
 
-  // Throws EncodingError for a NaN or an infinity anywhere in the value.
+  // Throws EncodingError for a NaN or an infinity anywhere in the value, or
+  // for a string or key that is not valid UTF-8.
   std::string encode(const JSONValue& value) const;
 
   template <class T>
@@ -78,7 +79,15 @@ void appendJSONNumber(std::string& out, double value);
 // 1.0, 12.5, 784926483.0, 1e-05, 1e+16. "nan", "inf" and "-inf" otherwise.
 std::string formatNumberWithFraction(double value);
 
-// A JSON string literal for `text`, with the canonical escapes.
+// A JSON string literal for `text`, with the canonical escapes. Throws
+// EncodingError, appending nothing, when `text` is not valid UTF-8.
 void appendJSONString(std::string& out, std::string_view text);
+
+// Whether `text` is well-formed UTF-8 (no surrogates, no overlong forms).
+bool isValidUTF8(std::string_view text);
+
+// `text` for people: well-formed UTF-8 as it is, every other byte, control
+// characters and the backslash as \xhh. "a\xffb" for the bytes 61 ff 62.
+std::string escapedBytes(std::string_view text);
 
 }  // namespace tarskel

@@ -13,6 +13,7 @@
 #include <variant>
 #include <vector>
 
+#include "tarskel/protocol/base/Clock.hpp"
 #include "tarskel/protocol/base/Date.hpp"
 #include "tarskel/protocol/base/Error.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
@@ -87,7 +88,7 @@ std::string formatVendorDate(Date date);
 // as long as the algorithm and the clock are.
 class VendorVerification {
  public:
-  using Clock = std::function<Date()>;
+  using Clock = tarskel::Clock;
   // Either the allowlist that is now in force, or the first reason of refusal.
   using RotationResult = std::variant<VendorAllowlist, VendorVerificationError>;
 

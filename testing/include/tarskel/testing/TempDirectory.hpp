@@ -1,32 +1,37 @@
 #pragma once
 
+// Test support, shipped nowhere: a fresh directory and small file verbs.
+
 #include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 namespace tarskel::testing {
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when the value goes.
+// A fresh directory under `parent` (the system's temporary directory unless
+// given), removed with everything in it when the value goes.
 class TempDirectory {
  public:
-  TempDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tarskel-vendor-XXXXXX").string();
+  explicit TempDirectory(std::string_view prefix = "tarskel-test",
+                         const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string pattern = (parent / (std::string(prefix) + "-XXXXXX")).string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
   }
   TempDirectory(const TempDirectory&) = delete;
   TempDirectory& operator=(const TempDirectory&) = delete;
   ~TempDirectory() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
   }
 
   const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path file(const std::string& name) const { return path_ / name; }
 
  private:
   std::filesystem::path path_;
@@ -39,6 +44,7 @@ inline void writeFile(const std::filesystem::path& path, std::string_view conten
   out.write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
+// The whole file, or "" when it can't be read.
 inline std::string readFile(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

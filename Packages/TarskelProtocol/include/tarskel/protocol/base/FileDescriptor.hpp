@@ -1,0 +1,37 @@
+#pragma once
+
+// Sole owner of one open file descriptor: closed when the value goes, moved
+// and never copied. -1 means none. Not safe for concurrent use of one value.
+
+#include <utility>
+
+namespace tarskel {
+
+class FileDescriptor {
+ public:
+  FileDescriptor() = default;
+  explicit FileDescriptor(int fd) noexcept : fd_(fd) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.release()) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) reset(other.release());
+    return *this;
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor() { reset(); }
+
+  int get() const noexcept { return fd_; }
+  bool valid() const noexcept { return fd_ >= 0; }
+  explicit operator bool() const noexcept { return valid(); }
+
+  // Gives the descriptor up without closing it.
+  int release() noexcept { return std::exchange(fd_, -1); }
+  // Closes the held descriptor (an error of close is dropped: the
+  // descriptor is gone either way) and holds `fd` instead.
+  void reset(int fd = -1) noexcept;
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace tarskel
