@@ -25,6 +25,10 @@ std::string frame(const std::string& payload) {
   return out + payload;
 }
 
+std::string line(const std::string& kind, const std::string& message) {
+  return R"({"kind":")" + kind + R"(","message":)" + message + "}\n";
+}
+
 TEST(BusCommands, DecodePrintsOneLinePerFrameAndGoesOnPastBadPayloads) {
   struct Case {
     std::string input;
@@ -33,31 +37,21 @@ TEST(BusCommands, DecodePrintsOneLinePerFrameAndGoesOnPastBadPayloads) {
     std::string err;  // a part of it
   };
   const std::string request = R"({"jsonrpc":"2.0","id":1,"method":"m","x":0})";
+  const std::string printed = line("request", R"({"jsonrpc":"2.0","id":1,"method":"m"})");
   const std::vector<Case> cases = {
       {"", 0, "", ""},
       {frame(request) + frame(R"({"jsonrpc":"2.0","method":"n","params":[1.0]})"), 0,
-       R"({"kind":"request","message":{"jsonrpc":"2.0","id":1,"method":"m"}})"
-       "\n"
-       R"({"kind":"notification","message":{"jsonrpc":"2.0","method":"n","params":[1]}})"
-       "\n",
-       ""},
+       printed + line("notification", R"({"jsonrpc":"2.0","method":"n","params":[1]})"), ""},
       {frame(R"({"jsonrpc":"2.0","id":"a","result":null,"error":{"code":-1,"message":"e"}})") +
            frame(R"({"jsonrpc":"2.0","id":1.5,"result":true})") + frame(R"({"jsonrpc":"2.0","id":2,"result":{}})"),
        1,
-       R"({"kind":"errorResponse","message":{"jsonrpc":"2.0","id":"a","error":{"code":-1,"message":"e"}}})"
-       "\n"
-       R"({"error":"dataCorrupted en id: id debe ser número o string"})"
-       "\n"
-       R"({"kind":"response","message":{"jsonrpc":"2.0","id":2,"result":{}}})"
-       "\n",
+       line("errorResponse", R"({"jsonrpc":"2.0","id":"a","error":{"code":-1,"message":"e"}})") +
+           R"({"error":"dataCorrupted en id: id debe ser número o string"})" + "\n" +
+           line("response", R"({"jsonrpc":"2.0","id":2,"result":{}})"),
        ""},
-      {frame(request) + frame(request).substr(0, 7), 2,
-       R"({"kind":"request","message":{"jsonrpc":"2.0","id":1,"method":"m"}})"
-       "\n",
+      {frame(request) + frame(request).substr(0, 7), 2, printed,
        "el flujo termina dentro de un frame: 7 bytes pendientes"},
-      {frame(request) + "\xFF\xFF\xFF\xFF" + "zz", 2,
-       R"({"kind":"request","message":{"jsonrpc":"2.0","id":1,"method":"m"}})"
-       "\n",
+      {frame(request) + "\xFF\xFF\xFF\xFF" + "zz", 2, printed,
        "frame de 4294967295 bytes excede el máximo de 16777216 (6 bytes pendientes)"},
   };
   for (const Case& c : cases) {
@@ -132,9 +126,7 @@ TEST_F(BusServeTest, CallGetsResultsErrorsAndRefusals) {
   const std::vector<Case> cases = {
       {{"health.ping"}, 0, "{\"ok\":true}\n", ""},
       {{"health.ping", "--params", R"({"a":[1]})"}, 0, "{\"ok\":true}\n", ""},
-      {{"config.get"}, 1, R"({"code":-32601,"message":"método desconocido: config.get"})"
-                          "\n",
-       ""},
+      {{"config.get"}, 1, R"({"code":-32601,"message":"método desconocido: config.get"})" "\n", ""},
       {{"health.ping", "--protocol-version", "2.0.0"}, 1,
        R"({"code":-32006,"data":{"accepted":false,"capabilities":[],"protocolVersion":"1.1.0",)"
        R"("reason":"protocolo 2.0.0 incompatible con 1.1.0"},"message":"protocolo 2.0.0 incompatible con 1.1.0"})"

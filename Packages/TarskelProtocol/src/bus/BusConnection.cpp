@@ -1,6 +1,7 @@
 #include "tarskel/protocol/bus/BusConnection.hpp"
 
 #include <algorithm>
+#include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <deque>
@@ -105,6 +106,13 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
   template <class F>
   void post(F&& f) {
     asio::post(strand, [self = shared_from_this(), f = std::forward<F>(f)]() mutable { f(*self); });
+  }
+
+  // Runs at once when already on the strand. Only for work that touches
+  // neither the handlers nor the phase, since a handler may be running.
+  template <class F>
+  void run(F&& f) {
+    asio::dispatch(strand, [self = shared_from_this(), f = std::forward<F>(f)]() mutable { f(*self); });
   }
 
   // ---- starting and reading ----
@@ -459,7 +467,10 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
 
   void onWritten(boost::system::error_code ec) {
     writing = false;
-    if (phase == Phase::closed) return;
+    if (phase == Phase::closed) {
+      outbox.clear();
+      return;
+    }
     if (ec) {
       finish(BusConnectionError(BusConnectionError::Reason::transport, "error de transporte: " + ec.message()));
       return;
@@ -521,7 +532,9 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
 
   void finish(BusConnectionError cause) {
     if (phase == Phase::closed) return;
-    if (phase != Phase::closing) failCalls(cause);
+    const bool wasClosing = phase == Phase::closing;
+    // Closed first: a completion failed below may call in again, and must
+    // find the connection closed.
     phase = Phase::closed;
     {
       std::lock_guard lock(sessionMutex);
@@ -529,13 +542,15 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     }
     graceTimer.cancel();
     stream->close();
-    outbox.clear();
+    // A write in flight still owns the front of the outbox until it completes, aborted.
+    if (!writing) outbox.clear();
+    if (!wasClosing) failCalls(cause);
     queuedBytes = 0;
     CloseHandler onClosed = std::move(closeHandler);
     handlers.clear();
     notificationHandlers.clear();
     closeHandler = nullptr;
-    if (onClosed) onClosed(closeCause ? *closeCause : cause);
+    if (onClosed) onClosed(*closeCause);
   }
 
   std::unique_ptr<bus_detail::Stream> stream;
@@ -638,13 +653,13 @@ void BusConnection::start() {
 }
 
 void BusConnection::startCall(std::string method, Params params, CallCompletion completion) {
-  impl_->post([m = std::move(method), p = std::move(params), done = std::move(completion)](Impl& c) mutable {
+  impl_->run([m = std::move(method), p = std::move(params), done = std::move(completion)](Impl& c) mutable {
     c.startCall(std::move(m), std::move(p), std::move(done));
   });
 }
 
 void BusConnection::notify(std::string method, Params params) {
-  impl_->post([m = std::move(method), p = std::move(params)](Impl& c) mutable { c.notify(std::move(m), std::move(p)); });
+  impl_->run([m = std::move(method), p = std::move(params)](Impl& c) mutable { c.notify(std::move(m), std::move(p)); });
 }
 
 void BusConnection::close() {

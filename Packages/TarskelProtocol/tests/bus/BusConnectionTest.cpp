@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_future.hpp>
 #include <chrono>
 #include <future>
@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "tarskel/protocol/bus/BusMethod.hpp"
@@ -32,25 +33,6 @@ JSONValue json(std::string_view text) { return TarskelJSON::decoder().decode<JSO
 HelloRequest helloFrom(std::string clientId, std::string version = "1.1.0") {
   return HelloRequest{std::move(clientId), std::move(version), {"events", "traces"}, std::nullopt};
 }
-
-// An event loop on two threads, so that the connections' strands matter.
-class Loop {
- public:
-  Loop() : work_(asio::make_work_guard(io_)) {
-    for (int i = 0; i < 2; ++i) threads_.emplace_back([this] { io_.run(); });
-  }
-  ~Loop() {
-    work_.reset();
-    io_.stop();
-    for (auto& t : threads_) t.join();
-  }
-  asio::io_context& io() { return io_; }
-
- private:
-  asio::io_context io_;
-  asio::executor_work_guard<asio::io_context::executor_type> work_;
-  std::vector<std::thread> threads_;
-};
 
 // What a call came back with: a result, or the text of its failure.
 struct Outcome {
@@ -81,7 +63,7 @@ Outcome await(std::future<JSONValue> future) {
 class BusConnectionTest : public ::testing::Test {
  protected:
   void connect(HelloRequest hello = helloFrom("probe"), BusServerHello offer = BusServerHello{{"events"}, nullptr}, BusLimits limits = {}) {
-    Local::socket a(loop.io()), b(loop.io());
+    Local::socket a(pool.get_executor()), b(pool.get_executor());
     asio::local::connect_pair(a, b);
     client = BusConnection::client(std::move(a), std::move(hello), limits);
     server = BusConnection::server(std::move(b), std::move(offer), limits);
@@ -96,7 +78,7 @@ class BusConnectionTest : public ::testing::Test {
     return await(client->asyncCall(std::move(method), std::move(params), asio::use_future));
   }
 
-  Loop loop;
+  asio::thread_pool pool{2};  // two threads, so that the connections' strands matter
   std::shared_ptr<BusConnection> client;
   std::shared_ptr<BusConnection> server;
   std::promise<BusConnectionError::Reason> serverClosed;
@@ -215,29 +197,28 @@ TEST_F(BusConnectionTest, CloseFailsEveryPendingCall) {
   EXPECT_EQ(serverClosed.get_future().get(), BusConnectionError::Reason::peerClosed);
 }
 
-TEST_F(BusConnectionTest, IncompatibleHelloIsRefusedAndCloses) {
-  connect(helloFrom("old", "2.0.0"));
-  start();
-  Outcome got = call(std::string(BusMethod::healthPing));
-  EXPECT_EQ(got.connection, BusConnectionError::Reason::handshakeRefused);
-  EXPECT_EQ(got.text,
-            "la conexión se cerró con la llamada a health.ping pendiente: "
-            "saludo rechazado: protocolo 2.0.0 incompatible con 1.1.0");
-  EXPECT_EQ(serverClosed.get_future().get(), BusConnectionError::Reason::handshakeRefused);
-  EXPECT_FALSE(client->session());
-}
-
-TEST_F(BusConnectionTest, AdmitPolicyRefusesWithItsOwnError) {
-  BusServerHello offer;
-  offer.admit = [](const HelloRequest& h) -> std::optional<JSONRPCError> {
-    if (h.clientId == "intruso") return JSONRPCError(RPCErrorCode::accessDenied, "cliente desconocido");
-    return std::nullopt;
+// Refused hellos: the pending call names the cause, and both ends close.
+TEST_F(BusConnectionTest, RefusedHelloClosesBothEnds) {
+  BusServerHello picky{{}, [](const HelloRequest& h) -> std::optional<JSONRPCError> {
+                         if (h.clientId == "intruso") return JSONRPCError(RPCErrorCode::accessDenied, "desconocido");
+                         return std::nullopt;
+                       }};
+  const std::vector<std::tuple<HelloRequest, std::int64_t, const char*>> cases = {
+      {helloFrom("old", "2.0.0"), RPCErrorCode::incompatibleProtocol, "protocolo 2.0.0 incompatible con 1.1.0"},
+      {helloFrom("intruso"), RPCErrorCode::accessDenied, "desconocido"},
   };
-  connect(helloFrom("intruso"), offer);
-  start();
-  Outcome got = call(std::string(BusMethod::healthPing));
-  EXPECT_EQ(got.connection, BusConnectionError::Reason::handshakeRefused);
-  EXPECT_NE(got.text.find("saludo rechazado: cliente desconocido"), std::string::npos) << got.text;
+  for (const auto& [hello, code, reason] : cases) {
+    SCOPED_TRACE(reason);
+    serverClosed = {};
+    connect(hello, picky);
+    start();
+    Outcome got = call(std::string(BusMethod::healthPing));
+    EXPECT_EQ(got.connection, BusConnectionError::Reason::handshakeRefused);
+    EXPECT_EQ(got.text, std::string("la conexión se cerró con la llamada a health.ping pendiente: saludo rechazado: ") +
+                            reason);
+    EXPECT_EQ(serverClosed.get_future().get(), BusConnectionError::Reason::handshakeRefused);
+    EXPECT_FALSE(client->session());
+  }
 }
 
 TEST_F(BusConnectionTest, QueueLimitRefusesCallsAndMessageLimitRefusesBigOnes) {
@@ -259,7 +240,7 @@ TEST_F(BusConnectionTest, QueueLimitRefusesCallsAndMessageLimitRefusesBigOnes) {
 class RawPeerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    Local::socket b(loop.io());
+    Local::socket b(pool.get_executor());
     asio::local::connect_pair(raw, b);
     BusLimits limits;
     limits.maxFrameLength = 1024;
@@ -291,8 +272,8 @@ class RawPeerTest : public ::testing::Test {
     ASSERT_NE(receive().find(R"("accepted":true)"), std::string::npos);
   }
 
-  Loop loop;
-  Local::socket raw{loop.io()};
+  asio::thread_pool pool{2};
+  Local::socket raw{pool.get_executor()};
   std::shared_ptr<BusConnection> server;
   FrameDecoder decoder;
   std::vector<std::string> pending;

@@ -6,7 +6,6 @@
 #include <tuple>
 #include <vector>
 
-#include "tarskel/protocol/bus/BusMethod.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
@@ -72,50 +71,6 @@ TEST(HandshakeTest, RequiredKeysAreRequired) {
     }
   }
   EXPECT_THROW(decode<HelloResponse>(R"({"protocolVersion":"1.1.0"})"), DecodingError);
-}
-
-// The names are the wire protocol: a typo here breaks every peer.
-TEST(HandshakeTest, WireNamesStandAsTheyAre) {
-  const std::vector<std::pair<std::string_view, const char*>> names = {
-      {BusMethod::serviceHello, "service.hello"},
-      {BusMethod::serviceStop, "service.stop"},
-      {BusMethod::healthPing, "health.ping"},
-      {BusMethod::configChanged, "config.changed"},
-      {BusMethod::configValidate, "config.validate"},
-      {BusMethod::configPatch, "config.patch"},
-      {BusMethod::configGet, "config.get"},
-      {BusMethod::configEffective, "config.effective"},
-      {BusMethod::toolCall, "tool.call"},
-      {BusMethod::toolsList, "tools.list"},
-      {BusMethod::toolsRegister, "tools.register"},
-      {BusMethod::toolsUnregister, "tools.unregister"},
-      {BusMethod::trayUpdate, "tray.update"},
-      {BusMethod::uiStateChanged, "ui.stateChanged"},
-      {BusMethod::uiTrayChanged, "ui.trayChanged"},
-      {BusMethod::privilegedCall, "privileged.call"},
-      {BusMethod::platformStatus, "platform.status"},
-      {BusMethod::platformConfigGet, "platform.config.get"},
-      {BusMethod::platformConfigEffective, "platform.config.effective"},
-      {BusMethod::platformConfigValidate, "platform.config.validate"},
-      {BusMethod::platformConfigPatch, "platform.config.patch"},
-      {BusMethod::Ctl::status, "ctl.status"},
-      {BusMethod::Ctl::list, "ctl.list"},
-      {BusMethod::Ctl::start, "ctl.start"},
-      {BusMethod::Ctl::stop, "ctl.stop"},
-      {BusMethod::Ctl::logs, "ctl.logs"},
-      {BusMethod::Ctl::enroll, "ctl.enroll"},
-      {BusMethod::Ctl::ccStatus, "ctl.cc.status"},
-      {BusMethod::Ctl::diagCollect, "ctl.diag.collect"},
-      {BusMethod::Ctl::vendorStatus, "ctl.vendor.status"},
-      {BusMethod::Ctl::vendorRotate, "ctl.vendor.rotate"},
-      {BusMethod::Ctl::uninstallPrepare, "ctl.uninstall.prepare"},
-      {CapabilityName::events, "events"},
-      {CapabilityName::store, "store"},
-      {CapabilityName::largePayloads, "large-payloads"},
-      {CapabilityName::traces, "traces"},
-      {CapabilityName::uiPush, "ui-push"},
-  };
-  for (const auto& [constant, wire] : names) EXPECT_EQ(constant, wire);
 }
 
 }  // namespace

