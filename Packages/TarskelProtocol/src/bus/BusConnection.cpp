@@ -283,7 +283,8 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     Pending call = std::move(found->second);
     pending.erase(found);
     if (helloId && *number == *helloId) return onHelloAnswer(error, std::move(result));
-    call.completion(error, std::move(result));
+    // Moved, never copied: the exception then has one owner at a time.
+    call.completion(std::move(error), std::move(result));
   }
 
   // ---- the hello ----

@@ -293,8 +293,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     };
     auto op = std::make_shared<Op>(Op{std::move(handler), std::move(executor)});
     return [op](std::exception_ptr error, JSONValue value) {
-      boost::asio::dispatch(op->tracked, [op, error, value = std::move(value)]() mutable {
-        std::move(op->handler)(error, std::move(value));
+      boost::asio::dispatch(op->tracked, [op, error = std::move(error), value = std::move(value)]() mutable {
+        std::move(op->handler)(std::move(error), std::move(value));
       });
     };
   }
