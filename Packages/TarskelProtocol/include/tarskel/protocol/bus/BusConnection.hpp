@@ -23,7 +23,8 @@
 // completion token works: a callback, asio::use_future, asio::use_awaitable.
 // The exception is a BusCallError (the peer answered with an error) or a
 // BusConnectionError (the connection closed first, the outgoing queue was
-// full, or the hello was refused).
+// full, or the hello was refused). Calls have no time-out of their own: a
+// caller that can't wait forever closes the connection, which fails them.
 //
 // Incoming. A request goes to the handler registered for its method name; its
 // result, its JSONRPCError, or the error it throws becomes the response
