@@ -106,8 +106,9 @@ const tarskel::JSONValue& pingParams() {
 // connection driven from this thread's loop: `window` calls in flight, each
 // completion starting the next, `calls` in all.
 Latencies busCalls(int calls, int window) {
-  asio::io_context serverIo;
-  asio::io_context clientIo;
+  // Each loop runs on one thread, as a service's would.
+  asio::io_context serverIo(1);
+  asio::io_context clientIo(1);
   Local::socket a(clientIo), b(serverIo);
   asio::local::connect_pair(a, b);
   auto server = tarskel::BusConnection::server(std::move(b));

@@ -201,8 +201,14 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     try {
       message = JSONRPCMessage::fromTree(std::move(tree));
     } catch (const DecodingError& e) {
-      // A broken response is never answered: two peers would trade errors forever.
-      if (isCall) sendError(id, JSONRPCError(RPCErrorCode::invalidRequest, e.description()));
+      if (isCall) return sendError(id, JSONRPCError(RPCErrorCode::invalidRequest, e.description()));
+      // A broken response is never answered, or two peers would trade errors
+      // forever; but the call it answers fails rather than wait for ever.
+      if (id) {
+        complete(*id, std::make_exception_ptr(BusCallError(JSONRPCError(
+                          RPCErrorCode::internalError, "respuesta ilegible: " + e.description()))),
+                 JSONValue());
+      }
       return;
     }
     dispatch(std::move(*message));
@@ -413,6 +419,11 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
 
   void sendOutcome(const JSONRPCID& id, BusOutcome outcome) {
     if (auto* result = std::get_if<JSONValue>(&outcome)) {
+      // A null result reads as no result at all: the peer couldn't decode the response.
+      if (result->isNull()) {
+        return sendError(id, JSONRPCError(RPCErrorCode::internalError,
+                                          "el resultado es null, que el otro extremo no puede leer"));
+      }
       std::optional<std::string> frame = frameFor(JSONRPCMessage::response(id, std::move(*result)));
       if (!frame) {
         return sendError(id, JSONRPCError(RPCErrorCode::internalError, "el resultado no se puede escribir como JSON"));

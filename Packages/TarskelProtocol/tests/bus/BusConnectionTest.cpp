@@ -150,6 +150,7 @@ TEST_F(BusConnectionTest, HandlerOutcomesBecomeResponses) {
   server->handle("throwRPC", [](const auto&) -> BusOutcome { throw BusCallError({42, "propio"}); });
   server->handle("throw", [](const auto&) -> BusOutcome { throw std::runtime_error("roto"); });
   server->handle("nan", [](const auto&) { return JSONValue(std::numeric_limits<double>::quiet_NaN()); });
+  server->handle("null", [](const auto&) { return JSONValue(nullptr); });
   server->handleAsync("drop", [](auto, BusResponder) {});
   server->handleAsync("later", [](auto params, BusResponder r) {
     std::thread([r, params] { r.reply(*params); }).detach();
@@ -171,6 +172,8 @@ TEST_F(BusConnectionTest, HandlerOutcomesBecomeResponses) {
        JSONRPCError(RPCErrorCode::internalError, "el manejador de throw falló: roto")},
       {"nan", std::nullopt, std::nullopt,
        JSONRPCError(RPCErrorCode::internalError, "el resultado no se puede escribir como JSON")},
+      {"null", std::nullopt, std::nullopt,
+       JSONRPCError(RPCErrorCode::internalError, "el resultado es null, que el otro extremo no puede leer")},
       {"drop", std::nullopt, std::nullopt,
        JSONRPCError(RPCErrorCode::internalError, "sin respuesta del manejador de drop")},
       {"nadie", std::nullopt, std::nullopt, JSONRPCError(RPCErrorCode::methodNotFound, "método desconocido: nadie")},
@@ -338,6 +341,17 @@ TEST_F(RawPeerTest, BadMessagesGetTheirJSONRPCErrors) {
       EXPECT_TRUE(got == out || (got.rfind(out, 0) == 0 && in == std::string_view("nope"))) << got;
     }
   }
+}
+
+// The server calls the raw peer, which answers with a response that can't be read.
+TEST_F(RawPeerTest, UnreadableResponseFailsItsCall) {
+  hello();
+  std::future<Outcome> answer = callAsync(*server, "ui.push");
+  EXPECT_EQ(receive(), R"({"jsonrpc":"2.0","id":1,"method":"ui.push"})");
+  send(R"({"jsonrpc":"2.0","id":1,"result":null})");
+  Outcome got = await(std::move(answer));
+  ASSERT_TRUE(got.error) << got.text;
+  EXPECT_EQ(got.error->message, "respuesta ilegible: dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido");
 }
 
 TEST_F(RawPeerTest, OversizeFrameGetsPayloadTooLargeThenTheConnectionCloses) {

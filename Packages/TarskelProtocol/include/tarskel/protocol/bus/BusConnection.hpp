@@ -28,11 +28,13 @@
 //
 // Incoming. A request goes to the handler registered for its method name; its
 // result, its JSONRPCError, or the error it throws becomes the response
-// (BusCallError: its error; any other exception: internalError with its text).
+// (BusCallError: its error; any other exception: internalError with its text;
+// a null result, which no peer could read back, internalError too).
 // A method without a handler gets methodNotFound. A payload that isn't JSON
 // gets parseError, and JSON that isn't a message invalidRequest, each without
 // id unless one could be read, as JSON-RPC 2.0 does; nothing ever answers a
-// response or a notification. A frame over the limit gets payloadTooLarge and
+// response or a notification. A response that doesn't decode but names a
+// pending call fails that call (internalError, "respuesta ilegible: ..."). A frame over the limit gets payloadTooLarge and
 // closes the connection: the stream can't be resynchronised.
 //
 // Limits. Outgoing frames wait in a queue of at most `maxQueuedBytes`: a call
