@@ -12,88 +12,90 @@ using Payloads = std::vector<std::string>;
 using namespace std::string_literals;
 
 TEST(FramingTest, EncodesBigEndianLengthThenPayload) {
-  EXPECT_EQ(Framing::encode(""), "\0\0\0\0"s);
-  EXPECT_EQ(Framing::encode("abc"), "\0\0\0\3abc"s);
-  EXPECT_EQ(Framing::encode(std::string(0x010203, 'x')).substr(0, 4), "\0\1\2\3"s);
-}
-
-TEST(FramingTest, EmptyFrameDecodesToOneEmptyPayload) {
-  FrameDecoder decoder;
-  EXPECT_EQ(decoder.append("\0\0\0\0"s), Payloads{""});
-  EXPECT_EQ(decoder.pendingBytes(), 0u);
-}
-
-TEST(FramingTest, ByteAtATimeDeliversOnlyAtTheLastByte) {
-  const std::string frame = Framing::encode("hola");
-  FrameDecoder decoder;
-  for (std::size_t i = 0; i + 1 < frame.size(); ++i) {
-    EXPECT_TRUE(decoder.append(frame.substr(i, 1)).empty());
-    EXPECT_EQ(decoder.pendingBytes(), i + 1);
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"", "\0\0\0\0"s},
+      {"abc", "\0\0\0\3abc"s},
+      {std::string(0x010203, 'x'), "\0\1\2\3"s},  // header only
+  };
+  for (const auto& [payload, prefix] : cases) {
+    SCOPED_TRACE(payload.size());
+    const std::string frame = Framing::encode(payload);
+    EXPECT_EQ(frame.substr(0, prefix.size()), prefix);
+    EXPECT_EQ(frame.size(), payload.size() + 4);
   }
-  EXPECT_EQ(decoder.append(frame.substr(frame.size() - 1)), Payloads{"hola"});
-  EXPECT_EQ(decoder.pendingBytes(), 0u);
 }
 
-TEST(FramingTest, TwoAndAHalfFramesLeaveTheHalfPending) {
-  const std::string third = Framing::encode("tercero");
-  FrameDecoder decoder;
-  const auto got = decoder.append(Framing::encode("uno") + Framing::encode("") + third.substr(0, 6));
-  EXPECT_EQ(got, (Payloads{"uno", ""}));
-  EXPECT_EQ(decoder.pendingBytes(), 6u);
-  EXPECT_EQ(decoder.append(third.substr(6)), Payloads{"tercero"});
-}
-
-// Many small frames in one stream: the decoder drops consumed bytes lazily,
-// which must never shift a payload.
-TEST(FramingTest, LongStreamsOfSmallFramesStayInOrder) {
+// One stream of frames (empty ones included), cut in two at every byte: the
+// payloads come out whole, in order, and pendingBytes counts what is held.
+TEST(FramingTest, EveryCutPointYieldsTheSameFrames) {
+  const Payloads sent = {"uno", "", "tercero", std::string(300, 'z'), ""};
   std::string stream;
+  for (const auto& p : sent) stream += Framing::encode(p);
+  for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
+    SCOPED_TRACE(cut);
+    FrameDecoder decoder;
+    Payloads got = decoder.append(std::string_view(stream).substr(0, cut));
+    std::size_t delivered = 0;
+    for (const auto& p : got) delivered += p.size() + 4;
+    EXPECT_EQ(decoder.pendingBytes(), cut - delivered);
+    for (auto& p : decoder.append(std::string_view(stream).substr(cut))) got.push_back(p);
+    EXPECT_EQ(got, sent);
+    EXPECT_EQ(decoder.pendingBytes(), 0u);
+  }
+}
+
+// Byte at a time over a long stream: nothing until a frame's last byte, and
+// the lazily dropped front of the buffer never shifts a payload.
+TEST(FramingTest, ByteAtATimeOverALongStream) {
   Payloads sent;
-  for (int i = 0; i < 500; ++i) {
+  std::string stream;
+  for (int i = 0; i < 200; ++i) {
     sent.push_back(std::string(static_cast<std::size_t>(i % 7), static_cast<char>('a' + i % 26)));
     stream += Framing::encode(sent.back());
   }
   FrameDecoder decoder;
   Payloads got;
-  for (std::size_t at = 0; at < stream.size(); at += 13) {
-    for (auto& p : decoder.append(std::string_view(stream).substr(at, 13))) got.push_back(p);
+  for (char byte : stream) {
+    for (auto& p : decoder.append(std::string_view(&byte, 1))) got.push_back(p);
   }
   EXPECT_EQ(got, sent);
-  EXPECT_EQ(decoder.pendingBytes(), 0u);
 }
 
-TEST(FramingTest, LimitIsInclusiveAndCheckedAtTheFourthHeaderByte) {
-  FrameDecoder decoder(16);
-  EXPECT_EQ(decoder.append(Framing::encode(std::string(16, 'x'))), Payloads{std::string(16, 'x')});
-  EXPECT_TRUE(decoder.append("\0\0\0"s).empty());
-  try {
-    decoder.append("\x11"s);
-    FAIL() << "a 17-byte header must be refused";
-  } catch (const FramingError& e) {
-    EXPECT_EQ(e.length(), 17);
-    EXPECT_EQ(e.max(), 16);
-    EXPECT_STREQ(e.what(), "frame de 17 bytes excede el máximo de 16");
+// Refusals: the limit is inclusive and judged on the fourth header byte, the
+// length is unsigned, and a refusal is terminal and loses the frames of its call.
+TEST(FramingTest, OversizeHeaderIsRefusedForGood) {
+  struct Case {
+    std::int64_t max;
+    std::string accepted;  // appended first, delivered
+    std::string refused;   // appended next, throws
+    std::int64_t length;
+    const char* text;
+    std::size_t pendingAfter;  // the offending header and what follows it
+  };
+  const std::vector<Case> cases = {
+      {16, Framing::encode(std::string(16, 'x')) + "\0\0\0"s, "\x11"s, 17,
+       "frame de 17 bytes excede el máximo de 16", 4},
+      {Framing::defaultMaxFrameLength, "", "\xFF\xFF\xFF\xFF"s, 4294967295,
+       "frame de 4294967295 bytes excede el máximo de 16777216", 4},
+      {8, "", Framing::encode("ok") + "\0\0\0\x09zz"s, 9, "frame de 9 bytes excede el máximo de 8", 6},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    FrameDecoder decoder(c.max);
+    EXPECT_NO_THROW(decoder.append(c.accepted));
+    try {
+      decoder.append(c.refused);
+      ADD_FAILURE() << "accepted";
+    } catch (const FramingError& e) {
+      EXPECT_EQ(e.length(), c.length);
+      EXPECT_EQ(e.max(), c.max);
+      EXPECT_STREQ(e.what(), c.text);
+    }
+    EXPECT_EQ(decoder.pendingBytes(), c.pendingAfter);
+    EXPECT_THROW(decoder.append(""), FramingError);
+    EXPECT_THROW(decoder.append(Framing::encode("más")), FramingError);
+    EXPECT_EQ(decoder.pendingBytes(), c.pendingAfter + Framing::encode("más").size());
   }
-}
-
-TEST(FramingTest, LengthIsUnsigned) {
-  FrameDecoder decoder;
-  try {
-    decoder.append("\xFF\xFF\xFF\xFF"s);
-    FAIL();
-  } catch (const FramingError& e) {
-    EXPECT_EQ(e.length(), 4294967295);
-    EXPECT_STREQ(e.what(), "frame de 4294967295 bytes excede el máximo de 16777216");
-  }
-}
-
-TEST(FramingTest, FailureIsTerminalAndLosesFramesOfTheSameCall) {
-  FrameDecoder decoder(8);
-  const std::string bad = "\0\0\0\x09zz"s;
-  EXPECT_THROW(decoder.append(Framing::encode("ok") + bad), FramingError);
-  EXPECT_EQ(decoder.pendingBytes(), bad.size());
-  EXPECT_THROW(decoder.append(""), FramingError);
-  EXPECT_THROW(decoder.append(Framing::encode("más")), FramingError);
-  EXPECT_EQ(decoder.pendingBytes(), bad.size() + Framing::encode("más").size());
 }
 
 TEST(FramingTest, CopiesDecodeIndependently) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tarskel/protocol/json/JSONCoding.hpp"
 
@@ -37,8 +38,8 @@ struct JSONRPCError {
   std::optional<JSONValue> data;
 
   JSONRPCError() = default;
-  JSONRPCError(std::int64_t code, std::string message, std::optional<JSONValue> data = std::nullopt)
-      : code(code), message(std::move(message)), data(std::move(data)) {}
+  JSONRPCError(std::int64_t errorCode, std::string text, std::optional<JSONValue> detail = std::nullopt)
+      : code(errorCode), message(std::move(text)), data(std::move(detail)) {}
 
   void encode(KeyedEncoder& e) const {
     e.required("code", code);

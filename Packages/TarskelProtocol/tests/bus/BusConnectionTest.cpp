@@ -1,0 +1,366 @@
+#include "tarskel/protocol/bus/BusConnection.hpp"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <gtest/gtest.h>
+
+#include <boost/asio/local/connect_pair.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/asio/use_future.hpp>
+#include <chrono>
+#include <future>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "tarskel/protocol/bus/BusMethod.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
+
+namespace tarskel {
+namespace {
+
+namespace asio = boost::asio;
+using Local = asio::local::stream_protocol;
+using namespace std::chrono_literals;
+
+JSONValue json(std::string_view text) { return TarskelJSON::decoder().decode<JSONValue>(text); }
+
+HelloRequest helloFrom(std::string clientId, std::string version = "1.1.0") {
+  return HelloRequest{std::move(clientId), std::move(version), {"events", "traces"}, std::nullopt};
+}
+
+// What a call came back with: a result, or the text of its failure.
+struct Outcome {
+  std::optional<JSONValue> result;
+  std::optional<JSONRPCError> error;                     // BusCallError
+  std::optional<BusConnectionError::Reason> connection;  // BusConnectionError
+  std::string text;
+};
+
+// Read on the connection's strand, so that no exception crosses threads (the
+// exception_ptr's count lives in libstdc++, which ThreadSanitizer can't see).
+Outcome outcomeOf(std::exception_ptr error, JSONValue value) {
+  Outcome out;
+  if (!error) {
+    out.result = std::move(value);
+    return out;
+  }
+  try {
+    std::rethrow_exception(std::move(error));
+  } catch (const BusCallError& e) {
+    out.error = e.error();
+    out.text = e.what();
+  } catch (const BusConnectionError& e) {
+    out.connection = e.reason();
+    out.text = e.what();
+  }
+  return out;
+}
+
+std::future<Outcome> callAsync(BusConnection& c, std::string method, BusConnection::Params params = std::nullopt) {
+  auto promise = std::make_shared<std::promise<Outcome>>();
+  std::future<Outcome> future = promise->get_future();
+  c.asyncCall(std::move(method), std::move(params), [promise](std::exception_ptr e, JSONValue v) {
+    promise->set_value(outcomeOf(std::move(e), std::move(v)));
+  });
+  return future;
+}
+
+Outcome await(std::future<Outcome> future) {
+  if (future.wait_for(10s) != std::future_status::ready) return Outcome{{}, {}, {}, "timed out"};
+  return future.get();
+}
+
+class BusConnectionTest : public ::testing::Test {
+ protected:
+  void connect(HelloRequest hello = helloFrom("probe"), BusServerHello offer = BusServerHello{{"events"}, nullptr}, BusLimits limits = {}) {
+    Local::socket a(pool.get_executor()), b(pool.get_executor());
+    asio::local::connect_pair(a, b);
+    client = BusConnection::client(std::move(a), std::move(hello), limits);
+    server = BusConnection::server(std::move(b), std::move(offer), limits);
+    server->handle(BusMethod::healthPing, [](const auto&) { return json(R"({"ok":true})"); });
+    server->onClose([this](const BusConnectionError& e) { serverClosed.set_value(e.reason()); });
+  }
+  void start() {
+    server->start();
+    client->start();
+  }
+  Outcome call(std::string method, BusConnection::Params params = std::nullopt) {
+    return await(callAsync(*client, std::move(method), std::move(params)));
+  }
+
+  asio::thread_pool pool{2};  // two threads, so that the connections' strands matter
+  std::shared_ptr<BusConnection> client;
+  std::shared_ptr<BusConnection> server;
+  std::promise<BusConnectionError::Reason> serverClosed;
+};
+
+TEST_F(BusConnectionTest, HelloOpensASessionAndCallsComeBack) {
+  connect();
+  start();
+  Outcome ping = call(std::string(BusMethod::healthPing));
+  ASSERT_TRUE(ping.result) << ping.text;
+  EXPECT_EQ(*ping.result, json(R"({"ok":true})"));
+  const std::optional<BusSession> theirs = server->session();
+  const std::optional<BusSession> ours = client->session();
+  ASSERT_TRUE(theirs && ours);
+  EXPECT_EQ(theirs->clientId, "probe");
+  EXPECT_EQ(ours->capabilities, std::vector<std::string>{"events"});  // asked ∩ offered
+  EXPECT_EQ(theirs->sessionId, ours->sessionId);
+  EXPECT_EQ(ours->sessionId->size(), 32u);
+  // Any completion token: here a future.
+  EXPECT_EQ(client->asyncCall(std::string(BusMethod::healthPing), std::nullopt, asio::use_future).get(), *ping.result);
+}
+
+TEST_F(BusConnectionTest, ResponsesCompleteTheirOwnCallsInAnyOrder) {
+  connect();
+  std::optional<BusResponder> slow;
+  // Both handlers run on the server's strand: "fast" answers "slow" after its
+  // own response is queued, so the responses cross on the wire.
+  server->handleAsync("slow", [&](auto, BusResponder r) { slow = r; });
+  server->handle("fast", [&](const auto&) {
+    slow->reply(JSONValue("slow"));
+    return JSONValue("fast");
+  });
+  start();
+  std::mutex mutex;
+  std::vector<std::string> order;
+  std::promise<void> both;
+  const auto record = [&](std::exception_ptr, JSONValue v) {
+    std::lock_guard lock(mutex);
+    order.push_back(*v.stringValue());
+    if (order.size() == 2) both.set_value();
+  };
+  client->asyncCall("slow", std::nullopt, record);
+  client->asyncCall("fast", std::nullopt, record);
+  ASSERT_EQ(both.get_future().wait_for(10s), std::future_status::ready);
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(order, (std::vector<std::string>{"fast", "slow"}));
+}
+
+TEST_F(BusConnectionTest, HandlerOutcomesBecomeResponses) {
+  connect();
+  server->handle("result", [](const auto& params) { return params.value_or(JSONValue("none")); });
+  server->handle("refuse", [](const auto&) { return JSONRPCError(RPCErrorCode::accessDenied, "no"); });
+  server->handle("throwRPC", [](const auto&) -> BusOutcome { throw BusCallError({42, "propio"}); });
+  server->handle("throw", [](const auto&) -> BusOutcome { throw std::runtime_error("roto"); });
+  server->handle("nan", [](const auto&) { return JSONValue(std::numeric_limits<double>::quiet_NaN()); });
+  server->handle("null", [](const auto&) { return JSONValue(nullptr); });
+  server->handleAsync("drop", [](auto, BusResponder) {});
+  server->handleAsync("later", [](auto params, BusResponder r) {
+    std::thread([r, params] { r.reply(*params); }).detach();
+  });
+  start();
+  struct Case {
+    const char* method;
+    std::optional<JSONValue> params;
+    std::optional<JSONValue> result;
+    std::optional<JSONRPCError> error;
+  };
+  const std::vector<Case> cases = {
+      {"result", json("[1,2]"), json("[1,2]"), std::nullopt},
+      {"result", std::nullopt, JSONValue("none"), std::nullopt},
+      {"later", JSONValue("x"), JSONValue("x"), std::nullopt},
+      {"refuse", std::nullopt, std::nullopt, JSONRPCError(RPCErrorCode::accessDenied, "no")},
+      {"throwRPC", std::nullopt, std::nullopt, JSONRPCError(42, "propio")},
+      {"throw", std::nullopt, std::nullopt,
+       JSONRPCError(RPCErrorCode::internalError, "el manejador de throw falló: roto")},
+      {"nan", std::nullopt, std::nullopt,
+       JSONRPCError(RPCErrorCode::internalError, "el resultado no se puede escribir como JSON")},
+      {"null", std::nullopt, std::nullopt,
+       JSONRPCError(RPCErrorCode::internalError, "el resultado es null, que el otro extremo no puede leer")},
+      {"drop", std::nullopt, std::nullopt,
+       JSONRPCError(RPCErrorCode::internalError, "sin respuesta del manejador de drop")},
+      {"nadie", std::nullopt, std::nullopt, JSONRPCError(RPCErrorCode::methodNotFound, "método desconocido: nadie")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.method);
+    Outcome got = call(c.method, c.params);
+    EXPECT_EQ(got.result, c.result) << got.text;
+    EXPECT_EQ(got.error, c.error);
+  }
+}
+
+TEST_F(BusConnectionTest, PeerThatGoesMidRequestFailsThePendingCall) {
+  connect();
+  server->handleAsync("hang", [this](auto, BusResponder) { server->close(); });
+  start();
+  Outcome got = call("hang");
+  EXPECT_EQ(got.connection, BusConnectionError::Reason::peerClosed);
+  EXPECT_EQ(got.text, "la conexión se cerró con la llamada a hang pendiente: el otro extremo cerró la conexión");
+  // Later calls fail at once, for the same cause.
+  EXPECT_EQ(call("otra").connection, BusConnectionError::Reason::peerClosed);
+}
+
+TEST_F(BusConnectionTest, CloseFailsEveryPendingCall) {
+  connect();
+  std::promise<void> arrived;
+  std::vector<BusResponder> kept;
+  server->handleAsync("wait", [&](auto, BusResponder r) {
+    kept.push_back(r);
+    if (kept.size() == 2) arrived.set_value();
+  });
+  start();
+  auto a = callAsync(*client, "wait");
+  auto b = callAsync(*client, "wait");
+  ASSERT_EQ(arrived.get_future().wait_for(10s), std::future_status::ready);
+  client->close();
+  for (auto* f : {&a, &b}) {
+    Outcome got = await(std::move(*f));
+    EXPECT_EQ(got.connection, BusConnectionError::Reason::closedLocally);
+    EXPECT_EQ(got.text, "la conexión se cerró con la llamada a wait pendiente: conexión cerrada");
+  }
+  EXPECT_EQ(serverClosed.get_future().get(), BusConnectionError::Reason::peerClosed);
+}
+
+// Refused hellos: the pending call names the cause, and both ends close.
+TEST_F(BusConnectionTest, RefusedHelloClosesBothEnds) {
+  BusServerHello picky{{}, [](const HelloRequest& h) -> std::optional<JSONRPCError> {
+                         if (h.clientId == "intruso") return JSONRPCError(RPCErrorCode::accessDenied, "desconocido");
+                         return std::nullopt;
+                       }};
+  const std::vector<std::tuple<HelloRequest, std::int64_t, const char*>> cases = {
+      {helloFrom("old", "2.0.0"), RPCErrorCode::incompatibleProtocol, "protocolo 2.0.0 incompatible con 1.1.0"},
+      {helloFrom("intruso"), RPCErrorCode::accessDenied, "desconocido"},
+  };
+  for (const auto& [hello, code, reason] : cases) {
+    SCOPED_TRACE(reason);
+    serverClosed = {};
+    connect(hello, picky);
+    start();
+    Outcome got = call(std::string(BusMethod::healthPing));
+    EXPECT_EQ(got.connection, BusConnectionError::Reason::handshakeRefused);
+    EXPECT_EQ(got.text, std::string("la conexión se cerró con la llamada a health.ping pendiente: saludo rechazado: ") +
+                            reason);
+    EXPECT_EQ(serverClosed.get_future().get(), BusConnectionError::Reason::handshakeRefused);
+    EXPECT_FALSE(client->session());
+  }
+}
+
+TEST_F(BusConnectionTest, QueueLimitRefusesCallsAndMessageLimitRefusesBigOnes) {
+  BusLimits limits;
+  limits.maxQueuedBytes = 4096;
+  limits.maxFrameLength = 1 << 20;
+  connect(helloFrom("probe"), {}, limits);
+  server->handle("echo", [](const auto& params) { return *params; });
+  start();
+  EXPECT_EQ(call("echo", JSONValue(std::string(8000, 'q'))).connection, BusConnectionError::Reason::queueFull);
+  Outcome big = call("echo", JSONValue(std::string(2 << 20, 'q')));
+  ASSERT_TRUE(big.error);
+  EXPECT_EQ(big.error->code, RPCErrorCode::payloadTooLarge);
+  // The connection is still good.
+  EXPECT_EQ(call("echo", JSONValue("hola")).result, JSONValue("hola"));
+}
+
+// A peer speaking raw frames to a server connection.
+class RawPeerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Local::socket b(pool.get_executor());
+    asio::local::connect_pair(raw, b);
+    BusLimits limits;
+    limits.maxFrameLength = 1024;
+    server = BusConnection::server(std::move(b), {}, limits);
+    server->handle(BusMethod::healthPing, [](const auto&) { return JSONValue("pong"); });
+    server->start();
+  }
+  void send(std::string_view payload) { sendBytes(Framing::encode(payload)); }
+  void sendBytes(const std::string& bytes) { asio::write(raw, asio::buffer(bytes)); }
+  // The next payload, or "EOF", or "timeout".
+  std::string receive() {
+    for (;;) {
+      if (!pending.empty()) {
+        std::string next = pending.front();
+        pending.erase(pending.begin());
+        return next;
+      }
+      pollfd p{raw.native_handle(), POLLIN, 0};
+      if (::poll(&p, 1, 5000) <= 0) return "timeout";
+      char buffer[4096];
+      boost::system::error_code ec;
+      const std::size_t n = raw.read_some(asio::buffer(buffer), ec);
+      if (ec) return "EOF";
+      for (auto& payload : decoder.append(std::string_view(buffer, n))) pending.push_back(payload);
+    }
+  }
+  void hello() {
+    send(R"({"jsonrpc":"2.0","id":0,"method":"service.hello","params":{"clientId":"raw","protocolVersion":"1.0.0"}})");
+    ASSERT_NE(receive().find(R"("accepted":true)"), std::string::npos);
+  }
+
+  asio::thread_pool pool{2};
+  Local::socket raw{pool.get_executor()};
+  std::shared_ptr<BusConnection> server;
+  FrameDecoder decoder;
+  std::vector<std::string> pending;
+};
+
+TEST_F(RawPeerTest, BadMessagesGetTheirJSONRPCErrors) {
+  const std::vector<std::pair<const char*, const char*>> beforeHello = {
+      {R"({"jsonrpc":"2.0","id":1,"method":"health.ping"})",
+       R"({"jsonrpc":"2.0","id":1,"error":{"code":-32600,"message":"se esperaba service.hello antes de health.ping"}})"},
+      {R"({"jsonrpc":"2.0","id":2,"method":"service.hello","params":{"clientId":"raw"}})",
+       R"({"jsonrpc":"2.0","id":2,"error":{"code":-32602,"message":"keyNotFound en <raíz>: falta la clave \"protocolVersion\""}})"},
+      {R"({"jsonrpc":"2.0","id":3,"method":"service.hello","params":{"clientId":"raw","protocolVersion":"v1"}})",
+       R"({"jsonrpc":"2.0","id":3,"error":{"code":-32602,"message":"protocolVersion no es una versión: v1"}})"},
+  };
+  for (const auto& [in, out] : beforeHello) {
+    SCOPED_TRACE(in);
+    send(in);
+    EXPECT_EQ(receive(), out);
+  }
+  hello();
+  // Responses, broken or not, and notifications are never answered: the
+  // ping's answer comes next. The parse error's text is the JSON reader's.
+  const std::vector<std::pair<const char*, const char*>> afterHello = {
+      {"nope", R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"dataCorrupted en <raíz>: )"},
+      {"[]", R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"los lotes no se admiten"}})"},
+      {"7", R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"un mensaje debe ser un objeto JSON"}})"},
+      {R"({"jsonrpc":"1.0","id":5,"method":"m"})",
+       R"({"jsonrpc":"2.0","id":5,"error":{"code":-32600,"message":"dataCorrupted en jsonrpc: jsonrpc debe ser \"2.0\", llegó 1.0"}})"},
+      {R"({"jsonrpc":"2.0","id":"a","method":"service.hello","params":{}})",
+       R"({"jsonrpc":"2.0","id":"a","error":{"code":-32600,"message":"la sesión ya saludó"}})"},
+      {R"({"jsonrpc":"2.0","id":99,"result":1})", nullptr},
+      {R"({"jsonrpc":"2.0","result":1})", nullptr},
+      {R"({"jsonrpc":"2.0","id":4,"error":{"code":1}})", nullptr},
+      {R"({"jsonrpc":"2.0","method":"nadie"})", nullptr},
+  };
+  for (const auto& [in, out] : afterHello) {
+    SCOPED_TRACE(in);
+    send(in);
+    if (out == nullptr) {
+      send(R"({"jsonrpc":"2.0","id":"p","method":"health.ping"})");
+      EXPECT_EQ(receive(), R"({"jsonrpc":"2.0","id":"p","result":"pong"})");
+    } else {
+      const std::string got = receive();
+      EXPECT_TRUE(got == out || (got.rfind(out, 0) == 0 && in == std::string_view("nope"))) << got;
+    }
+  }
+}
+
+// The server calls the raw peer, which answers with a response that can't be read.
+TEST_F(RawPeerTest, UnreadableResponseFailsItsCall) {
+  hello();
+  std::future<Outcome> answer = callAsync(*server, "ui.push");
+  EXPECT_EQ(receive(), R"({"jsonrpc":"2.0","id":1,"method":"ui.push"})");
+  send(R"({"jsonrpc":"2.0","id":1,"result":null})");
+  Outcome got = await(std::move(answer));
+  ASSERT_TRUE(got.error) << got.text;
+  EXPECT_EQ(got.error->message, "respuesta ilegible: dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido");
+}
+
+TEST_F(RawPeerTest, OversizeFrameGetsPayloadTooLargeThenTheConnectionCloses) {
+  hello();
+  sendBytes(std::string("\0\0\x04\x01", 4));  // 1025 bytes announced, 1024 allowed
+  EXPECT_EQ(receive(),
+            R"({"jsonrpc":"2.0","error":{"code":-32005,"message":"frame de 1025 bytes excede el máximo de 1024"}})");
+  EXPECT_EQ(receive(), "EOF");
+}
+
+}  // namespace
+}  // namespace tarskel

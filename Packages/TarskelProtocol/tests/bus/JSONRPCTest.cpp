@@ -1,0 +1,180 @@
+#include "tarskel/protocol/bus/JSONRPC.hpp"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "tarskel/protocol/json/TarskelJSON.hpp"
+
+namespace tarskel {
+namespace {
+
+using M = JSONRPCMessage;
+
+}  // namespace
+
+void PrintTo(const JSONRPCMessage& m, std::ostream* os) { *os << JSONRPC::encode(m); }
+
+namespace {
+
+JSONValue json(std::string_view text) { return TarskelJSON::decoder().decode<JSONValue>(text); }
+
+struct Failure {
+  DecodingError::Kind kind;
+  const char* path;
+  const char* text;
+};
+
+struct DecodeCase {
+  const char* input;
+  std::optional<M> expected;
+  std::optional<Failure> failure = std::nullopt;
+};
+
+const DecodingError::Kind kCorrupt = DecodingError::Kind::dataCorrupted;
+
+// Precedence (method over error over result), null as absent, the id rule and
+// the exact texts of every refusal.
+TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
+  const std::vector<DecodeCase> cases = {
+      {R"({"jsonrpc":"2.0","method":"m"})", M::notification("m")},
+      {R"({"jsonrpc":"2.0","id":"a","method":"m","result":5})", M::request("a", "m")},
+      {R"({"jsonrpc":"2.0","id":7,"method":"m","params":[1,"x"],"extra":{}})",
+       M::request(7, "m", json(R"([1,"x"])"))},
+      {R"({"jsonrpc":"2.0","method":"m","params":"s"})", M::notification("m", JSONValue("s"))},
+      {R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"x"},"result":1})",
+       M::errorResponse(std::nullopt, {-32600, "x"})},
+      {R"({"jsonrpc":"2.0","method":"m","error":17})", M::notification("m")},
+      {R"({"jsonrpc":"2.0","id":1,"method":"m","error":{"code":"x"},"result":null})", M::request(1, "m")},
+      {R"({"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":{"k":[]}}})",
+       M::errorResponse(3, {5, "y", json(R"({"k":[]})")})},
+      {R"({"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":null}})", M::errorResponse(3, {5, "y"})},
+      {R"({"jsonrpc":"2.0","id":2,"result":{"ok":true}})", M::response(2, json(R"({"ok":true})"))},
+      // null reads as absent: its four consequences
+      {R"({"jsonrpc":"2.0","id":1,"result":null})", std::nullopt,
+       Failure{kCorrupt, "method", "mensaje sin method, result ni error — no es JSON-RPC válido"}},
+      {R"({"jsonrpc":"2.0","id":null,"error":{"code":1,"message":"x"}})", M::errorResponse(std::nullopt, {1, "x"})},
+      {R"({"jsonrpc":"2.0","id":null,"method":"m"})", M::notification("m")},
+      {R"({"jsonrpc":"2.0","id":1,"method":"m","params":null})", M::request(1, "m")},
+      {R"({"jsonrpc":"2.0","id":1,"error":null,"result":3})", M::response(1, JSONValue(3))},
+      // refusals
+      {R"({"jsonrpc":"2.0","id":1,"error":{"code":1}})", std::nullopt,
+       Failure{DecodingError::Kind::keyNotFound, "error", "falta la clave \"message\""}},
+      {R"({"jsonrpc":"1.0","id":1,"result":2})", std::nullopt,
+       Failure{kCorrupt, "jsonrpc", "jsonrpc debe ser \"2.0\", llegó 1.0"}},
+      {R"({"id":1,"result":2})", std::nullopt,
+       Failure{DecodingError::Kind::keyNotFound, "", "falta la clave \"jsonrpc\""}},
+      {R"({"jsonrpc":2,"id":1,"result":2})", std::nullopt,
+       Failure{DecodingError::Kind::typeMismatch, "jsonrpc", "se esperaba string, llegó number"}},
+      {R"({"jsonrpc":"2.0"})", std::nullopt,
+       Failure{kCorrupt, "method", "mensaje sin method, result ni error — no es JSON-RPC válido"}},
+      {R"({"jsonrpc":"2.0","result":1})", std::nullopt, Failure{kCorrupt, "id", "una response exige id"}},
+      {R"({"jsonrpc":"2.0","method":5})", std::nullopt,
+       Failure{DecodingError::Kind::typeMismatch, "method", "se esperaba string, llegó number"}},
+      {R"([{"jsonrpc":"2.0","method":"m"}])", std::nullopt,
+       Failure{DecodingError::Kind::typeMismatch, "", "se esperaba object, llegó array"}},
+      {R"({"jsonrpc":"2.0","method":"m","params":[1e999]})", std::nullopt,
+       Failure{kCorrupt, "params", "Valor JSON no reconocido"}},
+  };
+  for (const DecodeCase& c : cases) {
+    SCOPED_TRACE(c.input);
+    if (c.expected) {
+      EXPECT_EQ(JSONRPC::decode(c.input), *c.expected);
+      continue;
+    }
+    try {
+      JSONRPC::decode(c.input);
+      ADD_FAILURE() << "decoded";
+    } catch (const DecodingError& e) {
+      EXPECT_EQ(e.kind(), c.failure->kind);
+      EXPECT_EQ(e.codingPath(), c.failure->path);
+      EXPECT_EQ(e.debugDescription(), c.failure->text);
+    }
+  }
+}
+
+TEST(JSONRPCTest, IdIsAnInt64ThenAStringElseRefused) {
+  const std::vector<std::pair<const char*, std::optional<JSONRPCID>>> cases = {
+      {"1", JSONRPCID(1)},
+      {"1.0", JSONRPCID(1)},
+      {"-9223372036854775808", JSONRPCID(INT64_MIN)},
+      {"9223372036854775807", JSONRPCID(INT64_MAX)},
+      {R"("1")", JSONRPCID(std::string("1"))},
+      {R"("")", JSONRPCID(std::string())},
+      {"9223372036854775808", std::nullopt},
+      {"1.5", std::nullopt},
+      {"1e30", std::nullopt},
+      {"true", std::nullopt},
+      {"{}", std::nullopt},
+      {"[1]", std::nullopt},
+  };
+  for (const auto& [id, expected] : cases) {
+    SCOPED_TRACE(id);
+    const std::string message = std::string(R"({"jsonrpc":"2.0","method":"m","id":)") + id + "}";
+    if (expected) {
+      EXPECT_EQ(JSONRPC::decode(message), M::request(*expected, "m"));
+      continue;
+    }
+    try {
+      JSONRPC::decode(message);
+      ADD_FAILURE() << "decoded";
+    } catch (const DecodingError& e) {
+      EXPECT_STREQ(e.what(), "dataCorrupted en id: id debe ser número o string");
+    }
+  }
+}
+
+TEST(JSONRPCTest, IdsOfTheTwoKindsStayApart) {
+  std::unordered_set<JSONRPCID> ids{JSONRPCID(1), JSONRPCID("1")};
+  EXPECT_EQ(ids.size(), 2u);
+  EXPECT_EQ(JSONRPCID(-42).description() + JSONRPCID("a \"b\"").description(), "-42a \"b\"");
+}
+
+// Each message, its bytes, and what those bytes decode to: itself, except
+// where a JSON null stands in an optional place.
+TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
+  struct Case {
+    M message;
+    const char* bytes;
+    std::optional<M> decoded;
+  };
+  const std::vector<Case> cases = {
+      {M::request(1, "m", json(R"({"a":1})")), R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":1}})",
+       M::request(1, "m", json(R"({"a":1})"))},
+      {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})", M::request("a/b", "m")},
+      {M::notification("m", JSONValue(nullptr)), R"({"jsonrpc":"2.0","method":"m","params":null})",
+       M::notification("m")},
+      {M::response(INT64_MIN, JSONValue(nullptr)), R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})",
+       std::nullopt},
+      {M::errorResponse(std::nullopt, {-32700, "x"}), R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})",
+       M::errorResponse(std::nullopt, {-32700, "x"})},
+      {M::errorResponse(9, {1, "y", JSONValue(true)}),
+       R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})",
+       M::errorResponse(9, {1, "y", JSONValue(true)})},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.bytes);
+    EXPECT_EQ(JSONRPC::encode(c.message), c.bytes);
+    // The record coding layer writes the same object.
+    EXPECT_EQ(JSONCoding<M>::encode(c.message), json(c.bytes));
+    if (c.decoded) {
+      EXPECT_EQ(JSONRPC::decode(c.bytes), *c.decoded);
+      EXPECT_EQ(JSONCoding<M>::decode(json(c.bytes), CodingPath()), *c.decoded);
+    } else {
+      EXPECT_THROW(JSONRPC::decode(c.bytes), DecodingError);
+    }
+  }
+}
+
+TEST(JSONRPCTest, UnwritableValueLeavesTheOutputAsItWas) {
+  std::string out = "prefix";
+  EXPECT_THROW(JSONRPC::encodeInto(out, M::response(1, JSONValue(std::numeric_limits<double>::infinity()))),
+               EncodingError);
+  EXPECT_EQ(out, "prefix");
+}
+
+}  // namespace
+}  // namespace tarskel
