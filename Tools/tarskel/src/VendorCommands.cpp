@@ -165,7 +165,15 @@ struct AllowlistOptions {
 
 int allowlist(const AllowlistOptions& o) {
   VendorAllowlist list{o.revision, {}};
-  for (const std::string& path : o.keyFiles) list.keys.push_back(loadKeyPair(path).vendorKey());
+  for (const std::string& path : o.keyFiles) {
+    VendorKey key = loadKeyPair(path).vendorKey();
+    // Never list a key every forged signature verifies under.
+    const std::optional<std::string> raw = base64Decode(key.publicKey);
+    if (const auto weakness = raw ? ed25519KeyWeakness(*raw) : std::nullopt) {
+      throw ToolFailure(kExitUsage, path + ": clave vendor '" + key.keyId + "' rechazada: " + *weakness);
+    }
+    list.keys.push_back(std::move(key));
+  }
   writeOutput(canonicalLine(list));
   return kExitSuccess;
 }
