@@ -45,19 +45,6 @@ class ScriptedPlatform final : public PlatformFiles {
   mutable std::vector<fs::path> changed;  // one swap at a time in these tests
 };
 
-// The text of the error that running `op` on `args` ends in, or "" on
-// success. Caught where it is thrown, on the pool, so that no exception
-// object is shared between threads.
-boost::asio::awaitable<std::string> failureOf(const DaemonOp& op, JSONObject args) {
-  const DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
-  try {
-    JSONValue ignored = co_await op.execute(args, context);
-  } catch (const std::exception& e) {
-    co_return std::string(e.what());
-  }
-  co_return std::string();
-}
-
 // What the decoder says of `bytes` as an allowlist.
 std::string decodingFailure(const std::string& bytes) {
   try {
@@ -148,7 +135,7 @@ class PlatformUpdateTest : public testing::DaemonFixture {
 
   // The text of the error that `args` end in, or "" on success.
   std::string failure(const JSONObject& args) {
-    return testing::runOn(pool, failureOf(*op, args));
+    return testing::runOn(pool, testing::failureOf(*op, args));
   }
 
   Ed25519KeyPair key{"vendor-test"};
