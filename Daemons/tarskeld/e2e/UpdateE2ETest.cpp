@@ -36,10 +36,10 @@ class UpdateTest : public E2EFixture {
     return staged;
   }
 
-  JSONObject swapArgs(const fs::path& staged) const {
+  JSONObject swapArgs(const fs::path& staged, const std::string& appName = "Tarskel.app") const {
     return {{"action", "swap"},
             {"stagedRoot", staged.string()},
-            {"appName", "Tarskel.app"},
+            {"appName", appName},
             {"installedApp", installedApp().string()},
             {"previousPath", previousPath().string()}};
   }
@@ -67,7 +67,7 @@ TEST_F(UpdateTest, SwapThenRollbackThenASecondRollbackIsRefused) {
   EXPECT_EQ(resultAt(swapped, "to"), JSONValue("2.0.0"));
   EXPECT_EQ(installedVersion(), "v2.0.0");
   EXPECT_EQ(readFile(previousPath() / "Contents/MacOS/tarskel"), "v1");
-  EXPECT_FALSE(fs::exists(staged / "Tarskel.app"));
+  EXPECT_EQ(readFile(staged / kExecutable), "v2.0.0");  // a copy was installed; the tree stays
 
   DaemonResponse rolledBack = call("platform.applyUpdate", rollbackArgs());
   ASSERT_EQ(codeOf(rolledBack), "ok") << messageOf(rolledBack);
@@ -91,6 +91,7 @@ TEST_F(UpdateTest, RefusedTreesMoveNothing) {
     std::string name;
     std::function<fs::path()> prepare;
     std::string message;
+    std::string appName = "Tarskel.app";
   } cases[] = {
       {"tampered",
        [&] {
@@ -101,12 +102,23 @@ TEST_F(UpdateTest, RefusedTreesMoveNothing) {
        "platform.applyUpdate falló: sha256 no coincide: Tarskel.app/Contents/MacOS/tarskel"},
       {"service", [&] { return stage("4.0.0", ArtifactType::service); },
        "platform.applyUpdate falló: el artefacto staged no es de plataforma"},
+      // The seal leaves vendor/ out of the content: a bundle there was never
+      // verified, however genuine the seal beside it.
+      {"appName under vendor",
+       [&] {
+         fs::path staged = stage("5.0.0");
+         writeFile(staged / "vendor/Evil.app/Contents/MacOS/tarskel", "evil");
+         return staged;
+       },
+       "platform.applyUpdate falló: appName debe ser un solo componente de ruta del contenido "
+       "sellado (ni vendor, ni ., ni ..): vendor/Evil.app",
+       "vendor/Evil.app"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     fs::path staged = c.prepare();
     std::string stagedBefore = readFile(staged / kExecutable);
-    DaemonResponse refused = call("platform.applyUpdate", swapArgs(staged));
+    DaemonResponse refused = call("platform.applyUpdate", swapArgs(staged, c.appName));
     EXPECT_EQ(codeOf(refused), "opFailed");
     EXPECT_EQ(messageOf(refused), c.message);
     EXPECT_EQ(installedVersion(), "v1");

@@ -1,14 +1,11 @@
 #include "tarskel/daemon/FsReadProtectedPathOp.hpp"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <string>
 
-#include "tarskel/daemon/FileSystemError.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
+#include "tarskel/protocol/base/Files.hpp"
 
 namespace tarskel {
 namespace {
@@ -39,32 +36,31 @@ std::optional<struct stat> describe(const std::string& path) {
   return info;
 }
 
-// Reads to the end, however far that is now. O_NOFOLLOW and the fstat keep a
-// link or a fifo swapped in after the check from being read or waited on.
-std::string readAll(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) throw FileSystemError::fromErrno("no se pudo leer", path, errno);
-  struct stat info {};
-  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    ::close(fd);
-    throw notRegular(path);
-  }
-  std::string bytes;
-  bytes.reserve(static_cast<std::size_t>(info.st_size));
-  char buffer[65536];
-  for (;;) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      int error = errno;
-      ::close(fd);
-      throw FileSystemError::fromErrno("no se pudo leer", path, error);
+DaemonOpError aboveCap(const std::string& path) {
+  return DaemonOpError("archivo supera el tope de " +
+                       std::to_string(FsReadProtectedPathOp::maxBytes) + " bytes: " + path);
+}
+
+// At most the cap plus one byte is ever held, whatever the size seen above
+// said: a file that grows after the check, or a kernel file that reports
+// size 0 and never ends (/proc/self/pagemap), is refused like one that was
+// too big from the start. O_NOFOLLOW, O_NONBLOCK and the fstat keep a link
+// or a FIFO swapped in after the check from being read or waited on.
+std::string readCapped(const std::string& path) {
+  try {
+    return readFile(path, FsReadProtectedPathOp::maxBytes, {.followLastLink = false});
+  } catch (const FileReadError& e) {
+    switch (e.kind()) {
+      case FileReadError::Kind::notRegular:
+        throw notRegular(path);
+      case FileReadError::Kind::tooLarge:
+        throw aboveCap(path);
+      case FileReadError::Kind::cannotOpen:
+      case FileReadError::Kind::readFailed:
+        break;
     }
-    if (n == 0) break;
-    bytes.append(buffer, static_cast<std::size_t>(n));
+    throw FileSystemError::fromErrno("no se pudo leer", path, e.errorNumber());
   }
-  ::close(fd);
-  return bytes;
 }
 
 }  // namespace
@@ -81,10 +77,9 @@ boost::asio::awaitable<JSONValue> FsReadProtectedPathOp::execute(
   std::optional<struct stat> info = describe(path);
   if (!info || !S_ISREG(info->st_mode)) throw notRegular(path);
   if (info->st_size < 0 || static_cast<std::uint64_t>(info->st_size) > maxBytes) {
-    throw DaemonOpError("archivo supera el tope de " + std::to_string(maxBytes) +
-                        " bytes: " + path);
+    throw aboveCap(path);
   }
-  std::string bytes = readAll(path);
+  std::string bytes = readCapped(path);
   const auto size = static_cast<std::int64_t>(bytes.size());
   co_return JSONValue(JSONObject{
       {"path", JSONValue(path)},

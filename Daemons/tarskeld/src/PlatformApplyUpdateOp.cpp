@@ -1,11 +1,14 @@
 #include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <stdlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <string>
+
+#include "SealedCopy.hpp"
+#include "tarskel/protocol/base/Clock.hpp"
 
 #include "tarskel/protocol/base/Date.hpp"
 #include "tarskel/protocol/base/Files.hpp"
@@ -98,6 +101,52 @@ void moveQuietly(const fs::path& from, const fs::path& to) {
 
 std::string errnoSuffix(int errorNumber) { return "errno " + std::to_string(errorNumber); }
 
+// One name of the sealed content: not empty, no separator, not the seal's
+// own directory, not "." or "..". Anything else could name what the seal
+// never covered ("vendor/Evil.app", "../Evil.app").
+bool isContentName(const std::string& name) {
+  return !name.empty() && name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos && name != "." && name != ".." &&
+         name != BundleSeal::vendorDir;
+}
+
+bool sealsDirectory(const HashManifest& manifest, const std::string& name) {
+  const std::string prefix = name + "/";
+  return std::any_of(manifest.files.begin(), manifest.files.end(),
+                     [&prefix](const HashManifest::FileEntry& entry) {
+                       return entry.path.starts_with(prefix);
+                     });
+}
+
+// A directory of root's own beside the installed bundle, on its file system
+// so that the exchange is one rename: ".<bundle>.update-<random>", mode 0700.
+// Removed with what is left in it, unless kept.
+class Workspace {
+ public:
+  explicit Workspace(const fs::path& installedApp) {
+    std::string pattern =
+        (installedApp.parent_path() / ("." + installedApp.filename().string() + ".update-XXXXXX"))
+            .string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+      throw DaemonOpError("no se pudo preparar la copia junto a " +
+                          installedApp.parent_path().string() + ": " + errnoSuffix(errno));
+    }
+    path_ = pattern;
+  }
+  Workspace(const Workspace&) = delete;
+  Workspace& operator=(const Workspace&) = delete;
+  ~Workspace() {
+    if (!kept_) removeQuietly(path_);
+  }
+
+  const fs::path& path() const { return path_; }
+  void keep() { kept_ = true; }
+
+ private:
+  fs::path path_;
+  bool kept_ = false;
+};
+
 }  // namespace
 
 PlatformApplyUpdateOp::PlatformApplyUpdateOp(fs::path rootURL,
@@ -144,21 +193,45 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
                         ") — root no intercambia lo que no puede verificar");
   }
   const auto allowlist = TarskelJSON::decoder().decode<VendorAllowlist>(*allowlistBytes);
+  if (!isContentName(appName)) {
+    throw DaemonOpError("appName debe ser un solo componente de ruta del contenido sellado "
+                        "(ni vendor, ni ., ni ..): " + appName);
+  }
 
   // No installed version is given, so an older sealed version passes: what
   // is judged is signature, expiry and exact contents.
-  const VendorVerification verification(std::make_shared<Ed25519Algorithm>(),
-                                        [] { return Date::now(); });
+  const VendorVerification verification(std::make_shared<Ed25519Algorithm>(), systemClock());
   const HashManifest manifest =
       BundleSeal::verify(stagedRoot, verification, allowlist, std::nullopt, false);
   if (manifest.artifactType != ArtifactType::platform) {
     throw DaemonOpError("el artefacto staged no es de plataforma");
   }
-
-  // Appended as text: an appName that starts with "/" stays inside the tree.
-  const fs::path candidate = platformFilePath(stagedRoot.string() + "/" + appName);
-  if (!hasAppExtension(candidate) || !existsAt(candidate)) {
+  // The bundle must be a directory holding sealed files: a name the
+  // manifest never covers (an empty directory, a stray file) is not it.
+  if (!hasAppExtension(fs::path(appName)) || !sealsDirectory(manifest, appName)) {
     throw DaemonOpError("el artefacto verificado no trae " + appName);
+  }
+
+  // The staged tree stays the stager's: what is installed is a copy of the
+  // sealed files in a directory of root's own, verified again, so nothing
+  // the stager does from now on reaches the installation.
+  Workspace workspace(installedApp);
+  try {
+    copySealedFiles(stagedRoot, manifest, workspace.path(), *platform_);
+  } catch (const SealedCopyError& e) {
+    throw DaemonOpError("no se pudo copiar el árbol staged: " + e.description());
+  }
+  try {
+    BundleSeal::verify(workspace.path(), verification, allowlist, std::nullopt, false);
+  } catch (const std::exception& e) {
+    throw DaemonOpError("el árbol staged cambió durante la actualización: " +
+                        std::string(e.what()));
+  }
+  const fs::path candidate = workspace.path() / appName;
+  try {
+    finishCopy(candidate, *platform_);
+  } catch (const SealedCopyError& e) {
+    throw DaemonOpError("no se pudieron restablecer los permisos: " + e.description());
   }
   if (platform_->effectiveUserId() == 0) chownTreeToRootWheel(candidate, *platform_);
 
@@ -170,8 +243,10 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
   if (int error = platform_->exchange(candidate, installedApp); error != 0) {
     throw DaemonOpError("renamex_np(RENAME_SWAP) falló: " + errnoSuffix(error));
   }
-  // The update has taken effect; keeping the old version is best effort.
+  // The update has taken effect; keeping the old version is best effort. If
+  // it can't be kept, it stays in the workspace rather than being lost.
   moveQuietly(candidate, previousURL);
+  if (existsAt(candidate)) workspace.keep();
   return JSONValue(JSONObject{{"swapped", JSONValue(true)}, {"to", JSONValue(manifest.version)}});
 }
 
@@ -198,14 +273,16 @@ void PlatformApplyUpdateOp::chownTreeToRootWheel(const fs::path& at,
   };
   changeOrThrow(at);
 
-  // Links are not followed into, and unreadable directories are passed over
-  // rather than ending the walk.
+  // Links are not followed into. A walk that can't reach every entry fails:
+  // a tree handed to root only in part must not be installed.
   std::error_code error;
-  fs::recursive_directory_iterator entry(at, fs::directory_options::skip_permission_denied, error);
-  if (error) return;
-  for (const fs::recursive_directory_iterator end; entry != end; entry.increment(error)) {
-    if (error) return;
+  fs::recursive_directory_iterator entry(at, error);
+  for (const fs::recursive_directory_iterator end; !error && entry != end; entry.increment(error)) {
     changeOrThrow(entry->path());
+  }
+  if (error) {
+    throw DaemonOpError("recorrido de " + at.string() + " incompleto: " +
+                        errnoSuffix(error.value()));
   }
 }
 

@@ -56,6 +56,11 @@ TEST_F(FsReadTest, CapIsInclusive) {
       EXPECT_EQ(refusal(path), cap + path);
       continue;
     }
+    if (tc.size == 0) {
+      // Passes the size check with size 0, then never ends: refused at the
+      // cap rather than read until memory runs out.
+      EXPECT_EQ(refusal("/proc/self/pagemap"), cap + "/proc/self/pagemap");
+    }
     JSONValue result = read(path);
     EXPECT_EQ(*result["path"], JSONValue(path));
     EXPECT_EQ(result["size"]->numberValue(), static_cast<double>(tc.size));

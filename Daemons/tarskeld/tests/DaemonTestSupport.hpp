@@ -19,6 +19,19 @@ namespace tarskel::testing {
 
 using TempDir = TempDirectory;
 
+// The text of the error that running `op` on `args` ends in, or "" on
+// success. Caught where it is thrown, on the pool, so that no exception
+// object is shared between threads.
+inline boost::asio::awaitable<std::string> failureOf(const DaemonOp& op, JSONObject args) {
+  const DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
+  try {
+    JSONValue ignored = co_await op.execute(args, context);
+  } catch (const std::exception& e) {
+    co_return std::string(e.what());
+  }
+  co_return std::string();
+}
+
 // Runs `task` on `pool` and waits for its value (or rethrows its error).
 template <class T>
 T runOn(boost::asio::thread_pool& pool, boost::asio::awaitable<T> task) {

@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <functional>
+#include <thread>
 
 #include "DaemonTestSupport.hpp"
 #include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
@@ -34,27 +36,14 @@ class ScriptedPlatform final : public PlatformFiles {
   uid_t effectiveUserId() const override { return euid; }
   int changeOwnerToRootWheel(const fs::path& path) const override {
     changed.push_back(path);
-    if (path == refusedPath) return EPERM;
+    if (!refusedSuffix.empty() && path.string().ends_with(refusedSuffix)) return EPERM;
     return PlatformFiles::system()->changeOwnerToRootWheel(path);
   }
 
   uid_t euid = 0;
-  fs::path refusedPath;
+  std::string refusedSuffix;
   mutable std::vector<fs::path> changed;  // one swap at a time in these tests
 };
-
-// The text of the error that running `op` on `args` ends in, or "" on
-// success. Caught where it is thrown, on the pool, so that no exception
-// object is shared between threads.
-boost::asio::awaitable<std::string> failureOf(const DaemonOp& op, JSONObject args) {
-  const DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
-  try {
-    JSONValue ignored = co_await op.execute(args, context);
-  } catch (const std::exception& e) {
-    co_return std::string(e.what());
-  }
-  co_return std::string();
-}
 
 // What the decoder says of `bytes` as an allowlist.
 std::string decodingFailure(const std::string& bytes) {
@@ -70,6 +59,12 @@ uid_t ownerOf(const fs::path& path) {
   struct stat info {};
   EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
   return info.st_uid;
+}
+
+mode_t modeOf(const fs::path& path) {
+  struct stat info {};
+  EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
+  return info.st_mode & 07777;
 }
 
 class PlatformUpdateTest : public testing::DaemonFixture {
@@ -140,7 +135,7 @@ class PlatformUpdateTest : public testing::DaemonFixture {
 
   // The text of the error that `args` end in, or "" on success.
   std::string failure(const JSONObject& args) {
-    return testing::runOn(pool, failureOf(*op, args));
+    return testing::runOn(pool, testing::failureOf(*op, args));
   }
 
   Ed25519KeyPair key{"vendor-test"};
@@ -152,19 +147,31 @@ class PlatformUpdateTest : public testing::DaemonFixture {
 
 const JSONValue kRolledBack(JSONObject{{"rolledback", true}});
 
-TEST_F(PlatformUpdateTest, SwapInstallsTheSealedBundleAndKeepsTheOldOne) {
+// Only the copy is installed: the staged tree stays the stager's, untouched,
+// and the installed bundle is root's with sane modes whatever was staged.
+TEST_F(PlatformUpdateTest, SwapInstallsAResetCopyAndKeepsTheOldOne) {
   fs::path staged = stage("2.0.0");
+  const fs::path binary = staged / "Tarskel.app/Contents/MacOS/tarskel";
+  ::chmod(binary.c_str(), 06777);
+  ::chmod((staged / "Tarskel.app/Contents").c_str(), 0777);
 
   EXPECT_EQ(run(swapArgs(staged)), JSONValue(JSONObject{{"swapped", true}, {"to", "2.0.0"}}));
   EXPECT_EQ(versionAt(installed), "2.0.0");
   EXPECT_EQ(versionAt(previous), "1.0.0");  // its directory did not exist before
-  EXPECT_FALSE(fs::exists(staged / "Tarskel.app"));
-  // Only the bundle is handed to root; the seal beside it stays as staged.
+  EXPECT_EQ(versionAt(staged / "Tarskel.app"), "2.0.0");
+  EXPECT_EQ(ownerOf(binary), kStagingUser);
+  EXPECT_EQ(modeOf(binary), 06777u);
+  EXPECT_EQ(modeOf(installed / "Contents/MacOS/tarskel"), 0755u);
+  EXPECT_EQ(modeOf(installed / "Contents"), 0755u);
+  EXPECT_EQ(modeOf(installed / "Contents/version"), 0644u);
   for (const auto& entry : fs::recursive_directory_iterator(installed)) {
     EXPECT_EQ(ownerOf(entry.path()), 0u) << entry.path();
   }
   EXPECT_EQ(ownerOf(installed), 0u);
-  EXPECT_EQ(ownerOf(staged / "vendor/manifest.json"), kStagingUser);
+  // Nothing but the bundles is left beside them.
+  std::size_t entries = 0;
+  for ([[maybe_unused]] const auto& e : fs::directory_iterator(installed.parent_path())) ++entries;
+  EXPECT_EQ(entries, 1u);
 }
 
 TEST_F(PlatformUpdateTest, RollbackSwapsBackOnceEvenWithoutAnAllowlist) {
@@ -192,7 +199,7 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
   const std::string unprovisioned = "gate vendor del daemon sin provisionar (" +
                                     allowlistPath().string() +
                                     ") — root no intercambia lo que no puede verificar";
-  const std::vector<Case> cases = {
+  std::vector<Case> cases = {
       {"no allowlist",
        [&] {
          fs::remove(allowlistPath());
@@ -250,7 +257,36 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
        "el artefacto verificado no trae Tarskel", "Tarskel"},
       {"app not in the tree", [&] { return stage("2.0.0"); },
        "el artefacto verificado no trae Other.app", "Other.app"},
+      {"allowlist is a FIFO, which must not block",
+       [&] {
+         fs::remove(allowlistPath());
+         ::mkfifo(allowlistPath().c_str(), 0600);
+         return stage("2.0.0");
+       },
+       unprovisioned},
+      {"allowlist key of small order",
+       [&] {
+         // The identity point: every signature verifies under it.
+         testing::writeFile(allowlistPath(),
+                            R"({"keys":[{"keyId":"weak","publicKey":"AQAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA="}],"revision":1})");
+         return stage("2.0.0");
+       },
+       "clave vendor 'weak'", "Tarskel.app", false},
   };
+  // An appName that is not one name of the sealed content never reaches the
+  // seal: the seal's own directory, or a climb out of the tree.
+  for (const std::string name : {"vendor/Evil.app", "../Evil.app", "vendor", ".", "..", "a/b.app"}) {
+    cases.push_back({"appName " + name,
+                     [&] {
+                       fs::path staged = stage("2.0.0");
+                       makeApp(staged / "vendor/Evil.app", "6.6.6");
+                       makeApp(staged / "../Evil.app", "6.6.6");
+                       return staged;
+                     },
+                     "appName debe ser un solo componente de ruta del contenido sellado (ni "
+                     "vendor, ni ., ni ..): " + name,
+                     name});
+  }
   for (const Case& tc : cases) {
     SCOPED_TRACE(tc.name);
     SetUp();
@@ -267,6 +303,9 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
     EXPECT_EQ(versionAt(previous), "0.9.0");
     EXPECT_EQ(versionAt(staged / "Tarskel.app"), "2.0.0");
     EXPECT_EQ(ownerOf(staged / "Tarskel.app"), kStagingUser);
+    std::size_t besideInstalled = 0;
+    for ([[maybe_unused]] const auto& e : fs::directory_iterator(installed.parent_path())) ++besideInstalled;
+    EXPECT_EQ(besideInstalled, 1u);  // no workspace left behind
     fs::remove_all(dir.path());
     fs::create_directory(dir.path());
   }
@@ -304,19 +343,17 @@ TEST_F(PlatformUpdateTest, ArgumentsThatNameNoAction) {
 
 // What a failure leaves after each step of a swap: the installed bundle is
 // whole in every row.
-TEST_F(PlatformUpdateTest, ChownRefusedMidTreeLeavesTheOldInstallation) {
-  if (::geteuid() != 0) GTEST_SKIP() << "owner changes need root";
+TEST_F(PlatformUpdateTest, ChownRefusedMidTreeInstallsNothing) {
   makeApp(previous, "0.9.0");
   const fs::path staged = stage("2.0.0");
-  const fs::path app = staged / "Tarskel.app";
-  platform->refusedPath = app / "Contents/MacOS";
+  platform->refusedSuffix = "/Tarskel.app/Contents/MacOS";
 
-  EXPECT_EQ(failure(swapArgs(staged)),
-            "chown de " + (app / "Contents/MacOS").string() + " falló: errno 1");
+  const std::string text = failure(swapArgs(staged));
+  EXPECT_TRUE(text.starts_with("chown de ") && text.ends_with("/Contents/MacOS falló: errno 1"))
+      << text;
   EXPECT_EQ(versionAt(installed), "1.0.0");
   EXPECT_EQ(versionAt(previous), "0.9.0");
-  EXPECT_EQ(ownerOf(app), 0u);  // changed before the refusal, and left so
-  EXPECT_EQ(platform->changed.front(), app);
+  EXPECT_EQ(ownerOf(staged / "Tarskel.app"), kStagingUser);  // the walk ran on the copy
 }
 
 TEST_F(PlatformUpdateTest, MissingInstallationIsRefusedByTheExchange) {
@@ -342,7 +379,6 @@ TEST_F(PlatformUpdateTest, UnkeptOldVersionStillSucceedsButCannotBeRolledBack) {
 
   EXPECT_EQ(run(swapArgs(staged)), JSONValue(JSONObject{{"swapped", true}, {"to", "2.0.0"}}));
   EXPECT_EQ(versionAt(installed), "2.0.0");
-  EXPECT_EQ(versionAt(staged / "Tarskel.app"), "1.0.0");
   EXPECT_EQ(failure(rollbackArgs()), "sin versión anterior cacheada en " + previous.string());
 }
 
@@ -353,7 +389,6 @@ TEST_F(PlatformUpdateTest, NotRootSkipsTheOwnerChangeAndStillSwaps) {
   EXPECT_EQ(failure(swapArgs(staged)), "");
   EXPECT_TRUE(platform->changed.empty());
   EXPECT_EQ(versionAt(installed), "2.0.0");
-  EXPECT_EQ(ownerOf(installed), kStagingUser);
 }
 
 // The real lchown, refused to a process that is not root.
@@ -413,11 +448,72 @@ TEST_F(PlatformUpdateTest, ThroughTheCoreTheSchemaComesFirst) {
   ASSERT_TRUE(swapped.ok);
   EXPECT_EQ(*swapped.result, JSONValue(JSONObject{{"swapped", true}, {"to", "2.0.0"}}));
 
-  DaemonResponse second = handle(swapArgs(staged));
-  ASSERT_TRUE(second.error);
-  EXPECT_EQ(second.error->code, "opFailed");
-  EXPECT_EQ(second.error->message.rfind("platform.applyUpdate falló: ", 0), 0u);
-  EXPECT_EQ(auditRows(), 3);
+  DaemonResponse refusedOp = handle(rollbackArgs());
+  refusedOp = handle(rollbackArgs());  // the second in a row finds nothing kept
+  ASSERT_TRUE(refusedOp.error);
+  EXPECT_EQ(refusedOp.error->code, "opFailed");
+  EXPECT_EQ(refusedOp.error->message.rfind("platform.applyUpdate falló: ", 0), 0u);
+  EXPECT_EQ(auditRows(), 4);
+}
+
+// A stager that keeps changing its tree while updates run: renames an
+// unverified bundle in and out, swaps a file for a link to a file outside,
+// opens every mode. Whatever the timing, only the sealed bytes are ever
+// installed, and nothing outside the tree is touched.
+TEST_F(PlatformUpdateTest, RacingStagerNeverGetsUnverifiedBytesInstalled) {
+  const fs::path staged = stage("2.0.0");
+  const fs::path app = staged / "Tarskel.app";
+  const fs::path binary = app / "Contents/MacOS/tarskel";
+  makeApp(dir.file("evil/Tarskel.app"), "6.6.6");
+  const fs::path outside = dir.file("outside/secret");
+  testing::writeFile(outside, "secret");
+  ::chmod(outside.c_str(), 0600);
+  ::lchown(outside.c_str(), kStagingUser + 1, kStagingUser + 1);
+
+  std::atomic<bool> stop{false};
+  std::thread stager([&] {
+    std::error_code e;
+    for (unsigned i = 0; !stop; ++i) {
+      switch (i % 3) {
+        case 0:  // the genuine bundle out, an unverified one in, and back
+          fs::rename(app, dir.file("parked.app"), e);
+          fs::rename(dir.file("evil/Tarskel.app"), app, e);
+          std::this_thread::yield();
+          fs::rename(app, dir.file("evil/Tarskel.app"), e);
+          fs::rename(dir.file("parked.app"), app, e);
+          break;
+        case 1:  // the binary becomes a link out of the tree, then itself again
+          fs::rename(binary, dir.file("parked-binary"), e);
+          fs::create_symlink(outside, binary, e);
+          std::this_thread::yield();
+          fs::remove(binary, e);
+          fs::rename(dir.file("parked-binary"), binary, e);
+          break;
+        default:
+          ::chmod(binary.c_str(), 06777);
+          ::chmod(app.c_str(), 0777);
+          break;
+      }
+      // Quiet spells of varying length, so that some updates also get through.
+      std::this_thread::sleep_for(std::chrono::microseconds(200 * (i % 16)));
+    }
+  });
+  int installedCount = 0;
+  for (int round = 0; round < 40; ++round) {
+    const std::string text = failure(swapArgs(staged));
+    if (text.empty()) ++installedCount;
+    const std::string now = testing::readFile(installed / "Contents/MacOS/tarskel");
+    EXPECT_TRUE(now == "binary 2.0.0" || now == "binary 1.0.0") << round << ": " << now << text;
+    EXPECT_FALSE(fs::is_symlink(installed / "Contents/MacOS/tarskel"));
+    EXPECT_EQ(modeOf(installed) & 07022, 0u);
+    EXPECT_EQ(modeOf(installed / "Contents/MacOS/tarskel") & 07022, 0u);
+  }
+  stop = true;
+  stager.join();
+  EXPECT_GT(installedCount, 0);
+  EXPECT_EQ(testing::readFile(outside), "secret");
+  EXPECT_EQ(ownerOf(outside), kStagingUser + 1);
+  EXPECT_EQ(modeOf(outside), 0600u);
 }
 
 }  // namespace

@@ -35,17 +35,13 @@ class TeamTrustTest : public ::testing::Test {
   std::vector<std::string> lines_;
 };
 
-TEST_F(TeamTrustTest, AbsentFileIsNotProvisionedAndSilent) {
-  EXPECT_FALSE(Load().has_value());
-  EXPECT_TRUE(lines_.empty());
-}
-
-TEST_F(TeamTrustTest, UnreadablePathsAreNotProvisioned) {
-  fs::create_directory(root_ / "vendor/teams.json");  // a directory where the file should be
+// Nothing readable as a file at the path: not provisioned, and silent. A
+// FIFO without a writer must neither block start-up nor count as a file.
+TEST_F(TeamTrustTest, NothingReadableIsNotProvisioned) {
+  EXPECT_FALSE(Load().has_value());  // absent
+  fs::create_directory(root_ / "vendor/teams.json");
   EXPECT_FALSE(Load().has_value());
   fs::remove(root_ / "vendor/teams.json");
-
-  // A FIFO without a writer must neither block start-up nor count as a file.
   ASSERT_EQ(::mkfifo((root_ / "vendor/teams.json").c_str(), 0600), 0);
   EXPECT_FALSE(Load().has_value());
   EXPECT_TRUE(lines_.empty());
@@ -53,17 +49,10 @@ TEST_F(TeamTrustTest, UnreadablePathsAreNotProvisioned) {
 
 TEST_F(TeamTrustTest, WellFormedFileGivesItsListInOrder) {
   Write(R"({"teamIds":["ZZZ111","AAA222"],"comment":"ignored","revision":9007199254740993})");
-  auto trust = Load();
-  ASSERT_TRUE(trust.has_value());
-  // Read exactly, not through a double (which would give ...992).
-  EXPECT_EQ(trust->revision, 9007199254740993);
-  EXPECT_EQ(trust->teamIds, (std::vector<std::string>{"ZZZ111", "AAA222"}));
-  EXPECT_TRUE(lines_.empty());
-}
-
-TEST_F(TeamTrustTest, EmptyListIsPresent) {
+  // The revision is read exactly, not through a double (which gives ...992).
+  EXPECT_EQ(Load(), (TeamTrust{9007199254740993, {"ZZZ111", "AAA222"}}));
   Write(R"({"revision":3,"teamIds":[]})");
-  EXPECT_EQ(Load(), (TeamTrust{3, {}}));
+  EXPECT_EQ(Load(), (TeamTrust{3, {}}));  // an empty list is present
   EXPECT_TRUE(lines_.empty());
 }
 

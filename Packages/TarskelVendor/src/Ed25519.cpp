@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tarskel/protocol/base/Base64.hpp"
+#include "tarskel/protocol/vendor/HashManifest.hpp"
 
 namespace tarskel {
 namespace {
@@ -55,6 +56,9 @@ std::string rawKey(const EVP_PKEY* key, bool isPrivate) {
 bool Ed25519Algorithm::verify(std::string_view signature, std::string_view message,
                               std::string_view publicKey) const {
   if (publicKey.size() != kKeyBytes || signature.size() != kSignatureBytes) return false;
+  // Under a small-order or non-canonical key a forged signature verifies for
+  // any message; such a key verifies nothing here.
+  if (ed25519KeyWeakness(publicKey)) return false;
   PKeyPtr key(EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, bytes(publicKey),
                                           publicKey.size()),
               &EVP_PKEY_free);

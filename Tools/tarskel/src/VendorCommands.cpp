@@ -235,6 +235,11 @@ int allowlist(const AllowlistOptions& o) {
   std::map<std::string, std::string> seen;  // key id -> the file it came from
   for (const std::string& path : o.keyFiles) {
     VendorKey key = loadVendorKey(path, o.strict);
+    // Never list a key every forged signature verifies under.
+    const std::optional<std::string> raw = base64Decode(key.publicKey);
+    if (const auto weakness = raw ? ed25519KeyWeakness(*raw) : std::nullopt) {
+      throw ToolFailure(kExitUsage, path + ": clave vendor '" + key.keyId + "' rechazada: " + *weakness);
+    }
     if (auto [it, fresh] = seen.emplace(key.keyId, path); !fresh) {
       throw ToolFailure(kExitUsage, "key id '" + key.keyId + "' twice: " + it->second + " and " + path);
     }

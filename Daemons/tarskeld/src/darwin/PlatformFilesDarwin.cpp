@@ -1,5 +1,8 @@
+#include <fcntl.h>
 #include <mach-o/dyld.h>
 #include <stdio.h>
+#include <sys/acl.h>
+#include <sys/clonefile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "OpenBeneath.hpp"
 #include "tarskel/daemon/PlatformFiles.hpp"
 
 namespace tarskel {
@@ -36,6 +40,33 @@ class DarwinPlatformFiles final : public PlatformFiles {
 };
 
 }  // namespace
+
+int PlatformFiles::openBeneath(int directory, const std::string& relative, int flags) const {
+  return openBeneathByComponents(directory, relative, flags);
+}
+
+// fclonefileat(2): a copy-on-write clone on APFS; ENOTSUP elsewhere, and
+// EXDEV across volumes. CLONE_NOFOLLOW keeps a link at `name` from being
+// followed; CLONE_NOOWNERCOPY gives the clone the caller's ownership.
+int PlatformFiles::cloneFile(int source, int destinationDirectory, const std::string& name) const {
+  if (::fclonefileat(source, destinationDirectory, name.c_str(),
+                     CLONE_NOFOLLOW | CLONE_NOOWNERCOPY) == 0) {
+    return 0;
+  }
+  return errno;
+}
+
+// An empty ACL of the extended type replaces whatever entries the file
+// carries; acl_set_link_np does not follow a final link.
+int PlatformFiles::stripAccessControl(const std::filesystem::path& path) const {
+  acl_t empty = ::acl_init(0);
+  if (empty == nullptr) return errno;
+  const int result = ::acl_set_link_np(path.c_str(), ACL_TYPE_EXTENDED, empty);
+  const int error = errno;
+  ::acl_free(empty);
+  if (result == 0 || error == ENOTSUP) return 0;
+  return error;
+}
 
 std::shared_ptr<const PlatformFiles> PlatformFiles::system() {
   static const std::shared_ptr<const PlatformFiles> instance =

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 
@@ -69,6 +70,56 @@ TEST(VendorAllowlistTest, KeyWithIdReturnsTheFirstOfEqualIds) {
 TEST(VendorAllowlistTest, SigningPayloadIsTheCanonicalEncoding) {
   VendorAllowlist list{7, {{"k1", "AAAA/+=="}}};
   EXPECT_EQ(list.signingPayload(), R"({"keys":[{"keyId":"k1","publicKey":"AAAA\/+=="}],"revision":7})");
+}
+
+// Keys under which a forged signature verifies for any message are refused
+// whenever an allowlist is read, naming the key; ordinary keys, and bytes
+// that are no key at all (their signatures simply fail), pass.
+TEST(HashManifestTest, AllowlistRefusesNonCanonicalAndSmallOrderKeys) {
+  auto hex = [](std::string_view digits) {
+    std::string out;
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+      out.push_back(static_cast<char>(std::stoi(std::string(digits.substr(i, 2)), nullptr, 16)));
+    }
+    return out;
+  };
+  const std::string ff(60, 'f');
+  struct Case {
+    std::string name, raw;
+    std::optional<std::string> why;
+  };
+  const std::string nonCanonical = "codificación no canónica (y ≥ p)";
+  const std::string smallOrder = "punto de orden pequeño";
+  const Case cases[] = {
+      {"y = p", hex("ed" + ff + "7f"), nonCanonical},
+      {"y = 2^255 - 1 with the sign bit", hex("ff" + ff + "ff"), nonCanonical},
+      {"identity", hex("01" + std::string(62, '0')), smallOrder},
+      {"identity, negative zero", hex("01" + std::string(60, '0') + "80"), smallOrder},
+      {"order 2", hex("ec" + ff + "7f"), smallOrder},
+      {"order 4", std::string(32, '\0'), smallOrder},
+      {"order 8", hex("26e8958fc2b227b045c3f489f2ef98f0d5dfac05d3c63339b13802886d53fc05"), smallOrder},
+      {"order 8, other sign", hex("c7176a703d4dd84fba3c0b760d10670f2a2053fa2c39ccc64ec7fd7792ac03fa"),
+       smallOrder},
+      {"y = p - 20, canonical", hex("ec" + ff + "7e"), std::nullopt},
+      {"RFC 8032 test key", hex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a"),
+       std::nullopt},
+      {"31 bytes", std::string(31, '\0'), std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(ed25519KeyWeakness(c.raw), c.why);
+    const std::string json = R"({"revision":1,"keys":[{"keyId":"good","publicKey":")" +
+                             base64Encode(hex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a")) +
+                             R"("},{"keyId":"k1","publicKey":")" + base64Encode(c.raw) + R"("}]})";
+    try {
+      EXPECT_EQ(TarskelJSON::decoder().decode<VendorAllowlist>(json).keys.size(), 2u);
+      EXPECT_FALSE(c.why);
+    } catch (const DecodingError& e) {
+      ASSERT_TRUE(c.why) << e.what();
+      EXPECT_EQ(e.codingPath(), "keys[1].publicKey");
+      EXPECT_EQ(e.debugDescription(), "clave vendor 'k1' rechazada: " + *c.why);
+    }
+  }
 }
 
 }  // namespace

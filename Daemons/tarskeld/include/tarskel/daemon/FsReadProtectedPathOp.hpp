@@ -18,8 +18,12 @@ namespace tarskel {
 // "archivo supera el tope de 1048576 bytes: <path>" (both DaemonOpError).
 // A failing read throws FileSystemError. Returns
 //   {"path": as given, "size": bytes read, "contentsBase64": the bytes}
-// The size check is made once, before the read: a file that grows meanwhile
-// is returned whole. The read blocks the worker thread that runs it.
+// The read itself holds at most maxBytes + 1 bytes and refuses beyond the
+// cap with the same text, so a file that grows after the size check, or a
+// kernel file that reports size 0 and never ends (/proc/self/pagemap), can't
+// exhaust memory. It opens without blocking and without following a final
+// link, and reads only a regular file. It blocks the worker thread that
+// runs it.
 class FsReadProtectedPathOp final : public DaemonOp {
  public:
   // Inclusive: a file of exactly this size is read.

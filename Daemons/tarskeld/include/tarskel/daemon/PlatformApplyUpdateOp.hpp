@@ -22,19 +22,26 @@ namespace tarskel {
 //   "failedPath"    rollback: where the version rolled back from goes
 // Paths are file paths; a relative one is taken from the current directory.
 //
-// A swap verifies the seal, hands the staged .app to root (when the daemon
-// runs as root), empties previousPath, exchanges the staged .app with the
-// installed one in one system call, then moves the old version to
-// previousPath: {"swapped": true, "to": <manifest version>}. A rollback
-// exchanges previousPath with installedApp and moves the failed version to
-// failedPath: {"rolledback": true}. Neither undoes a step, and at every
-// instant a whole bundle lies at installedApp. What a failed swap leaves:
-//   before the owner change     nothing moved, the staged .app unchanged
-//   owner change refused        the staged .app owned by root in part
+// A swap verifies the seal, then installs only bytes out of the stager's
+// reach: the sealed files are copied (reflink-cloned where the file system
+// can) with descriptor-relative opens that follow no link, into a directory
+// of root's own beside installedApp; the copy is verified again, its modes
+// reset (no group or other write, no set-id bits), its ACLs stripped, and it
+// is handed to root (when the daemon runs as root). Then previousPath is
+// emptied, the copy of the .app is exchanged with the installed one in one
+// system call, and the old version is moved to previousPath:
+// {"swapped": true, "to": <manifest version>}. The staged tree is never
+// changed. appName must be one name of the sealed content: not empty, no
+// "/", not "vendor", "." or "..", and a directory holding sealed files.
+// A rollback exchanges previousPath with installedApp and moves the failed
+// version to failedPath: {"rolledback": true}. Neither undoes a step, and at
+// every instant a whole bundle lies at installedApp. What a failed swap
+// leaves: nothing moved and nothing installed in every case but these
 //   exchange refused            previousPath emptied, the old version installed
 //   old version not kept        still a success; previousPath empty, the old
-//                               version left inside stagedRoot, so a
-//                               rollback finds nothing to go back to
+//                               version left in the ".<app>.update-*"
+//                               directory beside installedApp, so a rollback
+//                               finds nothing to go back to
 // After a rollback previousPath is empty: a second one in a row is refused.
 //
 // Failures it words are DaemonOpError; the allowlist's DecodingError and the
@@ -53,8 +60,9 @@ class PlatformApplyUpdateOp final : public DaemonOp {
   // Gives the tree at `at` (its root first, then every entry below it in the
   // enumeration's order) to uid 0, gid 0, links changed themselves. The first
   // refusal throws DaemonOpError "chown de <path> falló: errno <n>"; entries
-  // changed before it stay changed. A tree that can't be enumerated stops
-  // after its root, without error. Modes are left as they are.
+  // changed before it stay changed. A walk that can't reach every entry
+  // throws "recorrido de <path> incompleto: errno <n>". Modes are left as
+  // they are.
   static void chownTreeToRootWheel(const std::filesystem::path& at,
                                    const PlatformFiles& platform = *PlatformFiles::system());
 

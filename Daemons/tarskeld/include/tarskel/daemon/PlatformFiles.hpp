@@ -55,6 +55,29 @@ class PlatformFiles {
   };
   virtual Owner ownerOf(const std::filesystem::path& path) const;
 
+  // Opens `relative` (a path of plain names joined by "/") beneath the open
+  // directory `directory`, following no symbolic link at any component and
+  // never leaving the directory: a link or ".." swapped in by someone else
+  // is refused (ELOOP, EXDEV or similar), never followed. Returns the new
+  // descriptor, or -errno. Linux: openat2 with RESOLVE_BENEATH |
+  // RESOLVE_NO_SYMLINKS where the kernel has it, else one openat with
+  // O_NOFOLLOW per component; Darwin: the latter.
+  virtual int openBeneath(int directory, const std::string& relative, int flags) const;
+
+  // Makes `name` in the open directory `destinationDirectory` a clone of the
+  // open regular file `source` sharing its blocks (reflink) where the file
+  // system can, without following a link at `name`, and fails with EEXIST
+  // when `name` exists. 0 on success, otherwise the errno, and then nothing
+  // is left at `name`: the caller copies the bytes instead. Linux: FICLONE;
+  // Darwin: fclonefileat.
+  virtual int cloneFile(int source, int destinationDirectory, const std::string& name) const;
+
+  // Removes every access control list entry of `path` (a final link is not
+  // followed), leaving only its mode bits. 0 on success or when the file
+  // system has no ACLs, otherwise the errno. Linux: the POSIX ACL extended
+  // attributes; Darwin: an empty extended ACL.
+  virtual int stripAccessControl(const std::filesystem::path& path) const;
+
   // The path of the running executable, as the system reports it; nothing
   // when the system can't tell. Linux: /proc/self/exe; Darwin:
   // _NSGetExecutablePath.

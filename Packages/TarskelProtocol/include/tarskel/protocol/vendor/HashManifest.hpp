@@ -82,7 +82,19 @@ struct VendorKey {
   friend bool operator==(const VendorKey&, const VendorKey&) = default;
 };
 
-// The keys a machine accepts signatures from, in order.
+// Why a raw 32-byte Ed25519 public key must never be trusted, or nothing:
+//   "codificación no canónica (y ≥ p)"  y, read as the curve defines it, is
+//                                        not below the field's prime;
+//   "punto de orden pequeño"             the key is one of the eight points of
+//                                        order dividing 8 (in any encoding).
+// Under such a key a signature can be forged that verifies for any message.
+// Bytes of another length give nothing: their verification simply fails.
+std::optional<std::string> ed25519KeyWeakness(std::string_view raw);
+
+// The keys a machine accepts signatures from, in order. Decoding refuses a
+// list holding a key that ed25519KeyWeakness condemns (DecodingError
+// dataCorrupted at keys[i].publicKey: "clave vendor '<keyId>' rechazada:
+// <why>"), so that no reader of an allowlist ever trusts one.
 struct VendorAllowlist {
   std::int64_t revision = 0;  // rises with each rotation
   std::vector<VendorKey> keys;
