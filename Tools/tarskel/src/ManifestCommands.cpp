@@ -39,7 +39,8 @@ std::string displayName(const std::string& path) { return path == "-" ? "<stdin>
 // unusable (exit 2), named with the reason.
 std::string readBytes(const std::string& path) {
   if (path == "-") {
-    std::string content((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
+    std::string content((std::istreambuf_iterator<char>(std::cin)),
+                        std::istreambuf_iterator<char>());
     if (std::cin.bad()) throw ToolFailure(kExitUsage, "cannot read <stdin>");
     return content;
   }
@@ -60,7 +61,8 @@ std::string readBytes(const std::string& path) {
     }
   }
   ::close(fd);
-  if (error != 0) throw ToolFailure(kExitUsage, "cannot read " + path + ": " + std::strerror(error));
+  if (error != 0)
+    throw ToolFailure(kExitUsage, "cannot read " + path + ": " + std::strerror(error));
   return content;
 }
 
@@ -77,7 +79,8 @@ ServiceManifest readManifest(const std::string& path) {
 void emit(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
-    throw ToolFailure(kExitUsage, std::string("cannot write to standard output: ") + std::strerror(errno));
+    throw ToolFailure(kExitUsage,
+                      std::string("cannot write to standard output: ") + std::strerror(errno));
   }
 }
 
@@ -101,7 +104,8 @@ std::string forPeople(const std::string& compact, bool indent) {
         out += compact[i];
       }
       out += '"';
-    } else if ((c == '{' || c == '[') && i + 1 < compact.size() && compact[i + 1] == (c == '{' ? '}' : ']')) {
+    } else if ((c == '{' || c == '[') && i + 1 < compact.size() &&
+               compact[i + 1] == (c == '{' ? '}' : ']')) {
       out.append(compact, i++, 2);  // empty: stays on one line
     } else if (c == '{' || c == '[') {
       out += c;
@@ -133,7 +137,9 @@ std::string jsonLine(const std::string& file, const std::vector<ManifestValidati
                      const std::optional<std::string>& failure) {
   std::string line = "{\"file\":";
   appendJSONString(line, file);
-  line.append(",\"valid\":").append(!failure && errors.empty() ? "true" : "false").append(",\"errors\":[");
+  line.append(",\"valid\":")
+      .append(!failure && errors.empty() ? "true" : "false")
+      .append(",\"errors\":[");
   for (std::size_t i = 0; i < errors.size(); ++i) {
     line.append(i == 0 ? "{\"code\":" : ",{\"code\":");
     appendJSONString(line, errors[i].code);
@@ -163,12 +169,15 @@ int runLint(const LintOptions& options) {
       failure = f.what();
       std::cerr << "tarskel: " << f.what() << "\n";
     }
-    exitCode = std::max(exitCode, failure ? int(kExitUsage) : errors.empty() ? int(kExitSuccess) : int(kExitFinding));
+    exitCode = std::max(exitCode, failure          ? int(kExitUsage)
+                                  : errors.empty() ? int(kExitSuccess)
+                                                   : int(kExitFinding));
     if (options.json) {
       emit(jsonLine(name, errors, failure));
     } else {
       std::string text;
-      for (const ManifestValidationError& e : errors) text.append(name).append(": ").append(e.description()).append("\n");
+      for (const ManifestValidationError& e : errors)
+        text.append(name).append(": ").append(e.description()).append("\n");
       emit(text);
     }
   }
@@ -219,7 +228,8 @@ std::vector<std::string> allowedTeams(const VerifyOptions& options) {
   // A teams file that is there but unreadable logs why and shuts the gate.
   std::optional<TeamTrust> trust = TeamTrust::loadIfProvisioned(options.root, Logger("tarskel"));
   if (!trust) {
-    throw ToolFailure(kExitUsage, "gate SO sin provisionar (sin vendor/teams.json) under " + options.root);
+    throw ToolFailure(kExitUsage,
+                      "gate SO sin provisionar (sin vendor/teams.json) under " + options.root);
   }
   return trust->teamIds;
 }
@@ -242,43 +252,57 @@ int runVerifyExecutables(const VerifyOptions& options) {
 }
 
 void install(CLI::App& app, ToolContext& ctx) {
-  CLI::App* manifest = app.add_subcommand("manifest", "Service manifests: lint, show with defaults, verify executables");
+  CLI::App* manifest = app.add_subcommand(
+      "manifest", "Service manifests: lint, show with defaults, verify executables");
   manifest->require_subcommand(1);
 
   auto lint = std::make_shared<LintOptions>();
   CLI::App* lintCommand = manifest->add_subcommand(
-      "lint", "Read and validate each manifest; one finding per line as FILE: path: [code] message. "
-              "Exit 0 all valid, 1 findings, 2 a file unreadable or unparsable");
+      "lint",
+      "Read and validate each manifest; one finding per line as FILE: path: [code] message. "
+      "Exit 0 all valid, 1 findings, 2 a file unreadable or unparsable");
   lintCommand->add_option("FILE", lint->files, "manifest files, or - for standard input")
       ->required()
       ->type_name("FILE");
   lintCommand->add_flag("--json", lint->json,
-                        "one JSON object per file: {\"file\",\"valid\",\"errors\":[{\"code\",\"path\",\"message\"}]}");
+                        "one JSON object per file: "
+                        "{\"file\",\"valid\",\"errors\":[{\"code\",\"path\",\"message\"}]}");
   lintCommand->callback([&ctx, lint] { ctx.action = [lint] { return runLint(*lint); }; });
 
   auto show = std::make_shared<ShowOptions>();
-  CLI::App* showCommand =
-      manifest->add_subcommand("show", "Print the manifest as the model writes it, every default filled in");
-  showCommand->add_option("FILE", show->file, "manifest file, or - for standard input")->required()->type_name("FILE");
+  CLI::App* showCommand = manifest->add_subcommand(
+      "show", "Print the manifest as the model writes it, every default filled in");
+  showCommand->add_option("FILE", show->file, "manifest file, or - for standard input")
+      ->required()
+      ->type_name("FILE");
   showCommand->add_flag("--compact", show->compact, "one line instead of indented");
   showCommand->callback([&ctx, show] { ctx.action = [show] { return runShow(*show); }; });
 
   auto verify = std::make_shared<VerifyOptions>();
   CLI::App* verifyCommand = manifest->add_subcommand(
-      "verify-executables", "Put every executable the manifest declares under BUNDLE through the code-signing gate; "
-                            "absent files are skipped. Exit 0 all pass, 1 the first failure, 2 unusable input");
-  verifyCommand->add_option("BUNDLE", verify->bundle, "the bundle's directory")->required()->type_name("DIR");
-  verifyCommand->add_option("--manifest", verify->manifest, "manifest file, or - for standard input")
+      "verify-executables",
+      "Put every executable the manifest declares under BUNDLE through the code-signing gate; "
+      "absent files are skipped. Exit 0 all pass, 1 the first failure, 2 unusable input");
+  verifyCommand->add_option("BUNDLE", verify->bundle, "the bundle's directory")
+      ->required()
+      ->type_name("DIR");
+  verifyCommand
+      ->add_option("--manifest", verify->manifest, "manifest file, or - for standard input")
       ->required()
       ->type_name("FILE");
-  auto* teams = verifyCommand->add_option("--teams", verify->teams, "allowed teams: {\"revision\":N,\"teamIds\":[...]}")
+  auto* teams = verifyCommand
+                    ->add_option("--teams", verify->teams,
+                                 "allowed teams: {\"revision\":N,\"teamIds\":[...]}")
                     ->type_name("FILE");
-  auto* root = verifyCommand->add_option("--root", verify->root, "state root whose vendor/teams.json is used")
-                   ->type_name("DIR")
-                   ->capture_default_str();
+  auto* root =
+      verifyCommand
+          ->add_option("--root", verify->root, "state root whose vendor/teams.json is used")
+          ->type_name("DIR")
+          ->capture_default_str();
   teams->excludes(root);
   root->excludes(teams);
-  verifyCommand->callback([&ctx, verify] { ctx.action = [verify] { return runVerifyExecutables(*verify); }; });
+  verifyCommand->callback(
+      [&ctx, verify] { ctx.action = [verify] { return runVerifyExecutables(*verify); }; });
 }
 
 const CommandRegistration kManifestCommands(35, install);

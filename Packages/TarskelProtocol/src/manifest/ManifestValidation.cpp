@@ -41,7 +41,8 @@ class Matchers {
   Matchers() {
     for (std::size_t i = 0; i < patternCount; ++i) {
       UErrorCode status = U_ZERO_ERROR;
-      matchers_[i] = std::make_unique<icu::RegexMatcher>(icu::UnicodeString(kPatterns[i]), 0, status);
+      matchers_[i] =
+          std::make_unique<icu::RegexMatcher>(icu::UnicodeString(kPatterns[i]), 0, status);
       if (U_SUCCESS(status)) matchers_[i]->setTimeLimit(kMatchTimeLimit, status);
       if (U_FAILURE(status)) matchers_[i].reset();
     }
@@ -101,8 +102,9 @@ bool validToolAccess(std::string_view entry) {
 // An earlier tool of the same name: names compare as the JSON object keys
 // do, by canonical equivalence.
 bool seenBefore(const std::vector<ToolDescriptor>& tools, std::size_t i) {
-  return std::any_of(tools.begin(), tools.begin() + static_cast<std::ptrdiff_t>(i),
-                     [&](const ToolDescriptor& t) { return canonicallyEquivalent(t.name, tools[i].name); });
+  return std::any_of(
+      tools.begin(), tools.begin() + static_cast<std::ptrdiff_t>(i),
+      [&](const ToolDescriptor& t) { return canonicallyEquivalent(t.name, tools[i].name); });
 }
 
 class Validation {
@@ -137,7 +139,8 @@ class Validation {
     if (!SemVer::parse(m_.version)) {
       add("version.invalid", "version", quoted(m_.version) + " no es semver (major.minor.patch)");
     }
-    if (blank(m_.displayName)) add("displayName.empty", "displayName", "displayName no puede estar vacío");
+    if (blank(m_.displayName))
+      add("displayName.empty", "displayName", "displayName no puede estar vacío");
     if (!VersionConstraint::parse(m_.platformApi)) {
       add("platformApi.invalid", "platformApi",
           quoted(m_.platformApi) + " no es un constraint válido (exacta, >=, ^, N.x)");
@@ -155,7 +158,8 @@ class Validation {
             quoted(key) + " no es <os>-<arch> válido (darwin|linux|windows - arm64|x86_64)");
       }
       if (path.empty() || path.front() == '/' || path.find("..") != std::string::npos) {
-        add("executables.badPath", "executables." + key, "la ruta debe ser relativa al bundle y sin '..'");
+        add("executables.badPath", "executables." + key,
+            "la ruta debe ser relativa al bundle y sin '..'");
       }
     }
   }
@@ -165,10 +169,12 @@ class Validation {
       const ServiceDependency& d = m_.dependencies[i];
       const std::string at = indexed("dependencies", i);
       if (!matches(serviceId, d.service)) {
-        add("dependency.badService", at + ".service", quoted(d.service) + " no es un id de servicio válido");
+        add("dependency.badService", at + ".service",
+            quoted(d.service) + " no es un id de servicio válido");
       }
       if (!VersionConstraint::parse(d.version)) {
-        add("dependency.badConstraint", at + ".version", quoted(d.version) + " no es un constraint válido");
+        add("dependency.badConstraint", at + ".version",
+            quoted(d.version) + " no es un constraint válido");
       }
     }
   }
@@ -176,7 +182,8 @@ class Validation {
   void schedules() {
     for (std::size_t i = 0; i < m_.schedule.size(); ++i) {
       if (!matches(schedule, m_.schedule[i])) {
-        add("schedule.badFormat", indexed("schedule", i), quoted(m_.schedule[i]) + " no es 'daily@HH:MM'");
+        add("schedule.badFormat", indexed("schedule", i),
+            quoted(m_.schedule[i]) + " no es 'daily@HH:MM'");
       }
     }
   }
@@ -194,7 +201,8 @@ class Validation {
             "toda tool exige description (es el contrato que leen agentes y humanos)");
       }
       // Every earlier name counts, valid or not.
-      if (seenBefore(m_.tools, i)) add("tool.duplicate", at + ".name", "tool '" + t.name + "' duplicada");
+      if (seenBefore(m_.tools, i))
+        add("tool.duplicate", at + ".name", "tool '" + t.name + "' duplicada");
     }
   }
 
@@ -228,8 +236,8 @@ class Validation {
 
   void restartPolicy() {
     const RestartPolicy& r = m_.restartPolicy;
-    const bool negative =
-        std::any_of(r.backoffSeconds.begin(), r.backoffSeconds.end(), [](std::int64_t s) { return s < 0; });
+    const bool negative = std::any_of(r.backoffSeconds.begin(), r.backoffSeconds.end(),
+                                      [](std::int64_t s) { return s < 0; });
     if (r.maxFailures < 1 || r.window < 1 || r.backoffSeconds.empty() || negative) {
       add("restartPolicy.invalid", "restartPolicy",
           "maxFailures ≥ 1, window ≥ 1 y backoffSeconds no vacío y sin negativos");
@@ -261,6 +269,8 @@ class Validation {
 
 }  // namespace
 
-std::vector<ManifestValidationError> ServiceManifest::validate() const { return Validation(*this).run(); }
+std::vector<ManifestValidationError> ServiceManifest::validate() const {
+  return Validation(*this).run();
+}
 
 }  // namespace tarskel

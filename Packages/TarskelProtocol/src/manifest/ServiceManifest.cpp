@@ -53,7 +53,9 @@ ResourceBudget ResourceBudget::decode(const KeyedDecoder& d) {
 
 void EnergyPolicy::encode(KeyedEncoder& e) const { e.required("deferrable", deferrable); }
 
-EnergyPolicy EnergyPolicy::decode(const KeyedDecoder& d) { return {d.required<bool>("deferrable")}; }
+EnergyPolicy EnergyPolicy::decode(const KeyedDecoder& d) {
+  return {d.required<bool>("deferrable")};
+}
 
 void ConfigMigration::encode(KeyedEncoder& e) const { e.required("from", from); }
 
@@ -113,7 +115,8 @@ TrayItem TrayItem::decode(const KeyedDecoder& d) {
   if (type == "panel") {
     return {Panel{d.required<std::string>("title"), d.required<std::string>("panel")}};
   }
-  coding_detail::dataCorrupted(CodingPath(d.path(), "type"), "Tipo de tray item desconocido: " + type);
+  coding_detail::dataCorrupted(CodingPath(d.path(), "type"),
+                               "Tipo de tray item desconocido: " + type);
 }
 
 void TrayContribution::encode(KeyedEncoder& e) const {
@@ -134,9 +137,9 @@ void RestartPolicy::encode(KeyedEncoder& e) const {
 
 RestartPolicy RestartPolicy::decode(const KeyedDecoder& d) {
   const RestartPolicy defaults;
-  return {orDefault(d, "mode", defaults.mode),
-          orDefault(d, "backoffSeconds", defaults.backoffSeconds),
-          orDefault(d, "maxFailures", defaults.maxFailures), orDefault(d, "window", defaults.window)};
+  return {
+      orDefault(d, "mode", defaults.mode), orDefault(d, "backoffSeconds", defaults.backoffSeconds),
+      orDefault(d, "maxFailures", defaults.maxFailures), orDefault(d, "window", defaults.window)};
 }
 
 std::string ManifestValidationError::description() const {
