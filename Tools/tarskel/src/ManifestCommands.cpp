@@ -133,7 +133,7 @@ struct LintOptions {
 
 // {"file":…,"valid":…,"errors":[{"code":…,"path":…,"message":…}]} and, for
 // a file that can't be read or parsed, "error" with the reason.
-std::string jsonLine(const std::string& file, const std::vector<ManifestValidationError>& errors,
+std::string lintLine(const std::string& file, const std::vector<ManifestValidationError>& errors,
                      const std::optional<std::string>& failure) {
   std::string line = "{\"file\":";
   appendJSONString(line, file);
@@ -173,7 +173,7 @@ int runLint(const LintOptions& options) {
                                   : errors.empty() ? int(kExitSuccess)
                                                    : int(kExitFinding));
     if (options.json) {
-      emit(jsonLine(name, errors, failure));
+      emit(lintLine(name, errors, failure));
     } else {
       std::string text;
       for (const ManifestValidationError& e : errors)
