@@ -1,6 +1,8 @@
 #include "tarskel/codesign/CodeSignVerifier.hpp"
 
 #include <algorithm>
+#include <set>
+#include <system_error>
 
 namespace tarskel {
 
@@ -48,6 +50,34 @@ std::string CodeSignVerifier::verifyPid(std::int32_t pid,
     throw CodeSignError::signatureInvalid(label, onDisk.status);
   }
   return check(*onDisk.code, label, allowedTeamIds, platform);
+}
+
+namespace {
+
+// `relative` under `bundle`, joined as text the way a URL appends a path: a
+// leading '/' of `relative` does not make it absolute (path's operator/
+// would let "/usr/bin/x" replace the bundle), and ".." stays as written.
+std::string underBundle(std::string bundle, const std::string& relative) {
+  const std::size_t start = std::min(relative.find_first_not_of('/'), relative.size());
+  if (start == relative.size()) return bundle;
+  if (bundle.empty() || bundle.back() != '/') bundle.push_back('/');
+  return bundle.append(relative, start);
+}
+
+}  // namespace
+
+void CodeSignVerifier::verify(const std::filesystem::path& bundleAt, const ServiceManifest& manifest,
+                              const CodeSignPlatform& platform) const {
+  // A set: one file serving several targets is checked once, and in order.
+  std::set<std::string> paths;
+  for (const auto& entry : manifest.executables) paths.insert(entry.second);
+
+  for (const std::string& relative : paths) {
+    const std::string file = underBundle(bundleAt.string(), relative);
+    std::error_code error;
+    if (!std::filesystem::exists(file, error)) continue;
+    verifyExecutable(file, teamIds, platform);
+  }
 }
 
 }  // namespace tarskel

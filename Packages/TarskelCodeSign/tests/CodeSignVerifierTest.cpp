@@ -1,7 +1,10 @@
 #include "tarskel/codesign/CodeSignVerifier.hpp"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -12,175 +15,136 @@ namespace tarskel {
 namespace {
 
 using Info = SigningInformation;
-using Calls = std::vector<std::string>;
+using Script = std::function<void(FakeCodeSignPlatform&)>;
 
 const std::vector<std::string> kAllowed{"TEAMID0001", "OTHERTEAM9"};
+const std::string kBad = "gate SO: firma inválida o no anclada a Apple en ";
 
-// Runs `operation`, expecting it to fail with `kind` and `text`.
-void expectFailure(const std::function<void()>& operation, CodeSignError::Kind kind,
-                   const std::string& text) {
+// "ok <team>" or the error's text; any other exception fails the test.
+std::string outcome(const std::function<std::string()>& operation) {
   try {
-    operation();
-    ADD_FAILURE() << "no error, expected: " << text;
+    return "ok " + operation();
   } catch (const CodeSignError& e) {
-    EXPECT_EQ(e.kind(), kind);
-    EXPECT_EQ(e.description(), text);
+    return e.description();
   }
 }
 
-// The other texts are checked where check() throws them.
-TEST(CodeSignErrorTest, DeclaredOnlyCase) {
-  CodeSignError e = CodeSignError::executableMissing("/Applications/A.app/bin/x");
-  EXPECT_EQ(e.kind(), CodeSignError::Kind::executableMissing);
-  EXPECT_STREQ(e.what(), "gate SO: ejecutable declarado ausente: /Applications/A.app/bin/x");
-}
-
-// Every way check() can end, with the platform calls it must have made: a
-// failure stops the sequence, so later calls must be absent.
+// Each way check() ends, and how many platform calls it made: a failure ends
+// the sequence compile, validity, signing information.
 TEST(CodeSignVerifierTest, CheckStopsAtTheFirstFailureInOrder) {
-  const std::string req = "compileRequirement anchor apple generic";
-  const std::string validity = "checkValidity code flags=1 requirement:anchor apple generic";
-  const std::string info = "copySigningInformation code flags=2";
   struct Case {
-    const char* name;
-    std::function<void(FakeCodeSignPlatform&)> script;
+    Script script;
     std::vector<std::string> allowed;
-    CodeSignError::Kind kind;
-    const char* text;  // nullptr: succeeds with TEAMID0001
-    Calls calls;
+    std::string expected;
+    std::size_t calls;
   };
-  using K = CodeSignError::Kind;
   const Case cases[] = {
-      {"passes", [](auto&) {}, kAllowed, K::teamMissing, nullptr, {req, validity, info}},
-      {"ad hoc or foreign anchor", [](auto& p) { p.validityStatus = -67050; }, kAllowed,
-       K::signatureInvalid, "gate SO: firma inválida o no anclada a Apple en /bin/x (-67050)",
-       {req, validity}},
+      {[](auto&) {}, kAllowed, "ok TEAMID0001", 3},
+      {[](auto& p) { p.validityStatus = -67050; }, kAllowed, kBad + "/bin/x (-67050)", 2},
       // An empty allowlist still checks the signature first.
-      {"empty allowlist, ad hoc", [](auto& p) { p.validityStatus = -67062; }, {},
-       K::signatureInvalid, "gate SO: firma inválida o no anclada a Apple en /bin/x (-67062)",
-       {req, validity}},
-      {"info status", [](auto& p) { p.signingInformation.status = -67071; }, kAllowed,
-       K::signatureInvalid, "gate SO: firma inválida o no anclada a Apple en /bin/x (-67071)",
-       {req, validity, info}},
-      {"info missing",
-       [](auto& p) { p.signingInformation.result = Info::Result::none; }, kAllowed,
-       K::signatureInvalid, "gate SO: firma inválida o no anclada a Apple en /bin/x (0)",
-       {req, validity, info}},
-      {"info not a dictionary",
-       [](auto& p) { p.signingInformation.result = Info::Result::notDictionary; }, kAllowed,
-       K::signatureInvalid, "gate SO: firma inválida o no anclada a Apple en /bin/x (0)",
-       {req, validity, info}},
-      {"no team", [](auto& p) { p.signingInformation.team = Info::Team::absent; }, kAllowed,
-       K::teamMissing, "gate SO: sin Team ID (¿ad-hoc?) en /bin/x", {req, validity, info}},
-      {"team not a string", [](auto& p) { p.signingInformation.team = Info::Team::notString; },
-       kAllowed, K::teamMissing, "gate SO: sin Team ID (¿ad-hoc?) en /bin/x",
-       {req, validity, info}},
-      {"team differs in case",
-       [](auto& p) { p.signingInformation.teamIdentifier = "teamid0001"; }, kAllowed,
-       K::teamNotAllowed, "gate SO: Team ID 'teamid0001' fuera de la allowlist en /bin/x",
-       {req, validity, info}},
-      {"team is a prefix of an allowed one",
-       [](auto& p) { p.signingInformation.teamIdentifier = "TEAMID000"; }, kAllowed,
-       K::teamNotAllowed, "gate SO: Team ID 'TEAMID000' fuera de la allowlist en /bin/x",
-       {req, validity, info}},
-      {"empty allowlist", [](auto&) {}, {}, K::teamNotAllowed,
-       "gate SO: Team ID 'TEAMID0001' fuera de la allowlist en /bin/x", {req, validity, info}},
+      {[](auto& p) { p.validityStatus = -67062; }, {}, kBad + "/bin/x (-67062)", 2},
+      {[](auto& p) { p.signingInformation.status = -67071; }, kAllowed, kBad + "/bin/x (-67071)", 3},
+      {[](auto& p) { p.signingInformation.result = Info::Result::notDictionary; }, kAllowed,
+       kBad + "/bin/x (0)", 3},
+      {[](auto& p) { p.signingInformation.team = Info::Team::notString; }, kAllowed,
+       "gate SO: sin Team ID (¿ad-hoc?) en /bin/x", 3},
+      {[](auto& p) { p.signingInformation.teamIdentifier = "teamid0001"; }, kAllowed,
+       "gate SO: Team ID 'teamid0001' fuera de la allowlist en /bin/x", 3},
+      {[](auto& p) { p.signingInformation.teamIdentifier = "TEAMID000"; }, kAllowed,
+       "gate SO: Team ID 'TEAMID000' fuera de la allowlist en /bin/x", 3},
       // A requirement that doesn't compile is passed on as none; validity decides.
-      {"requirement not compiled", [](auto& p) { p.requirementYieldsObject = false; }, kAllowed,
-       K::teamMissing, nullptr, {req, "checkValidity code flags=1 none", info}},
+      {[](auto& p) { p.requirementYieldsObject = false; }, kAllowed, "ok TEAMID0001", 3},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.expected);
     FakeCodeSignPlatform platform;
     c.script(platform);
     CodeRef code = FakeCodeSignPlatform::makeCode("code");
-    if (c.text == nullptr) {
-      EXPECT_EQ(CodeSignVerifier::check(*code, "/bin/x", c.allowed, platform), "TEAMID0001");
-    } else {
-      expectFailure([&] { CodeSignVerifier::check(*code, "/bin/x", c.allowed, platform); },
-                    c.kind, c.text);
-    }
-    EXPECT_EQ(platform.calls(), c.calls);
+    EXPECT_EQ(outcome([&] { return CodeSignVerifier::check(*code, "/bin/x", c.allowed, platform); }),
+              c.expected);
+    EXPECT_EQ(platform.calls().size(), c.calls);
   }
+  FakeCodeSignPlatform platform;
+  CodeSignVerifier::check(*FakeCodeSignPlatform::makeCode("code"), "/bin/x", kAllowed, platform);
+  EXPECT_EQ(platform.calls(), (std::vector<std::string>{
+                                  "compileRequirement anchor apple generic",
+                                  "checkValidity code flags=1 requirement:anchor apple generic",
+                                  "copySigningInformation code flags=2"}));
+  EXPECT_STREQ(CodeSignError::executableMissing("/A.app/x").what(),
+               "gate SO: ejecutable declarado ausente: /A.app/x");
 }
 
-TEST(CodeSignVerifierTest, VerifyExecutable) {
+TEST(CodeSignVerifierTest, WrappersNameTheFileOrTheProcess) {
+  using Answer = FakeCodeSignPlatform::Answer;
   struct Case {
-    const char* name;
-    FakeCodeSignPlatform::Answer create;
-    const char* text;  // nullptr: succeeds
-    std::size_t callCount;
+    Script script;
+    bool pid;
+    std::string expected;
   };
   const Case cases[] = {
-      {"passes", {0, true}, nullptr, 4},
-      {"status", {-67068, true},
-       "gate SO: firma inválida o no anclada a Apple en /opt/a b/x (-67068)", 1},
-      {"no object", {0, false}, "gate SO: firma inválida o no anclada a Apple en /opt/a b/x (0)",
-       1},
+      {[](auto&) {}, false, "ok TEAMID0001"},
+      {[](auto& p) { p.staticCodeForPathAnswer = Answer{-67068, true}; }, false, kBad + "/opt/a b/x (-67068)"},
+      {[](auto& p) { p.staticCodeForPathAnswer = Answer{0, false}; }, false, kBad + "/opt/a b/x (0)"},
+      {[](auto&) {}, true, "ok TEAMID0001"},
+      {[](auto& p) { p.guestCodeForPidAnswer = Answer{-67065, false}; }, true, kBad + "pid 4242 (-67065)"},
+      {[](auto& p) { p.guestCodeForPidAnswer = Answer{0, false}; }, true, kBad + "pid 4242 (0)"},
+      {[](auto& p) { p.staticCodeOfAnswer = Answer{-67068, true}; }, true, kBad + "pid 4242 (-67068)"},
+      {[](auto& p) { p.staticCodeOfAnswer = Answer{0, false}; }, true, kBad + "pid 4242 (0)"},
+      {[](auto& p) { p.validityStatus = -67062; }, true, kBad + "pid 4242 (-67062)"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.expected);
     FakeCodeSignPlatform platform;
-    platform.staticCodeForPathAnswer = c.create;
-    if (c.text == nullptr) {
-      EXPECT_EQ(CodeSignVerifier::verifyExecutable("/opt/a b/x", kAllowed, platform),
-                "TEAMID0001");
-    } else {
-      expectFailure([&] { CodeSignVerifier::verifyExecutable("/opt/a b/x", kAllowed, platform); },
-                    CodeSignError::Kind::signatureInvalid, c.text);
-    }
-    Calls calls = platform.calls();
-    ASSERT_EQ(calls.size(), c.callCount);
-    EXPECT_EQ(calls[0], "staticCodeForPath /opt/a b/x");
-    if (c.callCount > 1) {
-      EXPECT_EQ(calls[2], "checkValidity static:/opt/a b/x flags=1 requirement:anchor apple generic");
-    }
+    c.script(platform);
+    EXPECT_EQ(outcome([&] {
+                return c.pid ? CodeSignVerifier::verifyPid(4242, kAllowed, platform)
+                             : CodeSignVerifier::verifyExecutable("/opt/a b/x", kAllowed, platform);
+              }),
+              c.expected);
   }
 }
 
-TEST(CodeSignVerifierTest, VerifyPidNamesTheProcessInItsErrors) {
+// The executables of a manifest: distinct paths in ascending order, absent
+// files skipped, never a path outside the bundle.
+TEST(CodeSignVerifierTest, VerifyGoesThroughTheManifestsExecutables) {
+  namespace fs = std::filesystem;
+  const fs::path bundle = fs::temp_directory_path() / ("tarskel-verify-" + std::to_string(::getpid()));
+  fs::create_directories(bundle / "bin");
+  for (const char* name : {"bin/a", "bin/z"}) std::ofstream(bundle / name) << "x";
+  const std::string root = bundle.string();
   struct Case {
-    const char* name;
-    FakeCodeSignPlatform::Answer guest;
-    FakeCodeSignPlatform::Answer copyStatic;
+    std::map<std::string, std::string> executables;
     OSStatus validity;
-    const char* text;  // nullptr: succeeds
-    Calls firstCalls;
+    std::string expected;  // "" for success
+    std::vector<std::string> checked;
   };
   const Case cases[] = {
-      {"passes", {}, {}, 0, nullptr, {"guestCodeForPid 4242", "staticCodeOf guest:4242"}},
-      {"dead process", {-67065, false}, {}, 0,
-       "gate SO: firma inválida o no anclada a Apple en pid 4242 (-67065)",
-       {"guestCodeForPid 4242"}},
-      {"guest without object", {0, false}, {}, 0,
-       "gate SO: firma inválida o no anclada a Apple en pid 4242 (0)", {"guestCodeForPid 4242"}},
-      {"no static code", {}, {-67068, true}, 0,
-       "gate SO: firma inválida o no anclada a Apple en pid 4242 (-67068)",
-       {"guestCodeForPid 4242", "staticCodeOf guest:4242"}},
-      {"static code without object", {}, {0, false}, 0,
-       "gate SO: firma inválida o no anclada a Apple en pid 4242 (0)",
-       {"guestCodeForPid 4242", "staticCodeOf guest:4242"}},
-      {"unsigned", {}, {}, -67062,
-       "gate SO: firma inválida o no anclada a Apple en pid 4242 (-67062)",
-       {"guestCodeForPid 4242", "staticCodeOf guest:4242"}},
+      {{}, -1, "", {}},
+      {{{"darwin-arm64", "bin/a"}, {"linux-arm64", "bin/a"}}, 0, "", {root + "/bin/a"}},
+      {{{"darwin-arm64", "bin/gone"}, {"linux-arm64", "/bin/sh"}}, -1, "", {}},
+      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "bin/a"}}, -67062, kBad + root + "/bin/a (-67062)",
+       {root + "/bin/a"}},
+      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "/bin/a"}}, -67062, kBad + root + "/bin/a (-67062)",
+       {root + "/bin/a"}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.expected);
     FakeCodeSignPlatform platform;
-    platform.guestCodeForPidAnswer = c.guest;
-    platform.staticCodeOfAnswer = c.copyStatic;
     platform.validityStatus = c.validity;
-    if (c.text == nullptr) {
-      EXPECT_EQ(CodeSignVerifier::verifyPid(4242, kAllowed, platform), "TEAMID0001");
-    } else {
-      expectFailure([&] { CodeSignVerifier::verifyPid(4242, kAllowed, platform); },
-                    CodeSignError::Kind::signatureInvalid, c.text);
+    ServiceManifest manifest;
+    manifest.executables = c.executables;
+    const std::string got = outcome([&] {
+      CodeSignVerifier{kAllowed}.verify(bundle, manifest, platform);
+      return std::string();
+    });
+    EXPECT_EQ(got, c.expected.empty() ? "ok " : c.expected);
+    std::vector<std::string> checked;
+    for (const std::string& call : platform.calls()) {
+      if (call.rfind("staticCodeForPath ", 0) == 0) checked.push_back(call.substr(18));
     }
-    Calls calls = platform.calls();
-    ASSERT_GE(calls.size(), c.firstCalls.size());
-    EXPECT_EQ(Calls(calls.begin(), calls.begin() + static_cast<long>(c.firstCalls.size())),
-              c.firstCalls);
+    EXPECT_EQ(checked, c.checked);
   }
+  fs::remove_all(bundle);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 
 #include "tarskel/codesign/CodeSignError.hpp"
 #include "tarskel/codesign/CodeSignPlatform.hpp"
+#include "tarskel/protocol/manifest/ServiceManifest.hpp"
 
 namespace tarskel {
 
@@ -56,6 +57,17 @@ struct CodeSignVerifier {
   // signatureInvalid("pid <n>", status); otherwise check().
   static std::string verifyPid(std::int32_t pid, const std::vector<std::string>& allowedTeamIds,
                                const CodeSignPlatform& platform = CodeSignPlatform::system());
+
+  // Every executable `manifest` declares, under the bundle at `bundleAt`,
+  // against `teamIds`. Each distinct path is checked once, in ascending
+  // order, so the failure reported is the first by that order; the keys (the
+  // targets) play no part, so every target is checked whatever this machine
+  // is. A path is appended to the bundle as it is, never taken as absolute.
+  // A file that isn't there is skipped: absence is no failure here. Making
+  // the static code fails with signatureInvalid(<file>, status); then
+  // check() runs under the file's path. An empty table passes at once.
+  void verify(const std::filesystem::path& bundleAt, const ServiceManifest& manifest,
+              const CodeSignPlatform& platform = CodeSignPlatform::system()) const;
 };
 
 }  // namespace tarskel

@@ -1,0 +1,236 @@
+#include "tarskel/protocol/manifest/ServiceManifest.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tarskel/protocol/json/MergePatch.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/protocol/manifest/ServiceState.hpp"
+
+namespace tarskel {
+namespace {
+
+const char* kBase = R"({"id":"net.example.notes","version":"1.0.0","displayName":"Notes",
+                        "executables":{"darwin-arm64":"bin/notes"}})";
+
+JSONValue json(const std::string& text) { return TarskelJSON::decoder().decode<JSONValue>(text); }
+
+// The valid base manifest with a merge patch applied.
+ServiceManifest manifest(const std::string& patch) {
+  const std::string text = TarskelJSON::encoder().encode(MergePatch::apply(json(patch), json(kBase)));
+  return TarskelJSON::decoder().decode<ServiceManifest>(text);
+}
+
+std::vector<std::string> findings(const ServiceManifest& m, bool full) {
+  std::vector<std::string> out;
+  for (const ManifestValidationError& e : m.validate()) {
+    out.push_back(full ? e.description() : e.path + " " + e.code);
+  }
+  return out;
+}
+
+// Every rule once, in the order the rules run, with its exact text.
+const char* kEveryRule = R"({"id":"Net.example","version":"1.2","displayName":" \t","platformApi":"~1",
+  "executables":{"macos-arm64":"/usr/bin/x","darwin-x86_64":"bin/a..b","linux-arm64":"./bin/x"},
+  "dependencies":[{"service":"notes","version":"1.2.3.4"}],"schedule":["daily@7:00"],
+  "tools":[{"name":"create","description":"\t","inputSchema":{}},{"name":"create","description":"d","inputSchema":{}}],
+  "toolAccess":["net.example.notes/a.b/c"],"configSchema":{"properties":{"b":{},"a":{"description":"d"}}},
+  "migrations":[{"from":"banana"}],"restartPolicy":{"backoffSeconds":[],"maxFailures":0},
+  "resources":{"memoryMaxMB":0,"cpuPercentMax":101},"activation":{"mode":"on-demand","idleStopMinutes":0}})";
+
+const std::vector<std::string> kEveryRuleFindings = {
+    "id: [id.invalid] 'Net.example' no es un identificador reverse-DNS válido (minúsculas, ≥2 segmentos)",
+    "version: [version.invalid] '1.2' no es semver (major.minor.patch)",
+    "displayName: [displayName.empty] displayName no puede estar vacío",
+    "platformApi: [platformApi.invalid] '~1' no es un constraint válido (exacta, >=, ^, N.x)",
+    "executables.darwin-x86_64: [executables.badPath] la ruta debe ser relativa al bundle y sin '..'",
+    "executables.macos-arm64: [executables.badKey] 'macos-arm64' no es <os>-<arch> válido "
+    "(darwin|linux|windows - arm64|x86_64)",
+    "executables.macos-arm64: [executables.badPath] la ruta debe ser relativa al bundle y sin '..'",
+    "dependencies[0].service: [dependency.badService] 'notes' no es un id de servicio válido",
+    "dependencies[0].version: [dependency.badConstraint] '1.2.3.4' no es un constraint válido",
+    "schedule[0]: [schedule.badFormat] 'daily@7:00' no es 'daily@HH:MM'",
+    "tools[0].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados por punto)",
+    "tools[0].description: [tool.noDescription] toda tool exige description (es el contrato que leen "
+    "agentes y humanos)",
+    "tools[1].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados por punto)",
+    "tools[1].name: [tool.duplicate] tool 'create' duplicada",
+    "toolAccess[0]: [toolAccess.badEntry] 'net.example.notes/a.b/c' no es '<serviceId>/<tool>' ni "
+    "'<serviceId>/*'",
+    "configSchema.a: [configSchema.undocumented] todo campo de configuración exige x-risk "
+    "(safe|disruptive|dangerous)",
+    "configSchema.b: [configSchema.undocumented] todo campo de configuración exige description",
+    "configSchema.b: [configSchema.undocumented] todo campo de configuración exige x-risk "
+    "(safe|disruptive|dangerous)",
+    "migrations[0].from: [migration.badFrom] 'banana' no es un rango de versión válido",
+    "restartPolicy: [restartPolicy.invalid] maxFailures ≥ 1, window ≥ 1 y backoffSeconds no vacío y sin "
+    "negativos",
+    "resources.memoryMaxMB: [resources.invalid] memoryMaxMB debe ser ≥ 1",
+    "resources.cpuPercentMax: [resources.invalid] cpuPercentMax debe estar entre 1 y 100",
+    "activation.idleStopMinutes: [activation.invalid] idleStopMinutes debe ser ≥ 1",
+};
+
+
+TEST(ServiceManifestTest, ValidationTable) {
+  const std::pair<const char*, const char*> cases[] = {  // patch, "<path> <code>, ..."
+      {R"({"id":"a","version":"x","executables":{"darwin-arm64":null}})",
+       "id id.invalid, version version.invalid, executables executables.empty"},
+      // Each bound inclusive; a line break is not blank; nothing else of the schema is judged.
+      {R"({"id":"1.2","version":"01.2.3","platformApi":"1.2","displayName":"\n","restartPolicy":{"backoffSeconds":[0]},
+          "resources":{"memoryMaxMB":1,"cpuPercentMax":100},"activation":{"mode":"always","idleStopMinutes":0},
+          "configSchema":{"pattern":"(","properties":{"a":{"description":"d","x-risk":"safe"}}}})", ""},
+      {R"({"displayName":"\u3000","executables":{"darwin-arm64":""},"restartPolicy":{"window":0},
+          "resources":{"cpuPercentMax":0}})",
+       "displayName displayName.empty, executables.darwin-arm64 executables.badPath, "
+       "restartPolicy restartPolicy.invalid, resources.cpuPercentMax resources.invalid"},
+      {R"({"restartPolicy":{"backoffSeconds":[1,-1]},"activation":{"mode":"on-demand"}})",
+       "restartPolicy restartPolicy.invalid"},
+      {R"({"tools":[{"name":"a.b","description":"x","inputSchema":{"properties":{"u":{}}}},
+                    {"name":"b_c.d-e","description":"x","inputSchema":{}},
+                    {"name":"a.b","description":"x","inputSchema":{}}]})",
+       "tools[2].name tool.duplicate"},
+      {R"({"tools":[{"name":"caf\u00e9.x","description":"x","inputSchema":{}},
+                    {"name":"cafe\u0301.x","description":"x","inputSchema":{}}]})",
+       "tools[0].name tool.badName, tools[1].name tool.badName, tools[1].name tool.duplicate"},
+  };
+  for (const auto& [patch, expected] : cases) {
+    std::string got;
+    for (const std::string& f : findings(manifest(patch), false)) got += (got.empty() ? "" : ", ") + f;
+    EXPECT_EQ(got, expected) << patch;
+  }
+}
+
+// What each pattern takes and refuses; ICU's $ matches ahead of one final
+// line break, not two.
+TEST(ServiceManifestTest, PatternsAndToolAccessForms) {
+  using Set = void (*)(ServiceManifest&, const char*);
+  const Set id = [](ServiceManifest& m, const char* v) { m.id = v; };
+  const Set target = [](ServiceManifest& m, const char* v) { m.executables = {{v, "bin/x"}}; };
+  const Set when = [](ServiceManifest& m, const char* v) { m.schedule = {v}; };
+  const Set access = [](ServiceManifest& m, const char* v) { m.toolAccess = {v}; };
+  const std::tuple<Set, const char*, bool> cases[] = {
+      {id, "a.b\n", true}, {id, "a.b\n\n", false}, {id, "a-.b", false}, {id, "-a.b", false}, {id, "a..b", false},
+      {target, "windows-x86_64", true}, {target, "Darwin-arm64", false}, {when, "daily@00:00\n", true},
+      {when, "daily@24:00", false}, {access, "net.example.notes/notes.create", true},
+      {access, "net.example.notes/*", true}, {access, "/net.example.notes/a.b", true},
+      {access, "notes/notes.create", false}, {access, "net.example.notes/create", false},
+      {access, "net.example.notes/", false}, {access, "", false}, {access, "net.example.notes//a.b", false},
+  };
+  for (const auto& [set, value, valid] : cases) {
+    ServiceManifest m = manifest("{}");
+    set(m, value);
+    EXPECT_EQ(m.validate().empty(), valid) << value;
+  }
+}
+
+// The same list on any thread, several at once: each thread has its own matchers.
+TEST(ServiceManifestTest, ValidationGivesEveryFaultInRuleOrderOnAnyThread) {
+  const ServiceManifest m = TarskelJSON::decoder().decode<ServiceManifest>(kEveryRule);
+  EXPECT_EQ(findings(m, true), kEveryRuleFindings);
+  std::vector<int> wrong(4);
+  std::vector<std::thread> threads;
+  for (int& w : wrong) {
+    threads.emplace_back([&] { for (int i = 0; i < 50; ++i) w += findings(m, true) != kEveryRuleFindings; });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, std::vector<int>(4));
+}
+
+std::string canonical(const ServiceManifest& m) { return TarskelJSON::canonicalEncoder().encode(m); }
+
+TEST(ServiceManifestTest, WritingFillsEveryDefaultAndLeavesOutOnlyTheOptionalRecords) {
+  const std::string minimal = R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{}})";
+  EXPECT_EQ(canonical(TarskelJSON::decoder().decode<ServiceManifest>(minimal)),
+            R"({"activation":{"mode":"always"},"dependencies":[],"displayName":"X",)"
+            R"("events":{"publishes":[],"subscribes":[]},"executables":{},"id":"a.b","migrations":[],)"
+            R"("permissions":{},"platformApi":"1.x","privileges":{"privilegedOps":[]},)"
+            R"("restartPolicy":{"backoffSeconds":[1,5,30,120],"maxFailures":5,"mode":"always","window":600},)"
+            R"("schedule":[],"scope":"user","toolAccess":[],"tools":[],"version":"1.0.0"})");
+  // Defaults hold field by field inside a present record; keys of another case are ignored.
+  const ServiceManifest m = manifest(
+      R"({"restartPolicy":{"mode":"never"},"activation":{"mode":"on-demand"},"scope":"machine",
+          "dependencies":[{"service":"a.b","version":"1"}],"resources":{},"energy":{"deferrable":true},
+          "tray":{"section":[{"type":"status","bind":"s","title":"ignored"},{"type":"action","title":"a","tool":"t"},
+          {"type":"action","title":"a","tool":"t","args":{"n":1}},{"type":"panel","title":"p","panel":"main"}]}})");
+  EXPECT_EQ(m.restartPolicy, (RestartPolicy{RestartPolicy::Mode::never, {1, 5, 30, 120}, 5, 600}));
+  const std::string written = canonical(m);
+  for (const char* part : {R"("activation":{"mode":"on-demand"})", R"("resources":{})", R"("scope":"machine")",
+                           R"({"optional":false,"service":"a.b","version":"1"})",
+                           R"({"bind":"s","type":"status"},{"title":"a","tool":"t","type":"action"})",
+                           R"("args":{"n":1})", R"({"panel":"main","title":"p","type":"panel"})",
+                           R"("tray":{"ownTrayIcon":false,"section")"}) {
+    EXPECT_NE(written.find(part), std::string::npos) << part << " in " << written;
+  }
+  EXPECT_EQ(TarskelJSON::decoder().decode<ServiceManifest>(written), m);
+  // A null is absent and takes the default; unknown keys are ignored.
+  auto nulls = TarskelJSON::decoder().decode<ServiceManifest>(
+      R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{},"scope":null,"platformApi":null,
+          "restartPolicy":null,"activation":{"mode":null,"idleStopMinutes":null},"tools":null,"x-unknown":[1],
+          "tray":{"section":[{"type":"action","title":"a","tool":"t","args":null}]}})");
+  EXPECT_EQ(std::get<TrayItem::Action>(nulls.tray->section.at(0).item).args, std::nullopt);
+  nulls.tray.reset();
+  EXPECT_EQ(canonical(nulls), canonical(TarskelJSON::decoder().decode<ServiceManifest>(minimal)));
+}
+
+// A fragment completes a minimal manifest (the last of two equal keys wins);
+// a whole document stands as it is.
+std::string readError(const std::string& fragment) {
+  const std::string text = fragment[0] == '{' ? fragment
+      : R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{},)" + fragment + "}";
+  try {
+    TarskelJSON::decoder().decode<ServiceManifest>(text);
+    return "read";
+  } catch (const DecodingError& e) {
+    return e.what();
+  }
+}
+
+TEST(ServiceManifestTest, ReadingFailsWholeAndNamesTheKeyPath) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"id":"a.b","version":"1","displayName":"X"})", R"(keyNotFound en <raíz>: falta la clave "executables")"},
+      {R"("energy":{})", R"(keyNotFound en energy: falta la clave "deferrable")"},
+      {R"("tools":[{"name":"x","description":"y"}])", R"(keyNotFound en tools[0]: falta la clave "inputSchema")"},
+      {R"("dependencies":[{"service":"a.b"}])", R"(keyNotFound en dependencies[0]: falta la clave "version")"},
+      {R"("tray":{"section":[{"bind":"x"}]})", R"(keyNotFound en tray.section[0]: falta la clave "type")"},
+      {R"("tray":{"section":[{"type":"separator"}]})",
+       "dataCorrupted en tray.section[0].type: Tipo de tray item desconocido: separator"},
+      {R"("scope":"global")", R"(dataCorrupted en scope: valor desconocido: "global")"},
+      {R"("activation":{"mode":"sometimes"})", R"(dataCorrupted en activation.mode: valor desconocido: "sometimes")"},
+      {R"("restartPolicy":{"mode":"on_failure"})",
+       R"(dataCorrupted en restartPolicy.mode: valor desconocido: "on_failure")"},
+      {R"("restartPolicy":{"maxFailures":1.5})",
+       "dataCorrupted en restartPolicy.maxFailures: se esperaba un entero, llegó 1.5"},
+      {R"("configSchema":{"type":"text"})", R"(dataCorrupted en configSchema.type: valor desconocido: "text")"},
+      {R"("executables":{"darwin-arm64":1})",
+       "typeMismatch en executables.darwin-arm64: se esperaba string, llegó number"},
+      {R"("permissions":{"files":"x"})", "typeMismatch en permissions.files: se esperaba array, llegó string"},
+      {R"("privileges":{"privilegedOps":[true]})",
+       "typeMismatch en privileges.privilegedOps[0]: se esperaba string, llegó boolean"},
+      {R"("restartPolicy":[])", "typeMismatch en restartPolicy: se esperaba object, llegó array"},
+      {R"("id":null)", "valueNotFound en id: se esperaba un valor, llegó null"},
+  };
+  for (const auto& [fragment, expected] : cases) EXPECT_EQ(readError(fragment), expected) << fragment;
+}
+
+TEST(ServiceStateTest, ElevenExactCasesInOrder) {
+  const auto all = allServiceStates();
+  ASSERT_EQ(all.size(), 11u);
+  EXPECT_EQ(all.front(), ServiceState::discovered);
+  EXPECT_EQ(all.back(), ServiceState::quarantined);
+  for (ServiceState s : all) {
+    EXPECT_EQ(serviceStateFromRawValue(rawValue(s)), s);
+    const std::string text = TarskelJSON::encoder().encode(s);
+    EXPECT_EQ(text, "\"" + std::string(rawValue(s)) + "\"");
+    EXPECT_EQ(TarskelJSON::decoder().decode<ServiceState>(text), s);
+  }
+  for (const char* text : {"Running", " running", "running ", ""}) {
+    EXPECT_EQ(serviceStateFromRawValue(text), std::nullopt) << text;
+  }
+  EXPECT_THROW(TarskelJSON::decoder().decode<ServiceState>("\"Running\""), DecodingError);
+}
+
+}  // namespace
+}  // namespace tarskel
