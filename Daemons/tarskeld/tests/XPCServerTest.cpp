@@ -281,12 +281,12 @@ TEST_F(XPCServerTest, ProvisionedGateOnTheSystemPlatformFailsClosed) {
             "(-67062)");
 }
 
-TEST_F(XPCServerTest, SocketIsReachableByAnyoneInA0755DirectoryAndGoesAtStop) {
+TEST_F(XPCServerTest, SocketIsItsOwnersOnlyInA0755DirectoryAndGoesAtStop) {
   startServer();
   struct stat st{};
   ASSERT_EQ(::stat(socketPath().c_str(), &st), 0);
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
-  EXPECT_EQ(st.st_mode & 0777, 0666u);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
   ASSERT_EQ(::stat(dir.file("run").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0755u);
   DaemonXPCClient client(socketPath());

@@ -28,8 +28,11 @@ namespace {
 
 std::string errnoText(int error) { return std::strerror(error); }
 
-// A connected socket to `path`, or the reason there is none.
-std::variant<int, std::string> connectTo(const std::string& path) {
+// A connected socket to `path`, or the reason there is none. With
+// `requireRoot`, a server whose credentials (taken by the kernel when it
+// listened) are not root's is refused: anyone able to put a socket at the
+// system daemon's path first would otherwise answer in its place.
+std::variant<int, std::string> connectTo(const std::string& path, bool requireRoot) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof(address.sun_path)) {
@@ -42,6 +45,15 @@ std::variant<int, std::string> connectTo(const std::string& path) {
     const int error = errno;
     ::close(fd);
     return "connect " + path + ": " + errnoText(error);
+  }
+  if (requireRoot) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.uid != 0) {
+      const std::string uid = length == sizeof peer ? std::to_string(peer.uid) : "?";
+      ::close(fd);
+      return "el servidor de " + path + " no es root (uid " + uid + ")";
+    }
   }
   return fd;
 }
@@ -67,7 +79,9 @@ struct DaemonXPCClient::Connection {
     std::optional<std::string> failure;
   };
 
-  explicit Connection(std::string p) : path(std::move(p)) {}
+  // `p` is the socket path, or nothing with the reason in `invalid`.
+  Connection(std::string p, bool root, std::string invalid)
+      : path(std::move(p)), requireRoot(root), invalidName(std::move(invalid)) {}
   ~Connection() {
     if (fd >= 0) ::close(fd);
   }
@@ -83,6 +97,8 @@ struct DaemonXPCClient::Connection {
   void fail(const std::string& text);  // lock held
 
   const std::string path;
+  const bool requireRoot;
+  const std::string invalidName;  // why there is no path; empty when there is
   std::mutex mutex;
   std::condition_variable changed;
   int fd = -1;                 // -1: not connected
@@ -96,8 +112,9 @@ struct DaemonXPCClient::Connection {
 std::optional<std::string> DaemonXPCClient::Connection::exchange(std::string message) {
   std::unique_lock lock(mutex);
   if (cancelled) throw DaemonClientError::transport("conexión cancelada");
+  if (!invalidName.empty()) throw DaemonClientError::transport(invalidName);
   if (fd < 0) {
-    auto connected = connectTo(path);
+    auto connected = connectTo(path, requireRoot);
     if (auto* text = std::get_if<std::string>(&connected)) {
       throw DaemonClientError::transport(*text);
     }
@@ -180,8 +197,21 @@ void DaemonXPCClient::Connection::cancel() {
   }
 }
 
+namespace {
+
+std::unique_ptr<DaemonXPCClient::Connection> connectionFor(std::string_view machServiceName) {
+  try {
+    return std::make_unique<DaemonXPCClient::Connection>(
+        socketPathForMachService(machServiceName), isDefaultServiceName(machServiceName), "");
+  } catch (const TransportError& e) {
+    return std::make_unique<DaemonXPCClient::Connection>("", false, e.description());
+  }
+}
+
+}  // namespace
+
 DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName)
-    : connection_(std::make_unique<Connection>(socketPathForMachService(machServiceName))) {}
+    : connection_(connectionFor(machServiceName)) {}
 
 DaemonXPCClient::~DaemonXPCClient() = default;
 
