@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +18,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <thread>
 
 #include "DaemonTestSupport.hpp"
 #include "tarskel/codesign/FakeCodeSignPlatform.hpp"
@@ -71,6 +74,20 @@ class ReleaseOp final : public DaemonOp {
   std::shared_ptr<Rendezvous> r_;
 };
 
+// "test.block" holds its thread (as a long file read or update would) until
+// "test.release" has run, for at most ten seconds.
+class BlockOp final : public DaemonOp {
+ public:
+  explicit BlockOp(std::shared_ptr<Rendezvous> r) : DaemonOp("test.block", {}, false), r_(std::move(r)) {}
+  awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
+    for (int i = 0; i < 10000 && !r_->released; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    co_return JSONValue(r_->released ? "released" : "timeout");
+  }
+
+ private:
+  std::shared_ptr<Rendezvous> r_;
+};
+
 class CountOp final : public DaemonOp {
  public:
   explicit CountOp(std::shared_ptr<Rendezvous> r) : DaemonOp("test.count", {}, false), r_(std::move(r)) {}
@@ -90,6 +107,7 @@ std::string requestBytes(const std::string& op) {
 // A hand-driven connection: raw frames out, envelopes in.
 class RawConnection {
  public:
+  explicit RawConnection(int fd) : fd_(fd) {}
   explicit RawConnection(const std::string& path) {
     fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
@@ -106,6 +124,19 @@ class RawConnection {
   }
   void send(std::uint64_t id, bool expectsReply, std::optional<std::string> body) {
     sendRaw(Transport::encodeFrame({id, expectsReply, std::move(body)}));
+  }
+
+  int fd() const { return fd_; }
+
+  // Whether the server closed the connection: true once a read, past
+  // whatever replies were waiting, finds the end of the stream.
+  bool closedByServer() {
+    char buffer[4096];
+    for (;;) {
+      const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
+      if (n == 0) return true;
+      if (n < 0) return false;  // the receive time-out: still open
+    }
   }
 
   // The next reply, or nothing when the server closed the connection.
@@ -139,17 +170,21 @@ class XPCServerTest : public testing::DaemonFixture {
   void SetUp() override { openStores(); }
   // The listener keeps the pool busy until it stops.
   void TearDown() override {
+    rendezvous->released = true;
     if (server) server->stop();
+    longOps.join();
     DaemonFixture::TearDown();
   }
 
-  void startServer(DaemonPeerGate gate = {}, std::string name = "") {
+  void startServer(DaemonPeerGate gate = {}, std::string name = "",
+                   DaemonServerLimits limits = {}) {
     if (name.empty()) name = dir.file("run/d.sock").string();
     auto ops = DaemonCore::OpList{std::make_shared<InfoOp>(), std::make_shared<WaitOp>(rendezvous),
                                   std::make_shared<ReleaseOp>(rendezvous),
-                                  std::make_shared<CountOp>(rendezvous)};
+                                  std::make_shared<CountOp>(rendezvous),
+                                  std::make_shared<BlockOp>(rendezvous)};
     server = std::make_unique<DaemonXPCServer>(name, DaemonCore(std::move(ops), audit, grants),
-                                               std::move(gate), pool.get_executor());
+                                               std::move(gate), longOps.get_executor(), limits);
     server->start();
   }
 
@@ -164,6 +199,7 @@ class XPCServerTest : public testing::DaemonFixture {
   }
 
   std::shared_ptr<Rendezvous> rendezvous = std::make_shared<Rendezvous>();
+  boost::asio::thread_pool longOps{1};
   std::unique_ptr<DaemonXPCServer> server;
 };
 
@@ -348,6 +384,144 @@ TEST_F(XPCServerTest, AdoptsTheSocketOfSocketActivation) {
     ::dup2(saved, 3);
     ::close(saved);
   }
+}
+
+
+TEST_F(XPCServerTest, LongOperationsNeverHoldUpShortOnes) {
+  startServer();
+  RawConnection blocked(socketPath());
+  blocked.send(1, true, requestBytes("test.block"));
+  RawConnection other(socketPath());
+  other.send(1, true, requestBytes("daemon.info"));
+  EXPECT_TRUE(other.nextResponse().ok) << "answered while the long pool is taken";
+  rendezvous->released = true;
+  EXPECT_EQ(blocked.nextResponse().result, JSONValue("released"));
+}
+
+// Each case holds on to the daemon its own way; the server closes it, and
+// the other clients are served throughout.
+TEST_F(XPCServerTest, ConnectionsThatHoldOnAreClosed) {
+  DaemonServerLimits limits;
+  limits.idleTimeout = std::chrono::milliseconds(150);
+  limits.stallTimeout = std::chrono::milliseconds(150);
+  limits.maxUnsentBytes = 1024;
+  limits.maxInFlight = 4;
+  startServer({}, "", limits);
+  struct Case {
+    const char* name;
+    std::function<void(RawConnection&)> holdOn;
+  };
+  const std::vector<Case> cases = {
+      {"says nothing", [](RawConnection&) {}},
+      {"half a frame header", [](RawConnection& c) { c.sendRaw("\0\0"s); }},
+      {"half a frame", [](RawConnection& c) { c.sendRaw("\0\0\0\x40xyz"s); }},
+      {"never reads its replies",
+       [](RawConnection& c) {
+         const int small = 4096;
+         ::setsockopt(c.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+         const std::string frame = Transport::encodeFrame({1, true, requestBytes("daemon.info")});
+         for (int i = 0; i < 20000; ++i) {
+           if (::send(c.fd(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL) <= 0) break;
+         }
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    RawConnection holder(socketPath());
+    c.holdOn(holder);
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    EXPECT_TRUE(holder.closedByServer());
+  }
+  DaemonXPCClient client(socketPath());
+  EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
+}
+
+TEST_F(XPCServerTest, ConnectionsPerUserAreCapped) {
+  DaemonServerLimits limits;
+  limits.maxConnectionsPerUid = 2;
+  startServer({}, "", limits);
+  auto first = std::make_unique<RawConnection>(socketPath());
+  RawConnection second(socketPath());
+  first->send(1, true, requestBytes("daemon.info"));
+  ASSERT_TRUE(first->next());
+  RawConnection third(socketPath());
+  EXPECT_TRUE(third.closedByServer());
+  first.reset();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  RawConnection fourth(socketPath());
+  fourth.send(1, true, requestBytes("daemon.info"));
+  EXPECT_TRUE(fourth.nextResponse().ok) << "a freed place is given again";
+}
+
+// Who wrote a message's bytes is who is judged: a child that inherited the
+// connection, the process that connected, or nobody for a frame that two of
+// them wrote together.
+TEST_F(XPCServerTest, EachMessageIsJudgedByTheProcessThatWroteIt) {
+  auto fake = std::make_shared<FakeCodeSignPlatform>();
+  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}, fake});
+  RawConnection c(socketPath());
+  const std::string frame = Transport::encodeFrame({1, true, requestBytes("daemon.info")});
+  // The child writes `part` of the frame, and stays until the reply is read.
+  auto childWrites = [&](const std::string& part) {
+    int done[2];
+    EXPECT_EQ(::pipe(done), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::write(c.fd(), part.data(), part.size());
+      char byte;
+      ::read(done[0], &byte, 1);
+      _exit(0);
+    }
+    return std::make_tuple(child, done[1]);
+  };
+
+  auto [child, release] = childWrites(frame);
+  EXPECT_TRUE(c.nextResponse().ok);
+  ::close(release);
+  ::waitpid(child, nullptr, 0);
+  c.send(2, true, requestBytes("daemon.info"));
+  EXPECT_TRUE(c.nextResponse().ok);
+  const auto calls = fake->calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "guestCodeForPid " + std::to_string(child)), 1);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "guestCodeForPid " + std::to_string(::getpid())), 1);
+
+  c.sendRaw(frame.substr(0, 10));
+  auto [helper, letGo] = childWrites(frame.substr(10));
+  const DaemonResponse mixed = c.nextResponse();
+  ::close(letGo);
+  ::waitpid(helper, nullptr, 0);
+  ASSERT_TRUE(mixed.error);
+  EXPECT_EQ(mixed.error->message,
+            "cliente XPC rechazado: sin identidad de código en el mensaje xpc (-67065)");
+}
+
+// Descriptors a client passes with its bytes are closed, not kept.
+TEST_F(XPCServerTest, DescriptorsPassedByAClientAreNotKept) {
+  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}, std::make_shared<FakeCodeSignPlatform>()});
+  RawConnection c(socketPath());
+  auto openDescriptors = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  const auto before = openDescriptors();
+  const std::string frame = Transport::encodeFrame({1, true, requestBytes("daemon.info")});
+  for (int i = 0; i < 20; ++i) {
+    int passed[4] = {0, 1, 2, 0};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof passed)] = {};
+    iovec io{const_cast<char*>(frame.data()), frame.size()};
+    msghdr message{};
+    message.msg_iov = &io;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof passed);
+    std::memcpy(CMSG_DATA(header), passed, sizeof passed);
+    ASSERT_EQ(::sendmsg(c.fd(), &message, 0), static_cast<ssize_t>(frame.size()));
+    EXPECT_TRUE(c.nextResponse().ok);
+  }
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 }  // namespace
