@@ -105,6 +105,7 @@ std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
   deps->server_ = std::make_unique<DaemonXPCServer>(
       machService, *deps->core_, DaemonPeerGate{std::move(teamIds), std::move(seams.gatePlatform)},
       std::move(longOps), DaemonServerLimits{}, deps->loop_);
+  deps->server_->groupAuditCommits(deps->db_);
   deps->server_->start();
   return deps;
 }

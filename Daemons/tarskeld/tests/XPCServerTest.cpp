@@ -467,11 +467,13 @@ TEST_F(XPCServerTest, EachMessageIsJudgedByTheProcessThatWroteIt) {
     EXPECT_EQ(::pipe(done), 0);
     const pid_t child = ::fork();
     if (child == 0) {
+      ::close(done[1]);
       ::write(c.fd(), part.data(), part.size());
       char byte;
       ::read(done[0], &byte, 1);
       _exit(0);
     }
+    ::close(done[0]);
     return std::make_tuple(child, done[1]);
   };
 
@@ -502,6 +504,8 @@ TEST_F(XPCServerTest, DescriptorsPassedByAClientAreNotKept) {
   auto openDescriptors = [] {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
   };
+  c.send(1, true, requestBytes("daemon.info"));  // the database's files are open from here on
+  EXPECT_TRUE(c.nextResponse().ok);
   const auto before = openDescriptors();
   const std::string frame = Transport::encodeFrame({1, true, requestBytes("daemon.info")});
   for (int i = 0; i < 20; ++i) {

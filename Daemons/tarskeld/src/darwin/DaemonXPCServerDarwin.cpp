@@ -156,4 +156,6 @@ void DaemonXPCServer::stop() {
 
 std::string DaemonXPCServer::endpoint() const { return impl_->machServiceName; }
 
+void DaemonXPCServer::groupAuditCommits(std::shared_ptr<SQLiteDatabase>) {}
+
 }  // namespace tarskel

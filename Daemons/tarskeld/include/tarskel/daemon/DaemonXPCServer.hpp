@@ -39,6 +39,7 @@
 #include "tarskel/daemon/DaemonCore.hpp"
 #include "tarskel/daemon/DaemonPeerGate.hpp"
 #include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/store/SQLiteDatabase.hpp"
 
 namespace tarskel {
 
@@ -121,6 +122,14 @@ class DaemonXPCServer {
   // replies go nowhere. The daemon itself never stops its server; this is
   // for tests and tools that host one in-process. Idempotent.
   void stop();
+
+  // Lets the audit rows of requests handled together (several clients at
+  // once) share one transaction of `auditDatabase`, the audit store's own
+  // database: each reply then waits for the commit of the transaction that
+  // may hold its row, so no reply ever leaves before its row is stored. A
+  // lone request writes its row on its own, as before. Call before start();
+  // the database must be used on the server's loop only. macOS: no effect.
+  void groupAuditCommits(std::shared_ptr<SQLiteDatabase> auditDatabase);
 
   // Where clients reach the server: the socket path on Linux (the adopted
   // socket's bound path under activation), the Mach service name on macOS.
