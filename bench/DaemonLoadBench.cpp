@@ -50,7 +50,8 @@ struct Latencies {
   double percentile(double p) {
     if (micros.empty()) return 0;
     std::sort(micros.begin(), micros.end());
-    return micros[std::min(micros.size() - 1, static_cast<std::size_t>(p * static_cast<double>(micros.size())))];
+    return micros[std::min(micros.size() - 1,
+                           static_cast<std::size_t>(p * static_cast<double>(micros.size())))];
   }
   double rate() const { return static_cast<double>(micros.size()) / seconds; }
 };
@@ -97,7 +98,8 @@ Latencies echoRoundTrip(int calls, std::size_t responseSize) {
     const std::string reply = Transport::encodeFrame({1, false, std::string(responseSize, 'r')});
     char buffer[4096];
     for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) {
-      for (std::size_t k = decoder.append({buffer, static_cast<std::size_t>(n)}).size(); k > 0; --k) {
+      for (std::size_t k = decoder.append({buffer, static_cast<std::size_t>(n)}).size(); k > 0;
+           --k) {
         ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
       }
     }
@@ -123,7 +125,6 @@ Latencies echoRoundTrip(int calls, std::size_t responseSize) {
   ::close(fds[0]);
   return out;
 }
-
 
 #ifdef TARSKEL_HAVE_SDBUS
 // A private dbus-daemon, and an sd-bus echo service on it: the service owns
@@ -168,8 +169,7 @@ struct PrivateBus {
     service = ::fork();
     if (service == 0) {
       static const sd_bus_vtable vtable[] = {
-          SD_BUS_VTABLE_START(0),
-          SD_BUS_METHOD("Echo", "s", "s", echo, SD_BUS_VTABLE_UNPRIVILEGED),
+          SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Echo", "s", "s", echo, SD_BUS_VTABLE_UNPRIVILEGED),
           SD_BUS_VTABLE_END};
       sd_bus* bus = connect(address);
       if (bus == nullptr ||
@@ -242,7 +242,8 @@ struct DaemonUnderTest {
   pid_t pid = -1;
   std::string socket;
 
-  DaemonUnderTest(const std::filesystem::path& root, const std::string& socketPath) : socket(socketPath) {
+  DaemonUnderTest(const std::filesystem::path& root, const std::string& socketPath)
+      : socket(socketPath) {
     pid = ::fork();
     if (pid == 0) {
       const int null = ::open("/dev/null", O_WRONLY);
@@ -284,7 +285,8 @@ double cachedInsertRate(const std::string& path, int rows) {
     char correlation[40];
     std::snprintf(correlation, sizeof correlation, "7d3c1e52-0000-4000-8000-%012d", n);
     sqlite3_bind_double(stmt, 1, 784926483.5 + n * 0.001);
-    sqlite3_bind_text(stmt, 2, "unverified:gate SO sin provisionar (sin vendor/teams.json)", -1, SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt, 2, "unverified:gate SO sin provisionar (sin vendor/teams.json)", -1,
+                      SQLITE_TRANSIENT);
     sqlite3_bind_text(stmt, 3, "daemon.info", -1, SQLITE_TRANSIENT);
     sqlite3_bind_text(stmt, 4, "xpc", -1, SQLITE_TRANSIENT);
     sqlite3_bind_text(stmt, 5, "ok", -1, SQLITE_TRANSIENT);
@@ -330,10 +332,12 @@ int main(int argc, char** argv) {
   const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
   const int calls = argc > 2 ? std::max(10, std::atoi(argv[2])) : 400;
 
-  const auto dir = std::filesystem::temp_directory_path() / ("tarskel-load-" + std::to_string(::getpid()));
+  const auto dir =
+      std::filesystem::temp_directory_path() / ("tarskel-load-" + std::to_string(::getpid()));
   std::filesystem::create_directories(dir / "plain");
   std::filesystem::create_directories(dir / "provisioned/vendor");
-  std::ofstream(dir / "provisioned/vendor/teams.json") << R"({"revision":1,"teamIds":["TEAMID0001"]})";
+  std::ofstream(dir / "provisioned/vendor/teams.json")
+      << R"({"revision":1,"teamIds":["TEAMID0001"]})";
   DaemonUnderTest plain(dir / "plain", (dir / "plain.sock").string());
   DaemonUnderTest provisioned(dir / "provisioned", (dir / "provisioned.sock").string());
 #ifdef TARSKEL_HAVE_SDBUS
@@ -373,8 +377,8 @@ int main(int argc, char** argv) {
       const std::string name = "tarskeld, " + std::to_string(clients) + " clients";
       print(name.c_str(), loaded);
       if (clients == 16) {
-        const double insert =
-            cachedInsertRate((dir / ("insert-" + std::to_string(round) + ".db")).string(), 4 * calls);
+        const double insert = cachedInsertRate(
+            (dir / ("insert-" + std::to_string(round) + ".db")).string(), 4 * calls);
         std::printf("  %-36s %9.0f rows/s\n", "SQLite insert, cached statement", insert);
         throughputVsInsert.add(loaded.rate() / insert);
       }

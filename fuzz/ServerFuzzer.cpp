@@ -46,9 +46,9 @@ struct Served {
     limits.idleTimeout = std::chrono::milliseconds(50);
     limits.maxInFlight = 4;
     limits.maxUnsentBytes = 4096;
-    server = std::make_unique<DaemonXPCServer>((dir / "d.sock").string(),
-                                               DaemonCore(std::nullopt, audit, grants),
-                                               DaemonPeerGate{}, longOps.get_executor(), limits, loop);
+    server = std::make_unique<DaemonXPCServer>(
+        (dir / "d.sock").string(), DaemonCore(std::nullopt, audit, grants), DaemonPeerGate{},
+        longOps.get_executor(), limits, loop);
     server->groupAuditCommits(db);
     server->start();
   }

@@ -30,7 +30,9 @@ class TrustOneExecutable final : public CodeSignPlatform {
   CodeResult staticCodeForPath(const std::string& p) const override {
     return linux_.staticCodeForPath(p);
   }
-  CodeResult guestCodeForPid(std::int32_t pid) const override { return linux_.guestCodeForPid(pid); }
+  CodeResult guestCodeForPid(std::int32_t pid) const override {
+    return linux_.guestCodeForPid(pid);
+  }
   CodeResult staticCodeOf(const CodeObject& c) const override { return linux_.staticCodeOf(c); }
   CodeRef compileRequirement(std::string_view t) const override {
     return linux_.compileRequirement(t);
@@ -78,8 +80,7 @@ std::shared_ptr<tarskel::FakeCodeSignPlatform> scriptedPlatform(const char* scri
 int main(int argc, char** argv) {
   const char* script = std::getenv("TARSKEL_TEST_GATE");
   if (script != nullptr && std::string_view(script).rfind("trust=", 0) == 0) {
-    return tarskel::Tarskeld::main(argc, argv,
-                                   std::make_shared<TrustOneExecutable>(script + 6));
+    return tarskel::Tarskeld::main(argc, argv, std::make_shared<TrustOneExecutable>(script + 6));
   }
   return tarskel::Tarskeld::main(argc, argv, scriptedPlatform(std::getenv("TARSKEL_TEST_GATE")));
 }

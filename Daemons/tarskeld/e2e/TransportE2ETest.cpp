@@ -20,7 +20,8 @@ namespace {
 constexpr uid_t kNobody = 65534;
 
 std::string infoRequest() {
-  return TarskelJSON::encoder().encode(DaemonRequest{"daemon.info", {}, std::nullopt, std::nullopt});
+  return TarskelJSON::encoder().encode(
+      DaemonRequest{"daemon.info", {}, std::nullopt, std::nullopt});
 }
 
 // Runs `body` in a child as user and group 65534; its exit status.
@@ -50,9 +51,10 @@ int connectErrno(const std::string& path) {
 using TransportE2ETest = E2EFixture;
 
 TEST_F(TransportE2ETest, AnUnprivilegedUserCanNotConnect) {
-  ::chmod(dir.path().c_str(), 0755);  // the directory lets anyone through: only the socket's mode stops them
+  ::chmod(dir.path().c_str(),
+          0755);  // the directory lets anyone through: only the socket's mode stops them
   start();
-  struct stat st{};
+  struct stat st {};
   ASSERT_EQ(::stat(socketPath().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   EXPECT_EQ(asNobody([&] { return connectErrno(socketPath()); }), EACCES);

@@ -25,8 +25,8 @@
 #include "tarskel/codesign/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
-#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
@@ -47,7 +47,8 @@ struct Rendezvous {
 // after ten seconds: it only answers "released" if the two overlapped.
 class WaitOp final : public DaemonOp {
  public:
-  explicit WaitOp(std::shared_ptr<Rendezvous> r) : DaemonOp("test.wait", {}, false), r_(std::move(r)) {}
+  explicit WaitOp(std::shared_ptr<Rendezvous> r)
+      : DaemonOp("test.wait", {}, false), r_(std::move(r)) {}
   awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
     auto executor = co_await boost::asio::this_coro::executor;
     boost::asio::steady_timer timer(executor);
@@ -64,7 +65,8 @@ class WaitOp final : public DaemonOp {
 
 class ReleaseOp final : public DaemonOp {
  public:
-  explicit ReleaseOp(std::shared_ptr<Rendezvous> r) : DaemonOp("test.release", {}, false), r_(std::move(r)) {}
+  explicit ReleaseOp(std::shared_ptr<Rendezvous> r)
+      : DaemonOp("test.release", {}, false), r_(std::move(r)) {}
   awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
     r_->released = true;
     co_return JSONValue("done");
@@ -78,9 +80,11 @@ class ReleaseOp final : public DaemonOp {
 // "test.release" has run, for at most ten seconds.
 class BlockOp final : public DaemonOp {
  public:
-  explicit BlockOp(std::shared_ptr<Rendezvous> r) : DaemonOp("test.block", {}, false), r_(std::move(r)) {}
+  explicit BlockOp(std::shared_ptr<Rendezvous> r)
+      : DaemonOp("test.block", {}, false), r_(std::move(r)) {}
   awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
-    for (int i = 0; i < 10000 && !r_->released; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (int i = 0; i < 10000 && !r_->released; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
     co_return JSONValue(r_->released ? "released" : "timeout");
   }
 
@@ -90,7 +94,8 @@ class BlockOp final : public DaemonOp {
 
 class CountOp final : public DaemonOp {
  public:
-  explicit CountOp(std::shared_ptr<Rendezvous> r) : DaemonOp("test.count", {}, false), r_(std::move(r)) {}
+  explicit CountOp(std::shared_ptr<Rendezvous> r)
+      : DaemonOp("test.count", {}, false), r_(std::move(r)) {}
   awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
     ++r_->counted;
     co_return JSONValue(true);
@@ -120,7 +125,8 @@ class RawConnection {
   ~RawConnection() { ::close(fd_); }
 
   void sendRaw(const std::string& bytes) {
-    EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
   }
   void send(std::uint64_t id, bool expectsReply, std::optional<std::string> body) {
     sendRaw(Transport::encodeFrame({id, expectsReply, std::move(body)}));
@@ -210,8 +216,8 @@ TEST_F(XPCServerTest, ClientCallIsAnsweredAndAudited) {
   ASSERT_TRUE(response.ok);
   ASSERT_TRUE(response.result->objectValue());
   EXPECT_EQ(*response.result->objectValue()->find("pid"), JSONValue::integer(::getpid()));
-  EXPECT_EQ(callers(), std::vector<std::string>{
-                           "unverified:gate SO sin provisionar (sin vendor/teams.json)"});
+  EXPECT_EQ(callers(),
+            std::vector<std::string>{"unverified:gate SO sin provisionar (sin vendor/teams.json)"});
 }
 
 TEST_F(XPCServerTest, MessagesOfOneConnectionOverlapAndRepliesLeaveInAnyOrder) {
@@ -224,7 +230,8 @@ TEST_F(XPCServerTest, MessagesOfOneConnectionOverlapAndRepliesLeaveInAnyOrder) {
   ASSERT_TRUE(first && second);
   EXPECT_EQ(first->id, 2u) << "the release must not wait behind the wait";
   EXPECT_EQ(second->id, 1u);
-  EXPECT_EQ(TarskelJSON::decoder().decode<DaemonResponse>(*second->body).result, JSONValue("released"));
+  EXPECT_EQ(TarskelJSON::decoder().decode<DaemonResponse>(*second->body).result,
+            JSONValue("released"));
 }
 
 TEST_F(XPCServerTest, MessageThatExpectsNoReplyNeverRuns) {
@@ -319,7 +326,7 @@ TEST_F(XPCServerTest, ProvisionedGateOnTheSystemPlatformFailsClosed) {
 
 TEST_F(XPCServerTest, SocketIsItsOwnersOnlyInA0755DirectoryAndGoesAtStop) {
   startServer();
-  struct stat st{};
+  struct stat st {};
   ASSERT_EQ(::stat(socketPath().c_str(), &st), 0);
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
   EXPECT_EQ(st.st_mode & 0777, 0600u);
@@ -385,7 +392,6 @@ TEST_F(XPCServerTest, AdoptsTheSocketOfSocketActivation) {
     ::close(saved);
   }
 }
-
 
 TEST_F(XPCServerTest, LongOperationsNeverHoldUpShortOnes) {
   startServer();
@@ -485,7 +491,8 @@ TEST_F(XPCServerTest, EachMessageIsJudgedByTheProcessThatWroteIt) {
   EXPECT_TRUE(c.nextResponse().ok);
   const auto calls = fake->calls();
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "guestCodeForPid " + std::to_string(child)), 1);
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "guestCodeForPid " + std::to_string(::getpid())), 1);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "guestCodeForPid " + std::to_string(::getpid())),
+            1);
 
   c.sendRaw(frame.substr(0, 10));
   auto [helper, letGo] = childWrites(frame.substr(10));
@@ -499,7 +506,8 @@ TEST_F(XPCServerTest, EachMessageIsJudgedByTheProcessThatWroteIt) {
 
 // Descriptors a client passes with its bytes are closed, not kept.
 TEST_F(XPCServerTest, DescriptorsPassedByAClientAreNotKept) {
-  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}, std::make_shared<FakeCodeSignPlatform>()});
+  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"},
+                             std::make_shared<FakeCodeSignPlatform>()});
   RawConnection c(socketPath());
   auto openDescriptors = [] {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());

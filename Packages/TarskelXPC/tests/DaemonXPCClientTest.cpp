@@ -2,14 +2,12 @@
 // speaks the transport by hand, so these tests also pin the client's half of
 // the envelope.
 
-#include "tarskel/xpc/DaemonXPCClient.hpp"
-
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,8 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
 namespace tarskel {
@@ -133,7 +132,8 @@ std::string transportText(const std::function<void()>& call) {
 TEST(DaemonXPCClientTest, SendsTheRequestAsABodyThatExpectsAReply) {
   ScriptedDaemon daemon(echoOp);
   DaemonXPCClient client(daemon.path());
-  DaemonRequest request{"fs.readProtectedPath", JSONObject{{"path", JSONValue("/x")}}, "c-1", "svc"};
+  DaemonRequest request{"fs.readProtectedPath", JSONObject{{"path", JSONValue("/x")}}, "c-1",
+                        "svc"};
   EXPECT_EQ(client.request(request), DaemonResponse::success(JSONValue("fs.readProtectedPath")));
   const auto got = daemon.received();
   ASSERT_EQ(got.size(), 1u);
@@ -285,7 +285,8 @@ TEST(DaemonXPCClientTest, ConcurrentCallersGetTheirOwnRepliesInAnyOrder) {
     }));
   }
   for (int i = 0; i < kCallers; ++i) {
-    EXPECT_EQ(calls[static_cast<std::size_t>(i)].get().result, JSONValue("op." + std::to_string(i)));
+    EXPECT_EQ(calls[static_cast<std::size_t>(i)].get().result,
+              JSONValue("op." + std::to_string(i)));
   }
 }
 

@@ -1,5 +1,3 @@
-#include "tarskel/xpc/Transport.hpp"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -10,6 +8,7 @@
 #include <vector>
 
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/xpc/Transport.hpp"
 
 namespace tarskel {
 namespace {
@@ -76,7 +75,9 @@ TEST(TransportTest, SocketPathOfAServiceName) {
   EXPECT_THROW(socketPathForMachService(""), TransportError);
   if (::geteuid() == 0 && ::fork() == 0) {
     // Another user gets the same path.
-    _exit(::setuid(65534) == 0 && socketPathForMachService("net.x") == "/run/tarskel/net.x.sock" ? 0 : 1);
+    _exit(::setuid(65534) == 0 && socketPathForMachService("net.x") == "/run/tarskel/net.x.sock"
+              ? 0
+              : 1);
   }
   int status = 0;
   if (::geteuid() == 0) {

@@ -62,7 +62,7 @@ struct ServerState {
   DaemonPeerGate gate;
   DaemonServerLimits limits;
   asio::any_io_executor acceptorExecutor;  // the loop
-  bool judgeSenders = false;  // the gate looks at senders: read credentials
+  bool judgeSenders = false;               // the gate looks at senders: read credentials
   std::size_t open = 0;
   std::map<uid_t, std::size_t> openPerUid;
   // Requests handed to the core and not yet answered, on every connection.
@@ -170,8 +170,8 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
       }
       if (errno == EINTR) continue;
       if (errno == EAGAIN || errno == EWOULDBLOCK) {
-        auto waiting = socket_.async_wait(Local::socket::wait_read,
-                                          asio::as_tuple(asio::use_awaitable));
+        auto waiting =
+            socket_.async_wait(Local::socket::wait_read, asio::as_tuple(asio::use_awaitable));
         std::tuple<boost::system::error_code> ready = co_await std::move(waiting);
         if (std::get<0>(ready)) co_return;
         continue;
@@ -206,8 +206,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
       message.msg_control = control.data();
       message.msg_controllen = control.size();
     }
-    const ssize_t n =
-        ::recvmsg(socket_.native_handle(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    const ssize_t n = ::recvmsg(socket_.native_handle(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (n < 0) return n;
     std::shared_ptr<PeerSocketIdentity> sender;
     // Descriptors a client passes are closed even on the last, empty read.
@@ -265,16 +264,16 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     while (!pending_.empty() && inFlight_ < state_->limits.maxInFlight && !closed_) {
       PendingMessage message = std::move(pending_.front());
       pending_.pop_front();
-      DaemonPeerVerdict verdict = message.sender ? state_->gate.verdict(*message.sender)
-                                                 : state_->gate.verdict(nobody());
+      DaemonPeerVerdict verdict =
+          message.sender ? state_->gate.verdict(*message.sender) : state_->gate.verdict(nobody());
       ++inFlight_;
       beginGroupIfBusy();
       ++state_->answering;
-      asio::co_spawn(socket_.get_executor(),
-                     answer(shared_from_this(), message.envelope.id,
-                            std::move(message.envelope.body).value_or(std::string()),
-                            std::move(verdict)),
-                     asio::detached);
+      asio::co_spawn(
+          socket_.get_executor(),
+          answer(shared_from_this(), message.envelope.id,
+                 std::move(message.envelope.body).value_or(std::string()), std::move(verdict)),
+          asio::detached);
     }
   }
 
@@ -442,12 +441,13 @@ void makeSocketDirectory(const std::filesystem::path& dir, const std::string& pa
       throw cannotListen(path, "mkdir " + partial.string() + ": " + errnoText(errno));
     }
   }
-  struct stat st{};
-  if (::lstat(dir.c_str(), &st) != 0) throw cannotListen(path, "stat " + dir.string() + ": " + errnoText(errno));
+  struct stat st {};
+  if (::lstat(dir.c_str(), &st) != 0)
+    throw cannotListen(path, "stat " + dir.string() + ": " + errnoText(errno));
   if (!S_ISDIR(st.st_mode)) throw cannotListen(path, dir.string() + " no es un directorio");
   if (st.st_uid != ::geteuid() && st.st_uid != 0) {
-    throw cannotListen(path, dir.string() + " pertenece a otro usuario (uid " +
-                                 std::to_string(st.st_uid) + ")");
+    throw cannotListen(
+        path, dir.string() + " pertenece a otro usuario (uid " + std::to_string(st.st_uid) + ")");
   }
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     throw cannotListen(path, dir.string() + " admite escritura de grupo u otros");
@@ -457,7 +457,7 @@ void makeSocketDirectory(const std::filesystem::path& dir, const std::string& pa
 // Removes a socket file nobody answers on. A live listener, or a file that
 // is not a socket, is left alone and refused.
 void replaceStaleSocket(const std::string& path) {
-  struct stat st{};
+  struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return;
   if (!S_ISSOCK(st.st_mode)) throw cannotListen(path, "existe y no es un socket");
   Local::endpoint endpoint(path);
@@ -519,7 +519,7 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
       ::umask(previous);
     }
     if (ec) throw cannotListen(path, ec.message());
-    struct stat st{};
+    struct stat st {};
     ::lstat(path.c_str(), &st);
     boundFile = std::make_pair(st.st_dev, st.st_ino);
     ::chmod(path.c_str(), 0600);
@@ -605,14 +605,15 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
                    if (auto connection = weak.lock()) connection->close();
                  }
                  self->connections.clear();
-               })).wait();
+               }))
+        .wait();
     removeSocketFile();
   }
 
   // Only the file this server bound: another daemon may have replaced it.
   void removeSocketFile() {
     if (!boundFile) return;
-    struct stat st{};
+    struct stat st {};
     if (::lstat(path.c_str(), &st) == 0 && std::make_pair(st.st_dev, st.st_ino) == *boundFile) {
       ::unlink(path.c_str());
     }
@@ -633,9 +634,9 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
   std::vector<std::weak_ptr<PeerConnection>> connections;  // on the loop
 };
 
-DaemonXPCServer::DaemonXPCServer(std::string machServiceName, DaemonCore core,
-                                 DaemonPeerGate gate, asio::any_io_executor longOps,
-                                 DaemonServerLimits limits, std::shared_ptr<DaemonEventLoop> loop)
+DaemonXPCServer::DaemonXPCServer(std::string machServiceName, DaemonCore core, DaemonPeerGate gate,
+                                 asio::any_io_executor longOps, DaemonServerLimits limits,
+                                 std::shared_ptr<DaemonEventLoop> loop)
     : loop_(loop ? std::move(loop) : std::make_shared<DaemonEventLoop>()),
       impl_(std::make_shared<Impl>(std::move(machServiceName), std::move(core), std::move(gate),
                                    std::move(longOps), limits, loop_->executor())) {}

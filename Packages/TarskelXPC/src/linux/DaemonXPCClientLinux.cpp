@@ -17,8 +17,8 @@
 #include <string>
 #include <variant>
 
-#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
@@ -101,11 +101,11 @@ struct DaemonXPCClient::Connection {
   const std::string invalidName;  // why there is no path; empty when there is
   std::mutex mutex;
   std::condition_variable changed;
-  int fd = -1;                 // -1: not connected
+  int fd = -1;  // -1: not connected
   bool cancelled = false;
-  bool reading = false;        // a thread is in recv() on fd
+  bool reading = false;  // a thread is in recv() on fd
   std::uint64_t nextId = 1;
-  FrameDecoder decoder;        // touched by the reader only
+  FrameDecoder decoder;  // touched by the reader only
   std::map<std::uint64_t, std::optional<Outcome>> waiting;
 };
 
@@ -137,8 +137,7 @@ std::optional<std::string> DaemonXPCClient::Connection::exchange(std::string mes
   return std::move(outcome.body);
 }
 
-void DaemonXPCClient::Connection::readUntil(std::unique_lock<std::mutex>& lock,
-                                            std::uint64_t id) {
+void DaemonXPCClient::Connection::readUntil(std::unique_lock<std::mutex>& lock, std::uint64_t id) {
   while (!waiting[id].has_value()) {
     if (reading) {
       changed.wait(lock);
@@ -201,8 +200,8 @@ namespace {
 
 std::unique_ptr<DaemonXPCClient::Connection> connectionFor(std::string_view machServiceName) {
   try {
-    return std::make_unique<DaemonXPCClient::Connection>(
-        socketPathForMachService(machServiceName), isDefaultServiceName(machServiceName), "");
+    return std::make_unique<DaemonXPCClient::Connection>(socketPathForMachService(machServiceName),
+                                                         isDefaultServiceName(machServiceName), "");
   } catch (const TransportError& e) {
     return std::make_unique<DaemonXPCClient::Connection>("", false, e.description());
   }
