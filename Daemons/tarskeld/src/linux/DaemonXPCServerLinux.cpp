@@ -58,6 +58,9 @@ class PeerConnection;
 // What the connections of one server share: the limits and the count of
 // open connections per user. Touched on the loop only.
 struct ServerState {
+  ServerState(DaemonCore c, DaemonPeerGate g, DaemonServerLimits l, asio::any_io_executor loop)
+      : core(std::move(c)), gate(std::move(g)), limits(l), acceptorExecutor(std::move(loop)) {}
+
   DaemonCore core;
   DaemonPeerGate gate;
   DaemonServerLimits limits;
@@ -480,8 +483,7 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
        DaemonServerLimits limits, asio::any_io_executor loopExecutor)
       : machServiceName(std::move(name)),
         loop(std::move(loopExecutor)),
-        state(std::make_shared<ServerState>(
-            ServerState{std::move(core), std::move(gate), limits, loop})),
+        state(std::make_shared<ServerState>(std::move(core), std::move(gate), limits, loop)),
         acceptor(loop),
         sweeper(loop) {
     state->core.runLongOpsOn(std::move(longOps));
