@@ -288,40 +288,38 @@ TEST_F(XPCServerTest, BadFrameClosesOnlyItsConnection) {
   }
 }
 
-TEST_F(XPCServerTest, GateVerdictIsWorkedOutForEveryMessageFromThePeersPid) {
-  auto fake = std::make_shared<FakeCodeSignPlatform>();
-  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}, fake});
-  DaemonXPCClient client(socketPath());
-  EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
-  EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
+// The gate behind the socket, asked anew for every message: a scripted
+// platform that passes, one that has no code for the sender, and the real
+// Linux platform, which fails closed (no code signature exists here).
+TEST_F(XPCServerTest, GateVerdictsOfEveryMessage) {
+  auto passes = std::make_shared<FakeCodeSignPlatform>();
+  auto noCode = std::make_shared<FakeCodeSignPlatform>();
+  noCode->guestCodeForPidAnswer = {-67065, false};
+  struct Case {
+    const char* name;
+    std::shared_ptr<const CodeSignPlatform> platform;
+    std::string caller;
+  };
+  const std::vector<Case> cases = {
+      {"trusted", passes, "team:TEAMID0001"},
+      {"no code", noCode, "rejected:sin identidad de código en el mensaje xpc (-67065)"},
+      {"system", DaemonPeerGate::systemPlatform(),
+       "rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}, c.platform});
+    DaemonXPCClient client(socketPath());
+    for (int i = 0; i < 2; ++i) client.request({"daemon.info", {}, std::nullopt, std::nullopt});
+    server->stop();
+    const auto rows = callers();
+    ASSERT_GE(rows.size(), 2u);
+    EXPECT_EQ(rows[rows.size() - 2], c.caller);
+    EXPECT_EQ(rows.back(), c.caller);
+  }
   const std::string asked = "guestCodeForPid " + std::to_string(::getpid());
-  const auto calls = fake->calls();
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), asked), 2);
-  EXPECT_EQ(callers(), (std::vector<std::string>{"team:TEAMID0001", "team:TEAMID0001"}));
-}
-
-TEST_F(XPCServerTest, RejectedPeerGetsUnauthorizedClient) {
-  auto fake = std::make_shared<FakeCodeSignPlatform>();
-  fake->guestCodeForPidAnswer = {-67065, false};
-  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}, fake});
-  DaemonXPCClient client(socketPath());
-  const DaemonResponse response = client.request({"daemon.info", {}, std::nullopt, std::nullopt});
-  ASSERT_TRUE(response.error);
-  EXPECT_EQ(response.error->code, "unauthorizedClient");
-  EXPECT_EQ(response.error->message,
-            "cliente XPC rechazado: sin identidad de código en el mensaje xpc (-67065)");
-}
-
-// Linux has no code signature: a provisioned gate on the real platform
-// resolves this very process through its pidfd and fails closed.
-TEST_F(XPCServerTest, ProvisionedGateOnTheSystemPlatformFailsClosed) {
-  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}});
-  DaemonXPCClient client(socketPath());
-  const DaemonResponse response = client.request({"daemon.info", {}, std::nullopt, std::nullopt});
-  ASSERT_TRUE(response.error);
-  EXPECT_EQ(response.error->message,
-            "cliente XPC rechazado: gate SO: firma inválida o no anclada a Apple en cliente xpc "
-            "(-67062)");
+  const auto calls = passes->calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), asked), 2) << "once per message";
 }
 
 TEST_F(XPCServerTest, SocketIsItsOwnersOnlyInA0755DirectoryAndGoesAtStop) {
