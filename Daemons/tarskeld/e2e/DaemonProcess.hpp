@@ -90,6 +90,9 @@ class RawConnection {
 
   void send(const TransportEnvelope& envelope);
   void sendBytes(const std::string& bytes);
+  // Shuts the writing side: the daemon reads the end of the stream.
+  void shutdownWrite();
+  int fd() const { return fd_; }
 
   // The next reply, or nothing when the connection closes or the time
   // limit passes.

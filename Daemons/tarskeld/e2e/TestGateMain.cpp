@@ -8,15 +8,48 @@
 //   static=<status>    its static code can't be had
 //   validity=<status>  the signature check answers <status>
 //   team=<id>|none     the team in the signing information, or none
+// or, alone, trust=<path>: the real Linux platform judges each sender by its
+// executable, and only <path> passes, as team TEAMID0001.
 #include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <string>
 
 #include "tarskel/codesign/FakeCodeSignPlatform.hpp"
+#include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
 #include "tarskel/daemon/Tarskeld.hpp"
 
 namespace {
+
+using namespace tarskel;
+
+// The system's platform, with one executable taken as validly signed.
+class TrustOneExecutable final : public CodeSignPlatform {
+ public:
+  explicit TrustOneExecutable(std::string path) : trusted_(std::move(path)) {}
+  CodeResult staticCodeForPath(const std::string& p) const override {
+    return linux_.staticCodeForPath(p);
+  }
+  CodeResult guestCodeForPid(std::int32_t pid) const override {
+    return linux_.guestCodeForPid(pid);
+  }
+  CodeResult staticCodeOf(const CodeObject& c) const override { return linux_.staticCodeOf(c); }
+  CodeRef compileRequirement(std::string_view t) const override {
+    return linux_.compileRequirement(t);
+  }
+  OSStatus checkValidity(const CodeObject& c, std::uint32_t, const CodeObject*) const override {
+    return LinuxCodeSignPlatform::executablePath(c) == trusted_ ? 0
+                                                                : CodeSignStatus::errSecCSUnsigned;
+  }
+  SigningInformation copySigningInformation(const CodeObject&, std::uint32_t) const override {
+    return {0, SigningInformation::Result::dictionary, SigningInformation::Team::string,
+            "TEAMID0001"};
+  }
+
+ private:
+  LinuxCodeSignPlatform linux_;
+  std::string trusted_;
+};
 
 std::shared_ptr<tarskel::FakeCodeSignPlatform> scriptedPlatform(const char* script) {
   auto fake = std::make_shared<tarskel::FakeCodeSignPlatform>();
@@ -45,5 +78,9 @@ std::shared_ptr<tarskel::FakeCodeSignPlatform> scriptedPlatform(const char* scri
 }  // namespace
 
 int main(int argc, char** argv) {
+  const char* script = std::getenv("TARSKEL_TEST_GATE");
+  if (script != nullptr && std::string_view(script).rfind("trust=", 0) == 0) {
+    return tarskel::Tarskeld::main(argc, argv, std::make_shared<TrustOneExecutable>(script + 6));
+  }
   return tarskel::Tarskeld::main(argc, argv, scriptedPlatform(std::getenv("TARSKEL_TEST_GATE")));
 }

@@ -1,5 +1,7 @@
 #include "tarskel/daemon/DaemonCore.hpp"
 
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/use_awaitable.hpp>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -79,6 +81,10 @@ std::vector<std::string> DaemonCore::catalog() const {
   return names;
 }
 
+bool DaemonCore::isShortOp(std::string_view name) {
+  return name == "daemon.info" || name == "daemon.grants.sync";
+}
+
 DaemonOpPtr DaemonCore::op(std::string_view name) const {
   auto it = ops_->find(name);
   return it == ops_->end() ? nullptr : it->second;
@@ -110,7 +116,16 @@ awaitable<DaemonResponse> DaemonCore::run(const DaemonRequest& request,
   DaemonOpContext context{catalog(), peer};
   std::string failure;
   try {
-    JSONValue result = co_await op.execute(request.args, context);
+    JSONValue result;
+    if (longOps_ && !isShortOp(op.name())) {
+      auto elsewhere = boost::asio::co_spawn(*longOps_, op.execute(request.args, context),
+                                             boost::asio::use_awaitable);
+      JSONValue ran = co_await std::move(elsewhere);
+      result = std::move(ran);
+    } else {
+      JSONValue ran = co_await op.execute(request.args, context);
+      result = std::move(ran);
+    }
     outcome = "ok";
     co_return DaemonResponse::success(std::move(result));
   } catch (const std::exception& e) {

@@ -32,7 +32,8 @@ DaemonCore::OpList platformOps(const fs::path& rootURL) {
 
 }  // namespace
 
-TarskeldDeps::TarskeldDeps() : pool_(workerCount()) {}
+TarskeldDeps::TarskeldDeps()
+    : pool_(workerCount()), loop_(std::make_shared<DaemonEventLoop>()) {}
 
 // Only reached when create() fails part-way: a started daemon is never torn
 // down. Tasks already on the pool finish before the stores go.
@@ -87,22 +88,24 @@ std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
   fs::path stateDirectory = makeStateDirectory(rootURL);
 
   deps->db_ = SQLiteDatabase::open((stateDirectory / "audit.db").string());
-  deps->audit_ = std::make_shared<AuditStore>(deps->db_, deps->pool_.get_executor());
+  // The stores serialise on the event loop, where requests are handled: a
+  // short request's audit row is written without waking another thread.
+  deps->audit_ = std::make_shared<AuditStore>(deps->db_, deps->loop_->executor());
 
   seedVendorAllowlist(rootURL, seams, logger);
   std::optional<std::vector<std::string>> teamIds = loadGateTeams(rootURL, logger);
 
   deps->grants_ =
-      std::make_shared<GrantsStore>(stateDirectory / "grants.json", deps->pool_.get_executor());
+      std::make_shared<GrantsStore>(stateDirectory / "grants.json", deps->loop_->executor());
   deps->core_.emplace(std::nullopt, deps->audit_, deps->grants_, rootURL, platformOps);
 
-  // Never inline: a task started from a connection's handler must not run
-  // there, or a long operation would hold up that connection's next message.
-  boost::asio::any_io_executor tasks =
+  // Long operations go to the pool, never inline on the loop.
+  boost::asio::any_io_executor longOps =
       boost::asio::require(deps->pool_.get_executor(), boost::asio::execution::blocking.never);
   deps->server_ = std::make_unique<DaemonXPCServer>(
       machService, *deps->core_, DaemonPeerGate{std::move(teamIds), std::move(seams.gatePlatform)},
-      std::move(tasks));
+      std::move(longOps), DaemonServerLimits{}, deps->loop_);
+  deps->server_->groupAuditCommits(deps->db_);
   deps->server_->start();
   return deps;
 }

@@ -1,9 +1,5 @@
 #include "tarskel/xpc/Transport.hpp"
 
-#include <unistd.h>
-
-#include <cstdlib>
-
 #include "tarskel/protocol/bus/Framing.hpp"
 
 namespace tarskel {
@@ -51,12 +47,17 @@ std::string Transport::encodeFrame(const TransportEnvelope& envelope) {
 }
 
 std::string socketPathForMachService(std::string_view machServiceName) {
-  const std::string name(machServiceName);
-  if (name.find('/') != std::string::npos) return name;
-  if (::geteuid() == 0) return "/run/tarskel/" + name + ".sock";
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  const std::string base = (runtime != nullptr && *runtime != '\0') ? runtime : "/tmp";
-  return base + "/tarskel-" + std::to_string(::getuid()) + "/" + name + ".sock";
+  if (machServiceName.empty()) throw TransportError("nombre de servicio vacío");
+  if (!isDefaultServiceName(machServiceName)) return std::string(machServiceName);
+  std::string path(defaultSocketDirectory);
+  path += '/';
+  path += machServiceName;
+  path += ".sock";
+  return path;
+}
+
+bool isDefaultServiceName(std::string_view machServiceName) {
+  return !machServiceName.empty() && machServiceName.find('/') == std::string_view::npos;
 }
 
 }  // namespace tarskel

@@ -2,12 +2,12 @@
 // speaks the transport by hand, so these tests also pin the client's half of
 // the envelope.
 
-#include "tarskel/xpc/DaemonXPCClient.hpp"
-
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,8 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
 namespace tarskel {
@@ -131,7 +132,8 @@ std::string transportText(const std::function<void()>& call) {
 TEST(DaemonXPCClientTest, SendsTheRequestAsABodyThatExpectsAReply) {
   ScriptedDaemon daemon(echoOp);
   DaemonXPCClient client(daemon.path());
-  DaemonRequest request{"fs.readProtectedPath", JSONObject{{"path", JSONValue("/x")}}, "c-1", "svc"};
+  DaemonRequest request{"fs.readProtectedPath", JSONObject{{"path", JSONValue("/x")}}, "c-1",
+                        "svc"};
   EXPECT_EQ(client.request(request), DaemonResponse::success(JSONValue("fs.readProtectedPath")));
   const auto got = daemon.received();
   ASSERT_EQ(got.size(), 1u);
@@ -180,6 +182,55 @@ TEST(DaemonXPCClientTest, AbsentDaemonIsATransportErrorAtTheFirstRequest) {
   EXPECT_EQ(transportText([&] { client.request(infoRequest()); }),
             "daemon no disponible: connect /nonexistent-dir-tarskel/d.sock: No such file or "
             "directory");
+}
+
+// On a plain service name the client talks only to a server that listened
+// as root; another user's socket at that path is refused before any byte is
+// sent. An empty name never reaches a socket at all.
+TEST(DaemonXPCClientTest, TheSystemDaemonsPathIsServedByRootOnly) {
+  EXPECT_EQ(transportText([&] { DaemonXPCClient("").request(infoRequest()); }),
+            "daemon no disponible: nombre de servicio vacío");
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to listen as another user";
+  std::filesystem::create_directories("/run/tarskel");
+  const std::string name = "tarskel-client-test-" + std::to_string(::getpid());
+  const std::string path = "/run/tarskel/" + name + ".sock";
+  for (const uid_t listener : {uid_t{65534}, uid_t{0}}) {
+    SCOPED_TRACE(listener);
+    ::unlink(path.c_str());
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      // Bound as root, listening as `listener`: the credentials a client
+      // sees are those of listen().
+      const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      std::strcpy(address.sun_path, path.c_str());
+      if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) _exit(1);
+      if (listener != 0 && ::setuid(listener) != 0) _exit(1);
+      if (::listen(fd, 4) != 0) _exit(1);
+      ::write(ready[1], "r", 1);
+      const int peer = ::accept(fd, nullptr, nullptr);
+      ::close(peer);  // answers nothing
+      _exit(0);
+    }
+    char byte;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    const std::string text = transportText([&] { DaemonXPCClient(name).request(infoRequest()); });
+    ::close(ready[0]);
+    ::close(ready[1]);
+    if (listener != 0) {
+      ::kill(child, SIGKILL);
+      EXPECT_EQ(text, "daemon no disponible: el servidor de " + path + " no es root (uid 65534)");
+    } else {
+      // Past the check: the server's own silence is what fails the call.
+      EXPECT_EQ(text.find("no es root"), std::string::npos) << text;
+      EXPECT_EQ(text.rfind("daemon no disponible: ", 0), 0u) << text;
+    }
+    ::waitpid(child, nullptr, 0);
+  }
+  ::unlink(path.c_str());
 }
 
 TEST(DaemonXPCClientTest, LostConnectionFailsTheCallAndTheNextOneReconnects) {
@@ -234,7 +285,8 @@ TEST(DaemonXPCClientTest, ConcurrentCallersGetTheirOwnRepliesInAnyOrder) {
     }));
   }
   for (int i = 0; i < kCallers; ++i) {
-    EXPECT_EQ(calls[static_cast<std::size_t>(i)].get().result, JSONValue("op." + std::to_string(i)));
+    EXPECT_EQ(calls[static_cast<std::size_t>(i)].get().result,
+              JSONValue("op." + std::to_string(i)));
   }
 }
 

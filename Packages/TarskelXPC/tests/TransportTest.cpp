@@ -1,7 +1,6 @@
-#include "tarskel/xpc/Transport.hpp"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <optional>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/xpc/Transport.hpp"
 
 namespace tarskel {
 namespace {
@@ -58,38 +58,33 @@ TEST(TransportTest, PayloadsThatAreNoEnvelope) {
   }
 }
 
-class SocketPathTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (const char* v = std::getenv("XDG_RUNTIME_DIR")) saved_ = v;
-  }
-  void TearDown() override {
-    if (saved_) {
-      ::setenv("XDG_RUNTIME_DIR", saved_->c_str(), 1);
-    } else {
-      ::unsetenv("XDG_RUNTIME_DIR");
-    }
-  }
-  std::optional<std::string> saved_;
-};
-
-TEST_F(SocketPathTest, NamesWithASlashArePaths) {
-  EXPECT_EQ(socketPathForMachService("/tmp/x/d.sock"), "/tmp/x/d.sock");
-  EXPECT_EQ(socketPathForMachService("./d.sock"), "./d.sock");
-}
-
-TEST_F(SocketPathTest, ServiceNamesMapUnderTheUsersRuntimeDirectory) {
-  if (::geteuid() == 0) {
-    EXPECT_EQ(socketPathForMachService("net.x"), "/run/tarskel/net.x.sock");
-    return;
-  }
-  const std::string uid = std::to_string(::getuid());
+// One mapping for every user: a plain name is the system daemon's socket,
+// whoever asks and whatever their environment says.
+TEST(TransportTest, SocketPathOfAServiceName) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"net.x", "/run/tarskel/net.x.sock"},
+      {"/tmp/x/d.sock", "/tmp/x/d.sock"},
+      {"./d.sock", "./d.sock"},
+  };
   ::setenv("XDG_RUNTIME_DIR", "/run/user/77", 1);
-  EXPECT_EQ(socketPathForMachService("net.x"), "/run/user/77/tarskel-" + uid + "/net.x.sock");
-  ::setenv("XDG_RUNTIME_DIR", "", 1);
-  EXPECT_EQ(socketPathForMachService("net.x"), "/tmp/tarskel-" + uid + "/net.x.sock");
+  for (const auto& [name, path] : cases) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(socketPathForMachService(name), path);
+    EXPECT_EQ(isDefaultServiceName(name), name == "net.x");
+  }
+  EXPECT_THROW(socketPathForMachService(""), TransportError);
+  if (::geteuid() == 0 && ::fork() == 0) {
+    // Another user gets the same path.
+    _exit(::setuid(65534) == 0 && socketPathForMachService("net.x") == "/run/tarskel/net.x.sock"
+              ? 0
+              : 1);
+  }
+  int status = 0;
+  if (::geteuid() == 0) {
+    ::wait(&status);
+    EXPECT_EQ(status, 0);
+  }
   ::unsetenv("XDG_RUNTIME_DIR");
-  EXPECT_EQ(socketPathForMachService("net.x"), "/tmp/tarskel-" + uid + "/net.x.sock");
 }
 
 }  // namespace

@@ -116,8 +116,11 @@ struct DaemonXPCServer::Impl {
   bool stopped = false;
 };
 
+// The limits and the event loop are the socket transport's: XPC bounds and
+// schedules its own connections.
 DaemonXPCServer::DaemonXPCServer(std::string machServiceName, DaemonCore core,
-                                 DaemonPeerGate gate, asio::any_io_executor pool) {
+                                 DaemonPeerGate gate, asio::any_io_executor pool,
+                                 DaemonServerLimits, std::shared_ptr<DaemonEventLoop>) {
   xpc_connection_t listener = xpc_connection_create_mach_service(
       machServiceName.c_str(), nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
   impl_ = std::make_shared<Impl>(Impl{std::move(machServiceName), std::move(core),
@@ -152,5 +155,7 @@ void DaemonXPCServer::stop() {
 }
 
 std::string DaemonXPCServer::endpoint() const { return impl_->machServiceName; }
+
+void DaemonXPCServer::groupAuditCommits(std::shared_ptr<SQLiteDatabase>) {}
 
 }  // namespace tarskel

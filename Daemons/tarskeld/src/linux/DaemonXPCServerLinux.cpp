@@ -1,35 +1,34 @@
 // The daemon's listener on a Unix-domain stream socket.
 //
-// Each connection reads on its own strand, so the steps before a message's
-// task (envelope, gate, copying the bytes out) run one message at a time per
-// connection, like the handler of an XPC peer. The task runs on the pool and
-// hands its reply frame back to the strand, which writes replies in the
-// order they are done.
+// Everything of a connection happens on the event loop's one thread: reads
+// (recvmsg, so that each read comes with its sender's credentials), the
+// gate, the core's decision and the audit row of a short operation, and the
+// writes. Only operations that may take long leave it, for the core's pool.
+// Since one thread owns all connection state, nothing here takes a lock.
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/strand.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/use_future.hpp>
-#include <boost/asio/write.hpp>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <filesystem>
 #include <future>
-#include <mutex>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -42,6 +41,7 @@ namespace tarskel {
 
 namespace asio = boost::asio;
 using Local = asio::local::stream_protocol;
+using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -53,113 +53,365 @@ DaemonServerError cannotListen(const std::string& path, const std::string& reaso
   return DaemonServerError("no se puede escuchar en " + path + ": " + reason);
 }
 
-// One client connection. Owned by its read loop and by the tasks of its
-// messages; the server holds it only weakly, to close it on stop().
+class PeerConnection;
+
+// What the connections of one server share: the limits and the count of
+// open connections per user. Touched on the loop only.
+struct ServerState {
+  ServerState(DaemonCore c, DaemonPeerGate g, DaemonServerLimits l, asio::any_io_executor loop)
+      : core(std::move(c)), gate(std::move(g)), limits(l), acceptorExecutor(std::move(loop)) {}
+
+  DaemonCore core;
+  DaemonPeerGate gate;
+  DaemonServerLimits limits;
+  asio::any_io_executor acceptorExecutor;  // the loop
+  bool judgeSenders = false;               // the gate looks at senders: read credentials
+  std::size_t open = 0;
+  std::map<uid_t, std::size_t> openPerUid;
+  // Requests handed to the core and not yet answered, on every connection.
+  std::size_t answering = 0;
+  // Group commit: while requests of several clients are being handled
+  // together, their audit rows share one transaction, and their replies wait
+  // for its commit (a reply never leaves before its row is stored).
+  std::shared_ptr<SQLiteDatabase> auditDb;
+  bool inTransaction = false;
+  int commitPasses = 0;
+  std::vector<std::shared_ptr<PeerConnection>> held;  // kept alive until the commit
+};
+
+// One request read and not yet handed to the core, with the sender of its
+// bytes (nothing when the gate doesn't look at senders).
+struct PendingMessage {
+  TransportEnvelope envelope;
+  std::shared_ptr<PeerSocketIdentity> sender;
+};
+
+// One client connection, on the loop. Owned by its read loop and by the
+// handlers of its messages; the server holds it only weakly.
 class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
  public:
-  PeerConnection(Local::socket socket, DaemonCore core, DaemonPeerGate gate,
-                 asio::any_io_executor pool)
+  PeerConnection(Local::socket socket, uid_t uid, std::shared_ptr<ServerState> state)
       : socket_(std::move(socket)),
-        identity_(PeerSocketIdentity::ofSocket(socket_.native_handle())),
-        core_(std::move(core)),
-        gate_(std::move(gate)),
-        pool_(std::move(pool)) {}
+        uid_(uid),
+        state_(std::move(state)),
+        decoder_(state_->limits.maxFrameLength),
+        resume_(socket_.get_executor()),
+        lastActivity_(Clock::now()) {
+    ++state_->open;
+    ++state_->openPerUid[uid_];
+  }
 
-  asio::any_io_executor strand() { return socket_.get_executor(); }
-
-  // Runs on the strand until the peer goes or a frame doesn't read.
   static asio::awaitable<void> readLoop(std::shared_ptr<PeerConnection> self) {
-    std::vector<char> buffer(64 * 1024);
-    for (;;) {
-      auto reading =
-          self->socket_.async_read_some(asio::buffer(buffer), asio::as_tuple(asio::use_awaitable));
-      std::tuple<boost::system::error_code, std::size_t> read = co_await std::move(reading);
-      if (std::get<0>(read)) break;
-      if (!self->receive(std::string_view(buffer.data(), std::get<1>(read)))) break;
+    try {
+      co_await self->readUntilDone();
+    } catch (const std::exception&) {
+      // Out of memory or the like: this one connection goes.
     }
-    self->close();
+    if (self->readClosed_) {
+      self->closeWhenDone();
+    } else {
+      self->close();
+    }
   }
 
-  // Closes the socket; on the strand. A write in flight still owns the
-  // front of the outbox: it fails and empties the outbox itself.
+  ~PeerConnection() { close(); }
+
+  // Closes the socket and forgets what was unsent; replies still in flight
+  // go nowhere. Idempotent.
   void close() {
+    if (closed_) return;
+    closed_ = true;
+    readClosed_ = true;
     boost::system::error_code ignored;
-    socket_.shutdown(Local::socket::shutdown_both, ignored);
     socket_.close(ignored);
+    resume_.cancel();
+    outbox_.clear();
+    pending_.clear();
+    if (--state_->openPerUid[uid_] == 0) state_->openPerUid.erase(uid_);
+    --state_->open;
   }
 
-  // Queues a reply frame; any thread.
-  void send(std::string frame) {
-    asio::post(strand(), [self = shared_from_this(), frame = std::move(frame)]() mutable {
-      if (!self->socket_.is_open()) return;
-      self->outbox_.push_back(std::move(frame));
-      if (self->outbox_.size() == 1) self->writeFront();
-    });
+  // Closes a connection that has stalled or idled past its time; called by
+  // the server's sweep.
+  void sweep(Clock::time_point now) {
+    if (closed_) return;
+    const auto& limits = state_->limits;
+    const bool frameStalled = decoder_.pendingBytes() > 0 && now - lastRead_ > limits.stallTimeout;
+    const bool repliesUnread = !outbox_.empty() && now - lastWrite_ > limits.stallTimeout;
+    const bool idle = inFlight_ == 0 && outbox_.empty() && decoder_.pendingBytes() == 0 &&
+                      now - lastActivity_ > limits.idleTimeout;
+    if (frameStalled || repliesUnread || idle) close();
   }
+
+  bool closed() const { return closed_; }
 
  private:
-  // False when the bytes broke the stream and the connection must close.
-  bool receive(std::string_view bytes) {
+  asio::awaitable<void> readUntilDone() {
+    for (;;) {
+      if (closed_) co_return;
+      dispatchPending();
+      if (readClosed_ && pending_.empty()) {
+        // The client shut its writing side: every request taken from it
+        // still gets its reply, then the connection closes.
+        closeWhenDone();
+        co_return;
+      }
+      if (readClosed_ || mustWait()) {
+        waitingForRoom_ = true;
+        resume_.expires_at(Clock::time_point::max());
+        auto waiting = resume_.async_wait(asio::as_tuple(asio::use_awaitable));
+        std::tuple<boost::system::error_code> woke = co_await std::move(waiting);
+        (void)woke;
+        waitingForRoom_ = false;
+        continue;
+      }
+      const ssize_t n = readOnce();
+      if (n > 0) continue;
+      if (n == 0) {
+        readClosed_ = true;
+        continue;
+      }
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        auto waiting =
+            socket_.async_wait(Local::socket::wait_read, asio::as_tuple(asio::use_awaitable));
+        std::tuple<boost::system::error_code> ready = co_await std::move(waiting);
+        if (std::get<0>(ready)) co_return;
+        continue;
+      }
+      co_return;  // a read error or a bad frame: readLoop closes
+    }
+  }
+
+  // Reading waits while requests of this connection are queued or too many
+  // are in flight, or while the client leaves too many reply bytes unread:
+  // the client's own writes then block.
+  bool mustWait() const {
+    return !pending_.empty() || inFlight_ >= state_->limits.maxInFlight ||
+           outboxBytes_ >= state_->limits.maxUnsentBytes;
+  }
+
+  // Lets a read loop that waits for room look again.
+  void wake() {
+    if (waitingForRoom_) resume_.cancel();
+  }
+
+  // One recvmsg. >0: bytes taken; 0: end of stream; -1 with errno set, or
+  // with errno 0 after a bad frame (the connection must close).
+  ssize_t readOnce() {
+    static thread_local std::array<char, 64 * 1024> buffer;
+    alignas(cmsghdr) std::array<char, kPeerControlSpace> control;
+    iovec io{buffer.data(), buffer.size()};
+    msghdr message{};
+    message.msg_iov = &io;
+    message.msg_iovlen = 1;
+    if (state_->judgeSenders) {
+      message.msg_control = control.data();
+      message.msg_controllen = control.size();
+    }
+    const ssize_t n = ::recvmsg(socket_.native_handle(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (n < 0) return n;
+    std::shared_ptr<PeerSocketIdentity> sender;
+    // Descriptors a client passes are closed even on the last, empty read.
+    if (state_->judgeSenders || message.msg_controllen > 0) {
+      sender = PeerSocketIdentity::fromControl(message);
+    }
+    if (n == 0) return 0;
+    lastRead_ = lastActivity_ = Clock::now();
+    if (!take(std::string_view(buffer.data(), static_cast<std::size_t>(n)), std::move(sender))) {
+      errno = 0;
+      return -1;
+    }
+    return n;
+  }
+
+  // Decodes the bytes of one read; false when they broke the stream.
+  bool take(std::string_view bytes, std::shared_ptr<PeerSocketIdentity> sender) {
+    const bool continuing = decoder_.pendingBytes() > 0;
     std::vector<std::string> payloads;
     try {
       payloads = decoder_.append(bytes);
     } catch (const FramingError&) {
       return false;
     }
-    for (std::string& payload : payloads) {
-      std::optional<TransportEnvelope> envelope;
+    for (std::size_t i = 0; i < payloads.size(); ++i) {
+      PendingMessage pending;
       try {
-        envelope = Transport::decodeEnvelope(payload);
+        pending.envelope = Transport::decodeEnvelope(payloads[i]);
       } catch (const TransportError&) {
         return false;
       }
-      dispatch(std::move(*envelope));
+      if (!pending.envelope.expectsReply) continue;  // nobody waits: not worth running
+      pending.sender = sender;
+      // The first frame may have begun in an earlier read, maybe another
+      // sender's: such a frame is nobody's.
+      if (i == 0 && continuing && sender && carrySender_ && !carrySender_->sameSender(*sender)) {
+        pending.sender = std::make_shared<PeerSocketIdentity>(0, -1);
+      }
+      pending_.push_back(std::move(pending));
+    }
+    if (decoder_.pendingBytes() == 0) {
+      carrySender_.reset();
+    } else if (payloads.empty() && continuing && carrySender_ && sender &&
+               !carrySender_->sameSender(*sender)) {
+      carrySender_ = std::make_shared<PeerSocketIdentity>(0, -1);
+    } else if (payloads.empty() && continuing) {
+      // the frame goes on with the sender it began with
+    } else {
+      carrySender_ = sender;
     }
     return true;
   }
 
-  void dispatch(TransportEnvelope message) {
-    // Nobody waits for the answer of such a message, so it isn't worth running.
-    if (!message.expectsReply) return;
-    DaemonPeerVerdict verdict = gate_.verdict(identity_);
-    asio::co_spawn(pool_,
-                   answer(core_, std::move(message.body).value_or(std::string()),
-                          std::move(verdict), shared_from_this(), message.id),
-                   asio::detached);
+  void dispatchPending() {
+    while (!pending_.empty() && inFlight_ < state_->limits.maxInFlight && !closed_) {
+      PendingMessage message = std::move(pending_.front());
+      pending_.pop_front();
+      DaemonPeerVerdict verdict =
+          message.sender ? state_->gate.verdict(*message.sender) : state_->gate.verdict(nobody());
+      ++inFlight_;
+      beginGroupIfBusy();
+      ++state_->answering;
+      asio::co_spawn(
+          socket_.get_executor(),
+          answer(shared_from_this(), message.envelope.id,
+                 std::move(message.envelope.body).value_or(std::string()), std::move(verdict)),
+          asio::detached);
+    }
   }
 
-  static asio::awaitable<void> answer(DaemonCore core, std::string bytes,
-                                      DaemonPeerVerdict verdict,
-                                      std::shared_ptr<PeerConnection> self, std::uint64_t id) {
-    auto handling = core.handleEncoded(std::move(bytes), std::move(verdict));
-    std::string response = co_await std::move(handling);
-    self->send(Transport::encodeFrame({id, false, std::move(response)}));
+  // A sender standing for "unknown", for a gate that never asks (when the
+  // server reads no credentials, the gate is unprovisioned).
+  static const PeerSocketIdentity& nobody() {
+    static const PeerSocketIdentity none(0, -1);
+    return none;
   }
 
-  void writeFront() {
-    asio::async_write(socket_, asio::buffer(outbox_.front()),
-                      [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
-                        if (ec) {
-                          // The peer has gone: its replies go nowhere.
-                          self->outbox_.clear();
-                          return;
-                        }
-                        self->outbox_.pop_front();
-                        if (!self->socket_.is_open()) {
-                          self->outbox_.clear();
-                        } else if (!self->outbox_.empty()) {
-                          self->writeFront();
-                        }
-                      });
+  static asio::awaitable<void> answer(std::shared_ptr<PeerConnection> self, std::uint64_t id,
+                                      std::string bytes, DaemonPeerVerdict verdict) {
+    std::string response;
+    try {
+      auto handling = self->state_->core.handleEncoded(std::move(bytes), std::move(verdict));
+      std::string handled = co_await std::move(handling);
+      response = std::move(handled);
+    } catch (const std::exception&) {
+      // handleEncoded doesn't throw; an allocation failure answers nothing.
+      --self->inFlight_;
+      --self->state_->answering;
+      self->closeWhenDone();
+      co_return;
+    }
+    self->reply(id, response);
+  }
+
+  void reply(std::uint64_t id, const std::string& response) {
+    --inFlight_;
+    --state_->answering;
+    if (closed_) return;
+    const bool idle = outbox_.empty();
+    outbox_.push_back(Transport::encodeFrame({id, false, response}));
+    outboxBytes_ += outbox_.back().size();
+    if (idle) lastWrite_ = Clock::now();
+    if (state_->inTransaction) {
+      // Its row may be in the open transaction: the reply waits for it.
+      if (!heldForCommit_) {
+        heldForCommit_ = true;
+        state_->held.push_back(shared_from_this());
+      }
+    } else if (idle) {
+      flush();
+    }
+    wake();
+  }
+
+  // Opens a shared transaction when another request is already being
+  // handled: under load, rows go to disk together.
+  void beginGroupIfBusy() {
+    if (!state_->auditDb || state_->inTransaction || state_->answering == 0) return;
+    if (!state_->auditDb->exec("BEGIN")) return;
+    state_->inTransaction = true;
+    state_->commitPasses = 0;
+    asio::post(socket_.get_executor(), [state = state_] { commitGroup(state); });
+  }
+
+  // Commits once the requests handled together have written their rows (or
+  // after a few turns of the loop, when some wait on long operations), then
+  // lets the held replies go.
+  static void commitGroup(const std::shared_ptr<ServerState>& state) {
+    if (state->answering > 0 && state->commitPasses < 4) {
+      ++state->commitPasses;
+      asio::post(state->acceptorExecutor, [state] { commitGroup(state); });
+      return;
+    }
+    // A failed commit loses the group's rows as a failed insert loses one:
+    // the chain shows the hole from the next stored row on.
+    if (!state->auditDb->exec("COMMIT")) state->auditDb->exec("ROLLBACK");
+    state->inTransaction = false;
+    std::vector<std::shared_ptr<PeerConnection>> held;
+    held.swap(state->held);
+    for (const auto& connection : held) {
+      connection->heldForCommit_ = false;
+      connection->flush();
+    }
+  }
+
+  // Writes what the socket takes now; waits for room for the rest.
+  void flush() {
+    while (!outbox_.empty() && !closed_) {
+      std::string& front = outbox_.front();
+      const ssize_t n = ::send(socket_.native_handle(), front.data() + sentOfFront_,
+                               front.size() - sentOfFront_, MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        if (!writeWaiting_) {
+          writeWaiting_ = true;
+          socket_.async_wait(Local::socket::wait_write,
+                             [self = shared_from_this()](boost::system::error_code ec) {
+                               self->writeWaiting_ = false;
+                               if (!ec) self->flush();
+                             });
+        }
+        return;
+      }
+      if (n < 0) {
+        // The client has gone: its replies go nowhere.
+        close();
+        return;
+      }
+      lastWrite_ = lastActivity_ = Clock::now();
+      sentOfFront_ += static_cast<std::size_t>(n);
+      if (sentOfFront_ < front.size()) continue;
+      outboxBytes_ -= front.size();
+      sentOfFront_ = 0;
+      outbox_.pop_front();
+    }
+    wake();
+    closeWhenDone();
+  }
+
+  void closeWhenDone() {
+    if (readClosed_ && inFlight_ == 0 && outbox_.empty() && pending_.empty()) close();
   }
 
   Local::socket socket_;
-  PeerSocketIdentity identity_;
-  DaemonCore core_;
-  DaemonPeerGate gate_;
-  asio::any_io_executor pool_;
+  const uid_t uid_;
+  const std::shared_ptr<ServerState> state_;
   FrameDecoder decoder_;
+  std::shared_ptr<PeerSocketIdentity> carrySender_;  // of the frame begun and not finished
+  std::deque<PendingMessage> pending_;
+  std::size_t inFlight_ = 0;
   std::deque<std::string> outbox_;
+  std::size_t outboxBytes_ = 0;
+  std::size_t sentOfFront_ = 0;
+  bool writeWaiting_ = false;
+  bool waitingForRoom_ = false;
+  bool heldForCommit_ = false;
+  bool readClosed_ = false;
+  bool closed_ = false;
+  asio::steady_timer resume_;  // wakes a read loop that waits for room
+  Clock::time_point lastActivity_;
+  Clock::time_point lastRead_;
+  Clock::time_point lastWrite_;
 };
 
 // The descriptor systemd passed, when this process is the one it was meant for.
@@ -178,7 +430,10 @@ std::optional<int> activatedSocket() {
   return kFirstActivatedFd;
 }
 
-// Makes the missing directories of `dir`, each 0755 whatever the umask.
+// Makes the missing directories of `dir`, each 0755 whatever the umask, and
+// refuses a socket directory that someone else could change: not a
+// directory, owned by another user than this process's or root, or
+// writable by group or others.
 void makeSocketDirectory(const std::filesystem::path& dir, const std::string& path) {
   std::filesystem::path partial;
   for (const auto& part : dir) {
@@ -189,12 +444,23 @@ void makeSocketDirectory(const std::filesystem::path& dir, const std::string& pa
       throw cannotListen(path, "mkdir " + partial.string() + ": " + errnoText(errno));
     }
   }
+  struct stat st {};
+  if (::lstat(dir.c_str(), &st) != 0)
+    throw cannotListen(path, "stat " + dir.string() + ": " + errnoText(errno));
+  if (!S_ISDIR(st.st_mode)) throw cannotListen(path, dir.string() + " no es un directorio");
+  if (st.st_uid != ::geteuid() && st.st_uid != 0) {
+    throw cannotListen(
+        path, dir.string() + " pertenece a otro usuario (uid " + std::to_string(st.st_uid) + ")");
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    throw cannotListen(path, dir.string() + " admite escritura de grupo u otros");
+  }
 }
 
 // Removes a socket file nobody answers on. A live listener, or a file that
 // is not a socket, is left alone and refused.
 void replaceStaleSocket(const std::string& path) {
-  struct stat st{};
+  struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return;
   if (!S_ISSOCK(st.st_mode)) throw cannotListen(path, "existe y no es un socket");
   Local::endpoint endpoint(path);
@@ -205,15 +471,24 @@ void replaceStaleSocket(const std::string& path) {
   ::unlink(path.c_str());
 }
 
+bool outOfDescriptors(const boost::system::error_code& ec) {
+  const int e = ec.value();
+  return e == EMFILE || e == ENFILE || e == ENOBUFS || e == ENOMEM;
+}
+
 }  // namespace
 
 struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Impl> {
-  Impl(std::string name, DaemonCore c, DaemonPeerGate g, asio::any_io_executor p)
+  Impl(std::string name, DaemonCore core, DaemonPeerGate gate, asio::any_io_executor longOps,
+       DaemonServerLimits limits, asio::any_io_executor loopExecutor)
       : machServiceName(std::move(name)),
-        core(std::move(c)),
-        gate(std::move(g)),
-        pool(std::move(p)),
-        acceptor(asio::make_strand(pool)) {}
+        loop(std::move(loopExecutor)),
+        state(std::make_shared<ServerState>(std::move(core), std::move(gate), limits, loop)),
+        acceptor(loop),
+        sweeper(loop) {
+    state->core.runLongOpsOn(std::move(longOps));
+    state->judgeSenders = state->gate.teamIds.has_value();
+  }
 
   void listen() {
     if (auto fd = activatedSocket()) {
@@ -221,8 +496,15 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
       acceptor.assign(Local(), *fd, ec);
       if (ec) throw cannotListen("LISTEN_FDS", ec.message());
       path = acceptor.local_endpoint(ec).path();
-      return;
+    } else {
+      bindSocket();
     }
+    if (state->judgeSenders) PeerSocketIdentity::passCredentials(acceptor.native_handle());
+    boost::system::error_code ec;
+    acceptor.non_blocking(true, ec);
+  }
+
+  void bindSocket() {
     path = socketPathForMachService(machServiceName);
     if (path.size() >= sizeof(sockaddr_un::sun_path)) {
       throw cannotListen(path, "ruta demasiado larga");
@@ -232,72 +514,108 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
     replaceStaleSocket(path);
     boost::system::error_code ec;
     acceptor.open(Local(), ec);
-    if (!ec) acceptor.bind(Local::endpoint(path), ec);
+    if (!ec) {
+      // Born 0600: there is no moment at which another user could connect.
+      const mode_t previous = ::umask(0177);
+      acceptor.bind(Local::endpoint(path), ec);
+      ::umask(previous);
+    }
     if (ec) throw cannotListen(path, ec.message());
-    struct stat st{};
+    struct stat st {};
     ::lstat(path.c_str(), &st);
     boundFile = std::make_pair(st.st_dev, st.st_ino);
-    // Any local user may connect: the gate, not the file mode, decides.
-    ::chmod(path.c_str(), 0666);
+    ::chmod(path.c_str(), 0600);
     acceptor.listen(asio::socket_base::max_listen_connections, ec);
     if (ec) throw cannotListen(path, ec.message());
   }
 
   static asio::awaitable<void> acceptLoop(std::shared_ptr<Impl> self) {
     for (;;) {
-      // Each connection gets its own strand. (Kept out of the co_await
-      // expression: GCC 12 may destroy temporaries there twice.)
-      asio::any_io_executor strand = asio::make_strand(self->pool);
-      auto accepting = self->acceptor.async_accept(strand, asio::as_tuple(asio::use_awaitable));
+      auto accepting = self->acceptor.async_accept(asio::as_tuple(asio::use_awaitable));
       std::tuple<boost::system::error_code, Local::socket> accepted = co_await std::move(accepting);
       if (!self->acceptor.is_open()) co_return;
-      if (std::get<0>(accepted)) {
-        // Out of descriptors or the like: not logged, the listener goes on
-        // after a breath rather than spinning.
-        asio::steady_timer pause(self->acceptor.get_executor(), std::chrono::milliseconds(50));
-        auto waiting = pause.async_wait(asio::as_tuple(asio::use_awaitable));
-        std::tuple<boost::system::error_code> waited = co_await std::move(waiting);
-        (void)waited;
+      const boost::system::error_code& ec = std::get<0>(accepted);
+      if (ec) {
+        // Out of descriptors or memory: the listener goes on after a breath
+        // rather than spinning; anything else (a client that gave up) at once.
+        if (outOfDescriptors(ec)) {
+          asio::steady_timer pause(self->acceptor.get_executor(), std::chrono::milliseconds(50));
+          auto waiting = pause.async_wait(asio::as_tuple(asio::use_awaitable));
+          std::tuple<boost::system::error_code> waited = co_await std::move(waiting);
+          (void)waited;
+        }
         continue;
       }
-      auto connection = std::make_shared<PeerConnection>(std::move(std::get<1>(accepted)),
-                                                         self->core, self->gate, self->pool);
-      self->remember(connection);
-      asio::co_spawn(connection->strand(), PeerConnection::readLoop(connection), asio::detached);
+      self->admit(std::move(std::get<1>(accepted)));
     }
   }
 
-  void remember(const std::shared_ptr<PeerConnection>& connection) {
-    std::lock_guard lock(connectionsMutex);
+  // Serves an accepted socket, or closes it at once when its user, or
+  // everyone together, holds as many connections as allowed.
+  void admit(Local::socket socket) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return;
+    const auto& limits = state->limits;
+    auto perUid = state->openPerUid.find(peer.uid);
+    if (state->open >= limits.maxConnections ||
+        (perUid != state->openPerUid.end() && perUid->second >= limits.maxConnectionsPerUid)) {
+      return;  // the socket closes as it goes out of scope
+    }
+    boost::system::error_code ignored;
+    socket.non_blocking(true, ignored);
+    auto connection = std::make_shared<PeerConnection>(std::move(socket), peer.uid, state);
     std::erase_if(connections, [](const auto& weak) { return weak.expired(); });
     connections.push_back(connection);
+    asio::co_spawn(loop, PeerConnection::readLoop(connection), asio::detached);
+  }
+
+  // Every so often: closes connections that stalled or idled past their
+  // time, and hands freed memory back to the system.
+  static asio::awaitable<void> sweepLoop(std::shared_ptr<Impl> self) {
+    const auto& limits = self->state->limits;
+    const auto period = std::max(std::chrono::milliseconds(10),
+                                 std::min(limits.idleTimeout, limits.stallTimeout) / 4);
+    for (;;) {
+      self->sweeper.expires_after(period);
+      auto waiting = self->sweeper.async_wait(asio::as_tuple(asio::use_awaitable));
+      std::tuple<boost::system::error_code> waited = co_await std::move(waiting);
+      if (std::get<0>(waited) || !self->acceptor.is_open()) co_return;
+      const auto now = Clock::now();
+      std::size_t closedNow = 0;
+      for (const auto& weak : self->connections) {
+        if (auto connection = weak.lock()) {
+          connection->sweep(now);
+          if (connection->closed()) ++closedNow;
+        }
+      }
+      const std::size_t before = self->connections.size();
+      std::erase_if(self->connections, [](const auto& weak) {
+        auto c = weak.lock();
+        return !c || c->closed();
+      });
+      if (before != self->connections.size() || closedNow > 0) ::malloc_trim(0);
+    }
   }
 
   void stop() {
-    std::vector<std::future<void>> closed;
-    closed.push_back(asio::post(acceptor.get_executor(), asio::use_future([self = shared_from_this()] {
-                                  boost::system::error_code ignored;
-                                  self->acceptor.close(ignored);
-                                })));
-    std::vector<std::weak_ptr<PeerConnection>> open;
-    {
-      std::lock_guard lock(connectionsMutex);
-      open.swap(connections);
-    }
-    for (const auto& weak : open) {
-      if (auto connection = weak.lock()) {
-        closed.push_back(asio::post(connection->strand(),
-                                    asio::use_future([connection] { connection->close(); })));
-      }
-    }
-    for (auto& f : closed) f.wait();
+    asio::post(loop, asio::use_future([self = shared_from_this()] {
+                 boost::system::error_code ignored;
+                 self->acceptor.close(ignored);
+                 self->sweeper.cancel();
+                 for (const auto& weak : self->connections) {
+                   if (auto connection = weak.lock()) connection->close();
+                 }
+                 self->connections.clear();
+               }))
+        .wait();
     removeSocketFile();
   }
 
   // Only the file this server bound: another daemon may have replaced it.
   void removeSocketFile() {
     if (!boundFile) return;
-    struct stat st{};
+    struct stat st {};
     if (::lstat(path.c_str(), &st) == 0 && std::make_pair(st.st_dev, st.st_ino) == *boundFile) {
       ::unlink(path.c_str());
     }
@@ -305,22 +623,25 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
   }
 
   const std::string machServiceName;
-  const DaemonCore core;
-  const DaemonPeerGate gate;
-  const asio::any_io_executor pool;
-  Local::acceptor acceptor;  // on its own strand once listening
+  // The loop itself is the server object's: a coroutine that ends on the
+  // loop may drop the last Impl, and the loop can't join itself.
+  const asio::any_io_executor loop;
+  std::shared_ptr<ServerState> state;
+  Local::acceptor acceptor;
+  asio::steady_timer sweeper;
   std::string path;
   std::optional<std::pair<dev_t, ino_t>> boundFile;
   bool started = false;
   bool stopped = false;
-  std::mutex connectionsMutex;
-  std::vector<std::weak_ptr<PeerConnection>> connections;
+  std::vector<std::weak_ptr<PeerConnection>> connections;  // on the loop
 };
 
-DaemonXPCServer::DaemonXPCServer(std::string machServiceName, DaemonCore core,
-                                 DaemonPeerGate gate, asio::any_io_executor pool)
-    : impl_(std::make_shared<Impl>(std::move(machServiceName), std::move(core), std::move(gate),
-                                   std::move(pool))) {}
+DaemonXPCServer::DaemonXPCServer(std::string machServiceName, DaemonCore core, DaemonPeerGate gate,
+                                 asio::any_io_executor longOps, DaemonServerLimits limits,
+                                 std::shared_ptr<DaemonEventLoop> loop)
+    : loop_(loop ? std::move(loop) : std::make_shared<DaemonEventLoop>()),
+      impl_(std::make_shared<Impl>(std::move(machServiceName), std::move(core), std::move(gate),
+                                   std::move(longOps), limits, loop_->executor())) {}
 
 DaemonXPCServer::~DaemonXPCServer() { stop(); }
 
@@ -328,7 +649,8 @@ void DaemonXPCServer::start() {
   if (impl_->started) return;
   impl_->listen();
   impl_->started = true;
-  asio::co_spawn(impl_->acceptor.get_executor(), Impl::acceptLoop(impl_), asio::detached);
+  asio::co_spawn(impl_->loop, Impl::acceptLoop(impl_), asio::detached);
+  asio::co_spawn(impl_->loop, Impl::sweepLoop(impl_), asio::detached);
 }
 
 void DaemonXPCServer::stop() {
@@ -338,5 +660,9 @@ void DaemonXPCServer::stop() {
 }
 
 std::string DaemonXPCServer::endpoint() const { return impl_->path; }
+
+void DaemonXPCServer::groupAuditCommits(std::shared_ptr<SQLiteDatabase> auditDatabase) {
+  impl_->state->auditDb = std::move(auditDatabase);
+}
 
 }  // namespace tarskel

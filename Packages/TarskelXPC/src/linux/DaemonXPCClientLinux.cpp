@@ -17,8 +17,8 @@
 #include <string>
 #include <variant>
 
-#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
@@ -28,8 +28,11 @@ namespace {
 
 std::string errnoText(int error) { return std::strerror(error); }
 
-// A connected socket to `path`, or the reason there is none.
-std::variant<int, std::string> connectTo(const std::string& path) {
+// A connected socket to `path`, or the reason there is none. With
+// `requireRoot`, a server whose credentials (taken by the kernel when it
+// listened) are not root's is refused: anyone able to put a socket at the
+// system daemon's path first would otherwise answer in its place.
+std::variant<int, std::string> connectTo(const std::string& path, bool requireRoot) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof(address.sun_path)) {
@@ -42,6 +45,15 @@ std::variant<int, std::string> connectTo(const std::string& path) {
     const int error = errno;
     ::close(fd);
     return "connect " + path + ": " + errnoText(error);
+  }
+  if (requireRoot) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.uid != 0) {
+      const std::string uid = length == sizeof peer ? std::to_string(peer.uid) : "?";
+      ::close(fd);
+      return "el servidor de " + path + " no es root (uid " + uid + ")";
+    }
   }
   return fd;
 }
@@ -67,7 +79,9 @@ struct DaemonXPCClient::Connection {
     std::optional<std::string> failure;
   };
 
-  explicit Connection(std::string p) : path(std::move(p)) {}
+  // `p` is the socket path, or nothing with the reason in `invalid`.
+  Connection(std::string p, bool root, std::string invalid)
+      : path(std::move(p)), requireRoot(root), invalidName(std::move(invalid)) {}
   ~Connection() {
     if (fd >= 0) ::close(fd);
   }
@@ -83,21 +97,24 @@ struct DaemonXPCClient::Connection {
   void fail(const std::string& text);  // lock held
 
   const std::string path;
+  const bool requireRoot;
+  const std::string invalidName;  // why there is no path; empty when there is
   std::mutex mutex;
   std::condition_variable changed;
-  int fd = -1;                 // -1: not connected
+  int fd = -1;  // -1: not connected
   bool cancelled = false;
-  bool reading = false;        // a thread is in recv() on fd
+  bool reading = false;  // a thread is in recv() on fd
   std::uint64_t nextId = 1;
-  FrameDecoder decoder;        // touched by the reader only
+  FrameDecoder decoder;  // touched by the reader only
   std::map<std::uint64_t, std::optional<Outcome>> waiting;
 };
 
 std::optional<std::string> DaemonXPCClient::Connection::exchange(std::string message) {
   std::unique_lock lock(mutex);
   if (cancelled) throw DaemonClientError::transport("conexión cancelada");
+  if (!invalidName.empty()) throw DaemonClientError::transport(invalidName);
   if (fd < 0) {
-    auto connected = connectTo(path);
+    auto connected = connectTo(path, requireRoot);
     if (auto* text = std::get_if<std::string>(&connected)) {
       throw DaemonClientError::transport(*text);
     }
@@ -120,8 +137,7 @@ std::optional<std::string> DaemonXPCClient::Connection::exchange(std::string mes
   return std::move(outcome.body);
 }
 
-void DaemonXPCClient::Connection::readUntil(std::unique_lock<std::mutex>& lock,
-                                            std::uint64_t id) {
+void DaemonXPCClient::Connection::readUntil(std::unique_lock<std::mutex>& lock, std::uint64_t id) {
   while (!waiting[id].has_value()) {
     if (reading) {
       changed.wait(lock);
@@ -180,8 +196,21 @@ void DaemonXPCClient::Connection::cancel() {
   }
 }
 
+namespace {
+
+std::unique_ptr<DaemonXPCClient::Connection> connectionFor(std::string_view machServiceName) {
+  try {
+    return std::make_unique<DaemonXPCClient::Connection>(socketPathForMachService(machServiceName),
+                                                         isDefaultServiceName(machServiceName), "");
+  } catch (const TransportError& e) {
+    return std::make_unique<DaemonXPCClient::Connection>("", false, e.description());
+  }
+}
+
+}  // namespace
+
 DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName)
-    : connection_(std::make_unique<Connection>(socketPathForMachService(machServiceName))) {}
+    : connection_(connectionFor(machServiceName)) {}
 
 DaemonXPCClient::~DaemonXPCClient() = default;
 

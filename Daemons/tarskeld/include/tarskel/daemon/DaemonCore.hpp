@@ -15,6 +15,7 @@
 // call each. The core (the copy whose member is awaited) must outlive the
 // awaitable; both stores must outlive every request in flight.
 
+#include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <filesystem>
 #include <functional>
@@ -72,6 +73,17 @@ class DaemonCore {
   boost::asio::awaitable<std::string> handleEncoded(std::string bytes,
                                                     DaemonPeerVerdict peer) const;
 
+  // From now on, this copy runs every operation but the short ones on
+  // `executor` and comes back for the audit row: an operation that may take
+  // long (a file read, an update, an uninstall) then never holds up the
+  // thread that handles requests. Without it, operations run where the
+  // request is handled.
+  void runLongOpsOn(boost::asio::any_io_executor executor) { longOps_ = std::move(executor); }
+
+  // The operations that never take long: "daemon.info" and
+  // "daemon.grants.sync". Every refusal is short too: it runs no operation.
+  static bool isShortOp(std::string_view name);
+
   const std::shared_ptr<AuditStore>& audit() const { return audit_; }
   const std::shared_ptr<GrantsStore>& grants() const { return grants_; }
 
@@ -88,6 +100,7 @@ class DaemonCore {
   std::shared_ptr<const OpMap> ops_;
   std::shared_ptr<AuditStore> audit_;
   std::shared_ptr<GrantsStore> grants_;
+  std::optional<boost::asio::any_io_executor> longOps_;
 };
 
 }  // namespace tarskel

@@ -80,8 +80,10 @@ class TarskeldDeps {
  private:
   TarskeldDeps();
 
-  // Declared first: it goes last, after everything that posts to it.
+  // Declared first: they go last, after everything that posts to them. The
+  // pool runs the long operations; the loop everything else.
   boost::asio::thread_pool pool_;
+  std::shared_ptr<DaemonEventLoop> loop_;
   std::shared_ptr<SQLiteDatabase> db_;
   std::shared_ptr<AuditStore> audit_;
   std::shared_ptr<GrantsStore> grants_;

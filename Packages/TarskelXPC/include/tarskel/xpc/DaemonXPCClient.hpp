@@ -9,7 +9,10 @@
 //
 // On macOS this is an XPC connection to the Mach service; elsewhere it is the
 // Unix socket that socketPathForMachService(name) names, speaking the
-// envelope of Transport.hpp.
+// envelope of Transport.hpp. A plain name reaches the system daemon under
+// /run/tarskel, and there the client talks only to a server running as root
+// (the kernel's credentials of the listening socket); a name holding "/" is
+// a socket path the caller vouches for, and no such check is made.
 //
 // Threads. request() may be called from any number of threads at once; each
 // call blocks its thread until its own reply is there (replies pair with
@@ -62,8 +65,10 @@ class DaemonXPCClient {
   // the reply, with no time-out. Throws:
   //   - the encoder's EncodingError when the request can't be encoded;
   //   - DaemonClientError::transport when the daemon is absent, the
-  //     connection is lost before the reply, the client was closed, or the
-  //     reply has no response ("reply sin payload de respuesta");
+  //     connection is lost before the reply, the client was closed, the
+  //     reply has no response ("reply sin payload de respuesta"), the name
+  //     is empty ("nombre de servicio vacío") or the server at /run/tarskel
+  //     is not root's ("el servidor de <path> no es root (uid <uid>)");
   //   - the decoder's DecodingError for a response that doesn't decode,
   //     zero bytes included.
   // A response with ok == false is returned, not thrown. After a transport

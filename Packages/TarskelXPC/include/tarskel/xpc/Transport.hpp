@@ -65,12 +65,22 @@ std::string encodeFrame(const TransportEnvelope& envelope);
 
 }  // namespace Transport
 
-// The socket path of a service name. A name holding "/" is a path and is
-// returned as it is. Otherwise: "/run/tarskel/<name>.sock" for root (effective
-// user id 0), and "${XDG_RUNTIME_DIR:-/tmp}/tarskel-<uid>/<name>.sock" for
-// anyone else, <uid> being the real user id in decimal (an empty
-// XDG_RUNTIME_DIR counts as unset). Reads the environment: call it from one
-// thread at start-up, or while nobody changes the environment.
+// The largest frame a client may send the daemon: requests are small, and a
+// connection may hold no more than this much of a frame it has not finished.
+inline constexpr std::int64_t maxRequestFrameLength = 1 << 20;
+
+// Where the system daemon's sockets live, for every user alike.
+inline constexpr std::string_view defaultSocketDirectory = "/run/tarskel";
+
+// The socket path of a service name, the one mapping that the daemon and its
+// clients share. A name holding "/" is a path and is returned as it is;
+// any other name is "/run/tarskel/<name>.sock", whoever asks. An empty name
+// throws TransportError ("nombre de servicio vacío"). Reads nothing but its
+// argument: any thread.
 std::string socketPathForMachService(std::string_view machServiceName);
+
+// Whether a service name maps into defaultSocketDirectory, where only a
+// server running as root may answer (the client checks the peer).
+bool isDefaultServiceName(std::string_view machServiceName);
 
 }  // namespace tarskel
