@@ -69,7 +69,7 @@ void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
   std::unique_ptr<TarskeldDeps> deps =
       TarskeldDeps::create(rootURL, machService, logger, std::move(seams));
 
-  logger.info("tarskeld v0.1.0 sirviendo " + machService);
+  logger.info("tarskeld v" + std::string(version) + " sirviendo " + machService);
 
   // The process lives in the listener's handlers from here on. No signal
   // handler: SIGTERM's default action is how the daemon stops.

@@ -9,6 +9,7 @@
 
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/protocol/base/Version.hpp"
 
 namespace tarskel::tool {
 namespace {
@@ -49,7 +50,7 @@ int main(int argc, char** argv) {
   using namespace tarskel::tool;
   CLI::App app{"tarskel: the command-line tool of the Tarskel platform"};
   app.name("tarskel");
-  app.set_version_flag("--version", std::string("tarskel ") + TARSKEL_VERSION);
+  app.set_version_flag("--version", "tarskel " + std::string(tarskel::tarskelVersion));
   app.require_subcommand(1);
   app.fallthrough(false);
 

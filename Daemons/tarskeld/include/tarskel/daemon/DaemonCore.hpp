@@ -27,6 +27,7 @@
 
 #include "tarskel/daemon/DaemonOp.hpp"
 #include "tarskel/daemon/GrantsStore.hpp"
+#include "tarskel/protocol/base/Version.hpp"
 #include "tarskel/store/AuditStore.hpp"
 #include "tarskel/xpc/DaemonWire.hpp"
 
@@ -34,7 +35,8 @@ namespace tarskel {
 
 class DaemonCore {
  public:
-  static constexpr std::string_view daemonVersion = "0.1.0";
+  // The tree's one version (from the build), as "daemon.info" reports it.
+  static constexpr std::string_view daemonVersion = tarskelVersion;
 
   using OpList = std::vector<DaemonOpPtr>;
   // Builds the operations that need the state root ("platform.applyUpdate",
