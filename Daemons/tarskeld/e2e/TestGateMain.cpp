@@ -13,7 +13,7 @@
 #include <sstream>
 #include <string>
 
-#include "tarskel/codesign/FakeCodeSignPlatform.hpp"
+#include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/Tarskeld.hpp"
 
 namespace {

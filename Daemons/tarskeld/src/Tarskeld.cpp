@@ -9,11 +9,8 @@
 #include <exception>
 #include <iostream>
 
-#include "tarskel/daemon/PlatformFiles.hpp"
 #include "tarskel/daemon/TarskeldDeps.hpp"
 #include "tarskel/protocol/base/Logger.hpp"
-
-extern char** environ;
 
 namespace tarskel {
 namespace {
@@ -30,18 +27,6 @@ std::optional<std::string> homeOf(std::string_view user) {
   const passwd* entry = getpwnam(std::string(user).c_str());
   if (entry == nullptr) return std::nullopt;
   return entry->pw_dir;
-}
-
-std::map<std::string, std::string> processEnvironment() {
-  std::map<std::string, std::string> out;
-  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-    std::string_view text(*entry);
-    std::size_t equals = text.find('=');
-    if (equals == std::string_view::npos) continue;
-    // The first definition wins, as getenv would answer.
-    out.emplace(std::string(text.substr(0, equals)), std::string(text.substr(equals + 1)));
-  }
-  return out;
 }
 
 }  // namespace
@@ -62,8 +47,7 @@ void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
   Logger logger{std::string(commandName)};
   std::filesystem::path rootURL = expandTilde(root);
 
-  TarskeldDeps::Seams seams{std::move(gatePlatform), processEnvironment(),
-                            PlatformFiles::system()->executablePath()};
+  TarskeldDeps::Seams seams = TarskeldDeps::Seams::ofProcess(std::move(gatePlatform));
   // Held by this frame, which never ends: the listener's handlers and the
   // tasks on the pool reach the stores through it.
   std::unique_ptr<TarskeldDeps> deps =

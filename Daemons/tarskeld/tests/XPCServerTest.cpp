@@ -19,7 +19,7 @@
 #include <fstream>
 
 #include "DaemonTestSupport.hpp"
-#include "tarskel/codesign/FakeCodeSignPlatform.hpp"
+#include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
@@ -272,7 +272,8 @@ TEST_F(XPCServerTest, RejectedPeerGetsUnauthorizedClient) {
 // Linux has no code signature: a provisioned gate on the real platform
 // resolves this very process through its pidfd and fails closed.
 TEST_F(XPCServerTest, ProvisionedGateOnTheSystemPlatformFailsClosed) {
-  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}});
+  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"},
+                             DaemonPeerGate::systemPlatform()});
   DaemonXPCClient client(socketPath());
   const DaemonResponse response = client.request({"daemon.info", {}, std::nullopt, std::nullopt});
   ASSERT_TRUE(response.error);

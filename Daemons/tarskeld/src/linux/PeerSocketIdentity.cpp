@@ -6,7 +6,6 @@
 
 #include <utility>
 
-#include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
 
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77  // Linux 6.5; older C library headers lack it
@@ -35,10 +34,7 @@ PeerSocketIdentity::~PeerSocketIdentity() {
 }
 
 CodeResult PeerSocketIdentity::senderCode(const CodeSignPlatform& platform) const {
-  if (const auto* system = dynamic_cast<const LinuxCodeSignPlatform*>(&platform)) {
-    return system->guestCodeForPidfd(pidfd_);
-  }
-  return platform.guestCodeForPid(pid_);
+  return platform.senderCode(MessageOrigin{pid_, pidfd_, nullptr});
 }
 
 }  // namespace tarskel

@@ -23,8 +23,8 @@ class PeerSocketIdentity final : public DaemonMessageSender {
   PeerSocketIdentity& operator=(PeerSocketIdentity&&) = delete;
   ~PeerSocketIdentity() override;
 
-  // Through the pidfd on the system's platform. Any other platform (a test's
-  // fake) is asked for the guest code of the peer's pid.
+  // platform.senderCode of the pidfd and pid: the system's platform goes by
+  // the pidfd, a test's fake by the pid.
   CodeResult senderCode(const CodeSignPlatform& platform) const override;
 
   int pidfd() const { return pidfd_; }

@@ -2,6 +2,7 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <Security/Security.h>
+#include <xpc/xpc.h>
 
 #include <cstring>
 #include <string>
@@ -78,6 +79,16 @@ CodeResult DarwinCodeSignPlatform::guestCodeForPid(std::int32_t pid) const {
   SecCodeRef code = nullptr;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes, kSecCSDefaultFlags, &code);
   CFRelease(attributes);
+  return {status, wrap(code)};
+}
+
+CodeResult DarwinCodeSignPlatform::senderCode(const MessageOrigin& origin) const {
+  if (origin.xpcMessage == nullptr) return {CodeSignStatus::errSecCSInvalidObjectRef, nullptr};
+  // The identity is bound to this very message, never to the connection or
+  // to a process id.
+  auto message = static_cast<xpc_object_t>(const_cast<void*>(origin.xpcMessage));
+  SecCodeRef code = nullptr;
+  const OSStatus status = SecCodeCreateWithXPCMessage(message, kSecCSDefaultFlags, &code);
   return {status, wrap(code)};
 }
 

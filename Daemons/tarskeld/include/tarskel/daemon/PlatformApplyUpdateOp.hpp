@@ -43,9 +43,8 @@ namespace tarskel {
 // excluded from each other.
 class PlatformApplyUpdateOp final : public DaemonOp {
  public:
-  explicit PlatformApplyUpdateOp(
-      std::filesystem::path rootURL,
-      std::shared_ptr<const PlatformFiles> platform = PlatformFiles::system());
+  PlatformApplyUpdateOp(std::filesystem::path rootURL,
+                        std::shared_ptr<const PlatformFiles> platform);
 
   boost::asio::awaitable<JSONValue> execute(const JSONObject& args,
                                             const DaemonOpContext& context) const override;
@@ -56,7 +55,7 @@ class PlatformApplyUpdateOp final : public DaemonOp {
   // changed before it stay changed. A tree that can't be enumerated stops
   // after its root, without error. Modes are left as they are.
   static void chownTreeToRootWheel(const std::filesystem::path& at,
-                                   const PlatformFiles& platform = *PlatformFiles::system());
+                                   const PlatformFiles& platform);
 
   const std::filesystem::path& rootURL() const { return rootURL_; }
 
