@@ -11,6 +11,9 @@ namespace tarskel {
 
 namespace {
 
+// errSecAllocate: CoreFoundation could not make an object.
+constexpr OSStatus kErrSecAllocate = -108;
+
 // Owns one reference to a CoreFoundation object.
 class SecObject final : public CodeObject {
  public:
@@ -70,12 +73,15 @@ CodeResult DarwinCodeSignPlatform::staticCodeForPath(const std::string& path) co
 
 CodeResult DarwinCodeSignPlatform::guestCodeForPid(std::int32_t pid) const {
   CFNumberRef number = CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt32Type, &pid);
+  if (number == nullptr) return {kErrSecAllocate, nullptr};
   const void* keys[] = {kSecGuestAttributePid};
   const void* values[] = {number};
   CFDictionaryRef attributes =
       CFDictionaryCreate(kCFAllocatorDefault, keys, values, 1, &kCFTypeDictionaryKeyCallBacks,
                          &kCFTypeDictionaryValueCallBacks);
-  CFRelease(number);
+  CFRelease(number);  // the dictionary holds its own reference
+  // Without attributes the call would name the host's guests, not this pid.
+  if (attributes == nullptr) return {kErrSecAllocate, nullptr};
   SecCodeRef code = nullptr;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes, kSecCSDefaultFlags, &code);
   CFRelease(attributes);
