@@ -14,7 +14,6 @@
 namespace tarskel {
 namespace {
 
-using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using boost::asio::awaitable;
 

@@ -51,7 +51,7 @@ std::string Transport::encodeFrame(const TransportEnvelope& envelope) {
 }
 
 std::string socketPathForMachService(std::string_view machServiceName) {
-  const std::string name(machServiceName);
+  std::string name(machServiceName);
   if (name.find('/') != std::string::npos) return name;
   if (::geteuid() == 0) return "/run/tarskel/" + name + ".sock";
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");

@@ -79,12 +79,11 @@ typedef struct {
 extern const CFDictionaryKeyCallBacks kCFTypeDictionaryKeyCallBacks;
 extern const CFDictionaryValueCallBacks kCFTypeDictionaryValueCallBacks;
 
-CFDictionaryRef _Nullable CFDictionaryCreate(CFAllocatorRef _Nullable allocator,
-                                             const void* _Nullable* _Nullable keys,
-                                             const void* _Nullable* _Nullable values,
-                                             CFIndex numValues,
-                                             const CFDictionaryKeyCallBacks* _Nullable keyCallBacks,
-                                             const CFDictionaryValueCallBacks* _Nullable valueCallBacks);
+CFDictionaryRef _Nullable CFDictionaryCreate(
+    CFAllocatorRef _Nullable allocator, const void* _Nullable* _Nullable keys,
+    const void* _Nullable* _Nullable values, CFIndex numValues,
+    const CFDictionaryKeyCallBacks* _Nullable keyCallBacks,
+    const CFDictionaryValueCallBacks* _Nullable valueCallBacks);
 // Get: borrowed, NULL when the key is absent.
 const void* _Nullable CFDictionaryGetValue(CFDictionaryRef theDict, const void* _Nullable key);
 

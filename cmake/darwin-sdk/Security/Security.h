@@ -10,8 +10,8 @@ extern "C" {
 
 #pragma clang assume_nonnull begin
 
-typedef struct __SecCode* SecCodeRef;               // running code
-typedef const struct __SecCode* SecStaticCodeRef;   // code on disk
+typedef struct __SecCode* SecCodeRef;              // running code
+typedef const struct __SecCode* SecStaticCodeRef;  // code on disk
 typedef struct __SecRequirement* SecRequirementRef;
 typedef uint32_t SecCSFlags;
 
