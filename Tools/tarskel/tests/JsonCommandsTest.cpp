@@ -49,7 +49,7 @@ TEST(JsonCommands, BadInputIsExitTwoWithAReason) {
 }
 
 TEST(JsonCommands, HelpAndVersion) {
-  for (std::vector<std::string> args : {std::vector<std::string>{"--help"}, {"json", "--help"},
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"--help"}, {"json", "--help"},
                                         {"json", "patch", "--help"}}) {
     ToolRun run = runTool(args);
     EXPECT_EQ(run.exitCode, 0);

@@ -19,7 +19,6 @@ struct Date {
   static Date fromUnixTime(double seconds) { return Date{seconds - kUnixEpochOffset}; }
   double unixTime() const { return secondsSinceReferenceDate + kUnixEpochOffset; }
 
-  // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 misreads the synthesised comparison
   friend auto operator<=>(const Date&, const Date&) = default;
 };
 
