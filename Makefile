@@ -1,6 +1,7 @@
 # The two commands people need: `make run` and `make test`. The rest is for CI
 # and for developers.
-.PHONY: all deps build test test-sanitize test-tsan bench fuzz run clean
+.PHONY: all deps build test test-sanitize test-tsan bench fuzz run clean darwin-check lint \
+        format-check format check-install
 
 # CI (CI=true in the environment) builds with warnings as errors.
 PRESET ?= $(if $(filter true,$(CI)),ci,default)
@@ -32,6 +33,25 @@ bench:
 fuzz: deps
 	cmake --preset fuzz >/dev/null
 	cmake --build build/fuzz -j $(JOBS)
+
+# clang-tidy over the tree (.clang-tidy, findings are errors).
+lint: deps
+	scripts/lint
+
+# Layout by .clang-format: format-check fails on any difference, format fixes it.
+format-check: deps
+	scripts/format-check
+format: deps
+	scripts/format-check --fix
+
+# The installed libraries, found and linked by an outside project.
+check-install: deps
+	scripts/check-install build/$(PRESET)
+
+# Every source under a darwin/ folder, compiled in syntax-only mode for macOS
+# against the declarations in cmake/darwin-sdk/.
+darwin-check: deps
+	scripts/darwin-check
 
 # Starts tarskeld in the foreground with its state under ./.state; from another
 # terminal: build/default/Tools/tarskel/tarskel call daemon.info --mach-service ./.state/tarskeld.sock

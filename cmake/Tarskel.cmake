@@ -48,3 +48,49 @@ function(tarskel_test)
   gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60
                        PROPERTIES ENVIRONMENT "TARSKEL_BUILD_DIR=${CMAKE_BINARY_DIR}")
 endfunction()
+
+# ---- The libraries as a product ------------------------------------------------
+# tarskel_version_header(<target>)
+# The one version of the tree, from project(VERSION), as the header
+# "tarskel/protocol/base/Version.hpp" on <target>'s public include path.
+function(tarskel_version_header target)
+  set(_dir ${PROJECT_BINARY_DIR}/generated/include)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/Version.hpp.in
+                 ${_dir}/tarskel/protocol/base/Version.hpp @ONLY)
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${_dir}>)
+  install(FILES ${_dir}/tarskel/protocol/base/Version.hpp
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarskel/protocol/base COMPONENT Development)
+endfunction()
+
+# tarskel_install_libraries(<target>...)
+# Installs each package library (the archive and its include/ tree) and
+# exports it as Tarskel::<name without the "Tarskel" prefix>, with
+# TarskelConfig.cmake and TarskelConfigVersion.cmake for
+# find_package(Tarskel CONFIG), all in the install component "Development"
+# (`cmake --install <dir> --component Development` installs only them). In the
+# tree both names work: TarskelProtocol and Tarskel::Protocol.
+function(tarskel_install_libraries)
+  include(CMakePackageConfigHelpers)
+  set(_cmakedir ${CMAKE_INSTALL_LIBDIR}/cmake/Tarskel)
+  foreach(target ${ARGN})
+    string(REGEX REPLACE "^Tarskel" "" _short ${target})
+    set_target_properties(${target} PROPERTIES EXPORT_NAME ${_short})
+    add_library(Tarskel::${_short} ALIAS ${target})
+    get_target_property(_src ${target} SOURCE_DIR)
+    install(DIRECTORY ${_src}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+            COMPONENT Development)
+  endforeach()
+  install(TARGETS ${ARGN} EXPORT TarskelTargets
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development
+          INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  install(EXPORT TarskelTargets NAMESPACE Tarskel:: DESTINATION ${_cmakedir}
+          COMPONENT Development)
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/TarskelConfig.cmake.in
+                                 ${PROJECT_BINARY_DIR}/TarskelConfig.cmake
+                                 INSTALL_DESTINATION ${_cmakedir})
+  write_basic_package_version_file(${PROJECT_BINARY_DIR}/TarskelConfigVersion.cmake
+                                   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMinorVersion)
+  install(FILES ${PROJECT_BINARY_DIR}/TarskelConfig.cmake
+                ${PROJECT_BINARY_DIR}/TarskelConfigVersion.cmake
+          DESTINATION ${_cmakedir} COMPONENT Development)
+endfunction()

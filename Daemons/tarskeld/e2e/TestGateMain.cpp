@@ -15,7 +15,7 @@
 #include <sstream>
 #include <string>
 
-#include "tarskel/codesign/FakeCodeSignPlatform.hpp"
+#include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
 #include "tarskel/daemon/Tarskeld.hpp"
 

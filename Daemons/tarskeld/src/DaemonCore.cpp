@@ -9,9 +9,7 @@
 #include <utility>
 
 #include "RandomUUID.hpp"
-#include "tarskel/daemon/FsReadProtectedPathOp.hpp"
-#include "tarskel/daemon/GrantsSyncOp.hpp"
-#include "tarskel/daemon/InfoOp.hpp"
+#include "tarskel/daemon/TarskeldDeps.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
@@ -33,17 +31,6 @@ double millisecondsSince(Clock::time_point start) {
   std::abort();
 }
 
-DaemonCore::OpList builtInOps(const std::shared_ptr<GrantsStore>& grants,
-                              const std::optional<std::filesystem::path>& rootURL,
-                              const DaemonCore::RootedOpsFactory& rootedOps) {
-  DaemonCore::OpList list{std::make_shared<InfoOp>(), std::make_shared<GrantsSyncOp>(grants),
-                          std::make_shared<FsReadProtectedPathOp>()};
-  if (rootURL && rootedOps) {
-    for (DaemonOpPtr& op : rootedOps(*rootURL)) list.push_back(std::move(op));
-  }
-  return list;
-}
-
 std::string callerText(const DaemonRequest& request, const DaemonPeerVerdict& peer) {
   std::string caller = peer.callerText();
   if (request.serviceId) caller += " svc:" + *request.serviceId;
@@ -61,10 +48,11 @@ std::vector<std::string> descriptions(const std::vector<SchemaViolation>& violat
 
 DaemonCore::DaemonCore(std::optional<OpList> ops, std::shared_ptr<AuditStore> audit,
                        std::shared_ptr<GrantsStore> grants,
-                       std::optional<std::filesystem::path> rootURL,
-                       const RootedOpsFactory& rootedOps)
+                       const std::optional<std::filesystem::path>& rootURL)
     : audit_(std::move(audit)), grants_(std::move(grants)) {
-  OpList list = ops ? std::move(*ops) : builtInOps(grants_, rootURL, rootedOps);
+  OpList list = ops ? std::move(*ops)
+                    : TarskeldDeps::operations(grants_, rootURL,
+                                               TarskeldDeps::Seams::ofProcess(nullptr));
   auto map = std::make_shared<OpMap>();
   for (DaemonOpPtr& op : list) {
     std::string name = op->name();

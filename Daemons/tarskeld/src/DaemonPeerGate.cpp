@@ -13,12 +13,14 @@ DaemonPeerVerdict DaemonPeerGate::verdict(const DaemonMessageSender& message) co
   if (!teamIds) {
     return DaemonPeerVerdict::unverified("gate SO sin provisionar (sin vendor/teams.json)");
   }
-  const CodeSignPlatform& services = platform ? *platform : CodeSignPlatform::system();
-  const CodeResult running = message.senderCode(services);
+  const CodeResult running =
+      platform ? message.senderCode(*platform)
+               : CodeResult{CodeSignStatus::errSecCSInvalidObjectRef, nullptr};
   if (running.status != 0 || !running.code) {
     return DaemonPeerVerdict::rejected("sin identidad de código en el mensaje xpc (" +
                                        std::to_string(running.status) + ")");
   }
+  const CodeSignPlatform& services = *platform;
   const CodeResult onDisk = services.staticCodeOf(*running.code);
   if (onDisk.status != 0 || !onDisk.code) {
     return DaemonPeerVerdict::rejected("sin static code del cliente xpc (" +

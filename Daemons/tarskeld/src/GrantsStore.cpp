@@ -61,7 +61,7 @@ awaitable<GrantsStore::Grants> snapshotOnStrand(const GrantsStore& store) {
 
 GrantsStore::GrantsStore(std::filesystem::path fileURL, boost::asio::any_io_executor executor)
     : fileURL_(std::move(fileURL)),
-      strand_(boost::asio::make_strand(std::move(executor))),
+      strand_(boost::asio::make_strand(executor)),
       grants_(load(fileURL_)) {}
 
 bool GrantsStore::isGrantedSync(const std::string& op, const std::string& serviceId) const {

@@ -1,7 +1,6 @@
 #include "tarskel/daemon/PlatformUninstallMachineOp.hpp"
 
 #include <cstdint>
-#include <cstdlib>
 #include <limits>
 #include <string>
 
@@ -38,12 +37,12 @@ PlatformUninstallMachineOp::PlatformUninstallMachineOp(
       platform_(std::move(platform)) {}
 
 std::optional<fs::path> PlatformUninstallMachineOp::derivedInstalledApp(
-    const PlatformFiles& platform) {
+    const std::map<std::string, std::string>& environment,
+    const std::optional<fs::path>& executable) {
   // Taken as it stands: execute is where a value without ".app" is refused.
-  if (const char* given = std::getenv("TARSKEL_INSTALLED_APP"); given != nullptr) {
-    return platformFilePath(given);
+  if (auto given = environment.find("TARSKEL_INSTALLED_APP"); given != environment.end()) {
+    return platformFilePath(given->second);
   }
-  std::optional<fs::path> executable = platform.executablePath();
   if (!executable) return std::nullopt;
   // <bundle>.app/Contents/MacOS/<executable>
   fs::path bundle = resolvingSymlinks(*executable).parent_path().parent_path().parent_path();

@@ -14,12 +14,9 @@
 #include <iostream>
 #include <stdexcept>
 
-#include "tarskel/daemon/PlatformFiles.hpp"
 #include "tarskel/daemon/TarskeldDeps.hpp"
 #include "tarskel/protocol/base/Error.hpp"
 #include "tarskel/protocol/base/Logger.hpp"
-
-extern char** environ;
 
 namespace tarskel {
 namespace {
@@ -47,18 +44,6 @@ std::optional<std::string> homeOf(std::string_view user) {
   const passwd* entry = getpwnam(std::string(user).c_str());
   if (entry == nullptr) return std::nullopt;
   return entry->pw_dir;
-}
-
-std::map<std::string, std::string> processEnvironment() {
-  std::map<std::string, std::string> out;
-  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-    std::string_view text(*entry);
-    std::size_t equals = text.find('=');
-    if (equals == std::string_view::npos) continue;
-    // The first definition wins, as getenv would answer.
-    out.emplace(std::string(text.substr(0, equals)), std::string(text.substr(equals + 1)));
-  }
-  return out;
 }
 
 // One daemon per root: two would each write the audit chain from their own
@@ -134,8 +119,7 @@ void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
   // first; create() finds it made.
   RootLock lock(TarskeldDeps::makeStateDirectory(rootURL));
 
-  TarskeldDeps::Seams seams{std::move(gatePlatform), processEnvironment(),
-                            PlatformFiles::system()->executablePath()};
+  TarskeldDeps::Seams seams = TarskeldDeps::Seams::ofProcess(std::move(gatePlatform));
   // Held by this frame, which never ends: the listener's handlers and the
   // tasks on the pool reach the stores through it.
   std::unique_ptr<TarskeldDeps> deps;
@@ -146,7 +130,7 @@ void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
     throw std::runtime_error((rootURL / "daemon" / "audit.db").string() + ": " + e.what());
   }
 
-  logger.info("tarskeld v0.1.0 sirviendo " + machService);
+  logger.info("tarskeld v" + std::string(version) + " sirviendo " + machService);
 
   // The process lives in the listener's handlers from here on. No signal
   // handler: SIGTERM's default action is how the daemon stops.

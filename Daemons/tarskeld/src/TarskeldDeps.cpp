@@ -2,10 +2,16 @@
 
 #include <boost/asio/execution/blocking.hpp>
 #include <boost/asio/require.hpp>
+#include <string_view>
 #include <thread>
 #include <utility>
 
+extern char** environ;
+
 #include "tarskel/codesign/TeamTrust.hpp"
+#include "tarskel/daemon/FsReadProtectedPathOp.hpp"
+#include "tarskel/daemon/GrantsSyncOp.hpp"
+#include "tarskel/daemon/InfoOp.hpp"
 #include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
 #include "tarskel/daemon/PlatformUninstallMachineOp.hpp"
 #include "tarskel/vendor/VendorSeed.hpp"
@@ -24,13 +30,40 @@ unsigned workerCount() {
   return n == 0 ? 2 : n;
 }
 
-DaemonCore::OpList platformOps(const fs::path& rootURL) {
-  return {std::make_shared<PlatformApplyUpdateOp>(rootURL),
-          std::make_shared<PlatformUninstallMachineOp>(
-              PlatformUninstallMachineOp::derivedInstalledApp(), rootURL)};
+std::map<std::string, std::string> processEnvironment() {
+  std::map<std::string, std::string> out;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    std::string_view text(*entry);
+    std::size_t equals = text.find('=');
+    if (equals == std::string_view::npos) continue;
+    // The first definition wins, as getenv would answer.
+    out.emplace(std::string(text.substr(0, equals)), std::string(text.substr(equals + 1)));
+  }
+  return out;
 }
 
 }  // namespace
+
+TarskeldDeps::Seams TarskeldDeps::Seams::ofProcess(
+    std::shared_ptr<const CodeSignPlatform> gatePlatform) {
+  std::shared_ptr<const PlatformFiles> files = PlatformFiles::system();
+  std::optional<fs::path> executable = files->executablePath();
+  return Seams{std::move(gatePlatform), std::move(files), processEnvironment(),
+               std::move(executable)};
+}
+
+DaemonCore::OpList TarskeldDeps::operations(const std::shared_ptr<GrantsStore>& grants,
+                                            const std::optional<fs::path>& rootURL,
+                                            const Seams& seams) {
+  DaemonCore::OpList ops{std::make_shared<InfoOp>(), std::make_shared<GrantsSyncOp>(grants),
+                         std::make_shared<FsReadProtectedPathOp>()};
+  if (!rootURL) return ops;
+  ops.push_back(std::make_shared<PlatformApplyUpdateOp>(*rootURL, seams.files));
+  ops.push_back(std::make_shared<PlatformUninstallMachineOp>(
+      PlatformUninstallMachineOp::derivedInstalledApp(seams.environment, seams.executableURL),
+      *rootURL, seams.files));
+  return ops;
+}
 
 TarskeldDeps::TarskeldDeps()
     : pool_(workerCount()), loop_(std::make_shared<DaemonEventLoop>()) {}
@@ -97,7 +130,7 @@ std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
 
   deps->grants_ =
       std::make_shared<GrantsStore>(stateDirectory / "grants.json", deps->loop_->executor());
-  deps->core_.emplace(std::nullopt, deps->audit_, deps->grants_, rootURL, platformOps);
+  deps->core_.emplace(operations(deps->grants_, rootURL, seams), deps->audit_, deps->grants_);
 
   // Long operations go to the pool, never inline on the loop.
   boost::asio::any_io_executor longOps =

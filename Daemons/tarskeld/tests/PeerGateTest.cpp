@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tarskel/codesign/FakeCodeSignPlatform.hpp"
+#include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonPeerGate.hpp"
 
 namespace tarskel {

@@ -407,7 +407,7 @@ TEST(ChownTreeToRootWheel, UnprivilegedProcessGetsTheSystemsRefusal) {
     std::string text = "no error";
     if (::setgid(kStagingUser) == 0 && ::setuid(kStagingUser) == 0) {
       try {
-        PlatformApplyUpdateOp::chownTreeToRootWheel(tree);
+        PlatformApplyUpdateOp::chownTreeToRootWheel(tree, *PlatformFiles::system());
       } catch (const DaemonOpError& e) {
         text = e.description();
       }

@@ -2,8 +2,10 @@
 // rule when root, and the removal itself on real trees.
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
+
+#include <map>
+#include <string>
 
 #include "DaemonTestSupport.hpp"
 #include "tarskel/daemon/PlatformUninstallMachineOp.hpp"
@@ -26,31 +28,6 @@ class ScriptedPlatform final : public PlatformFiles {
   uid_t euid = 0;
 };
 
-// Sets or clears TARSKEL_INSTALLED_APP for one scope.
-class InstalledAppVariable {
- public:
-  explicit InstalledAppVariable(const char* value) {
-    if (const char* old = ::getenv(kName)) saved_ = old;
-    if (value != nullptr) {
-      ::setenv(kName, value, 1);
-    } else {
-      ::unsetenv(kName);
-    }
-  }
-  ~InstalledAppVariable() {
-    if (saved_) {
-      ::setenv(kName, saved_->c_str(), 1);
-    } else {
-      ::unsetenv(kName);
-    }
-  }
-  InstalledAppVariable(const InstalledAppVariable&) = delete;
-  InstalledAppVariable& operator=(const InstalledAppVariable&) = delete;
-
- private:
-  static constexpr const char* kName = "TARSKEL_INSTALLED_APP";
-  std::optional<std::string> saved_;
-};
 
 class PlatformUninstallTest : public testing::DaemonFixture {
  protected:
@@ -93,23 +70,26 @@ TEST_F(PlatformUninstallTest, DerivesTheBundleFromTheVariableOrTheExecutable) {
 
   struct Case {
     std::string name;
-    const char* variable;
+    std::map<std::string, std::string> environment;
     std::optional<fs::path> executable;
     std::optional<fs::path> expected;
   };
+  const std::map<std::string, std::string> none;
+  auto variable = [](std::string value) {
+    return std::map<std::string, std::string>{{"TARSKEL_INSTALLED_APP", std::move(value)}};
+  };
   const std::vector<Case> cases = {
-      {"variable as it stands", "/nowhere/Other", inBundle, fs::path("/nowhere/Other")},
-      {"relative variable", "Local.app", std::nullopt, fs::path(cwd + "/Local.app")},
-      {"executable in a bundle", nullptr, inBundle, bundle},
-      {"executable through a link", nullptr, dir.file("bin/tarskeld"), bundle},
-      {"executable outside a bundle", nullptr, fs::path("/usr/sbin/tarskeld"), std::nullopt},
-      {"no executable", nullptr, std::nullopt, std::nullopt},
+      {"variable as it stands", variable("/nowhere/Other"), inBundle, fs::path("/nowhere/Other")},
+      {"relative variable", variable("Local.app"), std::nullopt, fs::path(cwd + "/Local.app")},
+      {"executable in a bundle", none, inBundle, bundle},
+      {"executable through a link", none, dir.file("bin/tarskeld"), bundle},
+      {"executable outside a bundle", none, fs::path("/usr/sbin/tarskeld"), std::nullopt},
+      {"no executable", none, std::nullopt, std::nullopt},
   };
   for (const Case& tc : cases) {
     SCOPED_TRACE(tc.name);
-    InstalledAppVariable variable(tc.variable);
-    platform->executable = tc.executable;
-    EXPECT_EQ(PlatformUninstallMachineOp::derivedInstalledApp(*platform), tc.expected);
+    EXPECT_EQ(PlatformUninstallMachineOp::derivedInstalledApp(tc.environment, tc.executable),
+              tc.expected);
   }
 }
 
@@ -154,9 +134,10 @@ TEST_F(PlatformUninstallTest, RemovesTheBundleOnceAndKeepsTheData) {
 
 TEST_F(PlatformUninstallTest, ThroughTheCoreFromTheVariable) {
   openStores();
-  InstalledAppVariable variable(bundle.c_str());
   auto op = std::make_shared<PlatformUninstallMachineOp>(
-      PlatformUninstallMachineOp::derivedInstalledApp(*platform), dataRoot, platform);
+      PlatformUninstallMachineOp::derivedInstalledApp({{"TARSKEL_INSTALLED_APP", bundle.string()}},
+                                                      std::nullopt),
+      dataRoot, platform);
   platform->euid = ::geteuid() == 0 ? 0 : 501;
   const DaemonCore core(DaemonCore::OpList{op}, audit, grants);
   auto handle = [&](JSONObject args) {

@@ -22,7 +22,7 @@
 #include <thread>
 
 #include "DaemonTestSupport.hpp"
-#include "tarskel/codesign/FakeCodeSignPlatform.hpp"
+#include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"

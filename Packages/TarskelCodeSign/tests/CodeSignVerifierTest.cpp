@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tarskel/codesign/FakeCodeSignPlatform.hpp"
+#include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 
 namespace tarskel {
 namespace {

@@ -141,7 +141,7 @@ std::optional<std::int64_t> seqOf(const Row& row) {
 AuditStore::AuditStore(std::shared_ptr<SQLiteDatabase> db, boost::asio::any_io_executor executor,
                        Clock now)
     : db_(std::move(db)),
-      strand_(boost::asio::make_strand(std::move(executor))),
+      strand_(boost::asio::make_strand(executor)),
       now_(now ? std::move(now) : Clock(&Date::now)) {
   db_->exec(std::string(kSchema));  // an existing table is fine; a real failure shows below
   auto rows = db_->query(kHeadQuery);

@@ -48,7 +48,8 @@ std::string sanitizeUTF8(const char* text, std::size_t length) {
       out.push_back(static_cast<char>(c));
       ++i;
       continue;
-    } else if (c >= 0xC2 && c <= 0xDF) {
+    }
+    if (c >= 0xC2 && c <= 0xDF) {
       need = 1, cp = c & 0x1Fu;
     } else if (c >= 0xE0 && c <= 0xEF) {
       need = 2, cp = c & 0x0Fu;

@@ -5,7 +5,6 @@
 // needs no instance. XPC calls a peer's handler one event at a time; the
 // gate runs there, and the request then becomes one task on the pool.
 
-#include <Security/SecCode.h>
 #include <xpc/xpc.h>
 
 #include <boost/asio/co_spawn.hpp>
@@ -15,7 +14,6 @@
 #include <string>
 #include <utility>
 
-#include "tarskel/codesign/DarwinCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 
 namespace tarskel {
@@ -43,24 +41,16 @@ struct XPCBox {
   xpc_connection_t remote;
 };
 
-// The sender of one message: the code object bound to that very message.
+// The sender of one message: the system's platform binds the code object to
+// that very message (SecCodeCreateWithXPCMessage); a test's fake goes by the
+// connection's process id.
 class XPCMessageSender final : public DaemonMessageSender {
  public:
   XPCMessageSender(xpc_object_t message, xpc_connection_t remote)
       : message_(message), remote_(remote) {}
 
   CodeResult senderCode(const CodeSignPlatform& platform) const override {
-    if (dynamic_cast<const DarwinCodeSignPlatform*>(&platform) == nullptr) {
-      // A test's platform knows processes, not XPC messages.
-      return platform.guestCodeForPid(xpc_connection_get_pid(remote_));
-    }
-    SecCodeRef code = nullptr;
-    const OSStatus status = SecCodeCreateWithXPCMessage(message_, kSecCSDefaultFlags, &code);
-    if (status != 0 || code == nullptr) {
-      if (code != nullptr) CFRelease(code);
-      return {status, nullptr};
-    }
-    return {0, DarwinCodeSignPlatform::adopt(code)};
+    return platform.senderCode(MessageOrigin{xpc_connection_get_pid(remote_), -1, message_});
   }
 
  private:

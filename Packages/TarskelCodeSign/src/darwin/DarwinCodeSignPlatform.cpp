@@ -2,6 +2,7 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <Security/Security.h>
+#include <xpc/xpc.h>
 
 #include <cstring>
 #include <string>
@@ -9,6 +10,9 @@
 namespace tarskel {
 
 namespace {
+
+// errSecAllocate: CoreFoundation could not make an object.
+constexpr OSStatus kErrSecAllocate = -108;
 
 // Owns one reference to a CoreFoundation object.
 class SecObject final : public CodeObject {
@@ -69,15 +73,28 @@ CodeResult DarwinCodeSignPlatform::staticCodeForPath(const std::string& path) co
 
 CodeResult DarwinCodeSignPlatform::guestCodeForPid(std::int32_t pid) const {
   CFNumberRef number = CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt32Type, &pid);
+  if (number == nullptr) return {kErrSecAllocate, nullptr};
   const void* keys[] = {kSecGuestAttributePid};
   const void* values[] = {number};
   CFDictionaryRef attributes =
       CFDictionaryCreate(kCFAllocatorDefault, keys, values, 1, &kCFTypeDictionaryKeyCallBacks,
                          &kCFTypeDictionaryValueCallBacks);
-  CFRelease(number);
+  CFRelease(number);  // the dictionary holds its own reference
+  // Without attributes the call would name the host's guests, not this pid.
+  if (attributes == nullptr) return {kErrSecAllocate, nullptr};
   SecCodeRef code = nullptr;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes, kSecCSDefaultFlags, &code);
   CFRelease(attributes);
+  return {status, wrap(code)};
+}
+
+CodeResult DarwinCodeSignPlatform::senderCode(const MessageOrigin& origin) const {
+  if (origin.xpcMessage == nullptr) return {CodeSignStatus::errSecCSInvalidObjectRef, nullptr};
+  // The identity is bound to this very message, never to the connection or
+  // to a process id.
+  auto message = static_cast<xpc_object_t>(const_cast<void*>(origin.xpcMessage));
+  SecCodeRef code = nullptr;
+  const OSStatus status = SecCodeCreateWithXPCMessage(message, kSecCSDefaultFlags, &code);
   return {status, wrap(code)};
 }
 

@@ -113,6 +113,10 @@ CodeResult LinuxCodeSignPlatform::guestCodeForPidfd(int pidfd) const {
   return guest;
 }
 
+CodeResult LinuxCodeSignPlatform::senderCode(const MessageOrigin& origin) const {
+  return guestCodeForPidfd(origin.pidfd);
+}
+
 CodeResult LinuxCodeSignPlatform::staticCodeOf(const CodeObject& runningCode) const {
   const auto* running = dynamic_cast<const LinuxRunningCode*>(&runningCode);
   if (running == nullptr) return {errSecCSInvalidObjectRef, {}};

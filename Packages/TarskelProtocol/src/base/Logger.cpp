@@ -80,7 +80,11 @@ Logger::Logger(std::string label, LogLevel minimumLevel, LogSink sink, std::stri
 
 Logger Logger::withSource(std::string source) const {
   Logger copy = *this;
-  copy.source_ = source.empty() ? label_ : std::move(source);
+  if (source.empty()) {
+    copy.source_ = label_;
+  } else {
+    copy.source_ = std::move(source);
+  }
   return copy;
 }
 

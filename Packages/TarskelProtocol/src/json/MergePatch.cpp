@@ -56,11 +56,10 @@ JSONValue diff(const JSONValue& from, const JSONValue& to) {
   std::vector<JSONObject::Member> changes;
   for (const auto& [key, newValue] : *after) {
     const JSONValue* oldValue = before->find(key);
-    if (oldValue == nullptr) {
-      changes.emplace_back(key, newValue);
-    } else if (*oldValue == newValue) {
-      // Unchanged members are left out of the patch.
-    } else if (oldValue->objectValue() != nullptr && newValue.objectValue() != nullptr) {
+    // Unchanged members are left out of the patch.
+    if (oldValue != nullptr && *oldValue == newValue) continue;
+    if (oldValue != nullptr && oldValue->objectValue() != nullptr &&
+        newValue.objectValue() != nullptr) {
       changes.emplace_back(key, diff(*oldValue, newValue));
     } else {
       changes.emplace_back(key, newValue);

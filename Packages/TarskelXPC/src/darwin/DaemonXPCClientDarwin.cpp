@@ -61,10 +61,18 @@ DaemonResponse DaemonXPCClient::request(const DaemonRequest& request) {
   if (xpc_get_type(reply.object) != XPC_TYPE_DICTIONARY) {
     throw DaemonClientError::transport(printable(reply.object));
   }
-  std::size_t length = 0;
-  const void* data = xpc_dictionary_get_data(reply.object, responseKey.c_str(), &length);
-  if (data == nullptr) throw DaemonClientError::transport("reply sin payload de respuesta");
-  const std::string response(static_cast<const char*>(data), length);
+  // Presence is told by the value's type, not by a data pointer: a daemon
+  // whose response couldn't be encoded sends an entry of zero bytes, whose
+  // pointer may be NULL, and that must reach the decoder, not read as absent.
+  xpc_object_t value = xpc_dictionary_get_value(reply.object, responseKey.c_str());
+  if (value == nullptr || xpc_get_type(value) != XPC_TYPE_DATA) {
+    throw DaemonClientError::transport("reply sin payload de respuesta");
+  }
+  const std::size_t length = xpc_data_get_length(value);
+  const void* data = xpc_data_get_bytes_ptr(value);
+  const std::string response =
+      data != nullptr && length > 0 ? std::string(static_cast<const char*>(data), length)
+                                    : std::string();
   return TarskelJSON::decoder().decode<DaemonResponse>(response);
 }
 

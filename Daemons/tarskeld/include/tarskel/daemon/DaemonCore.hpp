@@ -18,7 +18,6 @@
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -28,6 +27,7 @@
 
 #include "tarskel/daemon/DaemonOp.hpp"
 #include "tarskel/daemon/GrantsStore.hpp"
+#include "tarskel/protocol/base/Version.hpp"
 #include "tarskel/store/AuditStore.hpp"
 #include "tarskel/xpc/DaemonWire.hpp"
 
@@ -35,25 +35,26 @@ namespace tarskel {
 
 class DaemonCore {
  public:
-  static constexpr std::string_view daemonVersion = "0.1.0";
+  // The tree's one version (from the build), as "daemon.info" reports it.
+  static constexpr std::string_view daemonVersion = tarskelVersion;
 
   using OpList = std::vector<DaemonOpPtr>;
-  // Builds the operations that need the state root ("platform.applyUpdate",
-  // then "platform.uninstallMachine"). The start-up passes the real one.
-  using RootedOpsFactory = std::function<OpList(const std::filesystem::path& rootURL)>;
 
   // With `ops` given, that list is the catalogue, whatever it holds (an empty
-  // list gives an empty catalogue). Without it the catalogue is built:
-  // daemon.info, daemon.grants.sync (on `grants`) and fs.readProtectedPath,
-  // then, only when `rootURL` is present, what `rootedOps(*rootURL)` yields.
-  // So a core without a root has three operations and the daemon's five.
+  // list gives an empty catalogue): how the daemon's builder, TarskeldDeps,
+  // hands over its five. Without it the catalogue is the daemon's own
+  // (TarskeldDeps::operations on this process's seams): daemon.info,
+  // daemon.grants.sync (on `grants`) and fs.readProtectedPath, then, only
+  // when `rootURL` is present, platform.applyUpdate and
+  // platform.uninstallMachine on it. So a core without a root has three
+  // operations and one with a root all five. Reads the environment when it
+  // builds them: construct it before other threads exist.
   //
   // Two operations with one name are a programming error: the process ends
   // with "Duplicate values for key: '<name>'" on standard error.
   DaemonCore(std::optional<OpList> ops, std::shared_ptr<AuditStore> audit,
              std::shared_ptr<GrantsStore> grants,
-             std::optional<std::filesystem::path> rootURL = std::nullopt,
-             const RootedOpsFactory& rootedOps = {});
+             const std::optional<std::filesystem::path>& rootURL = std::nullopt);
 
   // The operation names, ascending by byte order (= Unicode scalar order).
   std::vector<std::string> catalog() const;

@@ -49,9 +49,11 @@ struct DaemonPeerGate {
   // no one be trusted.
   std::optional<std::vector<std::string>> teamIds;
 
-  // The code-signing services. Shared so that every copy of the gate keeps
-  // a test's fake alive; the default is CodeSignPlatform::system().
-  std::shared_ptr<const CodeSignPlatform> platform = systemPlatform();
+  // The code-signing services: systemPlatform() in the shipped daemon, a fake
+  // in tests. Shared so that every copy of the gate keeps a test's fake
+  // alive. A provisioned gate without one identifies no sender: every peer
+  // is rejected as having no code identity (errSecCSInvalidObjectRef).
+  std::shared_ptr<const CodeSignPlatform> platform;
 
   // In order, the first that applies:
   //   teamIds absent: unverified("gate SO sin provisionar (sin vendor/teams.json)"),

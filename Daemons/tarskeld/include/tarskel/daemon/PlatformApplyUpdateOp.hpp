@@ -50,9 +50,8 @@ namespace tarskel {
 // excluded from each other.
 class PlatformApplyUpdateOp final : public DaemonOp {
  public:
-  explicit PlatformApplyUpdateOp(
-      std::filesystem::path rootURL,
-      std::shared_ptr<const PlatformFiles> platform = PlatformFiles::system());
+  PlatformApplyUpdateOp(std::filesystem::path rootURL,
+                        std::shared_ptr<const PlatformFiles> platform);
 
   boost::asio::awaitable<JSONValue> execute(const JSONObject& args,
                                             const DaemonOpContext& context) const override;
@@ -64,7 +63,7 @@ class PlatformApplyUpdateOp final : public DaemonOp {
   // throws "recorrido de <path> incompleto: errno <n>". Modes are left as
   // they are.
   static void chownTreeToRootWheel(const std::filesystem::path& at,
-                                   const PlatformFiles& platform = *PlatformFiles::system());
+                                   const PlatformFiles& platform);
 
   const std::filesystem::path& rootURL() const { return rootURL_; }
 

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "tarskel/daemon/DaemonOp.hpp"
 #include "tarskel/daemon/PlatformFiles.hpp"
@@ -24,18 +26,19 @@ namespace tarskel {
 // no suspension point and blocks its worker thread.
 class PlatformUninstallMachineOp final : public DaemonOp {
  public:
-  PlatformUninstallMachineOp(
-      std::optional<std::filesystem::path> installedApp, std::filesystem::path dataRoot,
-      std::shared_ptr<const PlatformFiles> platform = PlatformFiles::system());
+  PlatformUninstallMachineOp(std::optional<std::filesystem::path> installedApp,
+                             std::filesystem::path dataRoot,
+                             std::shared_ptr<const PlatformFiles> platform);
 
-  // The bundle this daemon was installed from: TARSKEL_INSTALLED_APP as it
-  // stands when set (made absolute, not otherwise checked); otherwise the
-  // executable's path with links resolved and three components removed
-  // (<bundle>.app/Contents/MacOS/<executable>), when that ends in ".app".
-  // Nothing for a daemon started from anywhere else. Reads the environment:
-  // call it at start-up, not while other threads change the environment.
+  // The bundle this daemon was installed from, out of the process's
+  // `environment` and its `executable` as read at start-up:
+  // TARSKEL_INSTALLED_APP as it stands when set (made absolute, not otherwise
+  // checked); otherwise the executable's path with links resolved and three
+  // components removed (<bundle>.app/Contents/MacOS/<executable>), when that
+  // ends in ".app". Nothing for a daemon started from anywhere else.
   static std::optional<std::filesystem::path> derivedInstalledApp(
-      const PlatformFiles& platform = *PlatformFiles::system());
+      const std::map<std::string, std::string>& environment,
+      const std::optional<std::filesystem::path>& executable);
 
   boost::asio::awaitable<JSONValue> execute(const JSONObject& args,
                                             const DaemonOpContext& context) const override;

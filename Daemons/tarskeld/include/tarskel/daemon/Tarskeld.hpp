@@ -12,7 +12,7 @@
 //   at most one  "allowlist vendor de máquina sembrada desde la distribución"
 //   exactly one  "gate XPC activo: <n> team(s) confiados"  (info) or
 //                "gate XPC sin provisionar — clientes pasan como unverified"  (warning)
-//   exactly one  "tarskeld v0.1.0 sirviendo <machService>"
+//   exactly one  "tarskeld v<version> sirviendo <machService>"
 // Requests are never logged; their trace is the audit chain.
 //
 // Threads: parse and run belong to the main thread. run() never returns.
@@ -24,6 +24,7 @@
 #include <string_view>
 
 #include "tarskel/codesign/CodeSignPlatform.hpp"
+#include "tarskel/protocol/base/Version.hpp"
 #include "tarskel/xpc/DaemonWire.hpp"
 
 namespace tarskel {
@@ -32,7 +33,7 @@ struct Tarskeld {
   static constexpr std::string_view commandName = "tarskeld";
   static constexpr std::string_view abstract =
       "Tarskel — daemon de operaciones privilegiadas (catálogo cerrado)";
-  static constexpr std::string_view version = "0.1.0";
+  static constexpr std::string_view version = tarskelVersion;
   static constexpr std::string_view defaultRoot = "/Library/Application Support/Tarskel";
 
   static constexpr std::string_view machServiceHelp =

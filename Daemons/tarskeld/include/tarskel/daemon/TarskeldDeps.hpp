@@ -2,8 +2,9 @@
 
 // Everything a running tarskeld is made of, built in one place and in the
 // start-up order: the worker pool, the state directory, the audit chain, the
-// vendor seed, the team trust, the grants, the core with its five operations
-// and the started listener.
+// vendor seed, the team trust, the grants, the five operations, the core
+// holding them and the started listener. This is the one place that wires
+// the daemon: the parts below take what they use as arguments.
 //
 // The outside world comes in through Seams, so that a test build can make
 // the same daemon with a scripted code-signing platform behind the peer gate
@@ -27,6 +28,7 @@
 #include "tarskel/daemon/DaemonPeerGate.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/daemon/GrantsStore.hpp"
+#include "tarskel/daemon/PlatformFiles.hpp"
 #include "tarskel/protocol/base/Logger.hpp"
 #include "tarskel/store/AuditStore.hpp"
 #include "tarskel/store/SQLiteDatabase.hpp"
@@ -35,14 +37,35 @@ namespace tarskel {
 
 class TarskeldDeps {
  public:
+  // The outside world, as the daemon sees it: read once, at start-up, and
+  // handed to whatever needs it. Nothing below reads the environment or
+  // reaches for a system object on its own.
   struct Seams {
     // What the peer gate judges senders with.
-    std::shared_ptr<const CodeSignPlatform> gatePlatform = DaemonPeerGate::systemPlatform();
-    // The process environment, as read once at start (TARSKEL_VENDOR_SEED).
+    std::shared_ptr<const CodeSignPlatform> gatePlatform;
+    // The system calls of the platform operations.
+    std::shared_ptr<const PlatformFiles> files;
+    // The process environment (TARSKEL_VENDOR_SEED, TARSKEL_INSTALLED_APP).
     std::map<std::string, std::string> environment;
-    // The running executable, for the seed bundled beside it.
+    // The running executable: the seed and the installed bundle lie around it.
     std::optional<std::filesystem::path> executableURL;
+
+    // This process's own: `gatePlatform` (the system's in the shipped
+    // daemon), the system's files, the environment as it stands now and the
+    // running executable. Call it on the main thread before other threads
+    // exist: it reads the environment.
+    static Seams ofProcess(std::shared_ptr<const CodeSignPlatform> gatePlatform);
   };
+
+  // The daemon's catalogue, in order: daemon.info, daemon.grants.sync on
+  // `grants`, fs.readProtectedPath, then, only with a root,
+  // platform.applyUpdate on `rootURL` and platform.uninstallMachine of the
+  // bundle derived from the seams' environment and executable, reporting
+  // `rootURL` as the data it keeps. Both platform operations work through
+  // `seams.files`. Three operations without a root, five with one.
+  static DaemonCore::OpList operations(const std::shared_ptr<GrantsStore>& grants,
+                                       const std::optional<std::filesystem::path>& rootURL,
+                                       const Seams& seams);
 
   // Builds and starts the daemon on `rootURL`, serving `machService`, and
   // writes the seed and gate lines through `logger` (not the serving line:

@@ -6,8 +6,8 @@
 // does: 0 for success, a negative OSStatus otherwise.
 //
 // Implementations: the system's (one per platform, chosen at build time and
-// reached through CodeSignPlatform::system()) and FakeCodeSignPlatform for
-// tests. Linux has no operating-system code signature, so its adapter answers
+// reached through CodeSignPlatform::system()) and, for tests only, the fake
+// in the TarskelCodeSignTesting library. Linux has no operating-system code signature, so its adapter answers
 // every validity check with errSecCSUnsigned.
 //
 // Threads: implementations hold no mutable state of their own (the fake
@@ -73,6 +73,15 @@ struct SigningInformation {
   std::string teamIdentifier;  // set when team == Team::string
 };
 
+// The sender of one message, as its transport pinned it: the XPC message
+// itself on macOS, a pidfd of the peer taken at accept on Linux, and the
+// process id where the transport knows one. Borrowed, not owned.
+struct MessageOrigin {
+  std::int32_t pid = 0;
+  int pidfd = -1;
+  const void* xpcMessage = nullptr;  // an xpc_object_t dictionary
+};
+
 class CodeSignPlatform {
  public:
   virtual ~CodeSignPlatform() = default;
@@ -86,6 +95,15 @@ class CodeSignPlatform {
   // SecCodeCopyGuestWithAttributes(no host, {pid}, flags 0): the running code
   // of a process.
   virtual CodeResult guestCodeForPid(std::int32_t pid) const = 0;
+
+  // The running code that sent a message, bound to what the transport pinned
+  // rather than to a process id that may be reused. macOS:
+  // SecCodeCreateWithXPCMessage(message, flags 0); Linux: the pidfd's process.
+  // Platforms without such a handle (a test's fake) answer
+  // guestCodeForPid(origin.pid).
+  virtual CodeResult senderCode(const MessageOrigin& origin) const {
+    return guestCodeForPid(origin.pid);
+  }
 
   // SecCodeCopyStaticCode(running code, flags 0): the code on disk behind it.
   virtual CodeResult staticCodeOf(const CodeObject& runningCode) const = 0;

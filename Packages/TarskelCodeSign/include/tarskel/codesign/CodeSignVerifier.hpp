@@ -28,7 +28,7 @@ struct CodeSignVerifier {
   // service manifest.
   std::vector<std::string> teamIds;
 
-  // Judges static code made by `platform`. In order, the first failure
+  // Judges static code made by `platform` (the platform that made `code`). In order, the first failure
   // ending it:
   //   1. compiles "anchor apple generic" (its status is not looked at);
   //   2. checks validity in all architectures against it: a nonzero status
@@ -43,20 +43,30 @@ struct CodeSignVerifier {
   // `path` only names the code in messages.
   static std::string check(const CodeObject& code, std::string_view path,
                            const std::vector<std::string>& allowedTeamIds,
-                           const CodeSignPlatform& platform = CodeSignPlatform::system());
+                           const CodeSignPlatform& platform);
 
   // The file at `at`: failing to make its static code (nonzero status or no
   // object) is signatureInvalid(<path>, status); otherwise check() under the
   // file's path.
   static std::string verifyExecutable(const std::filesystem::path& at,
                                       const std::vector<std::string>& allowedTeamIds,
-                                      const CodeSignPlatform& platform = CodeSignPlatform::system());
+                                      const CodeSignPlatform& platform);
 
   // The running process `pid`, named "pid <n>" in messages: failing to find
   // its running code, or the static code behind it, is
   // signatureInvalid("pid <n>", status); otherwise check().
   static std::string verifyPid(std::int32_t pid, const std::vector<std::string>& allowedTeamIds,
-                               const CodeSignPlatform& platform = CodeSignPlatform::system());
+                               const CodeSignPlatform& platform);
+
+  // The two above on this machine's own code-signing services
+  // (CodeSignPlatform::system()): what another process of the platform calls.
+  static std::string verifyExecutable(const std::filesystem::path& at,
+                                      const std::vector<std::string>& allowedTeamIds) {
+    return verifyExecutable(at, allowedTeamIds, CodeSignPlatform::system());
+  }
+  static std::string verifyPid(std::int32_t pid, const std::vector<std::string>& allowedTeamIds) {
+    return verifyPid(pid, allowedTeamIds, CodeSignPlatform::system());
+  }
 
   // Every executable `manifest` declares, under the bundle at `bundleAt`,
   // against `teamIds`. Each distinct path is checked once, in ascending
@@ -67,7 +77,11 @@ struct CodeSignVerifier {
   // the static code fails with signatureInvalid(<file>, status); then
   // check() runs under the file's path. An empty table passes at once.
   void verify(const std::filesystem::path& bundleAt, const ServiceManifest& manifest,
-              const CodeSignPlatform& platform = CodeSignPlatform::system()) const;
+              const CodeSignPlatform& platform) const;
+  // The same on this machine's own code-signing services.
+  void verify(const std::filesystem::path& bundleAt, const ServiceManifest& manifest) const {
+    verify(bundleAt, manifest, CodeSignPlatform::system());
+  }
 };
 
 }  // namespace tarskel

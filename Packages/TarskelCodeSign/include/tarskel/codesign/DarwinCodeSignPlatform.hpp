@@ -19,6 +19,9 @@ class DarwinCodeSignPlatform final : public CodeSignPlatform {
                          const CodeObject* requirement) const override;
   SigningInformation copySigningInformation(const CodeObject& staticCode,
                                             std::uint32_t flags) const override;
+  // SecCodeCreateWithXPCMessage(origin.xpcMessage, flags 0); without a
+  // message, errSecCSInvalidObjectRef and no object.
+  CodeResult senderCode(const MessageOrigin& origin) const override;
 
   // Takes over one reference to a Security object (a CFTypeRef, such as the
   // SecCodeRef that SecCodeCreateWithXPCMessage gives) so that it can be

@@ -29,6 +29,8 @@ class LinuxCodeSignPlatform final : public CodeSignPlatform {
                          const CodeObject* requirement) const override;
   SigningInformation copySigningInformation(const CodeObject& staticCode,
                                             std::uint32_t flags) const override;
+  // guestCodeForPidfd(origin.pidfd): the pid alone is never trusted.
+  CodeResult senderCode(const MessageOrigin& origin) const override;
 
   // The running code of the process a pidfd refers to (such as the one a
   // socket gives for its peer), resolved through /proc/<pid>/exe now. The

@@ -1,14 +1,16 @@
 #pragma once
 
 // A scripted stand-in for the code-signing services, for tests on machines
-// without them. Each call answers from the public fields below and is
+// without them. Part of TarskelCodeSignTesting, which test builds link and
+// nothing installs or ships. Each call answers from the public fields below and is
 // written to a call log, so a test can drive any branch of the verifier or
 // the peer gate and see which platform calls were made, in which order.
 //
 // Set the fields before handing the fake out; calls may then come from any
 // thread (the log is locked). Objects it makes are FakeCodeSignPlatform::Code
 // values named after what made them: "static:<path>", "guest:<pid>",
-// "static:guest:<pid>", "requirement:<text>", or any name via makeCode.
+// "static:guest:<pid>", "requirement:<text>", or any name via makeCode. A
+// message's sender is found by its process id (guestCodeForPid).
 
 #include <mutex>
 #include <string>
