@@ -62,9 +62,11 @@ const std::string& chainPath() {
     std::string prev(AuditStore::kGenesisHash);
     for (std::int64_t i = 0; i < kChainRows; ++i) {
       Date ts{784926483.5 + static_cast<double>(i) * 0.037};
-      std::string caller = "/Applications/Tarskel.app/Contents/MacOS/agent-" + std::to_string(i % 7);
+      std::string caller =
+          "/Applications/Tarskel.app/Contents/MacOS/agent-" + std::to_string(i % 7);
       std::string correlation = "req-" + std::to_string(i);
-      std::string hash = AuditStore::chainHash(prev, ts, caller, "daemon.info", "xpc", "ok", correlation);
+      std::string hash =
+          AuditStore::chainHash(prev, ts, caller, "daemon.info", "xpc", "ok", correlation);
       sqlite3_bind_double(stmt, 1, ts.secondsSinceReferenceDate);
       sqlite3_bind_text(stmt, 2, caller.c_str(), -1, SQLITE_TRANSIENT);
       sqlite3_bind_text(stmt, 3, "daemon.info", -1, SQLITE_STATIC);
@@ -158,16 +160,18 @@ void RawAuditInsert(benchmark::State& state) {
 void RawAuditInsertCached(benchmark::State& state) {
   sqlite3* db = tarskel::bench::openWithAuditPragmas(freshDatabase("cached"));
   sqlite3_stmt* stmt = nullptr;
-  sqlite3_prepare_v2(db,
-                     "INSERT INTO audit (ts, caller, tool, origin, outcome, duration_ms, correlation_id, "
-                     "prev_hash, hash)\nVALUES (?, ?, ?, ?, ?, ?, ?, ?, ?);",
-                     -1, &stmt, nullptr);
+  sqlite3_prepare_v2(
+      db,
+      "INSERT INTO audit (ts, caller, tool, origin, outcome, duration_ms, correlation_id, "
+      "prev_hash, hash)\nVALUES (?, ?, ?, ?, ?, ?, ?, ?, ?);",
+      -1, &stmt, nullptr);
   static const char* kHash = "9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08";
   std::int64_t n = 0;
   for (auto _ : state) {
     std::string correlation = "7d3c1e52-0000-4000-8000-" + std::to_string(n);
     sqlite3_bind_double(stmt, 1, 784926483.5 + static_cast<double>(n++) * 0.001);
-    sqlite3_bind_text(stmt, 2, "/Applications/Tarskel.app/Contents/MacOS/tarskel-agent", -1, SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt, 2, "/Applications/Tarskel.app/Contents/MacOS/tarskel-agent", -1,
+                      SQLITE_TRANSIENT);
     sqlite3_bind_text(stmt, 3, "daemon.info", -1, SQLITE_TRANSIENT);
     sqlite3_bind_text(stmt, 4, "xpc", -1, SQLITE_TRANSIENT);
     sqlite3_bind_text(stmt, 5, "ok", -1, SQLITE_TRANSIENT);
@@ -189,9 +193,9 @@ void AuditRecord(benchmark::State& state) {
   AuditStore store(SQLiteDatabase::open(freshDatabase("record")), io.get_executor());
   std::int64_t n = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(store.recordSync("/Applications/Tarskel.app/Contents/MacOS/tarskel-agent",
-                                              "daemon.info", "xpc", "ok", 0.25,
-                                              "7d3c1e52-0000-4000-8000-" + std::to_string(n++)));
+    benchmark::DoNotOptimize(
+        store.recordSync("/Applications/Tarskel.app/Contents/MacOS/tarskel-agent", "daemon.info",
+                         "xpc", "ok", 0.25, "7d3c1e52-0000-4000-8000-" + std::to_string(n++)));
   }
   state.SetItemsProcessed(state.iterations());
 }
@@ -208,8 +212,8 @@ void AuditRecordAsync64(benchmark::State& state) {
     for (int i = 0; i < kInFlight; ++i) {
       batch.push_back(boost::asio::co_spawn(
           pool,
-          store.record("/Applications/Tarskel.app/Contents/MacOS/tarskel-agent", "daemon.info", "xpc",
-                       "ok", 0.25, "7d3c1e52-0000-4000-8000-" + std::to_string(n++)),
+          store.record("/Applications/Tarskel.app/Contents/MacOS/tarskel-agent", "daemon.info",
+                       "xpc", "ok", 0.25, "7d3c1e52-0000-4000-8000-" + std::to_string(n++)),
           boost::asio::use_future));
     }
     for (auto& f : batch) benchmark::DoNotOptimize(f.get());

@@ -51,7 +51,8 @@ inline bool insertAuditRowRaw(sqlite3* db, std::int64_t n) {
     return false;
   }
   sqlite3_bind_double(stmt, 1, 784926483.5 + static_cast<double>(n) * 0.001);
-  sqlite3_bind_text(stmt, 2, "/Applications/Tarskel.app/Contents/MacOS/tarskel-agent", -1, SQLITE_TRANSIENT);
+  sqlite3_bind_text(stmt, 2, "/Applications/Tarskel.app/Contents/MacOS/tarskel-agent", -1,
+                    SQLITE_TRANSIENT);
   sqlite3_bind_text(stmt, 3, "daemon.info", -1, SQLITE_TRANSIENT);
   sqlite3_bind_text(stmt, 4, "xpc", -1, SQLITE_TRANSIENT);
   sqlite3_bind_text(stmt, 5, "ok", -1, SQLITE_TRANSIENT);

@@ -12,8 +12,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/connect_pair.hpp>
@@ -21,6 +19,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <thread>
@@ -89,16 +88,20 @@ struct Latencies {
   double percentile(double p) {
     if (micros.empty()) return 0;
     std::sort(micros.begin(), micros.end());
-    return micros[std::min(micros.size() - 1, static_cast<std::size_t>(p * static_cast<double>(micros.size())))];
+    return micros[std::min(micros.size() - 1,
+                           static_cast<std::size_t>(p * static_cast<double>(micros.size())))];
   }
   double rate() const { return static_cast<double>(micros.size()) / seconds; }
 };
 
-double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+double since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
 
 const tarskel::JSONValue& pingParams() {
   static const tarskel::JSONValue params =
-      tarskel::TarskelJSON::decoder().decode<tarskel::JSONValue>(R"({"serviceId":"net.hollowick.sync"})");
+      tarskel::TarskelJSON::decoder().decode<tarskel::JSONValue>(
+          R"({"serviceId":"net.hollowick.sync"})");
   return params;
 }
 
@@ -112,11 +115,13 @@ Latencies busCalls(int calls, int window) {
   Local::socket a(clientIo), b(serverIo);
   asio::local::connect_pair(a, b);
   auto server = tarskel::BusConnection::server(std::move(b));
-  server->handle(tarskel::BusMethod::healthPing, [](const auto&) { return tarskel::JSONValue(true); });
+  server->handle(tarskel::BusMethod::healthPing,
+                 [](const auto&) { return tarskel::JSONValue(true); });
   server->start();
   std::thread serverThread([&] { serverIo.run(); });
 
-  auto client = tarskel::BusConnection::client(std::move(a), tarskel::HelloRequest{"bench", "", {}, std::nullopt});
+  auto client = tarskel::BusConnection::client(
+      std::move(a), tarskel::HelloRequest{"bench", "", {}, std::nullopt});
   client->start();
   Latencies out;
   out.micros.reserve(static_cast<std::size_t>(calls));
@@ -127,7 +132,8 @@ Latencies busCalls(int calls, int window) {
     client->asyncCall(std::string(tarskel::BusMethod::healthPing), pingParams(),
                       [&, t0](std::exception_ptr error, tarskel::JSONValue) {
                         if (error) std::abort();
-                        out.micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+                        out.micros.push_back(
+                            std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
                         if (started < calls) {
                           next();
                         } else if (static_cast<int>(out.micros.size()) == calls) {
@@ -136,7 +142,8 @@ Latencies busCalls(int calls, int window) {
                       });
   };
   // The hello first, outside the figures.
-  client->asyncCall(std::string(tarskel::BusMethod::healthPing), std::nullopt, [](std::exception_ptr, auto) {});
+  client->asyncCall(std::string(tarskel::BusMethod::healthPing), std::nullopt,
+                    [](std::exception_ptr, auto) {});
   clientIo.run_one();
   while (!client->session()) clientIo.run_one();
   const Clock::time_point start = Clock::now();
@@ -152,7 +159,8 @@ Latencies busCalls(int calls, int window) {
 Latencies rawEcho(int calls, int window) {
   const std::string request = tarskel::Framing::encode(
       R"({"jsonrpc":"2.0","id":12345,"method":"health.ping","params":{"serviceId":"net.hollowick.sync"}})");
-  const std::string reply = tarskel::Framing::encode(R"({"jsonrpc":"2.0","id":12345,"result":true})");
+  const std::string reply =
+      tarskel::Framing::encode(R"({"jsonrpc":"2.0","id":12345,"result":true})");
   int fds[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) std::abort();
   std::thread echo([fd = fds[1], &reply] {
@@ -161,7 +169,8 @@ Latencies rawEcho(int calls, int window) {
     std::string out;
     for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) {
       out.clear();
-      for (std::size_t k = decoder.append({buffer, static_cast<std::size_t>(n)}).size(); k > 0; --k) out += reply;
+      for (std::size_t k = decoder.append({buffer, static_cast<std::size_t>(n)}).size(); k > 0; --k)
+        out += reply;
       if (!out.empty()) ::send(fd, out.data(), out.size(), MSG_NOSIGNAL);
     }
     ::close(fd);
@@ -183,7 +192,8 @@ Latencies rawEcho(int calls, int window) {
     const ssize_t n = ::recv(fds[0], buffer, sizeof buffer, 0);
     if (n <= 0) std::abort();
     for (std::size_t k = decoder.append({buffer, static_cast<std::size_t>(n)}).size(); k > 0; --k) {
-      result.micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - sentAt[received]).count());
+      result.micros.push_back(
+          std::chrono::duration<double, std::micro>(Clock::now() - sentAt[received]).count());
       ++received;
       if (sent < calls) sendOne();
     }
@@ -206,7 +216,8 @@ struct SdBus {
   int (*setAddress)(void*, const char*);
   int (*setBusClient)(void*, int);
   int (*start)(void*);
-  int (*callMethod)(void*, const char*, const char*, const char*, const char*, SdBusError*, void**, const char*, ...);
+  int (*callMethod)(void*, const char*, const char*, const char*, const char*, SdBusError*, void**,
+                    const char*, ...);
   void* (*messageUnref)(void*);
   void (*errorFree)(SdBusError*);
   void* (*flushCloseUnref)(void*);
@@ -260,13 +271,14 @@ std::optional<Latencies> dbusCalls(int calls) {
       const Clock::time_point t0 = Clock::now();
       SdBusError error{nullptr, nullptr, 0};
       void* reply = nullptr;
-      if (sd->callMethod(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
-                         &error, &reply, "") < 0) {
+      if (sd->callMethod(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                         "org.freedesktop.DBus", "GetId", &error, &reply, "") < 0) {
         std::abort();
       }
       sd->messageUnref(reply);
       sd->errorFree(&error);
-      result->micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+      result->micros.push_back(
+          std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
     }
     result->seconds = since(start);
   }
@@ -278,14 +290,15 @@ std::optional<Latencies> dbusCalls(int calls) {
 }
 
 void print(const char* name, Latencies& l) {
-  std::printf("%-40s %9.0f calls/s   p50 %7.1f us   p99 %7.1f us\n", name, l.rate(), l.percentile(0.50),
-              l.percentile(0.99));
+  std::printf("%-40s %9.0f calls/s   p50 %7.1f us   p99 %7.1f us\n", name, l.rate(),
+              l.percentile(0.50), l.percentile(0.99));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int rc = tarskel::bench::runWithRatios(argc, argv, {{"BusDecode_Tarskel", "BusDecode_nlohmann", 2.0}});
+  const int rc =
+      tarskel::bench::runWithRatios(argc, argv, {{"BusDecode_Tarskel", "BusDecode_nlohmann", 2.0}});
   if (rc != 0) return rc;
   const char* env = std::getenv("TARSKEL_BUS_CALLS");
   const int calls = env != nullptr ? std::max(100, std::atoi(env)) : 20000;
@@ -308,7 +321,8 @@ int main(int argc, char** argv) {
               bus.percentile(0.5) / echo.percentile(0.5) <= 1.5 ? "" : ", MISSED");
   if (dbus) {
     const double r = bus.percentile(0.5) / dbus->percentile(0.5);
-    std::printf("ratio p50 BusConnection over sd-bus: %.2f (target < 1.00%s)\n", r, r < 1.0 ? "" : ", MISSED");
+    std::printf("ratio p50 BusConnection over sd-bus: %.2f (target < 1.00%s)\n", r,
+                r < 1.0 ? "" : ", MISSED");
   } else {
     std::printf("sd-bus reference unavailable (libsystemd.so.0 or dbus-daemon missing)\n");
   }

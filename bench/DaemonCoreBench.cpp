@@ -82,8 +82,8 @@ void HandleInfo64(benchmark::State& state) {
     std::vector<std::future<DaemonResponse>> batch;
     batch.reserve(kInFlight);
     for (int i = 0; i < kInFlight; ++i) {
-      DaemonRequest request{"daemon.info", {}, "7d3c1e52-0000-4000-8000-" + std::to_string(n++),
-                            std::nullopt};
+      DaemonRequest request{
+          "daemon.info", {}, "7d3c1e52-0000-4000-8000-" + std::to_string(n++), std::nullopt};
       batch.push_back(boost::asio::co_spawn(d.pool, d.core.handle(std::move(request), peer),
                                             boost::asio::use_future));
     }
@@ -119,7 +119,8 @@ BENCHMARK(HandleEncodedInfo64)->UseRealTime();
 }  // namespace
 
 int main(int argc, char** argv) {
-  return tarskel::bench::runWithRatios(argc, argv,
-                                       {{"HandleInfo64/real_time", "RawAuditInsert/real_time", 0.8},
-                                        {"HandleEncodedInfo64/real_time", "RawAuditInsert/real_time", 0.8}});
+  return tarskel::bench::runWithRatios(
+      argc, argv,
+      {{"HandleInfo64/real_time", "RawAuditInsert/real_time", 0.8},
+       {"HandleEncodedInfo64/real_time", "RawAuditInsert/real_time", 0.8}});
 }

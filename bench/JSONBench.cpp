@@ -1,9 +1,8 @@
 // Decoding and canonical encoding of a hash-manifest-shaped document of
 // 10,000 file entries (about 1 MB), beside nlohmann::json on the same bytes.
 
-#include <nlohmann/json.hpp>
-
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "RatioReporter.hpp"
@@ -17,9 +16,10 @@ std::string manifestDocument() {
       R"("metadata":{"channel":"stable","build":"4711"},"monotonicVersion":42,"version":"1.2.3","files":[)";
   for (int i = 0; i < 10000; ++i) {
     char entry[160];
-    std::snprintf(entry, sizeof entry,
-                  R"(%s{"path":"Contents/Resources/module-%03d/file-%05d.bin","sha256":"%016x%016x%016x%016x"})",
-                  i == 0 ? "" : ",", i % 97, i, i * 2654435761u, i ^ 0x5bd1e995u, i * 40503u, i + 7u);
+    std::snprintf(
+        entry, sizeof entry,
+        R"(%s{"path":"Contents/Resources/module-%03d/file-%05d.bin","sha256":"%016x%016x%016x%016x"})",
+        i == 0 ? "" : ",", i % 97, i, i * 2654435761u, i ^ 0x5bd1e995u, i * 40503u, i + 7u);
     doc += entry;
   }
   doc += "]}";
@@ -49,7 +49,8 @@ void JSONDecode_nlohmann(benchmark::State& state) {
 }
 
 void JSONCanonicalEncode_Tarskel(benchmark::State& state) {
-  const tarskel::JSONValue v = tarskel::TarskelJSON::decoder().decode<tarskel::JSONValue>(document());
+  const tarskel::JSONValue v =
+      tarskel::TarskelJSON::decoder().decode<tarskel::JSONValue>(document());
   const tarskel::JSONEncoder encoder = tarskel::TarskelJSON::canonicalEncoder();
   std::size_t bytes = 0;
   for (auto _ : state) {

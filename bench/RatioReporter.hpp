@@ -62,7 +62,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
       if (s == rates_.end() || r == rates_.end() || r->second == 0) continue;
       const double ratio = s->second / r->second;
       std::printf("ratio %s over %s: %.2f", p.subject.c_str(), p.reference.c_str(), ratio);
-      if (p.target > 0) std::printf(" (target >= %.2f%s)", p.target, ratio >= p.target ? "" : ", MISSED");
+      if (p.target > 0)
+        std::printf(" (target >= %.2f%s)", p.target, ratio >= p.target ? "" : ", MISSED");
       std::printf("\n");
     }
     std::fflush(stdout);

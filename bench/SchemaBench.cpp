@@ -4,7 +4,6 @@
 // visiting the tree.
 
 #include <benchmark/benchmark.h>
-
 #include <time.h>
 
 #include <cstddef>

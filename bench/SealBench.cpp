@@ -66,7 +66,8 @@ void makeTree() {
       word = state;
     }
     std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(buffer.data()), static_cast<std::streamsize>(sizes[i]));
+        .write(reinterpret_cast<const char*>(buffer.data()),
+               static_cast<std::streamsize>(sizes[i]));
   }
   std::ofstream(kReady) << "ok\n";
 }
@@ -81,7 +82,9 @@ std::string opensslCommand() {
 double cpuSeconds(int who) {
   rusage usage{};
   ::getrusage(who, &usage);
-  auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+  auto seconds = [](const timeval& t) {
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+  };
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
@@ -96,7 +99,8 @@ struct Fixture {
     makeTree();
     BundleSeal::seal(kTree, "bench", ArtifactType::platform, "1", 1, Date{1e9}, pair, std::nullopt);
     // Warm the page cache.
-    for (std::size_t i = 0; i < kFiles; ++i) VendorHashing::sha256HexOfFile(kTree / relativePath(i));
+    for (std::size_t i = 0; i < kFiles; ++i)
+      VendorHashing::sha256HexOfFile(kTree / relativePath(i));
   }
   Ed25519KeyPair pair{"bench"};
   VendorAllowlist allowlist{1, {pair.vendorKey()}};
@@ -128,7 +132,8 @@ void compareWithOpenSSL(benchmark::State& state, const Body& ours) {
   const double oursCpu = cpuSeconds(RUSAGE_SELF) - selfCpuBefore;
   const double opensslCpu = cpuSeconds(RUSAGE_CHILDREN) - childCpuBefore;
   state.counters["cpu_vs_openssl"] = opensslCpu / oursCpu;
-  const double megabytes = static_cast<double>(kTotalBytes) / 1e6 * static_cast<double>(state.iterations());
+  const double megabytes =
+      static_cast<double>(kTotalBytes) / 1e6 * static_cast<double>(state.iterations());
   state.counters["ours_MBps"] = megabytes / oursSeconds;
   state.counters["openssl_MBps"] = megabytes / opensslSeconds;
   state.counters["vs_openssl"] = opensslSeconds / oursSeconds;
@@ -153,7 +158,9 @@ void BM_Seal(benchmark::State& state) {
   });
 }
 
-BENCHMARK(BM_Verify)->ArgName("threads")->Arg(1)->Arg(2)->UseManualTime()->Iterations(4)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Seal)->ArgName("threads")->Arg(1)->Arg(2)->UseManualTime()->Iterations(4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Verify)->ArgName("threads")->Arg(1)->Arg(2)->UseManualTime()->Iterations(4)->Unit(
+    benchmark::kMillisecond);
+BENCHMARK(BM_Seal)->ArgName("threads")->Arg(1)->Arg(2)->UseManualTime()->Iterations(4)->Unit(
+    benchmark::kMillisecond);
 
 }  // namespace

@@ -3,15 +3,14 @@
 // it can, closes at the end of the stream, and every reply it wrote is a
 // well-formed frame holding a message.
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <string>
-
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/write.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
 
 #include "tarskel/protocol/bus/BusConnection.hpp"
 #include "tarskel/protocol/bus/BusMethod.hpp"
@@ -29,7 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   limits.maxFrameLength = 2048;
   limits.closeGrace = std::chrono::milliseconds(10);
   auto connection = tarskel::BusConnection::server(std::move(ours), {}, limits);
-  connection->handle(tarskel::BusMethod::healthPing, [](const auto& params) { return params.value_or(nullptr); });
+  connection->handle(tarskel::BusMethod::healthPing,
+                     [](const auto& params) { return params.value_or(nullptr); });
   connection->start();
 
   // The first byte's low bit puts a hello ahead of the rest.

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "tarskel/protocol/schema/SchemaNode.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/protocol/schema/SchemaNode.hpp"
 
 using namespace tarskel;
 
@@ -25,7 +25,8 @@ std::pair<std::string_view, std::string_view> split(std::string_view input) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const auto [schemaText, valueText] = split(std::string_view(reinterpret_cast<const char*>(data), size));
+  const auto [schemaText, valueText] =
+      split(std::string_view(reinterpret_cast<const char*>(data), size));
 
   SchemaNode schema;
   try {

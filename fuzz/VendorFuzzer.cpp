@@ -68,10 +68,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view allowlistData = nextPart(rest);
 
   const auto manifest = tryDecode<HashManifest>(manifestData);
-  const auto signature = signatureData.empty() ? std::optional(kSignature)
-                                               : tryDecode<VendorSignature>(signatureData);
-  const auto allowlist = allowlistData.empty() ? std::optional(kAllowlist)
-                                               : tryDecode<VendorAllowlist>(allowlistData);
+  const auto signature =
+      signatureData.empty() ? std::optional(kSignature) : tryDecode<VendorSignature>(signatureData);
+  const auto allowlist =
+      allowlistData.empty() ? std::optional(kAllowlist) : tryDecode<VendorAllowlist>(allowlistData);
   if (manifest) {
     roundTrip(*manifest);
     if (signature && allowlist) {

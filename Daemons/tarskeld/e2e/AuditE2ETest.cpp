@@ -34,12 +34,15 @@ TEST_F(AuditE2ETest, AnyBytesInARequestLeaveABoundedRowOnAChainThatHolds) {
 
   std::vector<AuditStore::Entry> rows = auditRows();
   ASSERT_EQ(rows.size(), 3u);
-  EXPECT_EQ(rows[0].tool, "a\xEF\xBF\xBD" "b");
+  EXPECT_EQ(rows[0].tool,
+            "a\xEF\xBF\xBD"
+            "b");
   EXPECT_EQ(rows[0].correlationId, rows[0].tool);
   EXPECT_EQ(rows[1].tool.size(), AuditStore::kMaxTextBytes);
   EXPECT_LE(rows[1].caller.size(), AuditStore::kMaxTextBytes);
   EXPECT_TRUE(chainHolds());
-  EXPECT_EQ(independentVerdict(auditPath()).substr(0, 5), "ok 3 ") << independentVerdict(auditPath());
+  EXPECT_EQ(independentVerdict(auditPath()).substr(0, 5), "ok 3 ")
+      << independentVerdict(auditPath());
 }
 
 // Regression: two daemons on one root each wrote from their own head and
@@ -47,13 +50,16 @@ TEST_F(AuditE2ETest, AnyBytesInARequestLeaveABoundedRowOnAChainThatHolds) {
 TEST_F(AuditE2ETest, ASecondDaemonOnTheSameRootStopsAtOnce) {
   DaemonProcess& first = start();
   DaemonProcess second(DaemonProcess::Options{
-      TARSKELD_PATH, {"--mach-service", (dir / "other.sock").string(), "--root", root().string()}, {}});
+      TARSKELD_PATH,
+      {"--mach-service", (dir / "other.sock").string(), "--root", root().string()},
+      {}});
   std::optional<int> status = second.waitForExit(5s);
   ASSERT_TRUE(status) << "the second daemon kept running";
   EXPECT_NE(*status, 0);
   std::string log;
   for (const std::string& line : second.lines()) log += line + "\n";
-  EXPECT_NE(log.find("another tarskeld (pid " + std::to_string(first.pid()) + ") already serves the root"),
+  EXPECT_NE(log.find("another tarskeld (pid " + std::to_string(first.pid()) +
+                     ") already serves the root"),
             std::string::npos)
       << log;
   EXPECT_EQ(codeOf(call("daemon.info")), "ok");

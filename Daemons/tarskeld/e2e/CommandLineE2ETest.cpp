@@ -80,8 +80,10 @@ TEST(CommandLineTest, ParseErrorsExitTwoAndNeverStartTheDaemon) {
 TEST(CommandLineTest, RootIsAbsoluteAndStandardised) {
   const std::string cwd = std::filesystem::current_path().string();
   const std::pair<std::string, std::string> cases[] = {
-      {"/srv/state/", "/srv/state"}, {"/srv/./a/../state", "/srv/state"},
-      {"state", cwd + "/state"},     {"./state/", cwd + "/state"},
+      {"/srv/state/", "/srv/state"},
+      {"/srv/./a/../state", "/srv/state"},
+      {"state", cwd + "/state"},
+      {"./state/", cwd + "/state"},
       {"/", "/"},
   };
   for (const auto& [typed, expected] : cases) {

@@ -3,8 +3,8 @@
 
 #include "E2EFixture.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
-#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::e2e {
 namespace {

@@ -15,8 +15,8 @@
 #include <sstream>
 #include <string>
 
-#include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
+#include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/Tarskeld.hpp"
 
 namespace {

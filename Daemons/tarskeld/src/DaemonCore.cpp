@@ -50,9 +50,9 @@ DaemonCore::DaemonCore(std::optional<OpList> ops, std::shared_ptr<AuditStore> au
                        std::shared_ptr<GrantsStore> grants,
                        const std::optional<std::filesystem::path>& rootURL)
     : audit_(std::move(audit)), grants_(std::move(grants)) {
-  OpList list = ops ? std::move(*ops)
-                    : TarskeldDeps::operations(grants_, rootURL,
-                                               TarskeldDeps::Seams::ofProcess(nullptr));
+  OpList list =
+      ops ? std::move(*ops)
+          : TarskeldDeps::operations(grants_, rootURL, TarskeldDeps::Seams::ofProcess(nullptr));
   auto map = std::make_shared<OpMap>();
   for (DaemonOpPtr& op : list) {
     std::string name = op->name();
@@ -142,9 +142,9 @@ awaitable<DaemonResponse> DaemonCore::handle(DaemonRequest request, DaemonPeerVe
     response = std::move(ran);
   }
   const double durationMs = millisecondsSince(start);
-  std::string hash = co_await audit_->record(std::move(caller), request.op, kOrigin,
-                                             std::move(outcome), durationMs,
-                                             std::move(correlationId));
+  std::string hash =
+      co_await audit_->record(std::move(caller), request.op, kOrigin, std::move(outcome),
+                              durationMs, std::move(correlationId));
   static_cast<void>(hash);  // the row's hash is the chain's business, not the client's
   co_return response;
 }

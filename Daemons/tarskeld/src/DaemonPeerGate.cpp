@@ -13,9 +13,9 @@ DaemonPeerVerdict DaemonPeerGate::verdict(const DaemonMessageSender& message) co
   if (!teamIds) {
     return DaemonPeerVerdict::unverified("gate SO sin provisionar (sin vendor/teams.json)");
   }
-  const CodeResult running =
-      platform ? message.senderCode(*platform)
-               : CodeResult{CodeSignStatus::errSecCSInvalidObjectRef, nullptr};
+  const CodeResult running = platform
+                                 ? message.senderCode(*platform)
+                                 : CodeResult{CodeSignStatus::errSecCSInvalidObjectRef, nullptr};
   if (running.status != 0 || !running.code) {
     return DaemonPeerVerdict::rejected("sin identidad de código en el mensaje xpc (" +
                                        std::to_string(running.status) + ")");

@@ -27,7 +27,8 @@ struct GrantsFile {
 
 GrantSets toSets(const GrantsStore::Grants& grants) {
   GrantSets sets;
-  for (const auto& [service, ops] : grants) sets.emplace(service, std::set<std::string>(ops.begin(), ops.end()));
+  for (const auto& [service, ops] : grants)
+    sets.emplace(service, std::set<std::string>(ops.begin(), ops.end()));
   return sets;
 }
 
@@ -79,7 +80,8 @@ void GrantsStore::replaceSync(const Grants& grants) {
 
 GrantsStore::Grants GrantsStore::snapshotSync() const {
   Grants out;
-  for (const auto& [service, ops] : grants_) out.emplace(service, std::vector<std::string>(ops.begin(), ops.end()));
+  for (const auto& [service, ops] : grants_)
+    out.emplace(service, std::vector<std::string>(ops.begin(), ops.end()));
   return out;
 }
 

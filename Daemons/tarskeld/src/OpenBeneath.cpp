@@ -14,8 +14,8 @@ int openBeneathByComponents(int directory, const std::string& relative, int flag
   std::size_t start = 0;
   for (;;) {
     const std::size_t slash = relative.find('/', start);
-    const std::string name = relative.substr(start, slash == std::string::npos ? std::string::npos
-                                                                                  : slash - start);
+    const std::string name =
+        relative.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
     if (name.empty() || name == "." || name == "..") return -EINVAL;
     const int base = current ? current.get() : directory;
     if (slash == std::string::npos) {

@@ -9,7 +9,6 @@
 
 #include "SealedCopy.hpp"
 #include "tarskel/protocol/base/Clock.hpp"
-
 #include "tarskel/protocol/base/Date.hpp"
 #include "tarskel/protocol/base/Files.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
@@ -112,10 +111,9 @@ bool isContentName(const std::string& name) {
 
 bool sealsDirectory(const HashManifest& manifest, const std::string& name) {
   const std::string prefix = name + "/";
-  return std::any_of(manifest.files.begin(), manifest.files.end(),
-                     [&prefix](const HashManifest::FileEntry& entry) {
-                       return entry.path.starts_with(prefix);
-                     });
+  return std::any_of(
+      manifest.files.begin(), manifest.files.end(),
+      [&prefix](const HashManifest::FileEntry& entry) { return entry.path.starts_with(prefix); });
 }
 
 // A directory of root's own beside the installed bundle, on its file system
@@ -194,8 +192,10 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
   }
   const auto allowlist = TarskelJSON::decoder().decode<VendorAllowlist>(*allowlistBytes);
   if (!isContentName(appName)) {
-    throw DaemonOpError("appName debe ser un solo componente de ruta del contenido sellado "
-                        "(ni vendor, ni ., ni ..): " + appName);
+    throw DaemonOpError(
+        "appName debe ser un solo componente de ruta del contenido sellado "
+        "(ni vendor, ni ., ni ..): " +
+        appName);
   }
 
   // No installed version is given, so an older sealed version passes: what
@@ -250,8 +250,7 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
   return JSONValue(JSONObject{{"swapped", JSONValue(true)}, {"to", JSONValue(manifest.version)}});
 }
 
-JSONValue PlatformApplyUpdateOp::rollback(const fs::path& installedApp,
-                                          const fs::path& previousURL,
+JSONValue PlatformApplyUpdateOp::rollback(const fs::path& installedApp, const fs::path& previousURL,
                                           const fs::path& failedURL) const {
   if (!existsAt(previousURL)) {
     throw DaemonOpError("sin versión anterior cacheada en " + previousURL.string());
@@ -281,8 +280,8 @@ void PlatformApplyUpdateOp::chownTreeToRootWheel(const fs::path& at,
     changeOrThrow(entry->path());
   }
   if (error) {
-    throw DaemonOpError("recorrido de " + at.string() + " incompleto: " +
-                        errnoSuffix(error.value()));
+    throw DaemonOpError("recorrido de " + at.string() +
+                        " incompleto: " + errnoSuffix(error.value()));
   }
 }
 

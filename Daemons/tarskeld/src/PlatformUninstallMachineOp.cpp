@@ -67,7 +67,8 @@ boost::asio::awaitable<JSONValue> PlatformUninstallMachineOp::execute(
   if (platform_->effectiveUserId() == 0) requireRootOwnership(bundle);
 
   fs::remove_all(bundle, error);
-  if (error) throw FileSystemError::fromErrno("no se pudo eliminar", bundle.string(), error.value());
+  if (error)
+    throw FileSystemError::fromErrno("no se pudo eliminar", bundle.string(), error.value());
   co_return JSONValue(JSONObject{
       {"removed", JSONValue(JSONValue::Array{JSONValue(bundle.string())})},
       {"dataPreserved", JSONValue(JSONValue::Array{JSONValue(dataRoot_.string())})},

@@ -65,8 +65,7 @@ void copyOne(int sourceRoot, int destinationRoot, const std::string& relative,
   if (relative.empty() || relative.front() == '/' || relative.find('\0') != std::string::npos) {
     fail(relative, EINVAL);
   }
-  const int opened =
-      platform.openBeneath(sourceRoot, relative, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  const int opened = platform.openBeneath(sourceRoot, relative, O_RDONLY | O_NONBLOCK | O_NOCTTY);
   if (opened < 0) fail(relative, -opened);
   FileDescriptor source(opened);
   struct stat info {};

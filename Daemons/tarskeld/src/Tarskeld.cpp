@@ -145,7 +145,9 @@ int Tarskeld::main(int argc, char** argv, std::shared_ptr<const CodeSignPlatform
   app.add_option("--mach-service", command.machService, std::string(machServiceHelp))
       ->capture_default_str()
       ->check(nonEmpty);
-  app.add_option("--root", command.root, std::string(rootHelp))->capture_default_str()->check(nonEmpty);
+  app.add_option("--root", command.root, std::string(rootHelp))
+      ->capture_default_str()
+      ->check(nonEmpty);
   app.set_version_flag("--version", std::string(version));
   app.footer(std::string(kExitStatusHelp));
   app.add_option("--generate-completion-script", shell, std::string(kCompletionHelp))

@@ -65,8 +65,7 @@ DaemonCore::OpList TarskeldDeps::operations(const std::shared_ptr<GrantsStore>& 
   return ops;
 }
 
-TarskeldDeps::TarskeldDeps()
-    : pool_(workerCount()), loop_(std::make_shared<DaemonEventLoop>()) {}
+TarskeldDeps::TarskeldDeps() : pool_(workerCount()), loop_(std::make_shared<DaemonEventLoop>()) {}
 
 // Only reached when create() fails part-way: a started daemon is never torn
 // down. Tasks already on the pool finish before the stores go.

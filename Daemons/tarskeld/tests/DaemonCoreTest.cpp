@@ -14,14 +14,15 @@
 namespace tarskel {
 namespace {
 
-using ::testing::StartsWith;
 using boost::asio::awaitable;
+using ::testing::StartsWith;
 
 // An operation that ends the way it is told to.
 class ScriptedOp final : public DaemonOp {
  public:
   enum class Ending { opError, otherError, nonFinite };
-  ScriptedOp(std::string name, Ending ending) : DaemonOp(std::move(name), {}, false), ending_(ending) {}
+  ScriptedOp(std::string name, Ending ending)
+      : DaemonOp(std::move(name), {}, false), ending_(ending) {}
 
   awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
     if (ending_ == Ending::opError) throw DaemonOpError("me negué");
@@ -35,9 +36,7 @@ class ScriptedOp final : public DaemonOp {
 
 class DaemonCoreTest : public testing::DaemonFixture {
  protected:
-  void SetUp() override {
-    openStores(R"({"grants":{"svc.reader":["fs.readProtectedPath"]}})");
-  }
+  void SetUp() override { openStores(R"({"grants":{"svc.reader":["fs.readProtectedPath"]}})"); }
 
   DaemonCore core(std::optional<DaemonCore::OpList> ops = std::nullopt) const {
     return DaemonCore(std::move(ops), audit, grants);
@@ -73,24 +72,55 @@ TEST_F(DaemonCoreTest, SevenOutcomesAnswerAndRecordOnce) {
   const std::string folder = dir.path().string();
   const std::vector<OutcomeCase> cases = {
       {"rejected peer is refused before the catalogue",
-       DaemonPeerVerdict::rejected("firma rota"), {"no.such.op", {}, "c1", "svc.x"}, "denied",
-       "unauthorizedClient", "cliente XPC rechazado: firma rota", "rejected:firma rota svc:svc.x"},
-      {"unknown op", kUnverified, {"no.such.op", {}, "c2", std::nullopt}, "denied", "unknownOp",
-       "op fuera del catálogo: no.such.op", "unverified:sin lista"},
-      {"grant needed, no service: arguments are not looked at", kUnverified,
-       {"fs.readProtectedPath", {{"bogus", 1}}, "c3", std::nullopt}, "denied", "notGranted",
-       "sin concesión para fs.readProtectedPath (service: ninguno)", "unverified:sin lista"},
-      {"grant needed, none held", DaemonPeerVerdict::trusted("TEAM1"),
-       {"fs.readProtectedPath", {{"path", folder}}, "c4", "svc.other"}, "denied", "notGranted",
-       "sin concesión para fs.readProtectedPath (service: svc.other)", "team:TEAM1 svc:svc.other"},
-      {"arguments outside the schema", kUnverified,
-       {"fs.readProtectedPath", {{"path", ""}, {"extra", 1}}, "c5", "svc.reader"}, "denied",
-       "invalidArgs", "args fuera del schema: ", "unverified:sin lista svc:svc.reader", true},
-      {"execute failed", kUnverified, {"fs.readProtectedPath", {{"path", folder}}, "c6", "svc.reader"},
-       "error", "opFailed", "fs.readProtectedPath falló: no es un archivo regular: " + folder,
+       DaemonPeerVerdict::rejected("firma rota"),
+       {"no.such.op", {}, "c1", "svc.x"},
+       "denied",
+       "unauthorizedClient",
+       "cliente XPC rechazado: firma rota",
+       "rejected:firma rota svc:svc.x"},
+      {"unknown op",
+       kUnverified,
+       {"no.such.op", {}, "c2", std::nullopt},
+       "denied",
+       "unknownOp",
+       "op fuera del catálogo: no.such.op",
+       "unverified:sin lista"},
+      {"grant needed, no service: arguments are not looked at",
+       kUnverified,
+       {"fs.readProtectedPath", {{"bogus", 1}}, "c3", std::nullopt},
+       "denied",
+       "notGranted",
+       "sin concesión para fs.readProtectedPath (service: ninguno)",
+       "unverified:sin lista"},
+      {"grant needed, none held",
+       DaemonPeerVerdict::trusted("TEAM1"),
+       {"fs.readProtectedPath", {{"path", folder}}, "c4", "svc.other"},
+       "denied",
+       "notGranted",
+       "sin concesión para fs.readProtectedPath (service: svc.other)",
+       "team:TEAM1 svc:svc.other"},
+      {"arguments outside the schema",
+       kUnverified,
+       {"fs.readProtectedPath", {{"path", ""}, {"extra", 1}}, "c5", "svc.reader"},
+       "denied",
+       "invalidArgs",
+       "args fuera del schema: ",
+       "unverified:sin lista svc:svc.reader",
+       true},
+      {"execute failed",
+       kUnverified,
+       {"fs.readProtectedPath", {{"path", folder}}, "c6", "svc.reader"},
+       "error",
+       "opFailed",
+       "fs.readProtectedPath falló: no es un archivo regular: " + folder,
        "unverified:sin lista svc:svc.reader"},
-      {"execute returned, unverified is not refused", kUnverified, {"daemon.info", {}, "c7", std::nullopt},
-       "ok", std::nullopt, "", "unverified:sin lista"},
+      {"execute returned, unverified is not refused",
+       kUnverified,
+       {"daemon.info", {}, "c7", std::nullopt},
+       "ok",
+       std::nullopt,
+       "",
+       "unverified:sin lista"},
   };
   DaemonCore c = core();
   std::int64_t rows = 0;
@@ -137,7 +167,8 @@ TEST_F(DaemonCoreTest, HowAnOperationEndsIsAnsweredAndRecorded) {
   for (const Case& tc : cases) {
     SCOPED_TRACE(tc.answer);
     DaemonCore c = core(DaemonCore::OpList{std::make_shared<ScriptedOp>("t.op", tc.ending)});
-    std::string answer = testing::runOn(pool, c.handleEncoded(R"({"op":"t.op","args":{}})", kUnverified));
+    std::string answer =
+        testing::runOn(pool, c.handleEncoded(R"({"op":"t.op","args":{}})", kUnverified));
     if (tc.answer.empty()) {
       EXPECT_EQ(answer, "");
     } else {
@@ -153,8 +184,8 @@ TEST_F(DaemonCoreTest, CorrelationIdIsMadeOnlyWhenAbsent) {
   handle(c, {"daemon.info", {}, "", std::nullopt}, kUnverified);
   EXPECT_EQ(lastRow().correlationId, "") << "an empty id is kept";
 
-  std::string answer = testing::runOn(
-      pool, c.handleEncoded(R"({"op":"daemon.info","args":{}})", kUnverified));
+  std::string answer =
+      testing::runOn(pool, c.handleEncoded(R"({"op":"daemon.info","args":{}})", kUnverified));
   const std::regex upperUUID("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
   std::string fresh = lastRow().correlationId;
   EXPECT_TRUE(std::regex_match(fresh, upperUUID)) << fresh;
@@ -190,7 +221,8 @@ TEST_F(DaemonCoreTest, CatalogueSizeFollowsOpsAndRoot) {
               ::testing::ElementsAre("daemon.grants.sync", "daemon.info", "fs.readProtectedPath"));
   DaemonCore empty = core(DaemonCore::OpList{});
   EXPECT_TRUE(empty.catalog().empty());
-  DaemonResponse refused = handle(empty, {"daemon.info", {}, std::nullopt, std::nullopt}, kUnverified);
+  DaemonResponse refused =
+      handle(empty, {"daemon.info", {}, std::nullopt, std::nullopt}, kUnverified);
   EXPECT_EQ(refused.error.value_or(DaemonWireError{}).code, "unknownOp");
 
   // A root and no list: the daemon's whole catalogue, with nothing else
@@ -208,8 +240,8 @@ TEST_F(DaemonCoreTest, CatalogueSizeFollowsOpsAndRoot) {
 TEST(DaemonCoreDeathTest, DuplicateNameEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   auto build = [] {
-    DaemonCore(DaemonCore::OpList{std::make_shared<InfoOp>(), std::make_shared<InfoOp>()},
-               nullptr, nullptr);
+    DaemonCore(DaemonCore::OpList{std::make_shared<InfoOp>(), std::make_shared<InfoOp>()}, nullptr,
+               nullptr);
   };
   EXPECT_DEATH(build(), "Duplicate values for key: 'daemon.info'");
 }
@@ -223,16 +255,18 @@ TEST_F(DaemonCoreTest, ConcurrentRequestsEachLeaveOneChainedRow) {
   DaemonCore c = core();
   std::vector<std::future<DaemonResponse>> answers;
   for (int i = 0; i < kThreads * kPerThread; ++i) {
-    DaemonRequest request{i % 3 == 0 ? "no.such.op" : "daemon.info", {}, std::to_string(i),
-                          std::nullopt};
+    DaemonRequest request{
+        i % 3 == 0 ? "no.such.op" : "daemon.info", {}, std::to_string(i), std::nullopt};
     answers.push_back(boost::asio::co_spawn(workers, c.handle(std::move(request), kUnverified),
                                             boost::asio::use_future));
   }
   for (auto& answer : answers) answer.get();
 
-  auto counts = db->query("SELECT count(*) AS n, count(DISTINCT correlation_id) AS ids FROM audit;");
+  auto counts =
+      db->query("SELECT count(*) AS n, count(DISTINCT correlation_id) AS ids FROM audit;");
   EXPECT_EQ(counts[0]["n"], SQLiteDatabase::Value::integer(kThreads * kPerThread));
-  EXPECT_EQ(counts[0]["ids"], SQLiteDatabase::Value::integer(kThreads * kPerThread)) << "one row per request";
+  EXPECT_EQ(counts[0]["ids"], SQLiteDatabase::Value::integer(kThreads * kPerThread))
+      << "one row per request";
   EXPECT_TRUE(audit->verifyChainSync());
 }
 

@@ -49,7 +49,8 @@ TEST_F(FsReadTest, CapIsInclusive) {
     std::size_t size;
     bool refused;
   };
-  for (const Case& tc : std::vector<Case>{{0, false}, {1, false}, {1048576, false}, {1048577, true}}) {
+  for (const Case& tc :
+       std::vector<Case>{{0, false}, {1, false}, {1048576, false}, {1048577, true}}) {
     SCOPED_TRACE(tc.size);
     std::string path = sizedFile("f" + std::to_string(tc.size), tc.size);
     if (tc.refused) {
@@ -64,8 +65,7 @@ TEST_F(FsReadTest, CapIsInclusive) {
     JSONValue result = read(path);
     EXPECT_EQ(*result["path"], JSONValue(path));
     EXPECT_EQ(result["size"]->numberValue(), static_cast<double>(tc.size));
-    EXPECT_EQ(base64Decode(*result["contentsBase64"]->stringValue()),
-              testing::readFile(path));
+    EXPECT_EQ(base64Decode(*result["contentsBase64"]->stringValue()), testing::readFile(path));
   }
 }
 

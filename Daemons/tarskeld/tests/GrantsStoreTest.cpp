@@ -38,8 +38,8 @@ TEST_F(GrantsStoreTest, UnusableFilesReadAsEmpty) {
   const std::vector<std::string> files = {
       "",
       "{",
-      R"({"grant":{"a":["x"]}})",             // key misspelt
-      R"({"grants":{"a":["x"],"b":[1]}})",    // one bad value spoils the whole file
+      R"({"grant":{"a":["x"]}})",           // key misspelt
+      R"({"grants":{"a":["x"],"b":[1]}})",  // one bad value spoils the whole file
       R"({"grants":{"a":"x"}})",
       R"({"grants":null})",
       R"(["grants"])",
@@ -65,7 +65,8 @@ TEST_F(GrantsStoreTest, MissingFileIsEmptyAndTheFirstReplaceCreatesIt) {
   EXPECT_THAT(store->snapshotSync().at("svc"), ElementsAre("a", "b"));
   auto restarted = load();  // reads what was written; checks are exact
   EXPECT_TRUE(testing::runOn(pool, restarted->isGranted("a", "svc")));
-  const std::pair<const char*, const char*> near[] = {{"A", "svc"}, {"a", "sv"}, {"a", ""}, {"", "svc"}};
+  const std::pair<const char*, const char*> near[] = {
+      {"A", "svc"}, {"a", "sv"}, {"a", ""}, {"", "svc"}};
   for (const auto& [op, service] : near) {
     EXPECT_FALSE(restarted->isGrantedSync(op, service)) << op << " / " << service;
   }
@@ -121,7 +122,8 @@ TEST_F(GrantsSyncOpTest, CountsServicesAndKeepsOnlyStrings) {
   const std::vector<Case> cases = {
       {R"({"grants":{}})", 0, {}},
       {R"({"grants":{"a":[1,2]}})", 1, {{"a", {}}}},
-      {R"({"grants":{"a":[1,"x",null,"x"],"b":["y"],"":["z"]}})", 3,
+      {R"({"grants":{"a":[1,"x",null,"x"],"b":["y"],"":["z"]}})",
+       3,
        {{"", {"z"}}, {"a", {"x"}}, {"b", {"y"}}}},
   };
   for (const Case& tc : cases) {

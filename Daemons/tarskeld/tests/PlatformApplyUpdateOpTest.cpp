@@ -234,8 +234,7 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
          provision();
          return staged;
        },
-       SealError::verification({VendorVerificationError::unknownKey("vendor-test")})
-           .description()},
+       SealError::verification({VendorVerificationError::unknownKey("vendor-test")}).description()},
       {"expired seal", [&] { return stage("2.0.0", ArtifactType::platform, -10); },
        "manifest vencido: expiró ", "Tarskel.app", false},
       {"allowlist that does not decode, not unprovisioned",
@@ -267,15 +266,17 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
       {"allowlist key of small order",
        [&] {
          // The identity point: every signature verifies under it.
-         testing::writeFile(allowlistPath(),
-                            R"({"keys":[{"keyId":"weak","publicKey":"AQAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA="}],"revision":1})");
+         testing::writeFile(
+             allowlistPath(),
+             R"({"keys":[{"keyId":"weak","publicKey":"AQAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA="}],"revision":1})");
          return stage("2.0.0");
        },
        "clave vendor 'weak'", "Tarskel.app", false},
   };
   // An appName that is not one name of the sealed content never reaches the
   // seal: the seal's own directory, or a climb out of the tree.
-  for (const std::string name : {"vendor/Evil.app", "../Evil.app", "vendor", ".", "..", "a/b.app"}) {
+  for (const std::string name :
+       {"vendor/Evil.app", "../Evil.app", "vendor", ".", "..", "a/b.app"}) {
     cases.push_back({"appName " + name,
                      [&] {
                        fs::path staged = stage("2.0.0");
@@ -284,7 +285,8 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
                        return staged;
                      },
                      "appName debe ser un solo componente de ruta del contenido sellado (ni "
-                     "vendor, ni ., ni ..): " + name,
+                     "vendor, ni ., ni ..): " +
+                         name,
                      name});
   }
   for (const Case& tc : cases) {
@@ -304,7 +306,8 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
     EXPECT_EQ(versionAt(staged / "Tarskel.app"), "2.0.0");
     EXPECT_EQ(ownerOf(staged / "Tarskel.app"), kStagingUser);
     std::size_t besideInstalled = 0;
-    for ([[maybe_unused]] const auto& e : fs::directory_iterator(installed.parent_path())) ++besideInstalled;
+    for ([[maybe_unused]] const auto& e : fs::directory_iterator(installed.parent_path()))
+      ++besideInstalled;
     EXPECT_EQ(besideInstalled, 1u);  // no workspace left behind
     fs::remove_all(dir.path());
     fs::create_directory(dir.path());
@@ -318,18 +321,22 @@ TEST_F(PlatformUpdateTest, ArgumentsThatNameNoAction) {
   };
   const std::string bundleText = "installedApp debe ser un bundle .app: ";
   const std::vector<Case> cases = {
-      {{{"action", "rollback"}, {"installedApp", "/Applications/Tarskel"},
-        {"previousPath", "/p"}},
+      {{{"action", "rollback"}, {"installedApp", "/Applications/Tarskel"}, {"previousPath", "/p"}},
        bundleText + "/Applications/Tarskel"},
       {{{"action", "swap"}, {"installedApp", "/Applications/Tarskel.APP"}, {"previousPath", "/p"}},
        bundleText + "/Applications/Tarskel.APP"},
       {{{"action", "rollback"}, {"installedApp", "Tarskel.app/"}, {"previousPath", "/p"}},
        "rollback exige failedPath"},
-      {{{"action", "swap"}, {"installedApp", "/A/T.app"}, {"previousPath", "/p"},
+      {{{"action", "swap"},
+        {"installedApp", "/A/T.app"},
+        {"previousPath", "/p"},
         {"appName", "T.app"}},
        "swap exige stagedRoot y appName"},
-      {{{"action", "swap"}, {"installedApp", "/A/T.app"}, {"previousPath", "/p"},
-        {"stagedRoot", "/s"}, {"appName", 3}},
+      {{{"action", "swap"},
+        {"installedApp", "/A/T.app"},
+        {"previousPath", "/p"},
+        {"stagedRoot", "/s"},
+        {"appName", 3}},
        "swap exige stagedRoot y appName"},
       {{{"action", "Swap"}, {"installedApp", "/A/T.app"}, {"previousPath", "/p"}},
        "action desconocida"},

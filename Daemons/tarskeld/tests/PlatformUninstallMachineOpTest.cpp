@@ -28,7 +28,6 @@ class ScriptedPlatform final : public PlatformFiles {
   uid_t euid = 0;
 };
 
-
 class PlatformUninstallTest : public testing::DaemonFixture {
  protected:
   void SetUp() override {
@@ -102,11 +101,12 @@ TEST_F(PlatformUninstallTest, RefusalsLeaveTheBundle) {
   };
   const std::vector<Case> cases = {
       {std::nullopt, "el daemon no corre desde una instalación (.app) — nada que desmontar"},
-      {dir.file("Applications/Tarskel"),
-       "la instalación derivada no es un bundle .app: " + dir.file("Applications/Tarskel").string()},
+      {dir.file("Applications/Tarskel"), "la instalación derivada no es un bundle .app: " +
+                                             dir.file("Applications/Tarskel").string()},
       {dir.file("Gone.app"), "el bundle instalado no existe: " + dir.file("Gone.app").string()},
-      {bundle, "el bundle instalado pertenece a uid 501, no a root — instalación individual: el "
-               "desmontaje es user-space, no del daemon"},
+      {bundle,
+       "el bundle instalado pertenece a uid 501, no a root — instalación individual: el "
+       "desmontaje es user-space, no del daemon"},
   };
   for (const Case& tc : cases) {
     SCOPED_TRACE(tc.expected);
@@ -141,10 +141,10 @@ TEST_F(PlatformUninstallTest, ThroughTheCoreFromTheVariable) {
   platform->euid = ::geteuid() == 0 ? 0 : 501;
   const DaemonCore core(DaemonCore::OpList{op}, audit, grants);
   auto handle = [&](JSONObject args) {
-    return testing::runOn(pool, core.handle(DaemonRequest{"platform.uninstallMachine",
-                                                          std::move(args), std::nullopt,
-                                                          std::nullopt},
-                                            DaemonPeerVerdict::unverified("t")));
+    return testing::runOn(
+        pool, core.handle(DaemonRequest{"platform.uninstallMachine", std::move(args), std::nullopt,
+                                        std::nullopt},
+                          DaemonPeerVerdict::unverified("t")));
   };
 
   // No argument can point root at another path.

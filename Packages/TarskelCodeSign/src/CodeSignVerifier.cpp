@@ -66,7 +66,8 @@ std::string underBundle(std::string bundle, const std::string& relative) {
 
 }  // namespace
 
-void CodeSignVerifier::verify(const std::filesystem::path& bundleAt, const ServiceManifest& manifest,
+void CodeSignVerifier::verify(const std::filesystem::path& bundleAt,
+                              const ServiceManifest& manifest,
                               const CodeSignPlatform& platform) const {
   // A set: one file serving several targets is checked once, and in order.
   std::set<std::string> paths;

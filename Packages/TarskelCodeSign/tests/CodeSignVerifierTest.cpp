@@ -1,5 +1,3 @@
-#include "tarskel/codesign/CodeSignVerifier.hpp"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tarskel/codesign/CodeSignVerifier.hpp"
 #include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 
 namespace tarskel {
@@ -43,7 +42,8 @@ TEST(CodeSignVerifierTest, CheckStopsAtTheFirstFailureInOrder) {
       {[](auto& p) { p.validityStatus = -67050; }, kAllowed, kBad + "/bin/x (-67050)", 2},
       // An empty allowlist still checks the signature first.
       {[](auto& p) { p.validityStatus = -67062; }, {}, kBad + "/bin/x (-67062)", 2},
-      {[](auto& p) { p.signingInformation.status = -67071; }, kAllowed, kBad + "/bin/x (-67071)", 3},
+      {[](auto& p) { p.signingInformation.status = -67071; }, kAllowed, kBad + "/bin/x (-67071)",
+       3},
       {[](auto& p) { p.signingInformation.result = Info::Result::notDictionary; }, kAllowed,
        kBad + "/bin/x (0)", 3},
       {[](auto& p) { p.signingInformation.team = Info::Team::notString; }, kAllowed,
@@ -60,16 +60,17 @@ TEST(CodeSignVerifierTest, CheckStopsAtTheFirstFailureInOrder) {
     FakeCodeSignPlatform platform;
     c.script(platform);
     CodeRef code = FakeCodeSignPlatform::makeCode("code");
-    EXPECT_EQ(outcome([&] { return CodeSignVerifier::check(*code, "/bin/x", c.allowed, platform); }),
-              c.expected);
+    EXPECT_EQ(
+        outcome([&] { return CodeSignVerifier::check(*code, "/bin/x", c.allowed, platform); }),
+        c.expected);
     EXPECT_EQ(platform.calls().size(), c.calls);
   }
   FakeCodeSignPlatform platform;
   CodeSignVerifier::check(*FakeCodeSignPlatform::makeCode("code"), "/bin/x", kAllowed, platform);
-  EXPECT_EQ(platform.calls(), (std::vector<std::string>{
-                                  "compileRequirement anchor apple generic",
-                                  "checkValidity code flags=1 requirement:anchor apple generic",
-                                  "copySigningInformation code flags=2"}));
+  EXPECT_EQ(platform.calls(),
+            (std::vector<std::string>{"compileRequirement anchor apple generic",
+                                      "checkValidity code flags=1 requirement:anchor apple generic",
+                                      "copySigningInformation code flags=2"}));
   EXPECT_STREQ(CodeSignError::executableMissing("/A.app/x").what(),
                "gate SO: ejecutable declarado ausente: /A.app/x");
 }
@@ -83,13 +84,31 @@ TEST(CodeSignVerifierTest, WrappersNameTheFileOrTheProcess) {
   };
   const Case cases[] = {
       {[](auto&) {}, false, "ok TEAMID0001"},
-      {[](auto& p) { p.staticCodeForPathAnswer = Answer{-67068, true}; }, false, kBad + "/opt/a b/x (-67068)"},
-      {[](auto& p) { p.staticCodeForPathAnswer = Answer{0, false}; }, false, kBad + "/opt/a b/x (0)"},
+      {[](auto& p) {
+         p.staticCodeForPathAnswer = Answer{-67068, true};
+       },
+       false, kBad + "/opt/a b/x (-67068)"},
+      {[](auto& p) {
+         p.staticCodeForPathAnswer = Answer{0, false};
+       },
+       false, kBad + "/opt/a b/x (0)"},
       {[](auto&) {}, true, "ok TEAMID0001"},
-      {[](auto& p) { p.guestCodeForPidAnswer = Answer{-67065, false}; }, true, kBad + "pid 4242 (-67065)"},
-      {[](auto& p) { p.guestCodeForPidAnswer = Answer{0, false}; }, true, kBad + "pid 4242 (0)"},
-      {[](auto& p) { p.staticCodeOfAnswer = Answer{-67068, true}; }, true, kBad + "pid 4242 (-67068)"},
-      {[](auto& p) { p.staticCodeOfAnswer = Answer{0, false}; }, true, kBad + "pid 4242 (0)"},
+      {[](auto& p) {
+         p.guestCodeForPidAnswer = Answer{-67065, false};
+       },
+       true, kBad + "pid 4242 (-67065)"},
+      {[](auto& p) {
+         p.guestCodeForPidAnswer = Answer{0, false};
+       },
+       true, kBad + "pid 4242 (0)"},
+      {[](auto& p) {
+         p.staticCodeOfAnswer = Answer{-67068, true};
+       },
+       true, kBad + "pid 4242 (-67068)"},
+      {[](auto& p) {
+         p.staticCodeOfAnswer = Answer{0, false};
+       },
+       true, kBad + "pid 4242 (0)"},
       {[](auto& p) { p.validityStatus = -67062; }, true, kBad + "pid 4242 (-67062)"},
   };
   for (const Case& c : cases) {
@@ -108,7 +127,8 @@ TEST(CodeSignVerifierTest, WrappersNameTheFileOrTheProcess) {
 // files skipped, never a path outside the bundle.
 TEST(CodeSignVerifierTest, VerifyGoesThroughTheManifestsExecutables) {
   namespace fs = std::filesystem;
-  const fs::path bundle = fs::temp_directory_path() / ("tarskel-verify-" + std::to_string(::getpid()));
+  const fs::path bundle =
+      fs::temp_directory_path() / ("tarskel-verify-" + std::to_string(::getpid()));
   fs::create_directories(bundle / "bin");
   for (const char* name : {"bin/a", "bin/z"}) std::ofstream(bundle / name) << "x";
   const std::string root = bundle.string();
@@ -122,9 +142,13 @@ TEST(CodeSignVerifierTest, VerifyGoesThroughTheManifestsExecutables) {
       {{}, -1, "", {}},
       {{{"darwin-arm64", "bin/a"}, {"linux-arm64", "bin/a"}}, 0, "", {root + "/bin/a"}},
       {{{"darwin-arm64", "bin/gone"}, {"linux-arm64", "/bin/sh"}}, -1, "", {}},
-      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "bin/a"}}, -67062, kBad + root + "/bin/a (-67062)",
+      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "bin/a"}},
+       -67062,
+       kBad + root + "/bin/a (-67062)",
        {root + "/bin/a"}},
-      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "/bin/a"}}, -67062, kBad + root + "/bin/a (-67062)",
+      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "/bin/a"}},
+       -67062,
+       kBad + root + "/bin/a (-67062)",
        {root + "/bin/a"}},
   };
   for (const Case& c : cases) {

@@ -1,8 +1,6 @@
 // What the gate really answers on Linux, against real files and processes.
 #if defined(__linux__)
 
-#include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
-
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -14,6 +12,7 @@
 #include <string>
 
 #include "tarskel/codesign/CodeSignVerifier.hpp"
+#include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
 
 #ifndef SYS_pidfd_open
 #define SYS_pidfd_open 434
@@ -39,7 +38,8 @@ std::string failure(const std::function<void()>& operation) {
 }
 
 std::string unsignedText(const std::string& label, OSStatus status) {
-  return "gate SO: firma inválida o no anclada a Apple en " + label + " (" + std::to_string(status) + ")";
+  return "gate SO: firma inválida o no anclada a Apple en " + label + " (" +
+         std::to_string(status) + ")";
 }
 
 TEST(LinuxCodeSignPlatformTest, EveryPathAndProcessFailsWithItsStatus) {
@@ -48,20 +48,26 @@ TEST(LinuxCodeSignPlatformTest, EveryPathAndProcessFailsWithItsStatus) {
   ::waitpid(dead, nullptr, 0);
   const std::string exe = selfExecutable();
   ServiceManifest manifest;
-  manifest.executables = {{"linux-x86_64", std::filesystem::path(exe).filename()}, {"linux-arm64", "absent"}};
+  manifest.executables = {{"linux-x86_64", std::filesystem::path(exe).filename()},
+                          {"linux-arm64", "absent"}};
   const std::pair<std::function<void()>, std::string> cases[] = {
-      {[&] { CodeSignVerifier::verifyExecutable(exe, kAllowed); }, unsignedText(exe, errSecCSUnsigned)},
-      {[&] { CodeSignVerifier{kAllowed}.verify(std::filesystem::path(exe).parent_path(), manifest); },
+      {[&] { CodeSignVerifier::verifyExecutable(exe, kAllowed); },
+       unsignedText(exe, errSecCSUnsigned)},
+      {[&] {
+         CodeSignVerifier{kAllowed}.verify(std::filesystem::path(exe).parent_path(), manifest);
+       },
        unsignedText(exe, errSecCSUnsigned)},
       {[] { CodeSignVerifier::verifyExecutable("/nonexistent/t", kAllowed); },
        unsignedText("/nonexistent/t", errSecCSStaticCodeNotFound)},
-      {[] { CodeSignVerifier::verifyExecutable("", kAllowed); }, unsignedText("", errSecCSStaticCodeNotFound)},
+      {[] { CodeSignVerifier::verifyExecutable("", kAllowed); },
+       unsignedText("", errSecCSStaticCodeNotFound)},
       {[] { CodeSignVerifier::verifyPid(::getpid(), kAllowed); },
        unsignedText("pid " + std::to_string(::getpid()), errSecCSUnsigned)},
       {[&] { CodeSignVerifier::verifyPid(dead, kAllowed); },
        unsignedText("pid " + std::to_string(dead), errSecCSNoSuchCode)},
       {[] { CodeSignVerifier::verifyPid(0, kAllowed); }, unsignedText("pid 0", errSecCSNoSuchCode)},
-      {[] { CodeSignVerifier::verifyPid(-1, kAllowed); }, unsignedText("pid -1", errSecCSNoSuchCode)},
+      {[] { CodeSignVerifier::verifyPid(-1, kAllowed); },
+       unsignedText("pid -1", errSecCSNoSuchCode)},
   };
   for (const auto& [operation, expected] : cases) EXPECT_EQ(failure(operation), expected);
 }

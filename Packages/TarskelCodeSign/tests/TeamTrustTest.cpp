@@ -1,6 +1,3 @@
-#include "tarskel/codesign/TeamTrust.hpp"
-#include "tarskel/testing/TempDirectory.hpp"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +7,9 @@
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include "tarskel/codesign/TeamTrust.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 
 namespace tarskel {
 namespace {

@@ -27,10 +27,11 @@ constexpr const char* kCorrelationQuery =
 constexpr const char* kChainQuery = "SELECT * FROM audit ORDER BY seq ASC;";
 constexpr const char* kChainFromQuery = "SELECT * FROM audit WHERE seq >= ? ORDER BY seq ASC;";
 constexpr const char* kSequenceQuery = "SELECT seq FROM sqlite_sequence WHERE name = 'audit';";
-#define TARSKEL_AUDIT_FILTER                                                          \
+#define TARSKEL_AUDIT_FILTER                                                       \
   "WHERE seq > ?1 AND (?2 IS NULL OR tool = ?2) AND (?3 IS NULL OR outcome = ?3) " \
   "AND (?4 IS NULL OR ts >= ?4) AND (?5 IS NULL OR ts <= ?5) "
-constexpr const char* kFilteredQuery = "SELECT * FROM audit " TARSKEL_AUDIT_FILTER "ORDER BY seq ASC;";
+constexpr const char* kFilteredQuery =
+    "SELECT * FROM audit " TARSKEL_AUDIT_FILTER "ORDER BY seq ASC;";
 constexpr const char* kStartOfLastQuery =
     "SELECT seq FROM audit " TARSKEL_AUDIT_FILTER "ORDER BY seq DESC LIMIT 1 OFFSET ?6;";
 #undef TARSKEL_AUDIT_FILTER
@@ -45,9 +46,12 @@ std::size_t validSequence(std::string_view text) {
   if (c != 0 && c < 0x80) return 1;
   std::size_t need = 0;
   std::uint32_t cp = 0;
-  if (c >= 0xC2 && c <= 0xDF) need = 1, cp = c & 0x1Fu;
-  else if (c >= 0xE0 && c <= 0xEF) need = 2, cp = c & 0x0Fu;
-  else if (c >= 0xF0 && c <= 0xF4) need = 3, cp = c & 0x07u;
+  if (c >= 0xC2 && c <= 0xDF)
+    need = 1, cp = c & 0x1Fu;
+  else if (c >= 0xE0 && c <= 0xEF)
+    need = 2, cp = c & 0x0Fu;
+  else if (c >= 0xF0 && c <= 0xF4)
+    need = 3, cp = c & 0x07u;
   if (need == 0 || need >= text.size()) return 0;
   for (std::size_t k = 1; k <= need; ++k) {
     if ((p[k] & 0xC0) != 0x80) return 0;
@@ -61,8 +65,8 @@ std::size_t validSequence(std::string_view text) {
 // The ten columns of a row, looked up once: elements of a Row never move.
 struct Columns {
   static constexpr std::array<const char*, 10> kNames = {
-      "seq", "ts", "caller", "tool", "origin", "outcome", "duration_ms", "correlation_id",
-      "prev_hash", "hash"};
+      "seq",     "ts",          "caller",         "tool",      "origin",
+      "outcome", "duration_ms", "correlation_id", "prev_hash", "hash"};
   std::array<const Value*, 10> at{};
 
   explicit Columns(const Row& row) {
@@ -87,7 +91,8 @@ bool readNumber(const Value* v, double& out) {
 }
 
 bool readInt(const Value* v, std::int64_t& out) {
-  if (v == nullptr || v->kind() == Value::Kind::text || v->kind() == Value::Kind::null) return false;
+  if (v == nullptr || v->kind() == Value::Kind::text || v->kind() == Value::Kind::null)
+    return false;
   out = *v->intValue();
   return true;
 }
@@ -96,9 +101,10 @@ bool readInt(const Value* v, std::int64_t& out) {
 // accepted case.
 bool decodeInto(const Columns& c, AuditStore::Entry& e) {
   return readInt(c.at[0], e.seq) && readNumber(c.at[1], e.ts.secondsSinceReferenceDate) &&
-         readText(c.at[2], e.caller) && readText(c.at[3], e.tool) && readText(c.at[4], e.origin) && readText(c.at[5], e.outcome) &&
-         readNumber(c.at[6], e.durationMs) && readText(c.at[7], e.correlationId) &&
-         readText(c.at[8], e.prevHash) && readText(c.at[9], e.hash);
+         readText(c.at[2], e.caller) && readText(c.at[3], e.tool) && readText(c.at[4], e.origin) &&
+         readText(c.at[5], e.outcome) && readNumber(c.at[6], e.durationMs) &&
+         readText(c.at[7], e.correlationId) && readText(c.at[8], e.prevHash) &&
+         readText(c.at[9], e.hash);
 }
 
 std::optional<AuditStore::Entry> decodeEntry(const Row& row) {
@@ -113,7 +119,8 @@ void writePreimage(std::string& out, std::string_view prevHash, Date ts, std::st
                    std::string_view correlationId) {
   std::string rendered = AuditStore::renderTimestamp(ts);
   out.clear();
-  for (std::string_view part : {prevHash, std::string_view(rendered), caller, tool, origin, outcome}) {
+  for (std::string_view part :
+       {prevHash, std::string_view(rendered), caller, tool, origin, outcome}) {
     out.append(part);
     out.push_back('|');
   }
@@ -205,10 +212,10 @@ std::string AuditStore::recordSync(const std::string& callerText, const std::str
   Date ts = now_();  // one reading serves the preimage and the column
   std::string hash = chainHash(lastHash_, ts, caller, tool, origin, outcome, correlationId);
   try {
-    db_->execute(kInsert, {Value::real(ts.secondsSinceReferenceDate), Value::text(caller),
-                           Value::text(tool), Value::text(origin), Value::text(outcome),
-                           Value::real(durationMs), Value::text(correlationId),
-                           Value::text(lastHash_), Value::text(hash)});
+    db_->execute(kInsert,
+                 {Value::real(ts.secondsSinceReferenceDate), Value::text(caller), Value::text(tool),
+                  Value::text(origin), Value::text(outcome), Value::real(durationMs),
+                  Value::text(correlationId), Value::text(lastHash_), Value::text(hash)});
   } catch (const SQLiteDatabase::DBError&) {
     // Recording never fails its caller. The head moves anyway, so the lost
     // row shows as a break in the chain instead of vanishing unseen.
@@ -271,7 +278,8 @@ AuditStore::ChainReport AuditStore::inspectChain(std::int64_t fromSeq) const {
     if (!columns) columns.emplace(row);  // the same Row object for every row
     const auto& c = columns->at;
     std::array<const std::string*, 10> text{};
-    for (std::size_t i : {2, 3, 4, 5, 7, 8, 9}) text[i] = c[i] == nullptr ? nullptr : c[i]->textPointer();
+    for (std::size_t i : {2, 3, 4, 5, 7, 8, 9})
+      text[i] = c[i] == nullptr ? nullptr : c[i]->textPointer();
     std::int64_t seq = 0;
     double ts = 0;
     double duration = 0;
@@ -290,7 +298,8 @@ AuditStore::ChainReport AuditStore::inspectChain(std::int64_t fromSeq) const {
       report.headHash = *text[8];
     }
     if (*text[8] != *expected) {
-      report.firstBreak = ChainBreak{Kind::broken, seq, "prev_hash differs from the hash of the row before"};
+      report.firstBreak =
+          ChainBreak{Kind::broken, seq, "prev_hash differs from the hash of the row before"};
       return false;
     }
     writePreimage(preimage, *text[8], Date{ts}, *text[2], *text[3], *text[4], *text[5], *text[7]);
@@ -305,8 +314,9 @@ AuditStore::ChainReport AuditStore::inspectChain(std::int64_t fromSeq) const {
     report.headHash = *text[9];
     return true;
   };
-  SQLiteDatabase::ScanEnd end = whole ? db_->forEachRow(kChainQuery, {}, visit)
-                                      : db_->forEachRow(kChainFromQuery, {Value::integer(fromSeq)}, visit);
+  SQLiteDatabase::ScanEnd end =
+      whole ? db_->forEachRow(kChainQuery, {}, visit)
+            : db_->forEachRow(kChainFromQuery, {Value::integer(fromSeq)}, visit);
   if (report.firstBreak) return report;
   // A read that stops early is not the end of the chain: the rows beyond
   // were never judged.
@@ -317,7 +327,8 @@ AuditStore::ChainReport AuditStore::inspectChain(std::int64_t fromSeq) const {
   if (!whole && !expected) {
     // Nothing at or after fromSeq: the chain holds if nothing was issued
     // there either (checkTail), and its head is the row before.
-    for (Row& row : db_->query("SELECT hash FROM audit WHERE seq = ?;", {Value::integer(fromSeq - 1)})) {
+    for (Row& row :
+         db_->query("SELECT hash FROM audit WHERE seq = ?;", {Value::integer(fromSeq - 1)})) {
       if (const std::string* hash = row["hash"].textPointer()) report.headHash = *hash;
     }
   }
@@ -334,7 +345,8 @@ void AuditStore::checkTail(ChainReport& report) const {
   try {
     end = db_->forEachRow(kSequenceQuery, {}, [&](Row& row) {
       auto it = row.find("seq");
-      if (it != row.end() && it->second.kind() == Value::Kind::integer) issued = it->second.intValue();
+      if (it != row.end() && it->second.kind() == Value::Kind::integer)
+        issued = it->second.intValue();
       return false;
     });
   } catch (const SQLiteDatabase::DBError& e) {
@@ -343,7 +355,8 @@ void AuditStore::checkTail(ChainReport& report) const {
   if (!end.complete) {
     report.firstBreak = ChainBreak{Kind::damaged, report.headSeq, end.message};
   } else if (!issued && report.headSeq > 0) {
-    report.firstBreak = ChainBreak{Kind::cut, report.headSeq, "the table's sequence has no record of it"};
+    report.firstBreak =
+        ChainBreak{Kind::cut, report.headSeq, "the table's sequence has no record of it"};
   } else if (issued && *issued != report.headSeq) {
     report.firstBreak = ChainBreak{Kind::cut, report.headSeq,
                                    "the table's sequence stands at " + std::to_string(*issued)};
@@ -353,7 +366,9 @@ void AuditStore::checkTail(ChainReport& report) const {
 namespace {
 
 std::vector<Value> filterParams(const AuditStore::Filter& f) {
-  auto text = [](const std::optional<std::string>& s) { return s ? Value::text(*s) : Value::null(); };
+  auto text = [](const std::optional<std::string>& s) {
+    return s ? Value::text(*s) : Value::null();
+  };
   auto time = [](const std::optional<Date>& d) {
     return d ? Value::real(d->secondsSinceReferenceDate) : Value::null();
   };
@@ -372,7 +387,8 @@ void AuditStore::forEachEntry(const Filter& filter,
   });
 }
 
-std::optional<std::int64_t> AuditStore::startOfLast(const Filter& filter, std::int64_t count) const {
+std::optional<std::int64_t> AuditStore::startOfLast(const Filter& filter,
+                                                    std::int64_t count) const {
   std::vector<Value> params = filterParams(filter);
   params.push_back(Value::integer(count - 1));
   std::optional<std::int64_t> seq;
@@ -386,7 +402,8 @@ bool AuditStore::verifyChainSync() const { return inspectChain().holds(); }
 // parameters: GCC 12 mishandles by-value parameters of lambda coroutines.
 namespace {
 
-awaitable<std::vector<AuditStore::Entry>> recentOnStrand(const AuditStore& store, std::int64_t limit) {
+awaitable<std::vector<AuditStore::Entry>> recentOnStrand(const AuditStore& store,
+                                                         std::int64_t limit) {
   co_return store.recentSync(limit);
 }
 

@@ -4,7 +4,9 @@
 
 namespace tarskel::Hashing {
 
-std::array<char, 64> sha256HexDigits(std::string_view data) { return tarskel::sha256HexDigits(data); }
+std::array<char, 64> sha256HexDigits(std::string_view data) {
+  return tarskel::sha256HexDigits(data);
+}
 
 std::string sha256Hex(std::string_view data) { return tarskel::sha256Hex(data); }
 

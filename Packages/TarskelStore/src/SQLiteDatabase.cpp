@@ -1,8 +1,7 @@
 #include "tarskel/store/SQLiteDatabase.hpp"
 
-#include <sqlite3.h>
-
 #include <fcntl.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -58,8 +57,10 @@ std::string sanitizeUTF8(const char* text, std::size_t length) {
     }
     bool ok = need > 0 && i + need < length;
     for (std::size_t k = 1; ok && k <= need; ++k) {
-      if ((p[i + k] & 0xC0) != 0x80) ok = false;
-      else cp = (cp << 6) | (p[i + k] & 0x3Fu);
+      if ((p[i + k] & 0xC0) != 0x80)
+        ok = false;
+      else
+        cp = (cp << 6) | (p[i + k] & 0x3Fu);
     }
     if (ok) {
       bool overlong = (need == 2 && cp < 0x800) || (need == 3 && cp < 0x10000);
@@ -91,10 +92,13 @@ std::size_t asciiPrefix(const char* text, std::size_t length) {
 
 bool isValidUTF8(const char* text, std::size_t length) {
   std::size_t i = asciiPrefix(text, length);
-  return i == length || sanitizeUTF8(text + i, length - i) == std::string_view(text + i, length - i);
+  return i == length ||
+         sanitizeUTF8(text + i, length - i) == std::string_view(text + i, length - i);
 }
 
-std::string textOf(const char* text) { return sanitizeUTF8(text, std::char_traits<char>::length(text)); }
+std::string textOf(const char* text) {
+  return sanitizeUTF8(text, std::char_traits<char>::length(text));
+}
 
 std::string errorMessage(sqlite3* handle) {
   return textOf(requireText(sqlite3_errmsg(handle), "sqlite3_errmsg returned no text"));
@@ -199,7 +203,8 @@ SQLiteDatabase::SQLiteDatabase(const std::string& path) {
 }
 
 SQLiteDatabase::SQLiteDatabase(const std::string& path, ReadOnlyTag) {
-  if (int rc = sqlite3_open_v2(path.c_str(), &handle_, SQLITE_OPEN_READONLY, nullptr); rc != SQLITE_OK) {
+  if (int rc = sqlite3_open_v2(path.c_str(), &handle_, SQLITE_OPEN_READONLY, nullptr);
+      rc != SQLITE_OK) {
     std::string message = handle_ != nullptr ? errorMessage(handle_) : "?";
     sqlite3_close(handle_);
     handle_ = nullptr;
@@ -339,7 +344,8 @@ SQLiteDatabase::ScanEnd SQLiteDatabase::forEachRow(const std::string& sql,
     if (slots.empty()) {
       int count = sqlite3_column_count(stmt);
       for (int i = 0; i < count; ++i) {
-        const char* name = requireText(sqlite3_column_name(stmt, i), "sqlite3_column_name returned no text");
+        const char* name =
+            requireText(sqlite3_column_name(stmt, i), "sqlite3_column_name returned no text");
         slots.push_back(&row[textOf(name)]);
       }
     }

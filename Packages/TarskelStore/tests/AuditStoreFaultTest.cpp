@@ -48,8 +48,9 @@ TEST_F(RefusingDatabaseTest, AbortingTriggerLeavesAHoleThatARestartCloses) {
   auto db = SQLiteDatabase::open(path());
   auto store = attach(db);
   store->recordSync("a", "t", "xpc", "ok", 1, "1");
-  ASSERT_TRUE(db->exec("CREATE TRIGGER refuse BEFORE INSERT ON audit "
-                       "BEGIN SELECT RAISE(ABORT, 'refused'); END;"));
+  ASSERT_TRUE(
+      db->exec("CREATE TRIGGER refuse BEFORE INSERT ON audit "
+               "BEGIN SELECT RAISE(ABORT, 'refused'); END;"));
 
   std::string lost = store->recordSync("b", "t", "xpc", "ok", 1, "2");
   EXPECT_EQ(lost.size(), 64u);
@@ -78,7 +79,8 @@ TEST(DamagedFileTest, AReadThatStopsEarlyIsDamageNotTheEndOfTheChain) {
     auto db = SQLiteDatabase::open(path);
     AuditStore store(db, io.get_executor());
     ASSERT_TRUE(db->exec("BEGIN;"));
-    for (int i = 0; i < 20000; ++i) store.recordSync("caller", "daemon.info", "xpc", "ok", 1, std::to_string(i));
+    for (int i = 0; i < 20000; ++i)
+      store.recordSync("caller", "daemon.info", "xpc", "ok", 1, std::to_string(i));
     ASSERT_TRUE(db->exec("COMMIT;"));
   }  // the last connection checkpoints the log into the file
   const auto size = std::filesystem::file_size(path);
@@ -104,7 +106,8 @@ TEST(DamagedFileTest, AReadThatStopsEarlyIsDamageNotTheEndOfTheChain) {
   boost::asio::io_context io;
   AuditStore store(SQLiteDatabase::open(path), io.get_executor());
   for (int i = 0; i < 1000000; ++i) {
-    std::string line = store.recordSync("child", "daemon.info", "xpc", "ok", 0.5, std::to_string(i)) + "\n";
+    std::string line =
+        store.recordSync("child", "daemon.info", "xpc", "ok", 0.5, std::to_string(i)) + "\n";
     if (write(out, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(3);
   }
   _exit(0);
@@ -183,7 +186,8 @@ TEST(ConcurrentRecordTest, EachRecordLeavesExactlyOneRowOnAChainThatHolds) {
 
   EXPECT_EQ(returned.size(), static_cast<std::size_t>(kRecords));
   EXPECT_EQ(storedHashes(*db), returned);
-  auto rows = db->query("SELECT count(DISTINCT correlation_id) AS n, count(*) AS total FROM audit;");
+  auto rows =
+      db->query("SELECT count(DISTINCT correlation_id) AS n, count(*) AS total FROM audit;");
   EXPECT_EQ(rows[0]["n"], SQLiteDatabase::Value::integer(kRecords));
   EXPECT_EQ(rows[0]["total"], SQLiteDatabase::Value::integer(kRecords));
 

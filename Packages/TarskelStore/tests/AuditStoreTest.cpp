@@ -1,5 +1,3 @@
-#include "tarskel/store/AuditStore.hpp"
-
 #include <gtest/gtest.h>
 
 #include <boost/asio/io_context.hpp>
@@ -8,6 +6,7 @@
 #include <fstream>
 
 #include "StoreTestSupport.hpp"
+#include "tarskel/store/AuditStore.hpp"
 #include "tarskel/store/Hashing.hpp"
 
 namespace tarskel {
@@ -64,8 +63,12 @@ TEST_F(AuditStoreTest, FirstRowMatchesTheKnownVector) {
 
 TEST_F(AuditStoreTest, TimestampRenderingAlwaysShowsAFraction) {
   const std::pair<double, const char*> cases[] = {
-      {784926483.0, "784926483.0"}, {784926483.123456, "784926483.123456"}, {0.0, "0.0"},
-      {-12.5, "-12.5"}, {0.00001, "1e-05"}, {1.5e16, "1.5e+16"},
+      {784926483.0, "784926483.0"},
+      {784926483.123456, "784926483.123456"},
+      {0.0, "0.0"},
+      {-12.5, "-12.5"},
+      {0.00001, "1e-05"},
+      {1.5e16, "1.5e+16"},
   };
   for (const auto& [value, text] : cases) {
     SCOPED_TRACE(text);
@@ -82,7 +85,9 @@ TEST_F(AuditStoreTest, WhatIsHashedIsWhatIsStoredWhateverTheBytes) {
   const std::pair<std::string, std::string> cases[] = {
       {"a|b señal ü", "a|b señal ü"},  // honest texts as they stand
       {std::string("a\0b", 3), "a" + kFFFD + "b"},
-      {"a\xFF" "b\xC3", "a" + kFFFD + "b" + kFFFD},
+      {"a\xFF"
+       "b\xC3",
+       "a" + kFFFD + "b" + kFFFD},
       {"\xED\xA0\x80", kFFFD + kFFFD + kFFFD},  // a surrogate is no character
       {longText, std::string(AuditStore::kMaxTextBytes - 3, 'a') + "\xE2\x80\xA6"},
       {std::string(4095, 'a') + "ñ", std::string(4093, 'a') + "\xE2\x80\xA6"},
@@ -102,12 +107,12 @@ TEST_F(AuditStoreTest, WhatIsHashedIsWhatIsStoredWhateverTheBytes) {
 
 TEST_F(AuditStoreTest, EditingACoveredColumnBreaksTheChain) {
   const std::pair<const char*, bool> cases[] = {
-      {"ts = ts + 0.5", false},           {"caller = 'mallory'", false},
-      {"tool = 'x'", false},              {"origin = 'x'", false},
-      {"outcome = 'denied'", false},      {"correlation_id = 'x'", false},
-      {"prev_hash = hash", false},        {"hash = prev_hash", false},
+      {"ts = ts + 0.5", false},      {"caller = 'mallory'", false},
+      {"tool = 'x'", false},         {"origin = 'x'", false},
+      {"outcome = 'denied'", false}, {"correlation_id = 'x'", false},
+      {"prev_hash = hash", false},   {"hash = prev_hash", false},
       {"duration_ms = 99999", true},  // not covered by the chain
-      {"caller = 7", false},              // no longer decodes
+      {"caller = 7", false},          // no longer decodes
   };
   for (const auto& [change, holds] : cases) {
     SCOPED_TRACE(change);
@@ -187,12 +192,14 @@ TEST(AuditStoreDecodingTest, AnIntegralTimestampDecodesAndRendersWithAFraction) 
   testing::TempDir dir;
   auto db = SQLiteDatabase::open(dir.file("audit.db"));
   // A table without column affinities keeps an integer ts as an integer.
-  ASSERT_TRUE(db->exec("CREATE TABLE audit (seq INTEGER PRIMARY KEY AUTOINCREMENT, ts, caller, tool, "
-                       "origin, outcome, duration_ms, correlation_id, prev_hash, hash);"));
+  ASSERT_TRUE(
+      db->exec("CREATE TABLE audit (seq INTEGER PRIMARY KEY AUTOINCREMENT, ts, caller, tool, "
+               "origin, outcome, duration_ms, correlation_id, prev_hash, hash);"));
   std::string genesis(AuditStore::kGenesisHash);
-  db->execute("INSERT INTO audit VALUES (NULL, 100, 'c', 't', 'o', 'ok', 2, 'x', ?, ?);",
-              {SQLiteDatabase::Value::text(genesis),
-               SQLiteDatabase::Value::text(AuditStore::chainHash(genesis, Date{100.0}, "c", "t", "o", "ok", "x"))});
+  db->execute(
+      "INSERT INTO audit VALUES (NULL, 100, 'c', 't', 'o', 'ok', 2, 'x', ?, ?);",
+      {SQLiteDatabase::Value::text(genesis), SQLiteDatabase::Value::text(AuditStore::chainHash(
+                                                 genesis, Date{100.0}, "c", "t", "o", "ok", "x"))});
   boost::asio::io_context io;
   AuditStore store(db, io.get_executor());
   EXPECT_EQ(store.recentSync(1).at(0).ts, Date{100.0});

@@ -1,11 +1,10 @@
-#include "tarskel/store/SQLiteDatabase.hpp"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 
 #include "StoreTestSupport.hpp"
+#include "tarskel/store/SQLiteDatabase.hpp"
 
 namespace tarskel {
 namespace {
@@ -82,11 +81,13 @@ TEST_F(SQLiteDatabaseTest, DatabaseFilesAreTheOwnersAlone) {
   };
   const auto ownerOnly = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
   db->execute("INSERT INTO t VALUES (1, 2);");
-  for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(mode(dir.file("test.db") + suffix), ownerOnly) << suffix;
+  for (const char* suffix : {"", "-wal", "-shm"})
+    EXPECT_EQ(mode(dir.file("test.db") + suffix), ownerOnly) << suffix;
 
   const std::string old = dir.file("old.db");
   std::filesystem::copy_file(dir.file("test.db"), old);
-  std::filesystem::permissions(old, std::filesystem::perms::owner_all | std::filesystem::perms::others_read);
+  std::filesystem::permissions(
+      old, std::filesystem::perms::owner_all | std::filesystem::perms::others_read);
   SQLiteDatabase reopened(old);
   EXPECT_EQ(mode(old), std::filesystem::perms::owner_all);
 }
@@ -107,7 +108,8 @@ TEST_F(SQLiteDatabaseTest, CachedStatementsCarryNothingFromOneCallToTheNext) {
   EXPECT_EQ(errorOf([&] { db->execute(insert, {Value::integer(1)}); }), DBError::Kind::prepare);
   ASSERT_TRUE(db->exec("CREATE TABLE t (a, b);"));
   db->execute(insert, {Value::integer(5), Value::integer(6)});  // recompiled for the new table
-  for (int i = 0; i < 200; ++i) db->query("SELECT " + std::to_string(i) + " AS n;");  // beyond the cache
+  for (int i = 0; i < 200; ++i)
+    db->query("SELECT " + std::to_string(i) + " AS n;");  // beyond the cache
   EXPECT_EQ(count(), 1);
 }
 
@@ -143,7 +145,8 @@ TEST_F(SQLiteDatabaseTest, ColumnsByNameTheLaterStandsAndInvalidUTF8IsReplaced) 
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].size(), 2u);
   EXPECT_EQ(rows[0]["x"], Value::integer(2));
-  EXPECT_EQ(rows[0]["s"], Value::text("a\xEF\xBF\xBD" "b"));
+  EXPECT_EQ(rows[0]["s"], Value::text("a\xEF\xBF\xBD"
+                                      "b"));
 }
 
 TEST(SQLiteValueTest, Accessors) {
@@ -172,7 +175,8 @@ TEST(SQLiteValueTest, Accessors) {
 TEST(SQLiteValueDeathTest, IntValueOfAnUnrepresentableDoubleEndsTheProcess) {
   EXPECT_DEATH((void)Value::real(std::nan("")).intValue(), "signed 64-bit");
   EXPECT_DEATH((void)Value::real(9223372036854775808.0).intValue(), "signed 64-bit");
-  EXPECT_EQ(Value::real(-9223372036854775808.0).intValue(), std::numeric_limits<std::int64_t>::min());
+  EXPECT_EQ(Value::real(-9223372036854775808.0).intValue(),
+            std::numeric_limits<std::int64_t>::min());
 }
 
 }  // namespace

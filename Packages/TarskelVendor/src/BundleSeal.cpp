@@ -1,6 +1,8 @@
 #include "tarskel/vendor/BundleSeal.hpp"
 
 #include <fcntl.h>
+#include <unicode/normalizer2.h>
+#include <unicode/unistr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,9 +10,6 @@
 #include <set>
 #include <system_error>
 #include <utility>
-
-#include <unicode/normalizer2.h>
-#include <unicode/unistr.h>
 
 #include "ContentHashing.hpp"
 #include "tarskel/protocol/base/FileDescriptor.hpp"
@@ -97,7 +96,9 @@ std::string normalisedForOrder(const std::string& path) {
   const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
   if (U_FAILURE(status)) return path;
   const icu::UnicodeString normal =
-      nfc->normalize(icu::UnicodeString::fromUTF8(icu::StringPiece(path.data(), static_cast<int32_t>(path.size()))), status);
+      nfc->normalize(icu::UnicodeString::fromUTF8(
+                         icu::StringPiece(path.data(), static_cast<int32_t>(path.size()))),
+                     status);
   if (U_FAILURE(status)) return path;
   std::string out;
   normal.toUTF8String(out);
@@ -160,8 +161,8 @@ HashManifest seal(const fs::path& bundleAt, std::string artifactId, ArtifactType
   std::vector<ContentDigest> digests =
       hashContent(bundleAt, paths, hashing, [](std::size_t, const std::string&) { return false; });
 
-  HashManifest manifest{std::move(artifactId), artifactType,   std::move(version),
-                        monotonicVersion,      expires,        {},
+  HashManifest manifest{std::move(artifactId), artifactType, std::move(version),
+                        monotonicVersion,      expires,      {},
                         std::move(metadata)};
   manifest.files.reserve(paths.size());
   for (std::size_t i = 0; i < paths.size(); ++i) {
@@ -178,8 +179,9 @@ HashManifest seal(const fs::path& bundleAt, std::string artifactId, ArtifactType
 }
 
 HashManifest verify(const fs::path& bundleAt, const VendorVerification& verification,
-                    const VendorAllowlist& allowlist, std::optional<std::int64_t> installedMonotonic,
-                    bool allowDowngrade, const SealHashing& hashing) {
+                    const VendorAllowlist& allowlist,
+                    std::optional<std::int64_t> installedMonotonic, bool allowDowngrade,
+                    const SealHashing& hashing) {
   const std::string manifestData = readSealFile(bundleAt / manifestFile);
   HashManifest manifest = decodeSealFile<HashManifest>(manifestData);
   const std::string signatureData = readSealFile(bundleAt / signatureFile);
@@ -205,10 +207,9 @@ HashManifest verify(const fs::path& bundleAt, const VendorVerification& verifica
     }
     listed.push_back(manifest.files[i].path);
   }
-  std::vector<ContentDigest> digests =
-      hashContent(bundleAt, listed, hashing, [&](std::size_t i, const std::string& digest) {
-        return digest != manifest.files[i].sha256;
-      });
+  std::vector<ContentDigest> digests = hashContent(
+      bundleAt, listed, hashing,
+      [&](std::size_t i, const std::string& digest) { return digest != manifest.files[i].sha256; });
   for (std::size_t i = 0; i < digests.size(); ++i) {
     if (digests[i].error) std::rethrow_exception(digests[i].error);
     if (digests[i].sha256 != manifest.files[i].sha256) {

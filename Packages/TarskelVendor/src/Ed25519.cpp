@@ -59,9 +59,9 @@ bool Ed25519Algorithm::verify(std::string_view signature, std::string_view messa
   // Under a small-order or non-canonical key a forged signature verifies for
   // any message; such a key verifies nothing here.
   if (ed25519KeyWeakness(publicKey)) return false;
-  PKeyPtr key(EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, bytes(publicKey),
-                                          publicKey.size()),
-              &EVP_PKEY_free);
+  PKeyPtr key(
+      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, bytes(publicKey), publicKey.size()),
+      &EVP_PKEY_free);
   MDContextPtr context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
   bool good = key && context &&
               EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) == 1 &&
@@ -84,8 +84,8 @@ Ed25519IdentityKey::Ed25519IdentityKey(std::string_view rawRepresentation) {
     throw Ed25519Error("clave privada Ed25519 de " + std::to_string(rawRepresentation.size()) +
                        " bytes (se esperan 32)");
   }
-  EVP_PKEY* key = EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr,
-                                               bytes(rawRepresentation), rawRepresentation.size());
+  EVP_PKEY* key = EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, bytes(rawRepresentation),
+                                               rawRepresentation.size());
   if (key == nullptr) throw Ed25519Error(libraryError("clave privada Ed25519 no válida"));
   key_ = share(key);
 }

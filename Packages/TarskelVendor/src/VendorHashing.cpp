@@ -17,7 +17,8 @@ namespace {
 constexpr std::size_t kChunkBytes = 256 * 1024;
 
 [[noreturn]] void fail(const char* what, const std::filesystem::path& path, int error) {
-  throw std::filesystem::filesystem_error(what, path, std::error_code(error, std::generic_category()));
+  throw std::filesystem::filesystem_error(what, path,
+                                          std::error_code(error, std::generic_category()));
 }
 
 }  // namespace
@@ -31,7 +32,8 @@ std::string sha256HexOfFile(const std::filesystem::path& path) {
   try {
     file = openRegularFile(path, {.followLastLink = false});
   } catch (const FileReadError& e) {
-    fail(e.kind() == FileReadError::Kind::notRegular ? "no es un archivo regular" : "no se pudo abrir",
+    fail(e.kind() == FileReadError::Kind::notRegular ? "no es un archivo regular"
+                                                     : "no se pudo abrir",
          path, e.errorNumber());
   }
   thread_local std::vector<unsigned char> buffer(kChunkBytes);

@@ -8,18 +8,16 @@
 #include <string>
 #include <vector>
 
-#include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/VendorHashing.hpp"
 
 namespace tarskel {
 
 void PrintTo(const SealError& e, std::ostream* os) { *os << e.what(); }
-void PrintTo(const HashManifest& m, std::ostream* os) {
-  *os << TarskelJSON::encoder().encode(m);
-}
+void PrintTo(const HashManifest& m, std::ostream* os) { *os << TarskelJSON::encoder().encode(m); }
 
 namespace {
 
@@ -81,8 +79,9 @@ TEST_F(BundleSealTest, SealWritesCanonicalSortedManifestThatVerifies) {
   HashManifest written = seal();
   std::vector<std::string> paths;
   for (const auto& f : written.files) paths.push_back(f.path);
-  EXPECT_EQ(paths, (std::vector<std::string>{"App.app/Contents/Info.plist",
-                                             "App.app/Contents/MacOS/App", "README", "lib/a/b/c.txt"}));
+  EXPECT_EQ(paths,
+            (std::vector<std::string>{"App.app/Contents/Info.plist", "App.app/Contents/MacOS/App",
+                                      "README", "lib/a/b/c.txt"}));
   EXPECT_EQ(written.files[2].sha256, VendorHashing::sha256Hex("léame"));
 
   const std::string onDisk = readFile(root / BundleSeal::manifestFile);
@@ -263,7 +262,8 @@ TEST_F(BundleSealTest, EmptyBundleSealsAndVerifies) {
 // A changed, a missing and an extra file at once: the first fault in manifest
 // order wins, however many threads hash, and extras only count at the end.
 TEST_F(BundleSealTest, FirstFaultInManifestOrderWhateverTheThreads) {
-  for (int i = 0; i < 40; ++i) writeFile(root / "many" / std::to_string(100 + i), std::to_string(i));
+  for (int i = 0; i < 40; ++i)
+    writeFile(root / "many" / std::to_string(100 + i), std::to_string(i));
   seal();
   writeFile(root / "many/120", "changed");
   fs::remove(root / "many/130");
@@ -315,8 +315,14 @@ TEST_F(BundleSealTest, SealRefusesLinksAndLeavesNoSeal) {
 // though its NFC form (U+00EA) comes after "f" and after U+00E9.
 TEST_F(BundleSealTest, ContentIsOrderedByScalarsOfTheNormalisedName) {
   fs::remove_all(root);
-  for (const char* name : {"f", "e\xCC\x82", "\xC3\xA9" "b"}) writeFile(root / name, name);
-  const std::vector<std::string> expected{"f", "\xC3\xA9" "b", "e\xCC\x82"};
+  for (const char* name : {"f", "e\xCC\x82",
+                           "\xC3\xA9"
+                           "b"})
+    writeFile(root / name, name);
+  const std::vector<std::string> expected{"f",
+                                          "\xC3\xA9"
+                                          "b",
+                                          "e\xCC\x82"};
   EXPECT_EQ(BundleSeal::contentEntries(root), expected);
 
   HashManifest m = seal();
@@ -327,7 +333,10 @@ TEST_F(BundleSealTest, ContentIsOrderedByScalarsOfTheNormalisedName) {
 
 // Regression: a name that is not UTF-8 sealed into a manifest no reader takes.
 TEST_F(BundleSealTest, SealRefusesANameThatIsNotUTF8) {
-  writeFile(root / "a\xFF" "b", "x");
+  writeFile(root /
+                "a\xFF"
+                "b",
+            "x");
   try {
     seal();
     FAIL() << "sealed a name that is not UTF-8";

@@ -102,8 +102,9 @@ TEST(Ed25519Test, VerifyRefusesWithoutThrowing) {
       {"empty signature", "", message, publicKey},
       {"another key", signature, message, Ed25519IdentityKey().rawPublicKey()},
       // The identity point: a key of small order verifies nothing.
-      {"small-order key", std::string(1, '\x01') + std::string(31, '\0') ,
-       std::string(1, '\x01') + std::string(63, '\0'), std::string(1, '\x01') + std::string(31, '\0')},
+      {"small-order key", std::string(1, '\x01') + std::string(31, '\0'),
+       std::string(1, '\x01') + std::string(63, '\0'),
+       std::string(1, '\x01') + std::string(31, '\0')},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

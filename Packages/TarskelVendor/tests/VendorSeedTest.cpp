@@ -32,7 +32,10 @@ TEST_F(VendorSeedTest, ResolvesEnvironmentFirstThenTheBundle) {
     std::optional<fs::path> executable;
     std::optional<fs::path> expected;
   } cases[] = {
-      {"environment wins", {{"TARSKEL_VENDOR_SEED", "/no/such/seed"}}, exe, fs::path("/no/such/seed")},
+      {"environment wins",
+       {{"TARSKEL_VENDOR_SEED", "/no/such/seed"}},
+       exe,
+       fs::path("/no/such/seed")},
       {"empty value counts", {{"TARSKEL_VENDOR_SEED", ""}}, exe, fs::path("")},
       {"bundle", {{"OTHER", "x"}}, exe, bundled},
       {"no executable", {}, std::nullopt, std::nullopt},

@@ -1,11 +1,10 @@
-#include "tarskel/xpc/DaemonWire.hpp"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/xpc/DaemonWire.hpp"
 
 namespace tarskel {
 namespace {
@@ -80,12 +79,12 @@ TEST(DaemonWireTest, RequestsThatDecode) {
 
 TEST(DaemonWireTest, RequestsThatFailToDecode) {
   const char* cases[] = {
-      R"({"op":"daemon.info"})",                   // args has no default
-      R"({"op":"x","args":[]})",                   // args must be an object
-      R"({"op":"x","args":null})",                 // required means non-null
-      R"({"args":{}})",                            // no op
-      R"({"op":7,"args":{}})",                     // op of the wrong type
-      R"({"op":"x","args":{},"serviceId":3})",     // a present optional is still typed
+      R"({"op":"daemon.info"})",                // args has no default
+      R"({"op":"x","args":[]})",                // args must be an object
+      R"({"op":"x","args":null})",              // required means non-null
+      R"({"args":{}})",                         // no op
+      R"({"op":7,"args":{}})",                  // op of the wrong type
+      R"({"op":"x","args":{},"serviceId":3})",  // a present optional is still typed
       R"({"op":"x","args":{},"correlationId":{}})",
       R"(["op","x"])",
       R"({"op":"x","args":{}} trailing)",

@@ -59,8 +59,9 @@ void checkReadable(const std::string& path) {
     int error = errno;
     if (error == ENOENT && *suffix != '\0') continue;  // no log: nothing to read there
     if (error == EACCES || error == EPERM) {
-      throw ToolFailure(kExitUsage, file + ": permission denied: the audit database is readable by " +
-                                        "its owner only (root); run this command as root, e.g. with sudo");
+      throw ToolFailure(kExitUsage,
+                        file + ": permission denied: the audit database is readable by " +
+                            "its owner only (root); run this command as root, e.g. with sudo");
     }
     throw ToolFailure(kExitUsage, file + ": " + std::strerror(error));
   }
@@ -93,11 +94,20 @@ std::string forPeople(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     auto c = static_cast<unsigned char>(text[i]);
     switch (c) {
-      case '\n': out += "\\n"; continue;
-      case '\t': out += "\\t"; continue;
-      case '\r': out += "\\r"; continue;
-      case '\\': out += "\\\\"; continue;
-      default: break;
+      case '\n':
+        out += "\\n";
+        continue;
+      case '\t':
+        out += "\\t";
+        continue;
+      case '\r':
+        out += "\\r";
+        continue;
+      case '\\':
+        out += "\\\\";
+        continue;
+      default:
+        break;
     }
     if (c < 0x20 || c == 0x7F) {
       out += fmt::format("\\x{:02x}", c);
@@ -131,12 +141,14 @@ class Table {
   static constexpr std::size_t kBlock = 256;
   using Line = std::array<std::string, kColumns>;
 
-  Table() { lines_.push_back({"SEQ", "TIME", "OP", "OUTCOME", "ORIGIN", "CORRELATION", "MS", "CALLER"}); }
+  Table() {
+    lines_.push_back({"SEQ", "TIME", "OP", "OUTCOME", "ORIGIN", "CORRELATION", "MS", "CALLER"});
+  }
 
   void add(const Entry& e) {
-    lines_.push_back({std::to_string(e.seq), formatISO8601(e.ts), forPeople(e.tool), forPeople(e.outcome),
-                      forPeople(e.origin), forPeople(e.correlationId), fmt::format("{:.1f}", e.durationMs),
-                      forPeople(e.caller)});
+    lines_.push_back({std::to_string(e.seq), formatISO8601(e.ts), forPeople(e.tool),
+                      forPeople(e.outcome), forPeople(e.origin), forPeople(e.correlationId),
+                      fmt::format("{:.1f}", e.durationMs), forPeople(e.caller)});
     if (lines_.size() >= kBlock) flush();
   }
 
@@ -146,7 +158,8 @@ class Table {
     }
     std::string out;
     for (const Line& line : lines_) {
-      for (std::size_t i = 0; i + 1 < kColumns; ++i) out += fmt::format("{:<{}}  ", line[i], widths_[i]);
+      for (std::size_t i = 0; i + 1 < kColumns; ++i)
+        out += fmt::format("{:<{}}  ", line[i], widths_[i]);
       out += line[kColumns - 1] + '\n';
     }
     lines_.clear();
@@ -296,9 +309,12 @@ int show(const Listing& l) {
 
 const char* problemOf(AuditStore::ChainBreak::Kind kind) {
   switch (kind) {
-    case AuditStore::ChainBreak::Kind::broken: return "broken";
-    case AuditStore::ChainBreak::Kind::damaged: return "damaged";
-    case AuditStore::ChainBreak::Kind::cut: return "cut";
+    case AuditStore::ChainBreak::Kind::broken:
+      return "broken";
+    case AuditStore::ChainBreak::Kind::damaged:
+      return "damaged";
+    case AuditStore::ChainBreak::Kind::cut:
+      return "cut";
   }
   return "broken";
 }
@@ -309,15 +325,19 @@ std::string verdictText(const AuditStore::ChainReport& r, std::int64_t from) {
   using Kind = AuditStore::ChainBreak::Kind;
   if (r.holds()) {
     std::string scope = from > 1 ? fmt::format(" from seq {}", from) : "";
-    return fmt::format("chain ok{}: {} rows, head seq {} hash {}\n", scope, r.rowsChecked, r.headSeq,
+    return fmt::format("chain ok{}: {} rows, head seq {} hash {}\n", scope, r.rowsChecked,
+                       r.headSeq,
                        r.headHash.empty() ? std::string(AuditStore::kGenesisHash) : r.headHash);
   }
   const AuditStore::ChainBreak& b = *r.firstBreak;
   std::string seq = b.seq ? std::to_string(*b.seq) : std::string("?");
   switch (b.kind) {
-    case Kind::damaged: return fmt::format("database damaged after seq {}: {}\n", seq, b.reason);
-    case Kind::cut: return fmt::format("chain cut after seq {}: {}\n", seq, b.reason);
-    case Kind::broken: break;
+    case Kind::damaged:
+      return fmt::format("database damaged after seq {}: {}\n", seq, b.reason);
+    case Kind::cut:
+      return fmt::format("chain cut after seq {}: {}\n", seq, b.reason);
+    case Kind::broken:
+      break;
   }
   return fmt::format("chain broken at seq {}: {}\n", seq, b.reason);
 }
@@ -348,14 +368,16 @@ int verify(const Listing& l) {
     if (e.code() != 11 /* SQLITE_CORRUPT */ && e.code() != 26 /* SQLITE_NOTADB */) {
       throw ToolFailure(kExitUsage, path + ": " + e.description());
     }
-    report.firstBreak = AuditStore::ChainBreak{AuditStore::ChainBreak::Kind::damaged, 0, e.message()};
+    report.firstBreak =
+        AuditStore::ChainBreak{AuditStore::ChainBreak::Kind::damaged, 0, e.message()};
   }
   writeOutput(l.json ? verdictJSON(report, l.from) : verdictText(report, l.from));
   return report.holds() ? kExitSuccess : kExitFinding;
 }
 
 void addSource(CLI::App* command, Listing& l) {
-  auto* root = command->add_option("--root", l.source.root, "state root; reads ROOT/daemon/audit.db");
+  auto* root =
+      command->add_option("--root", l.source.root, "state root; reads ROOT/daemon/audit.db");
   auto* db = command->add_option("--db", l.source.db, "the audit database file itself");
   root->excludes(db);
   db->excludes(root);
@@ -365,7 +387,8 @@ void addFilters(CLI::App* command, Listing& l) {
   command->add_option("--op", l.op, "only rows of this operation");
   command->add_option("--outcome", l.outcome, "only rows with this outcome")
       ->check(CLI::IsMember({"ok", "denied", "error"}));
-  command->add_option("--since", l.since, "only rows at or after this UTC time (2025-11-15T19:08:04Z or 2025-11-15)");
+  command->add_option("--since", l.since,
+                      "only rows at or after this UTC time (2025-11-15T19:08:04Z or 2025-11-15)");
   command->add_option("--until", l.until, "only rows at or before this UTC time");
 }
 
@@ -389,7 +412,8 @@ void install(CLI::App& app, ToolContext& ctx) {
   addFilters(tail, *l);
   tail->callback([&ctx, l] { ctx.action = [l] { return list(*l, true); }; });
 
-  CLI::App* exportCommand = audit->add_subcommand("export", "Every row as JSON lines, oldest first");
+  CLI::App* exportCommand =
+      audit->add_subcommand("export", "Every row as JSON lines, oldest first");
   addSource(exportCommand, *l);
   exportCommand->add_option("--from", l->from, "start at this seq");
   addFilters(exportCommand, *l);

@@ -57,7 +57,9 @@ std::string decodedLine(std::string_view payload, bool& failed) {
 }
 
 std::uint32_t lengthAt(std::string_view bytes) {
-  const auto b = [&](int i) { return static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[i])); };
+  const auto b = [&](int i) {
+    return static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[i]));
+  };
   return (b(0) << 24) | (b(1) << 16) | (b(2) << 8) | b(3);
 }
 
@@ -68,20 +70,23 @@ int runDecode(const std::string& path) {
   // Fed one frame at a time, so that every frame ahead of a broken header is printed.
   for (std::size_t at = 0; at < stream.size();) {
     std::size_t take = stream.size() - at;
-    if (take >= 4) take = std::min<std::size_t>(take, 4 + std::size_t{lengthAt(std::string_view(stream).substr(at))});
+    if (take >= 4)
+      take = std::min<std::size_t>(take,
+                                   4 + std::size_t{lengthAt(std::string_view(stream).substr(at))});
     std::vector<std::string> payloads;
     try {
       payloads = decoder.append(std::string_view(stream).substr(at, take));
     } catch (const FramingError& e) {
-      throw ToolFailure(kExitUsage, e.description() + " (" + std::to_string(decoder.pendingBytes()) +
-                                        " bytes pendientes)");
+      throw ToolFailure(
+          kExitUsage,
+          e.description() + " (" + std::to_string(decoder.pendingBytes()) + " bytes pendientes)");
     }
     at += take;
     for (const std::string& payload : payloads) writeOutput(decodedLine(payload, failed));
   }
   if (decoder.pendingBytes() > 0) {
-    throw ToolFailure(kExitUsage, "el flujo termina dentro de un frame: " + std::to_string(decoder.pendingBytes()) +
-                                      " bytes pendientes");
+    throw ToolFailure(kExitUsage, "el flujo termina dentro de un frame: " +
+                                      std::to_string(decoder.pendingBytes()) + " bytes pendientes");
   }
   return failed ? kExitFinding : kExitSuccess;
 }
@@ -140,7 +145,9 @@ std::optional<JSONValue> parseParams(const std::optional<std::string>& text) {
   }
 }
 
-std::string errorLine(const JSONRPCError& error) { return TarskelJSON::canonicalEncoder().encode(error) + "\n"; }
+std::string errorLine(const JSONRPCError& error) {
+  return TarskelJSON::canonicalEncoder().encode(error) + "\n";
+}
 
 // The socket's address; a path too long for one is unusable input.
 Local::endpoint endpointOf(const std::string& path) {
@@ -163,7 +170,8 @@ int runCall(const CallOptions& options) {
   std::optional<JSONValue> params = parseParams(options.params);
   asio::io_context io;
   auto connection = BusConnection::client(
-      connectTo(io, options.socket), HelloRequest{options.clientId, options.protocolVersion, {}, std::nullopt});
+      connectTo(io, options.socket),
+      HelloRequest{options.clientId, options.protocolVersion, {}, std::nullopt});
   connection->start();
 
   std::exception_ptr failure;
@@ -176,12 +184,13 @@ int runCall(const CallOptions& options) {
     timedOut = true;
     connection->close();
   });
-  connection->asyncCall(options.method, std::move(params), [&](std::exception_ptr error, JSONValue value) {
-    failure = error;
-    if (!error) result = std::move(value);
-    timer.cancel();
-    connection->close();
-  });
+  connection->asyncCall(options.method, std::move(params),
+                        [&](std::exception_ptr error, JSONValue value) {
+                          failure = error;
+                          if (!error) result = std::move(value);
+                          timer.cancel();
+                          connection->close();
+                        });
   io.run();
 
   if (result) {
@@ -198,7 +207,9 @@ int runCall(const CallOptions& options) {
       writeOutput(errorLine(*e.peerError()));
       return kExitFinding;
     }
-    if (timedOut) throw ToolFailure(kExitTransport, "sin respuesta en " + std::to_string(options.timeout) + " s");
+    if (timedOut)
+      throw ToolFailure(kExitTransport,
+                        "sin respuesta en " + std::to_string(options.timeout) + " s");
     throw ToolFailure(kExitTransport, e.description());
   }
 }
@@ -213,7 +224,7 @@ struct ServeOptions {
 // A socket file nobody answers on is replaced; a live one, or a file that is
 // not a socket, is left alone.
 void clearStaleSocket(asio::io_context& io, const std::string& path) {
-  struct stat st{};
+  struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return;
   if (!S_ISSOCK(st.st_mode)) throw ToolFailure(kExitUsage, path + " existe y no es un socket");
   Local::socket probe(io);
@@ -235,7 +246,9 @@ class Server {
     acceptor_.open(Local(), ec);
     if (!ec) acceptor_.bind(endpoint, ec);
     if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
-    if (ec) throw ToolFailure(kExitTransport, "no se puede escuchar en " + options_.socket + ": " + ec.message());
+    if (ec)
+      throw ToolFailure(kExitTransport,
+                        "no se puede escuchar en " + options_.socket + ": " + ec.message());
     std::cerr << "tarskel: escuchando en " << options_.socket << std::endl;
     signals_.async_wait([this](boost::system::error_code error, int) {
       if (!error) stop();
@@ -293,31 +306,40 @@ int runServe(const ServeOptions& options) {
 // ---- command line ----
 
 void install(CLI::App& app, ToolContext& ctx) {
-  CLI::App* bus = app.add_subcommand("bus", "Bus frames and JSON-RPC messages; talk to a peer over a Unix socket");
+  CLI::App* bus = app.add_subcommand(
+      "bus", "Bus frames and JSON-RPC messages; talk to a peer over a Unix socket");
   bus->require_subcommand(1);
 
   auto decodePath = std::make_shared<std::string>("-");
-  CLI::App* decode = bus->add_subcommand(
-      "decode", "Print each frame of a byte stream as one JSON line: {\"kind\":K,\"message\":M} or {\"error\":TEXT}");
+  CLI::App* decode = bus->add_subcommand("decode",
+                                         "Print each frame of a byte stream as one JSON line: "
+                                         "{\"kind\":K,\"message\":M} or {\"error\":TEXT}");
   decode->add_option("FILE", *decodePath, "Byte stream of frames; - for standard input (default)")
       ->type_name("FILE|-");
-  decode->callback([&ctx, decodePath] { ctx.action = [decodePath] { return runDecode(*decodePath); }; });
+  decode->callback(
+      [&ctx, decodePath] { ctx.action = [decodePath] { return runDecode(*decodePath); }; });
 
   auto encode = std::make_shared<EncodeOptions>();
-  CLI::App* encodeCommand =
-      bus->add_subcommand("encode", "Read JSON-RPC messages, one per line, and write them as frames");
-  encodeCommand->add_option("FILE", encode->path, "Messages, one per line; - for standard input (default)")
+  CLI::App* encodeCommand = bus->add_subcommand(
+      "encode", "Read JSON-RPC messages, one per line, and write them as frames");
+  encodeCommand
+      ->add_option("FILE", encode->path, "Messages, one per line; - for standard input (default)")
       ->type_name("FILE|-");
   encodeCommand->add_flag("--raw", encode->raw, "Frame each line as it is, without checking it");
   encodeCommand->callback([&ctx, encode] { ctx.action = [encode] { return runEncode(*encode); }; });
 
   auto call = std::make_shared<CallOptions>();
   CLI::App* callCommand = bus->add_subcommand(
-      "call", "Say hello to a peer, make one call and print its result (or its error) as one JSON line");
+      "call",
+      "Say hello to a peer, make one call and print its result (or its error) as one JSON line");
   callCommand->add_option("METHOD", call->method, "Method name, e.g. health.ping")->required();
-  callCommand->add_option("--params", call->params, "Parameters as JSON (default: none)")->type_name("JSON");
-  callCommand->add_option("--socket", call->socket, "Unix socket of the peer")->required()->type_name("PATH");
-  callCommand->add_option("--client-id", call->clientId, "Name given in the hello (default tarskel)");
+  callCommand->add_option("--params", call->params, "Parameters as JSON (default: none)")
+      ->type_name("JSON");
+  callCommand->add_option("--socket", call->socket, "Unix socket of the peer")
+      ->required()
+      ->type_name("PATH");
+  callCommand->add_option("--client-id", call->clientId,
+                          "Name given in the hello (default tarskel)");
   callCommand->add_option("--protocol-version", call->protocolVersion,
                           "Protocol version claimed in the hello (default " +
                               std::string(TarskelProtocolInfo::protocolVersion) + ")");
@@ -327,8 +349,11 @@ void install(CLI::App& app, ToolContext& ctx) {
 
   auto serve = std::make_shared<ServeOptions>();
   CLI::App* serveCommand = bus->add_subcommand(
-      "serve", "Listen on a Unix socket and answer service.hello and health.ping, until SIGINT or SIGTERM");
-  serveCommand->add_option("--socket", serve->socket, "Unix socket to create")->required()->type_name("PATH");
+      "serve",
+      "Listen on a Unix socket and answer service.hello and health.ping, until SIGINT or SIGTERM");
+  serveCommand->add_option("--socket", serve->socket, "Unix socket to create")
+      ->required()
+      ->type_name("PATH");
   serveCommand->add_flag("--once", serve->once, "Serve one connection, then exit");
   serveCommand->callback([&ctx, serve] { ctx.action = [serve] { return runServe(*serve); }; });
 }

@@ -12,14 +12,14 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
-#include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/DaemonWire.hpp"
+#include "tarskel/xpc/DaemonXPCClient.hpp"
 
 namespace tarskel::tool {
 namespace {
@@ -60,7 +60,8 @@ JSONObject parseArgs(const std::optional<std::string>& text) {
 // accepted but never answers must not hold the tool for ever.
 DaemonResponse send(const Connection& connection, const DaemonRequest& request) {
   if (connection.machService.empty()) throw ToolFailure(kExitUsage, "--mach-service is empty");
-  if (!(connection.timeout > 0)) throw ToolFailure(kExitUsage, "--timeout must be more than 0 seconds");
+  if (!(connection.timeout > 0))
+    throw ToolFailure(kExitUsage, "--timeout must be more than 0 seconds");
   DaemonXPCClient client(connection.machService);
   std::mutex mutex;
   std::condition_variable answered;
@@ -68,7 +69,8 @@ DaemonResponse send(const Connection& connection, const DaemonRequest& request) 
   bool timedOut = false;
   std::thread watchdog([&] {
     std::unique_lock lock(mutex);
-    if (!answered.wait_for(lock, std::chrono::duration<double>(connection.timeout), [&] { return done; })) {
+    if (!answered.wait_for(lock, std::chrono::duration<double>(connection.timeout),
+                           [&] { return done; })) {
       timedOut = true;
       client.close();  // the request in flight fails at once
     }
@@ -119,8 +121,9 @@ std::string plainText(const JSONValue* value) {
 std::string describeInfo(const JSONValue& result) {
   const JSONObject empty;
   const JSONObject& info = result.objectValue() != nullptr ? *result.objectValue() : empty;
-  std::string out = fmt::format("tarskeld {} (protocol {})\n", plainText(info.find("daemonVersion")),
-                                plainText(info.find("protocolVersion")));
+  std::string out =
+      fmt::format("tarskeld {} (protocol {})\n", plainText(info.find("daemonVersion")),
+                  plainText(info.find("protocolVersion")));
   out += fmt::format("pid {}, uid {}\n", plainText(info.find("pid")), plainText(info.find("uid")));
   out += "operations:\n";
   if (const JSONValue* ops = info.find("ops"); ops != nullptr && ops->arrayValue() != nullptr) {
@@ -130,7 +133,8 @@ std::string describeInfo(const JSONValue& result) {
 }
 
 int runInfo(const InfoOptions& options) {
-  const DaemonResponse response = send(options.connection, {"daemon.info", {}, std::nullopt, std::nullopt});
+  const DaemonResponse response =
+      send(options.connection, {"daemon.info", {}, std::nullopt, std::nullopt});
   if (!response.ok || !response.result) {
     const std::string reason =
         response.error ? response.error->code + ": " + response.error->message : "no result";
@@ -144,7 +148,8 @@ void addConnectionOptions(CLI::App* command, Connection& target) {
   command->add_option("--mach-service", target.machService,
                       "Service name, or a socket path when it holds a '/' (default " +
                           std::string(DaemonWire::machServiceName) + ")");
-  command->add_option("--timeout", target.timeout, "Give up after SECONDS without an answer (default 30)");
+  command->add_option("--timeout", target.timeout,
+                      "Give up after SECONDS without an answer (default 30)");
 }
 
 void install(CLI::App& app, ToolContext& ctx) {
@@ -152,8 +157,9 @@ void install(CLI::App& app, ToolContext& ctx) {
   CLI::App* callCommand = app.add_subcommand(
       "call", "Send one request to the daemon and print its response as one line of JSON");
   callCommand->add_option("OP", call->op, "Operation name, e.g. daemon.info")->required();
-  callCommand->add_option("--args", call->args,
-                          "Arguments as a JSON object (default {}); - reads standard input, @FILE a file");
+  callCommand->add_option(
+      "--args", call->args,
+      "Arguments as a JSON object (default {}); - reads standard input, @FILE a file");
   callCommand->add_option("--service-id", call->serviceId, "Calling service, for granted ops");
   callCommand->add_option("--correlation-id", call->correlationId, "Id kept in the audit row");
   addConnectionOptions(callCommand, call->connection);

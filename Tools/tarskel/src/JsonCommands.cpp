@@ -18,14 +18,16 @@ int writeCanonical(const JSONValue& value) {
 }
 
 void install(CLI::App& app, ToolContext& ctx) {
-  CLI::App* json = app.add_subcommand("json", "Canonical bytes and merge patches of JSON documents");
+  CLI::App* json =
+      app.add_subcommand("json", "Canonical bytes and merge patches of JSON documents");
   json->require_subcommand(1);
 
   auto file = std::make_shared<std::string>();
   CLI::App* canonical = json->add_subcommand(
       "canonical", "Write the canonical bytes of the JSON value in FILE (no newline added)");
   canonical->add_option("FILE", *file, "JSON file, or - for standard input")->required();
-  canonical->callback([&ctx, file] { ctx.action = [file] { return writeCanonical(readJSON(*file)); }; });
+  canonical->callback(
+      [&ctx, file] { ctx.action = [file] { return writeCanonical(readJSON(*file)); }; });
 
   auto patchFile = std::make_shared<std::string>();
   auto targetFile = std::make_shared<std::string>();

@@ -40,7 +40,8 @@ Progress::Progress(std::string verb, const std::filesystem::path& tree) : verb_(
   drawer_ = std::thread([this] {
     std::unique_lock lock(mutex_);
     // Small trees finish before anything is drawn.
-    while (!wake_.wait_for(lock, std::chrono::milliseconds(250), [this] { return done_; })) draw(false);
+    while (!wake_.wait_for(lock, std::chrono::milliseconds(250), [this] { return done_; }))
+      draw(false);
   });
 }
 

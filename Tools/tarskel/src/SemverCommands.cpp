@@ -53,7 +53,8 @@ int runCompare(const CompareOptions& options) {
   const SemVer b = requireVersion(options.b);
   const char* order = a < b ? "<" : (b < a ? ">" : "=");
   if (options.json) {
-    writeOutput(jsonLine(JSONObject{{"a", JSONValue(a.description())}, {"b", JSONValue(b.description())},
+    writeOutput(jsonLine(JSONObject{{"a", JSONValue(a.description())},
+                                    {"b", JSONValue(b.description())},
                                     {"order", JSONValue(order)}}));
   } else {
     writeOutput(std::string(order) + "\n");
@@ -76,11 +77,14 @@ void install(CLI::App& app, ToolContext& ctx) {
 
   auto compare = std::make_shared<CompareOptions>();
   CLI::App* compareCommand =
-      semver->add_subcommand("compare", "Print <, = or > as version A stands to version B (prereleases compare as plain text, so rc.10 < rc.9)");
+      semver->add_subcommand("compare",
+                             "Print <, = or > as version A stands to version B (prereleases "
+                             "compare as plain text, so rc.10 < rc.9)");
   compareCommand->add_option("A", compare->a, "major.minor.patch[-prerelease]")->required();
   compareCommand->add_option("B", compare->b, "major.minor.patch[-prerelease]")->required();
   addJSONFlag(compareCommand, compare->json);
-  compareCommand->callback([&ctx, compare] { ctx.action = [compare] { return runCompare(*compare); }; });
+  compareCommand->callback(
+      [&ctx, compare] { ctx.action = [compare] { return runCompare(*compare); }; });
 }
 
 const CommandRegistration kSemverCommands(30, install);

@@ -54,7 +54,8 @@ std::string commandPath(const CLI::App* node) {
 // `vendor seal`), and the exit table under its help.
 void addEverywhere(CLI::App& node, bool& quietFlag) {
   if (node.get_option_no_throw("--version") == nullptr) {
-    node.add_flag_callback("--version", [] { throw CLI::CallForVersion(); }, "Print the version and exit");
+    node.add_flag_callback(
+        "--version", [] { throw CLI::CallForVersion(); }, "Print the version and exit");
   }
   if (node.get_option_no_throw("-q") == nullptr) {
     node.add_flag("-q,--quiet", quietFlag, "No progress, warnings or report of success");
@@ -87,7 +88,9 @@ CLI::App* walkCommands(CLI::App& app, std::vector<std::string>& args) {
     if (word == "--") break;
     if (word.starts_with("-")) {
       const CLI::Option* option = node->get_option_no_throw(word.substr(0, word.find('=')));
-      if (option != nullptr && option->get_items_expected_min() > 0 && word.find('=') == std::string::npos) ++i;
+      if (option != nullptr && option->get_items_expected_min() > 0 &&
+          word.find('=') == std::string::npos)
+        ++i;
       continue;
     }
     if (subcommandsOf(*node).empty()) break;
@@ -150,8 +153,8 @@ int runTool(int argc, char** argv) {
     if (!subcommandsOf(*node).empty() && !asksForInformation(args)) {
       throw ToolFailure(kExitUsage, (node == &app ? std::string("a command is required")
                                                   : "'" + commandPath(node) + "' needs a command") +
-                                        ": " + joined(namesOf(*node), ", ") +
-                                        "\nRun '" + commandPath(node) + " --help' for more.");
+                                        ": " + joined(namesOf(*node), ", ") + "\nRun '" +
+                                        commandPath(node) + " --help' for more.");
     }
     std::reverse(args.begin(), args.end());  // CLI11 takes them last first
     app.parse(args);

@@ -15,7 +15,7 @@ struct Node {
   std::string path;  // "" for the tool itself, "vendor seal" for that command
   const CLI::App* app;
   std::vector<std::string> subcommands;
-  std::vector<const CLI::Option*> options;     // shown ones, not positionals
+  std::vector<const CLI::Option*> options;  // shown ones, not positionals
   std::vector<const CLI::Option*> positionals;
 };
 
@@ -28,7 +28,8 @@ void collect(const CLI::App* app, const std::string& path, std::vector<Node>& ou
   auto subs = const_cast<CLI::App*>(app)->get_subcommands([](CLI::App*) { return true; });
   for (const CLI::App* sub : subs) node.subcommands.push_back(sub->get_name());
   out.push_back(node);
-  for (const CLI::App* sub : subs) collect(sub, path.empty() ? sub->get_name() : path + " " + sub->get_name(), out);
+  for (const CLI::App* sub : subs)
+    collect(sub, path.empty() ? sub->get_name() : path + " " + sub->get_name(), out);
 }
 
 std::vector<Node> nodesOf(const CLI::App& app) {
@@ -75,9 +76,11 @@ std::string caseTable(const std::vector<Node>& nodes, bool subcommands, const ch
 
 std::string bashScript(const std::vector<Node>& nodes) {
   return "# bash completion for tarskel\n"
-         "_tarskel_commands() {\n    case \"$1\" in\n" + caseTable(nodes, true, "        ") +
+         "_tarskel_commands() {\n    case \"$1\" in\n" +
+         caseTable(nodes, true, "        ") +
          "    esac\n}\n"
-         "_tarskel_options() {\n    case \"$1\" in\n" + caseTable(nodes, false, "        ") +
+         "_tarskel_options() {\n    case \"$1\" in\n" +
+         caseTable(nodes, false, "        ") +
          "    esac\n}\n"
          "_tarskel() {\n"
          "    local cur=\"${COMP_WORDS[COMP_CWORD]}\" path=\"\" i w subs\n"
@@ -102,9 +105,11 @@ std::string bashScript(const std::vector<Node>& nodes) {
 std::string zshScript(const std::vector<Node>& nodes) {
   // "path" is special in zsh (it is $PATH as an array): the walk uses "at".
   return "#compdef tarskel\n"
-         "_tarskel_commands() {\n    case \"$1\" in\n" + caseTable(nodes, true, "        ") +
+         "_tarskel_commands() {\n    case \"$1\" in\n" +
+         caseTable(nodes, true, "        ") +
          "    esac\n}\n"
-         "_tarskel_options() {\n    case \"$1\" in\n" + caseTable(nodes, false, "        ") +
+         "_tarskel_options() {\n    case \"$1\" in\n" +
+         caseTable(nodes, false, "        ") +
          "    esac\n}\n"
          "_tarskel() {\n"
          "    local at=\"\" i w subs\n"
@@ -148,7 +153,8 @@ std::string fishScript(const std::vector<Node>& nodes) {
       "function __tarskel_at\n    set -l p (__tarskel_path)\n    test \"$p\" = \"$argv[1]\"\nend\n"
       "function __tarskel_has_commands\n    set -l c (__tarskel_commands (__tarskel_path))\n"
       "    test (count $c) -gt 0\nend\n"
-      "complete -c tarskel -f -n __tarskel_has_commands -a '(__tarskel_commands (__tarskel_path))'\n"
+      "complete -c tarskel -f -n __tarskel_has_commands -a '(__tarskel_commands "
+      "(__tarskel_path))'\n"
       "complete -c tarskel -F -n 'not __tarskel_has_commands'\n";
   for (const Node& node : nodes) {
     const std::string condition = "-n " + quoted("__tarskel_at \"" + node.path + "\"");
@@ -202,15 +208,17 @@ std::string completionScript(const CLI::App& app, const std::string& shell) {
 
 std::string manualPage(const CLI::App& app) {
   const std::vector<Node> nodes = nodesOf(app);
-  std::string out = ".TH TARSKEL 1 \"\" \"tarskel " TARSKEL_VERSION "\" \"Tarskel\"\n"
-                    ".SH NAME\ntarskel \\- the command\\-line tool of the Tarskel platform\n"
-                    ".SH SYNOPSIS\n\\fBtarskel\\fR \\fICOMMAND\\fR... [\\fIOPTIONS\\fR] [\\fIARGUMENTS\\fR]\n"
-                    ".br\n\\fBtarskel help\\fR \\fICOMMAND\\fR...\n"
-                    ".SH DESCRIPTION\n"
-                    "Every command reads files (or \\fB\\-\\fR for standard input), writes its result "
-                    "on standard output and its messages on standard error. Every command takes "
-                    "\\fB\\-q\\fR, \\fB\\-\\-help\\fR and \\fB\\-\\-version\\fR.\n"
-                    ".SH COMMANDS\n";
+  std::string out =
+      ".TH TARSKEL 1 \"\" \"tarskel " TARSKEL_VERSION
+      "\" \"Tarskel\"\n"
+      ".SH NAME\ntarskel \\- the command\\-line tool of the Tarskel platform\n"
+      ".SH SYNOPSIS\n\\fBtarskel\\fR \\fICOMMAND\\fR... [\\fIOPTIONS\\fR] [\\fIARGUMENTS\\fR]\n"
+      ".br\n\\fBtarskel help\\fR \\fICOMMAND\\fR...\n"
+      ".SH DESCRIPTION\n"
+      "Every command reads files (or \\fB\\-\\fR for standard input), writes its result "
+      "on standard output and its messages on standard error. Every command takes "
+      "\\fB\\-q\\fR, \\fB\\-\\-help\\fR and \\fB\\-\\-version\\fR.\n"
+      ".SH COMMANDS\n";
   for (const Node& node : nodes) {
     if (node.path.empty() || !node.subcommands.empty()) continue;
     out += ".SS \"" + usage(node) + "\"\n" + roff(node.app->get_description()) + "\n";
@@ -224,17 +232,21 @@ std::string manualPage(const CLI::App& app) {
         continue;  // said once above
       }
       std::string names;
-      for (const std::string& s : option->get_snames()) names += (names.empty() ? "" : ", ") + ("\\fB\\-" + s + "\\fR");
-      for (const std::string& l : option->get_lnames()) names += (names.empty() ? "" : ", ") + ("\\fB\\-\\-" + roff(l) + "\\fR");
-      if (option->get_items_expected_min() > 0) names += " \\fI" + roff(option->get_type_name()) + "\\fR";
+      for (const std::string& s : option->get_snames())
+        names += (names.empty() ? "" : ", ") + ("\\fB\\-" + s + "\\fR");
+      for (const std::string& l : option->get_lnames())
+        names += (names.empty() ? "" : ", ") + ("\\fB\\-\\-" + roff(l) + "\\fR");
+      if (option->get_items_expected_min() > 0)
+        names += " \\fI" + roff(option->get_type_name()) + "\\fR";
       out += ".TP\n" + names + "\n" + roff(option->get_description()) + "\n";
     }
   }
-  out += ".SH \"EXIT STATUS\"\n"
-         ".TP\n0\nok\n.TP\n1\nrefused, or not ok (a finding, a failed check)\n"
-         ".TP\n2\nbad usage, or input that can't be used\n"
-         ".TP\n3\nthe daemon could not be reached, or did not answer in time\n"
-         ".SH \"SEE ALSO\"\n\\fBtarskeld\\fR(8)\n";
+  out +=
+      ".SH \"EXIT STATUS\"\n"
+      ".TP\n0\nok\n.TP\n1\nrefused, or not ok (a finding, a failed check)\n"
+      ".TP\n2\nbad usage, or input that can't be used\n"
+      ".TP\n3\nthe daemon could not be reached, or did not answer in time\n"
+      ".SH \"SEE ALSO\"\n\\fBtarskeld\\fR(8)\n";
   return out;
 }
 

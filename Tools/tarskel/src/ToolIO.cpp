@@ -88,7 +88,9 @@ class SyntaxScanner {
     return fail(std::string("unexpected '") + t_[at_] + "'");
   }
   void space() {
-    while (at_ < t_.size() && (t_[at_] == ' ' || t_[at_] == '\t' || t_[at_] == '\n' || t_[at_] == '\r')) ++at_;
+    while (at_ < t_.size() &&
+           (t_[at_] == ' ' || t_[at_] == '\t' || t_[at_] == '\n' || t_[at_] == '\r'))
+      ++at_;
   }
   bool literal(std::string_view word) {
     if (t_.substr(at_, word.size()) != word) return unexpected();
@@ -133,7 +135,8 @@ class SyntaxScanner {
         const char e = t_[at_];
         if (e == 'u') {
           for (int k = 1; k <= 4; ++k) {
-            if (at_ + k >= t_.size() || std::isxdigit(static_cast<unsigned char>(t_[at_ + k])) == 0) {
+            if (at_ + k >= t_.size() ||
+                std::isxdigit(static_cast<unsigned char>(t_[at_ + k])) == 0) {
               return fail("malformed \\u escape");
             }
           }
@@ -146,7 +149,8 @@ class SyntaxScanner {
         continue;
       }
       const std::size_t n = c < 0x80 ? 1 : (c >= 0xF0 ? 4 : (c >= 0xE0 ? 3 : (c >= 0xC0 ? 2 : 0)));
-      if (n == 0 || at_ + n > t_.size() || !isValidUTF8(t_.substr(at_, n))) return fail("invalid UTF-8");
+      if (n == 0 || at_ + n > t_.size() || !isValidUTF8(t_.substr(at_, n)))
+        return fail("invalid UTF-8");
       at_ += n;
     }
     return fail("unterminated string");
@@ -154,19 +158,26 @@ class SyntaxScanner {
   bool value(std::size_t depth) {
     if (at_ == t_.size()) return unexpected();
     switch (t_[at_]) {
-      case '{': return container(depth, '}');
-      case '[': return container(depth, ']');
-      case '"': return string();
-      case 't': return literal("true");
-      case 'f': return literal("false");
-      case 'n': return literal("null");
+      case '{':
+        return container(depth, '}');
+      case '[':
+        return container(depth, ']');
+      case '"':
+        return string();
+      case 't':
+        return literal("true");
+      case 'f':
+        return literal("false");
+      case 'n':
+        return literal("null");
       default:
         if (t_[at_] == '-' || (t_[at_] >= '0' && t_[at_] <= '9')) return number();
         return unexpected();
     }
   }
   bool container(std::size_t depth, char close) {
-    if (depth >= kMaxDepth) return fail("nesting deeper than " + std::to_string(kMaxDepth) + " levels");
+    if (depth >= kMaxDepth)
+      return fail("nesting deeper than " + std::to_string(kMaxDepth) + " levels");
     ++at_;
     space();
     if (at_ < t_.size() && t_[at_] == close) {
@@ -175,10 +186,12 @@ class SyntaxScanner {
     }
     for (;;) {
       if (close == '}') {
-        if (at_ == t_.size() || t_[at_] != '"') return at_ == t_.size() ? unexpected() : fail("expected a key");
+        if (at_ == t_.size() || t_[at_] != '"')
+          return at_ == t_.size() ? unexpected() : fail("expected a key");
         if (!string()) return false;
         space();
-        if (at_ == t_.size() || t_[at_] != ':') return at_ == t_.size() ? unexpected() : fail("expected ':'");
+        if (at_ == t_.size() || t_[at_] != ':')
+          return at_ == t_.size() ? unexpected() : fail("expected ':'");
         ++at_;
         space();
       }
@@ -284,10 +297,13 @@ void addOutputOption(CLI::App* command, std::string& outputPath) {
 }
 
 void addJSONFlag(CLI::App* command, bool& json) {
-  command->add_flag("--json", json, "Print the result as one line of JSON (see docs/tarskel-json.md)");
+  command->add_flag("--json", json,
+                    "Print the result as one line of JSON (see docs/tarskel-json.md)");
 }
 
-std::string jsonLine(const JSONValue& value) { return TarskelJSON::canonicalEncoder().encode(value) + "\n"; }
+std::string jsonLine(const JSONValue& value) {
+  return TarskelJSON::canonicalEncoder().encode(value) + "\n";
+}
 
 std::string nearestWord(std::string_view word, const std::vector<std::string>& candidates) {
   std::string best;

@@ -7,9 +7,9 @@
 // entry {"keyId":"ID","publicKey":"<base64 of 32 raw bytes>"}.
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <fmt/format.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -63,9 +63,10 @@ std::string checkedKeyId(const std::string& keyId, const std::string& where) {
 void checkKeyPermissions(const std::string& path, bool strict) {
   struct stat info {};
   if (path == "-" || ::stat(path.c_str(), &info) != 0 || (info.st_mode & 077) == 0) return;
-  const std::string text = fmt::format("{}: private key readable by group or others (mode {:04o}); "
-                                       "chmod 600 it",
-                                       path, info.st_mode & 07777);
+  const std::string text = fmt::format(
+      "{}: private key readable by group or others (mode {:04o}); "
+      "chmod 600 it",
+      path, info.st_mode & 07777);
   if (strict) throw ToolFailure(kExitUsage, text);
   warn(text);
 }
@@ -163,12 +164,18 @@ VendorVerification ed25519Verification() {
 
 const char* sealKindName(SealError::Kind kind) {
   switch (kind) {
-    case SealError::Kind::unreadableManifest: return "unreadableManifest";
-    case SealError::Kind::fileMissing: return "fileMissing";
-    case SealError::Kind::hashMismatch: return "hashMismatch";
-    case SealError::Kind::unexpectedFile: return "unexpectedFile";
-    case SealError::Kind::notRegularFile: return "notRegularFile";
-    case SealError::Kind::verification: return "verification";
+    case SealError::Kind::unreadableManifest:
+      return "unreadableManifest";
+    case SealError::Kind::fileMissing:
+      return "fileMissing";
+    case SealError::Kind::hashMismatch:
+      return "hashMismatch";
+    case SealError::Kind::unexpectedFile:
+      return "unexpectedFile";
+    case SealError::Kind::notRegularFile:
+      return "notRegularFile";
+    case SealError::Kind::verification:
+      return "verification";
   }
   return "?";
 }
@@ -182,8 +189,11 @@ int guarded(const std::string& dir, bool json, Body body) {
     return body();
   } catch (const SealError& e) {
     if (json) {
-      JSONObject error{{"kind", JSONValue(sealKindName(e.kind()))}, {"message", JSONValue(e.description())}};
-      writeOutput(jsonLine(JSONObject{{"ok", JSONValue(false)}, {"dir", JSONValue(dir)}, {"error", JSONValue(std::move(error))}}));
+      JSONObject error{{"kind", JSONValue(sealKindName(e.kind()))},
+                       {"message", JSONValue(e.description())}};
+      writeOutput(jsonLine(JSONObject{{"ok", JSONValue(false)},
+                                      {"dir", JSONValue(dir)},
+                                      {"error", JSONValue(std::move(error))}}));
     }
     throw ToolFailure(kExitFinding, e.description());
   } catch (const std::filesystem::filesystem_error& e) {
@@ -196,7 +206,8 @@ int guarded(const std::string& dir, bool json, Body body) {
 void requireDirectory(const std::string& dir) {
   std::error_code ec;
   if (!fs::is_directory(dir, ec)) {
-    throw ToolFailure(kExitUsage, dir + ": " + (fs::exists(dir, ec) ? "not a directory" : std::strerror(ENOENT)));
+    throw ToolFailure(
+        kExitUsage, dir + ": " + (fs::exists(dir, ec) ? "not a directory" : std::strerror(ENOENT)));
   }
 }
 
@@ -207,7 +218,8 @@ struct KeygenOptions {
 
 int keygen(const KeygenOptions& o) {
   Ed25519KeyPair pair(checkedKeyId(o.keyId, "--key-id"));
-  writeKeyFile(o.out, TarskelJSON::encoder().encode(KeyFile{pair.keyId(), pair.rawPrivateKeyBase64()}));
+  writeKeyFile(o.out,
+               TarskelJSON::encoder().encode(KeyFile{pair.keyId(), pair.rawPrivateKeyBase64()}));
   writeOutput(canonicalLine(pair.vendorKey()));
   return kExitSuccess;
 }
@@ -238,10 +250,12 @@ int allowlist(const AllowlistOptions& o) {
     // Never list a key every forged signature verifies under.
     const std::optional<std::string> raw = base64Decode(key.publicKey);
     if (const auto weakness = raw ? ed25519KeyWeakness(*raw) : std::nullopt) {
-      throw ToolFailure(kExitUsage, path + ": clave vendor '" + key.keyId + "' rechazada: " + *weakness);
+      throw ToolFailure(kExitUsage,
+                        path + ": clave vendor '" + key.keyId + "' rechazada: " + *weakness);
     }
     if (auto [it, fresh] = seen.emplace(key.keyId, path); !fresh) {
-      throw ToolFailure(kExitUsage, "key id '" + key.keyId + "' twice: " + it->second + " and " + path);
+      throw ToolFailure(kExitUsage,
+                        "key id '" + key.keyId + "' twice: " + it->second + " and " + path);
     }
     list.keys.push_back(std::move(key));
   }
@@ -262,7 +276,8 @@ struct SealOptions {
   bool strict = false;
 };
 
-std::optional<std::map<std::string, std::string>> parseMetadata(const std::vector<std::string>& pairs) {
+std::optional<std::map<std::string, std::string>> parseMetadata(
+    const std::vector<std::string>& pairs) {
   if (pairs.empty()) return std::nullopt;
   std::map<std::string, std::string> out;
   for (const std::string& pair : pairs) {
@@ -283,7 +298,8 @@ std::int64_t parseMonotonic(const std::string& text) {
   std::int64_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error != std::errc() || end != text.data() + text.size() || text.empty() || value < 0) {
-    throw ToolFailure(kExitUsage, "--monotonic takes an integer from 0 to 9223372036854775807: " + text);
+    throw ToolFailure(kExitUsage,
+                      "--monotonic takes an integer from 0 to 9223372036854775807: " + text);
   }
   return value;
 }
@@ -294,14 +310,16 @@ void refuseForeignVendorDirectory(const std::string& dir) {
   const fs::path vendor = fs::path(dir) / BundleSeal::vendorDir;
   std::error_code ec;
   if (!fs::exists(fs::symlink_status(vendor, ec))) return;
-  const std::string refusal = vendor.string() +
-                              " holds files of the tree, which a seal would leave uncovered; "
-                              "move them elsewhere (only manifest.json and manifest.sig may be there)";
+  const std::string refusal =
+      vendor.string() +
+      " holds files of the tree, which a seal would leave uncovered; "
+      "move them elsewhere (only manifest.json and manifest.sig may be there)";
   if (!fs::is_directory(fs::symlink_status(vendor, ec))) throw ToolFailure(kExitUsage, refusal);
   for (const fs::directory_entry& entry : fs::directory_iterator(vendor, ec)) {
     const std::string name = entry.path().filename().string();
     const bool sealFile = name == "manifest.json" || name == "manifest.sig";
-    if (!sealFile || !entry.is_regular_file(ec) || entry.is_symlink(ec)) throw ToolFailure(kExitUsage, refusal);
+    if (!sealFile || !entry.is_regular_file(ec) || entry.is_symlink(ec))
+      throw ToolFailure(kExitUsage, refusal);
   }
 }
 
@@ -310,13 +328,16 @@ int seal(const SealOptions& o) {
   if (!type) throw ToolFailure(kExitUsage, "--type takes platform or service: " + o.type);
   if (o.artifactId.empty()) throw ToolFailure(kExitUsage, "--artifact-id is empty");
   if (!SemVer::parse(o.version)) {
-    throw ToolFailure(kExitUsage, "--version takes a version such as 1.2.3 or 2.0.0-rc.1: '" + o.version + "'");
+    throw ToolFailure(kExitUsage,
+                      "--version takes a version such as 1.2.3 or 2.0.0-rc.1: '" + o.version + "'");
   }
   const std::int64_t monotonic = parseMonotonic(o.monotonic);
   const std::optional<Date> expires = parseISO8601(o.expires);
   if (!expires) throw ToolFailure(kExitUsage, "--expires takes YYYY-MM-DDTHH:MM:SSZ: " + o.expires);
   if (expires->secondsSinceReferenceDate <= Date::now().secondsSinceReferenceDate) {
-    throw ToolFailure(kExitUsage, "--expires is not in the future, so no machine would accept the seal: " + o.expires);
+    throw ToolFailure(
+        kExitUsage,
+        "--expires is not in the future, so no machine would accept the seal: " + o.expires);
   }
   auto metadata = parseMetadata(o.metadata);
   const Ed25519KeyPair pair = loadKeyPair(o.key, o.strict);
@@ -408,11 +429,13 @@ int applyRotation(const RotateOptions& o) {
 template <class Options>
 void bind(CLI::App* command, ToolContext& ctx, std::shared_ptr<Options> options,
           int (*run)(const Options&)) {
-  command->callback([&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
+  command->callback(
+      [&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
 }
 
 void addStrict(CLI::App* command, bool& strict) {
-  command->add_flag("--strict", strict, "Refuse, not just warn about, a private key readable by group or others");
+  command->add_flag("--strict", strict,
+                    "Refuse, not just warn about, a private key readable by group or others");
 }
 
 void install(CLI::App& app, ToolContext& ctx) {
@@ -420,23 +443,27 @@ void install(CLI::App& app, ToolContext& ctx) {
   vendor->require_subcommand(1);
 
   auto k = std::make_shared<KeygenOptions>();
-  CLI::App* keygenCommand = vendor->add_subcommand("keygen", "Make a signing key; print its allowlist entry");
+  CLI::App* keygenCommand =
+      vendor->add_subcommand("keygen", "Make a signing key; print its allowlist entry");
   keygenCommand->add_option("--key-id", k->keyId, "The key's name in allowlists")->required();
-  keygenCommand->add_option("--out", k->out, "Key file to create (mode 0600; never overwritten)")->required();
+  keygenCommand->add_option("--out", k->out, "Key file to create (mode 0600; never overwritten)")
+      ->required();
   bind(keygenCommand, ctx, k, keygen);
 
   auto p = std::make_shared<PubkeyOptions>();
-  CLI::App* pubkeyCommand =
-      vendor->add_subcommand("pubkey", "Print the public-key file {\"keyId\",\"publicKey\"} of a key");
+  CLI::App* pubkeyCommand = vendor->add_subcommand(
+      "pubkey", "Print the public-key file {\"keyId\",\"publicKey\"} of a key");
   pubkeyCommand->add_option("KEY", p->key, "Private key file")->required();
   addOutputOption(pubkeyCommand, p->output);
   addStrict(pubkeyCommand, p->strict);
   bind(pubkeyCommand, ctx, p, pubkey);
 
   auto a = std::make_shared<AllowlistOptions>();
-  CLI::App* allowlistCommand = vendor->add_subcommand("allowlist", "Print an allowlist of these keys");
+  CLI::App* allowlistCommand =
+      vendor->add_subcommand("allowlist", "Print an allowlist of these keys");
   allowlistCommand->add_option("--revision", a->revision, "The list's revision")->required();
-  allowlistCommand->add_option("KEYFILES", a->keyFiles, "Public-key or private key files, in list order")
+  allowlistCommand
+      ->add_option("KEYFILES", a->keyFiles, "Public-key or private key files, in list order")
       ->required();
   addOutputOption(allowlistCommand, a->output);
   addStrict(allowlistCommand, a->strict);
@@ -448,25 +475,31 @@ void install(CLI::App& app, ToolContext& ctx) {
   sealCommand->add_option("--key", s->key, "Private key file")->required();
   sealCommand->add_option("--artifact-id", s->artifactId, "Artifact identity")->required();
   sealCommand->add_option("--type", s->type, "platform or service")->required();
-  sealCommand->add_option("--version", s->version, "The artifact's version, e.g. 1.2.3")->required();
-  sealCommand->add_option("--monotonic", s->monotonic, "Anti-rollback number, 0 or more")->required();
-  sealCommand->add_option("--expires", s->expires, "YYYY-MM-DDTHH:MM:SSZ, in the future")->required();
+  sealCommand->add_option("--version", s->version, "The artifact's version, e.g. 1.2.3")
+      ->required();
+  sealCommand->add_option("--monotonic", s->monotonic, "Anti-rollback number, 0 or more")
+      ->required();
+  sealCommand->add_option("--expires", s->expires, "YYYY-MM-DDTHH:MM:SSZ, in the future")
+      ->required();
   sealCommand->add_option("--metadata", s->metadata, "KEY=VALUE annotation, repeatable");
   addJSONFlag(sealCommand, s->json);
   addStrict(sealCommand, s->strict);
   bind(sealCommand, ctx, s, seal);
 
   auto v = std::make_shared<VerifyOptions>();
-  CLI::App* verifyCommand = vendor->add_subcommand("verify", "Prove a sealed tree; exit 1 naming the fault");
+  CLI::App* verifyCommand =
+      vendor->add_subcommand("verify", "Prove a sealed tree; exit 1 naming the fault");
   verifyCommand->add_option("DIR", v->dir, "The tree's root")->required();
   verifyCommand->add_option("--allowlist", v->allowlist, "Allowlist file")->required();
-  verifyCommand->add_option("--installed-monotonic", v->installedMonotonic, "Refuse older versions");
+  verifyCommand->add_option("--installed-monotonic", v->installedMonotonic,
+                            "Refuse older versions");
   verifyCommand->add_flag("--allow-downgrade", v->allowDowngrade, "Accept an older version");
   addJSONFlag(verifyCommand, v->json);
   bind(verifyCommand, ctx, v, verify);
 
   auto r = std::make_shared<RotateOptions>();
-  CLI::App* rotateCommand = vendor->add_subcommand("rotate", "Sign a new allowlist with a current key");
+  CLI::App* rotateCommand =
+      vendor->add_subcommand("rotate", "Sign a new allowlist with a current key");
   rotateCommand->add_option("--current", r->current, "Allowlist in force")->required();
   rotateCommand->add_option("--new", r->next, "Allowlist to replace it")->required();
   rotateCommand->add_option("--key", r->key, "Private key file of a current key")->required();
@@ -474,7 +507,8 @@ void install(CLI::App& app, ToolContext& ctx) {
   addStrict(rotateCommand, r->strict);
   bind(rotateCommand, ctx, r, rotate);
 
-  CLI::App* applyCommand = vendor->add_subcommand("apply-rotation", "Print the allowlist a rotation yields");
+  CLI::App* applyCommand =
+      vendor->add_subcommand("apply-rotation", "Print the allowlist a rotation yields");
   applyCommand->add_option("ROTATION", r->rotation, "Rotation file")->required();
   applyCommand->add_option("--current", r->current, "Allowlist in force")->required();
   addOutputOption(applyCommand, r->output);

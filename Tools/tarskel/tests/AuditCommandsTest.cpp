@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -59,7 +58,6 @@ class AuditCommandsTest : public ::testing::Test {
   fs::path root;
 };
 
-
 constexpr const char* kHead = "630a860e28a251d71b856207e7da1d233c2a14a3183149f4c71ab1c44377374f";
 
 TEST_F(AuditCommandsTest, VerifyGivesTheHeadOrTheFirstFault) {
@@ -76,7 +74,8 @@ TEST_F(AuditCommandsTest, VerifyGivesTheHeadOrTheFirstFault) {
       {"DELETE FROM audit WHERE seq = 2;",
        "chain broken at seq 3: prev_hash differs from the hash of the row before\n"},
       // Regression: a cut tail was reported as a shorter chain that holds.
-      {"DELETE FROM audit WHERE seq = 3;", "chain cut after seq 2: the table's sequence stands at 3\n"},
+      {"DELETE FROM audit WHERE seq = 3;",
+       "chain cut after seq 2: the table's sequence stands at 3\n"},
       {"UPDATE audit SET duration_ms = 7 WHERE seq = 3;", ok},
   };
   for (const auto& [change, expected] : cases) {
@@ -97,9 +96,11 @@ TEST_F(AuditCommandsTest, VerifyFromASeqAndAsJSON) {
 
   ToolRun json = runTool({"audit", "verify", "--json", "--db", db()});
   EXPECT_EQ(json.exitCode, 1);
-  EXPECT_EQ(json.out, R"({"fromSeq":1,"headHash":")" + std::string(64, '0') +
-                          R"(","headSeq":0,"ok":false,"problem":"broken",)"
-                          R"("reason":"hash does not match the row's contents","rowsChecked":0,"seq":1})" "\n");
+  EXPECT_EQ(json.out,
+            R"({"fromSeq":1,"headHash":")" + std::string(64, '0') +
+                R"(","headSeq":0,"ok":false,"problem":"broken",)"
+                R"("reason":"hash does not match the row's contents","rowsChecked":0,"seq":1})"
+                "\n");
 }
 
 // Regression: with one page of a 20,000-row database overwritten, verify
@@ -119,7 +120,10 @@ for i in range(20000):
     prev = h
 db.commit()
 )PY";
-  ASSERT_EQ(std::system(("python3 " + shellQuote((root / "make.py").string()) + " " + shellQuote(db())).c_str()), 0);
+  ASSERT_EQ(
+      std::system(
+          ("python3 " + shellQuote((root / "make.py").string()) + " " + shellQuote(db())).c_str()),
+      0);
   ToolRun intact = runTool({"audit", "verify", "--db", db()});
   ASSERT_EQ(intact.exitCode, 0) << intact.out;
   const auto size = fs::file_size(db());
@@ -159,10 +163,12 @@ TEST_F(AuditCommandsTest, AFileTheUserMayNotReadIsSaidSo) {
   std::string drop = ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
   if (::geteuid() != 0) fs::permissions(db(), fs::perms::none);
   std::string err = (root / "err").string();
-  int status = std::system((drop + shellQuote(TARSKEL_TOOL_PATH) + " audit verify --db " + shellQuote(db()) +
-                            " 2>" + shellQuote(err)).c_str());
+  int status = std::system((drop + shellQuote(TARSKEL_TOOL_PATH) + " audit verify --db " +
+                            shellQuote(db()) + " 2>" + shellQuote(err))
+                               .c_str());
   EXPECT_EQ(WEXITSTATUS(status), 2);
-  EXPECT_NE(readWhole(err).find("audit.db: permission denied: the audit database is readable by its owner"),
+  EXPECT_NE(readWhole(err).find(
+                "audit.db: permission denied: the audit database is readable by its owner"),
             std::string::npos)
       << readWhole(err);
 }
@@ -170,13 +176,15 @@ TEST_F(AuditCommandsTest, AFileTheUserMayNotReadIsSaidSo) {
 // Regression: a service id holding a newline forged a whole row on screen,
 // and an escape sequence reached the terminal.
 TEST_F(AuditCommandsTest, PeopleSeeControlCharactersEscapedMachinesSeeThemExactly) {
-  sql("UPDATE audit SET caller = 'app svc:x' || char(10) || '9  fake' || char(27) || '[31m\\' WHERE seq = 3;"
+  sql("UPDATE audit SET caller = 'app svc:x' || char(10) || '9  fake' || char(27) || '[31m\\' "
+      "WHERE seq = 3;"
       "UPDATE audit SET tool = 'op' || char(133) || char(8238) WHERE seq = 3;");
   ToolRun tail = runTool({"audit", "tail", "-n", "2", "--db", db()});
   ASSERT_EQ(tail.exitCode, 0) << tail.err;
   EXPECT_EQ(tail.out,
             "SEQ  TIME                  OP              OUTCOME  ORIGIN  CORRELATION  MS   CALLER\n"
-            "2    2025-11-15T19:08:04Z  daemon.info     ok       xpc     req-1        1.5  com.example.app\n"
+            "2    2025-11-15T19:08:04Z  daemon.info     ok       xpc     req-1        1.5  "
+            "com.example.app\n"
             "3    2025-11-15T19:08:10Z  op\\u0085\\u202e  ok       xpc     req-0        1.5  "
             "app svc:x\\n9  fake\\x1b[31m\\\\\n");
 
@@ -186,14 +194,17 @@ TEST_F(AuditCommandsTest, PeopleSeeControlCharactersEscapedMachinesSeeThemExactl
 }
 
 TEST_F(AuditCommandsTest, JsonLinesCarryAllColumnsExactlyInCamelCase) {
-  ToolRun show = runTool({"audit", "show", "--correlation", "req-0", "--json", "--root", root.string()});
+  ToolRun show =
+      runTool({"audit", "show", "--correlation", "req-0", "--json", "--root", root.string()});
   ASSERT_EQ(show.exitCode, 0) << show.err;
-  EXPECT_EQ(show.out.substr(show.out.find('\n') + 1),
-            R"({"caller":"com.example.app","correlationId":"req-0","durationMs":1.5,"hash":")" +
-                std::string(kHead) +
-                R"(","origin":"xpc","outcome":"ok",)"
-                R"("prevHash":"517b3912bd8cbd7c19145c87f0323620eea4bcefe7b47650e2f1a7d54df26468",)"
-                R"("seq":3,"time":"2025-11-15T19:08:10.250Z","tool":"daemon.info","ts":784926490.25})" "\n");
+  EXPECT_EQ(
+      show.out.substr(show.out.find('\n') + 1),
+      R"({"caller":"com.example.app","correlationId":"req-0","durationMs":1.5,"hash":")" +
+          std::string(kHead) +
+          R"(","origin":"xpc","outcome":"ok",)"
+          R"("prevHash":"517b3912bd8cbd7c19145c87f0323620eea4bcefe7b47650e2f1a7d54df26468",)"
+          R"("seq":3,"time":"2025-11-15T19:08:10.250Z","tool":"daemon.info","ts":784926490.25})"
+          "\n");
   ToolRun exported = runTool({"audit", "export", "--from", "2", "--db", db()});
   EXPECT_EQ(std::count(exported.out.begin(), exported.out.end(), '\n'), 2);
 }
@@ -216,7 +227,8 @@ TEST_F(AuditCommandsTest, FiltersSelectRows) {
     ToolRun run = runTool(args);
     ASSERT_EQ(run.exitCode, 0) << run.err;
     std::string got;
-    for (std::size_t at = 0; (at = run.out.find("\"seq\":", at)) != std::string::npos; ++at) got += run.out[at + 6];
+    for (std::size_t at = 0; (at = run.out.find("\"seq\":", at)) != std::string::npos; ++at)
+      got += run.out[at + 6];
     EXPECT_EQ(got, seqs);
   }
 }
@@ -224,10 +236,12 @@ TEST_F(AuditCommandsTest, FiltersSelectRows) {
 // Regression: tail -n -1 of a million rows took 1.9 GB before the first line.
 TEST_F(AuditCommandsTest, TailOfAllRowsStreams) {
   sql("WITH RECURSIVE n(i) AS (SELECT 4 UNION ALL SELECT i + 1 FROM n WHERE i < 300000) "
-      "INSERT INTO audit SELECT i, 784926490.0 + i, 'com.example.app', 'daemon.info', 'xpc', 'ok', 1.5, "
+      "INSERT INTO audit SELECT i, 784926490.0 + i, 'com.example.app', 'daemon.info', 'xpc', 'ok', "
+      "1.5, "
       "'req-' || i, printf('%064d', i - 1), printf('%064d', i) FROM n;");
   const std::string count = (root / "count").string();
-  ASSERT_EQ(shell("audit tail -n -1 --db " + shellQuote(db()) + " | wc -l >" + shellQuote(count)), 0);
+  ASSERT_EQ(shell("audit tail -n -1 --db " + shellQuote(db()) + " | wc -l >" + shellQuote(count)),
+            0);
   EXPECT_EQ(std::stol(readWhole(count)), 300001);
   rusage usage{};
   getrusage(RUSAGE_CHILDREN, &usage);
@@ -236,9 +250,13 @@ TEST_F(AuditCommandsTest, TailOfAllRowsStreams) {
 
 TEST_F(AuditCommandsTest, TailFollowsNewRows) {
   const std::string out = (root / "out").string();
-  std::thread follower([&] { shell("audit tail -f -n 0 --db " + shellQuote(db()) + " >" + shellQuote(out) + " & sleep 3; kill $!"); });
+  std::thread follower([&] {
+    shell("audit tail -f -n 0 --db " + shellQuote(db()) + " >" + shellQuote(out) +
+          " & sleep 3; kill $!");
+  });
   std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-  sql("INSERT INTO audit VALUES (4, 784926491.0, 'late', 'daemon.info', 'xpc', 'ok', 1.5, 'req-4', 'p', 'h');");
+  sql("INSERT INTO audit VALUES (4, 784926491.0, 'late', 'daemon.info', 'xpc', 'ok', 1.5, 'req-4', "
+      "'p', 'h');");
   follower.join();
   std::string text = readWhole(out);
   EXPECT_NE(text.find("req-4"), std::string::npos) << text;

@@ -1,8 +1,7 @@
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <filesystem>
@@ -43,7 +42,8 @@ TEST(BusCommands, DecodePrintsOneLinePerFrameAndGoesOnPastBadPayloads) {
       {frame(request) + frame(R"({"jsonrpc":"2.0","method":"n","params":[1.0]})"), 0,
        printed + line("notification", R"({"jsonrpc":"2.0","method":"n","params":[1]})"), ""},
       {frame(R"({"jsonrpc":"2.0","id":"a","result":null,"error":{"code":-1,"message":"e"}})") +
-           frame(R"({"jsonrpc":"2.0","id":1.5,"result":true})") + frame(R"({"jsonrpc":"2.0","id":2,"result":{}})"),
+           frame(R"({"jsonrpc":"2.0","id":1.5,"result":true})") +
+           frame(R"({"jsonrpc":"2.0","id":2,"result":{}})"),
        1,
        line("errorResponse", R"({"jsonrpc":"2.0","id":"a","error":{"code":-1,"message":"e"}})") +
            R"({"error":"dataCorrupted en id: id debe ser número o string"})" + "\n" +
@@ -65,7 +65,8 @@ TEST(BusCommands, DecodePrintsOneLinePerFrameAndGoesOnPastBadPayloads) {
 
 TEST(BusCommands, EncodeWritesFramesThatDecodeBack) {
   const std::string lines =
-      "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"health.ping\"}\r\n\n  \n{\"jsonrpc\":\"2.0\",\"method\":\"n\"}";
+      "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"health.ping\"}\r\n\n  "
+      "\n{\"jsonrpc\":\"2.0\",\"method\":\"n\"}";
   ToolRun encoded = runTool({"bus", "encode"}, lines);
   ASSERT_EQ(encoded.exitCode, 0) << encoded.err;
   EXPECT_EQ(encoded.out, frame(R"({"jsonrpc":"2.0","id":1,"method":"health.ping"})") +
@@ -77,10 +78,12 @@ TEST(BusCommands, EncodeWritesFramesThatDecodeBack) {
   EXPECT_EQ(decoded.exitCode, 1);
 
   // A bad line writes nothing at all and names the line.
-  ToolRun bad = runTool({"bus", "encode"}, "{\"jsonrpc\":\"2.0\",\"method\":\"n\"}\n{\"jsonrpc\":\"2.0\"}\n");
+  ToolRun bad =
+      runTool({"bus", "encode"}, "{\"jsonrpc\":\"2.0\",\"method\":\"n\"}\n{\"jsonrpc\":\"2.0\"}\n");
   EXPECT_EQ(bad.exitCode, 2);
   EXPECT_EQ(bad.out, "");
-  EXPECT_NE(bad.err.find("línea 2: dataCorrupted en method: mensaje sin method, result ni error"), std::string::npos)
+  EXPECT_NE(bad.err.find("línea 2: dataCorrupted en method: mensaje sin method, result ni error"),
+            std::string::npos)
       << bad.err;
 }
 
@@ -99,7 +102,8 @@ class BusServeTest : public ::testing::Test {
       ::execl(TARSKEL_TOOL_PATH, "tarskel", "bus", "serve", "--socket", socket_.c_str(), nullptr);
       ::_exit(127);
     }
-    for (int i = 0; i < 500 && !fs::exists(socket_); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 0; i < 500 && !fs::exists(socket_); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_TRUE(fs::exists(socket_));
   }
   void TearDown() override {
@@ -126,8 +130,13 @@ TEST_F(BusServeTest, CallGetsResultsErrorsAndRefusals) {
   const std::vector<Case> cases = {
       {{"health.ping"}, 0, "{\"ok\":true}\n", ""},
       {{"health.ping", "--params", R"({"a":[1]})"}, 0, "{\"ok\":true}\n", ""},
-      {{"config.get"}, 1, R"({"code":-32601,"message":"método desconocido: config.get"})" "\n", ""},
-      {{"health.ping", "--protocol-version", "2.0.0"}, 1,
+      {{"config.get"},
+       1,
+       R"({"code":-32601,"message":"método desconocido: config.get"})"
+       "\n",
+       ""},
+      {{"health.ping", "--protocol-version", "2.0.0"},
+       1,
        R"({"code":-32006,"data":{"accepted":false,"capabilities":[],"protocolVersion":"1.1.0",)"
        R"("reason":"protocolo 2.0.0 incompatible con 1.1.0"},"message":"protocolo 2.0.0 incompatible con 1.1.0"})"
        "\n",
@@ -153,9 +162,12 @@ TEST_F(BusServeTest, CallGetsResultsErrorsAndRefusals) {
 TEST(BusCommands, CallWithoutPeerIsATransportFailure) {
   ToolRun run = runTool({"bus", "call", "health.ping", "--socket", "/nonexistent/bus.sock"});
   EXPECT_EQ(run.exitCode, 3);
-  EXPECT_NE(run.err.find("no se pudo conectar a /nonexistent/bus.sock"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("no se pudo conectar a /nonexistent/bus.sock"), std::string::npos)
+      << run.err;
   const std::vector<std::pair<std::vector<std::string>, const char*>> helps = {
-      {{"bus", "--help"}, "serve"}, {{"bus", "call", "--help"}, "--params"}, {{"bus", "serve", "--help"}, "--once"}};
+      {{"bus", "--help"}, "serve"},
+      {{"bus", "call", "--help"}, "--params"},
+      {{"bus", "serve", "--help"}, "--once"}};
   for (const auto& [args, mention] : helps) {
     ToolRun help = runTool(args);
     EXPECT_EQ(help.exitCode, 0);

@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "ToolRunner.hpp"
-#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::tool {
 namespace {
@@ -84,9 +84,9 @@ class CannedDaemon {
 
 TEST(CallCommandsTest, CallSendsTheRequestAndPrintsTheResponseOnOneLine) {
   CannedDaemon daemon(R"({"result":{"b":1,"a":[true]},"ok":true})");
-  const auto run = runTool({"call", "fs.readProtectedPath", "--args", R"({"path":"/etc/x"})",
-                            "--service-id", "svc.a", "--correlation-id", "c-9", "--mach-service",
-                            daemon.path()});
+  const auto run =
+      runTool({"call", "fs.readProtectedPath", "--args", R"({"path":"/etc/x"})", "--service-id",
+               "svc.a", "--correlation-id", "c-9", "--mach-service", daemon.path()});
   EXPECT_EQ(run.exitCode, 0) << run.err;
   EXPECT_EQ(run.out, "{\"ok\":true,\"result\":{\"a\":[true],\"b\":1}}\n");
   ASSERT_EQ(daemon.requests().size(), 1u);
@@ -109,25 +109,43 @@ TEST(CallCommandsTest, ExitCodes) {
   };
   const std::vector<Case> cases = {
       {"refusal", {"call", "x", "--mach-service", refusing.path()}, 1, ""},
-      {"args not JSON", {"call", "x", "--args", "{", "--mach-service", refusing.path()}, 2,
+      {"args not JSON",
+       {"call", "x", "--args", "{", "--mach-service", refusing.path()},
+       2,
        "tarskel: --args:1:2: unexpected end of the document"},
-      {"args not an object", {"call", "x", "--args", "[1]", "--mach-service", refusing.path()}, 2,
+      {"args not an object",
+       {"call", "x", "--args", "[1]", "--mach-service", refusing.path()},
+       2,
        "--args must be a JSON object"},
-      {"args file absent", {"call", "x", "--args", "@/nonexistent/a", "--mach-service", refusing.path()},
-       2, "/nonexistent/a: No such file or directory"},
+      {"args file absent",
+       {"call", "x", "--args", "@/nonexistent/a", "--mach-service", refusing.path()},
+       2,
+       "/nonexistent/a: No such file or directory"},
       // Regression: an empty name meant the socket /run/tarskel/.sock.
       {"empty service", {"info", "--mach-service", ""}, 2, "--mach-service is empty"},
-      {"silent daemon", {"call", "x", "--timeout", "0.3", "--mach-service", silent.path()}, 3,
+      {"silent daemon",
+       {"call", "x", "--timeout", "0.3", "--mach-service", silent.path()},
+       3,
        ": no answer within 0.3 s (--timeout)"},
-      {"silent daemon, info", {"info", "--timeout", "0.3", "--mach-service", silent.path()}, 3,
+      {"silent daemon, info",
+       {"info", "--timeout", "0.3", "--mach-service", silent.path()},
+       3,
        "no answer within"},
-      {"no daemon", {"call", "x", "--mach-service", "/nonexistent-tarskel/d.sock"}, 3,
+      {"no daemon",
+       {"call", "x", "--mach-service", "/nonexistent-tarskel/d.sock"},
+       3,
        "tarskel: daemon no disponible: connect /nonexistent-tarskel/d.sock"},
-      {"unreadable reply", {"call", "x", "--mach-service", garbled.path()}, 3,
+      {"unreadable reply",
+       {"call", "x", "--mach-service", garbled.path()},
+       3,
        "unreadable reply from the daemon"},
-      {"info refused", {"info", "--mach-service", refusing.path()}, 1,
+      {"info refused",
+       {"info", "--mach-service", refusing.path()},
+       1,
        "daemon.info refused: unknownOp: op fuera del catálogo: x"},
-      {"info without daemon", {"info", "--mach-service", "/nonexistent-tarskel/d.sock"}, 3,
+      {"info without daemon",
+       {"info", "--mach-service", "/nonexistent-tarskel/d.sock"},
+       3,
        "daemon no disponible"},
   };
   for (const Case& c : cases) {
@@ -142,10 +160,15 @@ TEST(CallCommandsTest, ExitCodes) {
 // could only go on the command line.
 TEST(CallCommandsTest, ArgumentsFromStandardInputOrAFile) {
   CannedDaemon daemon(R"({"ok":true})");
-  const auto file = std::filesystem::temp_directory_path() / ("tarskel-args-" + std::to_string(::getpid()));
+  const auto file =
+      std::filesystem::temp_directory_path() / ("tarskel-args-" + std::to_string(::getpid()));
   std::ofstream(file) << R"({"big":")" << std::string(300000, 'x') << R"("})";
-  EXPECT_EQ(runTool({"call", "op", "--args", "-", "--mach-service", daemon.path()}, R"({"a":1})").exitCode, 0);
-  EXPECT_EQ(runTool({"call", "op", "--args", "@" + file.string(), "--mach-service", daemon.path()}).exitCode, 0);
+  EXPECT_EQ(runTool({"call", "op", "--args", "-", "--mach-service", daemon.path()}, R"({"a":1})")
+                .exitCode,
+            0);
+  EXPECT_EQ(runTool({"call", "op", "--args", "@" + file.string(), "--mach-service", daemon.path()})
+                .exitCode,
+            0);
   std::filesystem::remove(file);
   ASSERT_EQ(daemon.requests().size(), 2u);
   EXPECT_NE(daemon.requests()[0].find(R"("args":{"a":1})"), std::string::npos);

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <filesystem>
@@ -20,12 +19,14 @@ std::string writeSchema(const std::string& content) {
 }
 
 TEST(SchemaCommands, ValidatePrintsOneFindingPerLineAndExitsOne) {
-  const std::string schema = writeSchema(R"({"required":["a"],"properties":{"n":{"type":"integer","minimum":1}}})");
+  const std::string schema =
+      writeSchema(R"({"required":["a"],"properties":{"n":{"type":"integer","minimum":1}}})");
   ToolRun run = runTool({"schema", "validate", schema, "-"}, R"({"n":0})");
   EXPECT_EQ(run.exitCode, 1) << run.err;
   EXPECT_EQ(run.out, "$.a: [required] campo requerido ausente\n$.n: [minimum] 0.0 < mínimo 1.0\n");
 
-  ToolRun at = runTool({"schema", "validate", schema, "-", "--at", "args"}, R"({"a":true,"n":"x"})");
+  ToolRun at =
+      runTool({"schema", "validate", schema, "-", "--at", "args"}, R"({"a":true,"n":"x"})");
   EXPECT_EQ(at.exitCode, 1) << at.err;
   EXPECT_EQ(at.out, "args.n: [type] se esperaba integer, llegó string\n");
 
@@ -35,14 +36,16 @@ TEST(SchemaCommands, ValidatePrintsOneFindingPerLineAndExitsOne) {
 
   ToolRun json = runTool({"schema", "validate", schema, "-", "--json"}, R"({"a":1,"n":0})");
   EXPECT_EQ(json.exitCode, 1);
-  EXPECT_EQ(json.out, "{\"findings\":[{\"message\":\"0.0 < mínimo 1.0\",\"path\":\"$.n\",\"rule\":"
-                      "\"minimum\"}],\"ok\":false}\n");
+  EXPECT_EQ(json.out,
+            "{\"findings\":[{\"message\":\"0.0 < mínimo 1.0\",\"path\":\"$.n\",\"rule\":"
+            "\"minimum\"}],\"ok\":false}\n");
   std::filesystem::remove(schema);
 }
 
 TEST(SchemaCommands, DocCheckNamesUndocumentedFields) {
-  ToolRun run = runTool({"schema", "doc-check", "-"},
-                        R"({"properties":{"list":{"description":"d","x-risk":"safe","items":{"properties":{"x":{"description":"x"}}}}}})");
+  ToolRun run = runTool(
+      {"schema", "doc-check", "-"},
+      R"({"properties":{"list":{"description":"d","x-risk":"safe","items":{"properties":{"x":{"description":"x"}}}}}})");
   EXPECT_EQ(run.exitCode, 1) << run.err;
   EXPECT_EQ(run.out,
             "configSchema.list[].x: [doc.x-risk] todo campo de configuración exige x-risk "

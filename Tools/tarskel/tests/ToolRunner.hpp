@@ -42,15 +42,15 @@ inline ToolRun runTool(const std::vector<std::string>& args, const std::string& 
                        const std::string& stdoutTo = "") {
   namespace fs = std::filesystem;
   static int counter = 0;
-  const fs::path dir = fs::temp_directory_path() /
-                       ("tarskel-tool-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+  const fs::path dir = fs::temp_directory_path() / ("tarskel-tool-" + std::to_string(::getpid()) +
+                                                    "-" + std::to_string(counter++));
   fs::create_directories(dir);
   std::ofstream(dir / "in", std::ios::binary) << input;
   std::string command = shellQuote(TARSKEL_TOOL_PATH);
   for (const auto& a : args) command += " " + shellQuote(a);
   command += " <" + shellQuote((dir / "in").string()) + " >" +
-             shellQuote(stdoutTo.empty() ? (dir / "out").string() : stdoutTo) +
-             " 2>" + shellQuote((dir / "err").string());
+             shellQuote(stdoutTo.empty() ? (dir / "out").string() : stdoutTo) + " 2>" +
+             shellQuote((dir / "err").string());
   const int status = std::system(command.c_str());
   ToolRun run;
   run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

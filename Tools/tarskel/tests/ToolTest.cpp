@@ -36,20 +36,24 @@ void expectRuns(const std::vector<Case>& cases, const std::string& input = "") {
 TEST(ToolTest, ADirectoryOrUnreadableFileIsExitTwoNamingFileAndReason) {
   const std::string d = fs::temp_directory_path().string();
   const std::string a = "/nonexistent/a.json";
-  expectRuns({
-      {{"json", "canonical", d}, 2, d + ": Is a directory"},
-      {{"json", "patch", d, "-"}, 2, d + ": Is a directory"},
-      {{"json", "diff", "-", d}, 2, d + ": Is a directory"},
-      {{"schema", "validate", d, "-"}, 2, d + ": Is a directory"},
-      {{"schema", "doc-check", d}, 2, d + ": Is a directory"},
-      {{"vendor", "allowlist", "--revision", "1", d}, 2, d + ": Is a directory"},
-      {{"vendor", "verify", d, "--allowlist", d}, 2, d + ": Is a directory"},
-      {{"vendor", "rotate", "--current", d, "--new", d, "--key", d}, 2, d + ": Is a directory"},
-      {{"vendor", "apply-rotation", d, "--current", d}, 2, d + ": Is a directory"},
-      {{"vendor", "seal", d, "--key", d, "--artifact-id", "a", "--type", "service", "--version", "1.0.0",
-        "--monotonic", "1", "--expires", "2099-01-01T00:00:00Z"}, 2, d + ": Is a directory"},
-      {{"json", "canonical", a}, 2, a + ": No such file or directory"},
-  }, "{}");
+  expectRuns(
+      {
+          {{"json", "canonical", d}, 2, d + ": Is a directory"},
+          {{"json", "patch", d, "-"}, 2, d + ": Is a directory"},
+          {{"json", "diff", "-", d}, 2, d + ": Is a directory"},
+          {{"schema", "validate", d, "-"}, 2, d + ": Is a directory"},
+          {{"schema", "doc-check", d}, 2, d + ": Is a directory"},
+          {{"vendor", "allowlist", "--revision", "1", d}, 2, d + ": Is a directory"},
+          {{"vendor", "verify", d, "--allowlist", d}, 2, d + ": Is a directory"},
+          {{"vendor", "rotate", "--current", d, "--new", d, "--key", d}, 2, d + ": Is a directory"},
+          {{"vendor", "apply-rotation", d, "--current", d}, 2, d + ": Is a directory"},
+          {{"vendor", "seal", d, "--key", d, "--artifact-id", "a", "--type", "service", "--version",
+            "1.0.0", "--monotonic", "1", "--expires", "2099-01-01T00:00:00Z"},
+           2,
+           d + ": Is a directory"},
+          {{"json", "canonical", a}, 2, a + ": No such file or directory"},
+      },
+      "{}");
 }
 
 // Regression: `> /dev/full` exited 0 and left an empty file behind a success.
@@ -63,27 +67,33 @@ TEST(ToolTest, AFailedWriteOfStandardOutputIsExitTwo) {
 TEST(ToolTest, UnknownWordsAreNamedWithTheNearestOne) {
   expectRuns({
       {{"vendr", "keygen"}, 2, "unknown command 'vendr'; did you mean 'vendor'?"},
-      {{"vendor", "kegen"}, 2, "unknown command 'kegen' for 'tarskel vendor'; did you mean 'keygen'?"},
+      {{"vendor", "kegen"},
+       2,
+       "unknown command 'kegen' for 'tarskel vendor'; did you mean 'keygen'?"},
       {{"xyzzy"}, 2, "unknown command 'xyzzy'\nCommands: json, schema"},
       {{"vendor"}, 2, "'tarskel vendor' needs a command: keygen, pubkey"},
       {{}, 2, "a command is required"},
       {{"json", "canonical", "-", "--bogus"}, 2, "Run 'tarskel json canonical --help' for more."},
   });
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"help"}, {"help", "vendor", "seal"}, {"vendor", "seal", "--help"}}) {
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"help"},
+                                               {"help", "vendor", "seal"},
+                                               {"vendor", "seal", "--help"}}) {
     ToolRun help = runTool(args);
     EXPECT_EQ(help.exitCode, 0) << help.err;
-    EXPECT_NE(help.out.find("Exit status: 0 ok; 1 refused or not ok; 2 bad usage or unusable input; "
-                            "3 daemon unreachable or timed out."),
-              std::string::npos)
+    EXPECT_NE(
+        help.out.find("Exit status: 0 ok; 1 refused or not ok; 2 bad usage or unusable input; "
+                      "3 daemon unreachable or timed out."),
+        std::string::npos)
         << help.out;
   }
-  EXPECT_NE(runTool({"help", "vendor", "seal"}).out.find("Usage: tarskel vendor seal"), std::string::npos);
+  EXPECT_NE(runTool({"help", "vendor", "seal"}).out.find("Usage: tarskel vendor seal"),
+            std::string::npos);
 }
 
 TEST(ToolTest, VersionAtEveryLevelInTheDaemonsForm) {
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"--version"}, {"vendor", "--version"}, {"json", "canonical", "--version"}}) {
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"--version"},
+                                               {"vendor", "--version"},
+                                               {"json", "canonical", "--version"}}) {
     ToolRun run = runTool(args);
     EXPECT_EQ(run.exitCode, 0);
     EXPECT_EQ(run.out, "0.1.0\n");
@@ -116,7 +126,8 @@ TEST(ToolTest, GeneratedCompletionAndManualPageCoverEveryCommand) {
     FILE* pipe = popen(("bash " + file).c_str(), "r");
     std::string out;
     char buffer[256];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+      out.append(buffer, n);
     pclose(pipe);
     fs::remove(file);
     EXPECT_EQ(out, c.expected);

@@ -23,8 +23,9 @@ void writeFile(const fs::path& path, const std::string& content) {
 class VendorCommandsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir = fs::temp_directory_path() / ("tarskel-vendor-tool-" + std::to_string(::getpid()) + "-" +
-                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    dir = fs::temp_directory_path() /
+          ("tarskel-vendor-tool-" + std::to_string(::getpid()) + "-" +
+           ::testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(dir);
     fs::create_directories(dir);
     tree = dir / "tree";
@@ -32,8 +33,10 @@ class VendorCommandsTest : public ::testing::Test {
     writeFile(tree / "App.app/Contents/Info.plist", "<plist/>");
     ASSERT_EQ(run({"vendor", "keygen", "--key-id", "k1", "--out", path("k1.json")}).exitCode, 0);
     ASSERT_EQ(run({"vendor", "keygen", "--key-id", "k2", "--out", path("k2.json")}).exitCode, 0);
-    writeFile(dir / "al1.json", run({"vendor", "allowlist", "--revision", "1", path("k1.json")}).out);
-    writeFile(dir / "al2.json", run({"vendor", "allowlist", "--revision", "2", path("k2.json")}).out);
+    writeFile(dir / "al1.json",
+              run({"vendor", "allowlist", "--revision", "1", path("k1.json")}).out);
+    writeFile(dir / "al2.json",
+              run({"vendor", "allowlist", "--revision", "2", path("k2.json")}).out);
   }
   void TearDown() override { fs::remove_all(dir); }
 
@@ -42,10 +45,11 @@ class VendorCommandsTest : public ::testing::Test {
   testing::ToolRun run(const std::vector<std::string>& args) { return runTool(args); }
 
   testing::ToolRun seal(std::vector<std::string> extra = {}) {
-    std::vector<std::string> args{"vendor", "seal", tree.string(), "--key", path("k1.json"),
-                                  "--artifact-id", "net.example", "--type", "platform", "--version",
-                                  "1.0.0", "--monotonic", "7", "--expires", "2099-01-01T00:00:00Z",
-                                  "--metadata", "canal=beta"};
+    std::vector<std::string> args{
+        "vendor",        "seal",        tree.string(), "--key",     path("k1.json"),
+        "--artifact-id", "net.example", "--type",      "platform",  "--version",
+        "1.0.0",         "--monotonic", "7",           "--expires", "2099-01-01T00:00:00Z",
+        "--metadata",    "canal=beta"};
     // An option given in `extra` replaces the one above.
     for (std::size_t i = 0; i < extra.size(); ++i) {
       auto at = std::find(args.begin(), args.end(), extra[i]);
@@ -59,7 +63,8 @@ class VendorCommandsTest : public ::testing::Test {
   }
 
   testing::ToolRun verify(std::vector<std::string> extra = {}) {
-    std::vector<std::string> args{"vendor", "verify", tree.string(), "--allowlist", path("al1.json")};
+    std::vector<std::string> args{"vendor", "verify", tree.string(), "--allowlist",
+                                  path("al1.json")};
     args.insert(args.end(), extra.begin(), extra.end());
     return run(args);
   }
@@ -100,8 +105,10 @@ TEST_F(VendorCommandsTest, SealedTreeVerifiesAndFailsAfterAChange) {
   EXPECT_EQ(json.exitCode, 1);
   std::string escapedTree;
   for (char c : tree.string()) escapedTree += c == '/' ? std::string("\\/") : std::string(1, c);
-  EXPECT_EQ(json.out, "{\"dir\":\"" + escapedTree + "\",\"error\":{\"kind\":\"hashMismatch\",\"message\":"
-                      "\"sha256 no coincide: App.app\\/Contents\\/Info.plist\"},\"ok\":false}\n");
+  EXPECT_EQ(json.out,
+            "{\"dir\":\"" + escapedTree +
+                "\",\"error\":{\"kind\":\"hashMismatch\",\"message\":"
+                "\"sha256 no coincide: App.app\\/Contents\\/Info.plist\"},\"ok\":false}\n");
 }
 
 // Regressions: each of these sealed, or made a key, that nothing could use.
@@ -146,7 +153,8 @@ TEST_F(VendorCommandsTest, SealRefusesATreeWithItsOwnVendorFiles) {
 TEST_F(VendorCommandsTest, PublicKeysDuplicateIdsAndLooseKeyFiles) {
   auto pub = run({"vendor", "pubkey", path("k1.json"), "-o", path("k1.pub")});
   ASSERT_EQ(pub.exitCode, 0) << pub.err;
-  EXPECT_EQ(run({"vendor", "allowlist", "--revision", "1", path("k1.pub")}).out, readWhole(dir / "al1.json"));
+  EXPECT_EQ(run({"vendor", "allowlist", "--revision", "1", path("k1.pub")}).out,
+            readWhole(dir / "al1.json"));
 
   auto twice = run({"vendor", "allowlist", "--revision", "1", path("k1.pub"), path("k1.json")});
   EXPECT_EQ(twice.exitCode, 2);
@@ -155,16 +163,19 @@ TEST_F(VendorCommandsTest, PublicKeysDuplicateIdsAndLooseKeyFiles) {
   fs::permissions(dir / "k1.json", fs::perms::group_read, fs::perm_options::add);
   auto loose = run({"vendor", "allowlist", "--revision", "1", path("k1.json")});
   EXPECT_EQ(loose.exitCode, 0);
-  EXPECT_NE(loose.err.find("private key readable by group or others (mode 0640)"), std::string::npos);
+  EXPECT_NE(loose.err.find("private key readable by group or others (mode 0640)"),
+            std::string::npos);
   EXPECT_EQ(run({"vendor", "allowlist", "--revision", "1", path("k1.json"), "-q"}).err, "");
-  EXPECT_EQ(run({"vendor", "allowlist", "--revision", "1", path("k1.json"), "--strict"}).exitCode, 2);
+  EXPECT_EQ(run({"vendor", "allowlist", "--revision", "1", path("k1.json"), "--strict"}).exitCode,
+            2);
 }
 
 TEST_F(VendorCommandsTest, VerifyPassesAntiRollbackOptionsOn) {
   ASSERT_EQ(seal().exitCode, 0);
   auto older = verify({"--installed-monotonic", "8"});
   EXPECT_EQ(older.exitCode, 1);
-  EXPECT_NE(older.err.find("anti-rollback: instalado monotonicVersion=8, ofrecido 7"), std::string::npos);
+  EXPECT_NE(older.err.find("anti-rollback: instalado monotonicVersion=8, ofrecido 7"),
+            std::string::npos);
   EXPECT_EQ(verify({"--installed-monotonic", "8", "--allow-downgrade"}).exitCode, 0);
   EXPECT_EQ(verify({"--installed-monotonic", "7"}).exitCode, 0);
 }
@@ -175,17 +186,17 @@ TEST_F(VendorCommandsTest, BadInputIsUsageNotRefusal) {
     const char* name;
     std::vector<std::string> args;
   } cases[] = {
-      {"unknown type", {"vendor", "seal", tree.string(), "--key", path("k1.json"), "--artifact-id", "a",
-                        "--type", "app", "--version", "1", "--monotonic", "1", "--expires",
-                        "2099-01-01T00:00:00Z"}},
-      {"metadata without value", {"vendor", "seal", tree.string(), "--key", path("k1.json"),
-                                  "--artifact-id", "a", "--type", "service", "--version", "1",
-                                  "--monotonic", "1", "--expires", "2099-01-01T00:00:00Z",
-                                  "--metadata", "novalue"}},
+      {"unknown type",
+       {"vendor", "seal", tree.string(), "--key", path("k1.json"), "--artifact-id", "a", "--type",
+        "app", "--version", "1", "--monotonic", "1", "--expires", "2099-01-01T00:00:00Z"}},
+      {"metadata without value",
+       {"vendor", "seal", tree.string(), "--key", path("k1.json"), "--artifact-id", "a", "--type",
+        "service", "--version", "1", "--monotonic", "1", "--expires", "2099-01-01T00:00:00Z",
+        "--metadata", "novalue"}},
       {"key file not JSON", {"vendor", "allowlist", "--revision", "1", path("bad.json")}},
-      {"tree is not a directory", {"vendor", "seal", path("none"), "--key", path("k1.json"),
-                                   "--artifact-id", "a", "--type", "service", "--version", "1",
-                                   "--monotonic", "1", "--expires", "2099-01-01T00:00:00Z"}},
+      {"tree is not a directory",
+       {"vendor", "seal", path("none"), "--key", path("k1.json"), "--artifact-id", "a", "--type",
+        "service", "--version", "1", "--monotonic", "1", "--expires", "2099-01-01T00:00:00Z"}},
       {"missing allowlist", {"vendor", "verify", tree.string(), "--allowlist", path("none.json")}},
       // Regression: a missing tree was 1 here and 2 in seal.
       {"missing tree", {"vendor", "verify", path("none"), "--allowlist", path("al1.json")}},
@@ -209,12 +220,14 @@ TEST_F(VendorCommandsTest, RotationRoundTrip) {
   EXPECT_EQ(applied.exitCode, 0) << applied.err;
   EXPECT_EQ(readWhole(dir / "in-force.json"), readWhole(dir / "al2.json"));
 
-  auto replayed = run({"vendor", "apply-rotation", path("rotation.json"), "--current", path("al2.json")});
+  auto replayed =
+      run({"vendor", "apply-rotation", path("rotation.json"), "--current", path("al2.json")});
   EXPECT_EQ(replayed.exitCode, 1);
-  EXPECT_NE(replayed.err.find("rotación no monotónica: revision vigente 2, ofrecida 2"), std::string::npos);
+  EXPECT_NE(replayed.err.find("rotación no monotónica: revision vigente 2, ofrecida 2"),
+            std::string::npos);
 
-  auto selfSigned = run({"vendor", "rotate", "--current", path("al1.json"), "--new", path("al2.json"),
-                         "--key", path("k2.json")});
+  auto selfSigned = run({"vendor", "rotate", "--current", path("al1.json"), "--new",
+                         path("al2.json"), "--key", path("k2.json")});
   EXPECT_EQ(selfSigned.exitCode, 1);
   EXPECT_NE(selfSigned.err.find("keyId 'k2' no está en la allowlist vendor"), std::string::npos);
 }

@@ -86,8 +86,8 @@ void serve(xpc_connection_t peer, const DaemonCore& core, const DaemonPeerGate& 
     std::size_t length = 0;
     const void* data = xpc_dictionary_get_data(message, requestKey.c_str(), &length);
     // A missing key, or one of another type, is empty bytes: "malformedRequest".
-    std::string bytes = data != nullptr ? std::string(static_cast<const char*>(data), length)
-                                        : std::string();
+    std::string bytes =
+        data != nullptr ? std::string(static_cast<const char*>(data), length) : std::string();
     auto task = answer(core, std::move(bytes), std::move(verdict), XPCBox(reply, remote));
     asio::co_spawn(pool, std::move(task), asio::detached);
   });
@@ -108,13 +108,13 @@ struct DaemonXPCServer::Impl {
 
 // The limits and the event loop are the socket transport's: XPC bounds and
 // schedules its own connections.
-DaemonXPCServer::DaemonXPCServer(std::string machServiceName, DaemonCore core,
-                                 DaemonPeerGate gate, asio::any_io_executor pool,
-                                 DaemonServerLimits, std::shared_ptr<DaemonEventLoop>) {
+DaemonXPCServer::DaemonXPCServer(std::string machServiceName, DaemonCore core, DaemonPeerGate gate,
+                                 asio::any_io_executor pool, DaemonServerLimits,
+                                 std::shared_ptr<DaemonEventLoop>) {
   xpc_connection_t listener = xpc_connection_create_mach_service(
       machServiceName.c_str(), nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
-  impl_ = std::make_shared<Impl>(Impl{std::move(machServiceName), std::move(core),
-                                      std::move(gate), std::move(pool), listener});
+  impl_ = std::make_shared<Impl>(Impl{std::move(machServiceName), std::move(core), std::move(gate),
+                                      std::move(pool), listener});
 }
 
 DaemonXPCServer::~DaemonXPCServer() {

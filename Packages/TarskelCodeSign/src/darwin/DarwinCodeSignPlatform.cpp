@@ -108,9 +108,9 @@ CodeResult DarwinCodeSignPlatform::staticCodeOf(const CodeObject& runningCode) c
 }
 
 CodeRef DarwinCodeSignPlatform::compileRequirement(std::string_view text) const {
-  CFStringRef string = CFStringCreateWithBytes(
-      kCFAllocatorDefault, reinterpret_cast<const UInt8*>(text.data()),
-      static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false);
+  CFStringRef string =
+      CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(text.data()),
+                              static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false);
   if (string == nullptr) return nullptr;
   SecRequirementRef requirement = nullptr;
   // The status is not looked at: a requirement that doesn't compile leaves

@@ -136,8 +136,10 @@ OSStatus LinuxCodeSignPlatform::checkValidity(const CodeObject& staticCode, std:
 SigningInformation LinuxCodeSignPlatform::copySigningInformation(const CodeObject& staticCode,
                                                                  std::uint32_t) const {
   if (dynamic_cast<const LinuxStaticCode*>(&staticCode) == nullptr) {
-    return {errSecCSInvalidObjectRef, SigningInformation::Result::none,
-            SigningInformation::Team::absent, {}};
+    return {errSecCSInvalidObjectRef,
+            SigningInformation::Result::none,
+            SigningInformation::Team::absent,
+            {}};
   }
   return {0, SigningInformation::Result::dictionary, SigningInformation::Team::absent, {}};
 }

@@ -75,8 +75,12 @@ UTCTime utcTime(Date date) {
     days -= 1;
   }
   const Civil c = civilFromDays(days);
-  return {c.year, c.month, c.day, static_cast<unsigned>(rest / 3600),
-          static_cast<unsigned>(rest / 60 % 60), static_cast<unsigned>(rest % 60)};
+  return {c.year,
+          c.month,
+          c.day,
+          static_cast<unsigned>(rest / 3600),
+          static_cast<unsigned>(rest / 60 % 60),
+          static_cast<unsigned>(rest % 60)};
 }
 
 std::string formatISO8601(Date date) {
@@ -89,8 +93,8 @@ std::string formatISO8601(Date date) {
 
 std::optional<Date> parseISO8601(std::string_view text) {
   // yyyy-MM-ddTHH:mm:ssZ
-  if (text.size() != 20 || text[4] != '-' || text[7] != '-' || text[10] != 'T' ||
-      text[13] != ':' || text[16] != ':' || text[19] != 'Z') {
+  if (text.size() != 20 || text[4] != '-' || text[7] != '-' || text[10] != 'T' || text[13] != ':' ||
+      text[16] != ':' || text[19] != 'Z') {
     return std::nullopt;
   }
   unsigned year, month, day, hour, minute, second;

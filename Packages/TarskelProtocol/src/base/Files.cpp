@@ -104,7 +104,8 @@ std::string readFile(const FileDescriptor& file, const std::filesystem::path& pa
   }
 }
 
-std::string readFile(const std::filesystem::path& path, std::size_t limit, ReadFileOptions options) {
+std::string readFile(const std::filesystem::path& path, std::size_t limit,
+                     ReadFileOptions options) {
   const FileDescriptor file = openRegularFile(path, options);
   return readFile(file, path, limit);
 }
@@ -112,15 +113,16 @@ std::string readFile(const std::filesystem::path& path, std::size_t limit, ReadF
 void atomicReplace(const std::filesystem::path& target, std::string_view bytes,
                    const AtomicReplaceOptions& options) {
   const std::filesystem::path temporary =
-      target.parent_path() /
-      options.temporaryName.value_or("." + target.filename().string() + "-" + randomSuffix() + ".tmp");
-  FileDescriptor file(
-      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, options.mode));
+      target.parent_path() / options.temporaryName.value_or("." + target.filename().string() + "-" +
+                                                            randomSuffix() + ".tmp");
+  FileDescriptor file(::open(temporary.c_str(),
+                             O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, options.mode));
   if (!file) throw FileSystemError::fromErrno("no se pudo escribir", temporary.native(), errno);
 
   // From here on every failure removes the temporary file: nothing is left
   // behind beside the target.
-  auto failWith = [&temporary](std::string_view what, const std::filesystem::path& path, int error) {
+  auto failWith = [&temporary](std::string_view what, const std::filesystem::path& path,
+                               int error) {
     ::unlink(temporary.c_str());
     throw FileSystemError::fromErrno(what, path.native(), error);
   };

@@ -47,9 +47,9 @@ std::string sha256Hex(std::string_view bytes) {
 }
 
 SHA256::SHA256() : context_(std::make_unique<Context>()) {
-  TARSKEL_CHECK(context_->md != nullptr &&
-                    EVP_DigestInit_ex(context_->md, sha256Method(), nullptr) == 1,
-                "SHA-256 no disponible en libcrypto");
+  TARSKEL_CHECK(
+      context_->md != nullptr && EVP_DigestInit_ex(context_->md, sha256Method(), nullptr) == 1,
+      "SHA-256 no disponible en libcrypto");
 }
 
 SHA256::~SHA256() = default;

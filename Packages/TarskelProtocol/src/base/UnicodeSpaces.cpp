@@ -9,15 +9,14 @@
 namespace tarskel {
 namespace {
 
-bool isBlank(UChar32 c) {
-  return c == 0x09 || (c >= 0 && u_charType(c) == U_SPACE_SEPARATOR);
-}
+bool isBlank(UChar32 c) { return c == 0x09 || (c >= 0 && u_charType(c) == U_SPACE_SEPARATOR); }
 
 }  // namespace
 
 std::string_view trimSpaceSeparators(std::string_view text) {
   if (text.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
-    return text;  // beyond what ICU's index type reaches; nothing this large is a version or a label
+    return text;  // beyond what ICU's index type reaches; nothing this large is a version or a
+                  // label
   }
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
   const auto length = static_cast<std::int32_t>(text.size());

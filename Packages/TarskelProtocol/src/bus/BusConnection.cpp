@@ -57,16 +57,19 @@ std::int64_t payloadLength(const std::string& frame) {
 }
 
 JSONRPCError tooLarge(std::int64_t length, std::int64_t max) {
-  return JSONRPCError(RPCErrorCode::payloadTooLarge,
-                      "mensaje de " + std::to_string(length) + " bytes excede el máximo de " + std::to_string(max));
+  return JSONRPCError(
+      RPCErrorCode::payloadTooLarge,
+      "mensaje de " + std::to_string(length) + " bytes excede el máximo de " + std::to_string(max));
 }
 
 }  // namespace
 
 BusCallError::BusCallError(JSONRPCError error)
-    : Error(error.message + " (código " + std::to_string(error.code) + ")"), error_(std::move(error)) {}
+    : Error(error.message + " (código " + std::to_string(error.code) + ")"),
+      error_(std::move(error)) {}
 
-BusConnectionError::BusConnectionError(Reason reason, std::string text, std::optional<JSONRPCError> peerError)
+BusConnectionError::BusConnectionError(Reason reason, std::string text,
+                                       std::optional<JSONRPCError> peerError)
     : Error(std::move(text)), reason_(reason), peerError_(std::move(peerError)) {}
 
 struct BusResponder::State {
@@ -90,8 +93,8 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     CallCompletion completion;
   };
 
-  Impl(std::unique_ptr<bus_detail::Stream> s, bus_detail::Stream::Strand st, std::optional<HelloRequest> h,
-       BusServerHello o, BusLimits l)
+  Impl(std::unique_ptr<bus_detail::Stream> s, bus_detail::Stream::Strand st,
+       std::optional<HelloRequest> h, BusServerHello o, BusLimits l)
       : stream(std::move(s)),
         strand(std::move(st)),
         hello(std::move(h)),
@@ -100,7 +103,8 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
         decoder(l.maxFrameLength),
         readBuffer(kReadChunk),
         graceTimer(strand) {
-    if (hello && hello->protocolVersion.empty()) hello->protocolVersion = TarskelProtocolInfo::protocolVersion;
+    if (hello && hello->protocolVersion.empty())
+      hello->protocolVersion = TarskelProtocolInfo::protocolVersion;
   }
 
   template <class F>
@@ -112,7 +116,8 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
   // neither the handlers nor the phase, since a handler may be running.
   template <class F>
   void run(F&& f) {
-    asio::dispatch(strand, [self = shared_from_this(), f = std::forward<F>(f)]() mutable { f(*self); });
+    asio::dispatch(strand,
+                   [self = shared_from_this(), f = std::forward<F>(f)]() mutable { f(*self); });
   }
 
   // ---- starting and reading ----
@@ -150,9 +155,11 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     if (phase == Phase::closed) return;
     if (ec) {
       if (ec == asio::error::eof) {
-        finish(BusConnectionError(BusConnectionError::Reason::peerClosed, "el otro extremo cerró la conexión"));
+        finish(BusConnectionError(BusConnectionError::Reason::peerClosed,
+                                  "el otro extremo cerró la conexión"));
       } else {
-        finish(BusConnectionError(BusConnectionError::Reason::transport, "error de transporte: " + ec.message()));
+        finish(BusConnectionError(BusConnectionError::Reason::transport,
+                                  "error de transporte: " + ec.message()));
       }
       return;
     }
@@ -161,7 +168,8 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
       payloads = decoder.append(std::string_view(readBuffer.data(), n));
     } catch (const FramingError& e) {
       sendError(std::nullopt, JSONRPCError(RPCErrorCode::payloadTooLarge, e.description()));
-      closeAfterFlush(BusConnectionError(BusConnectionError::Reason::frameTooLarge, e.description()));
+      closeAfterFlush(
+          BusConnectionError(BusConnectionError::Reason::frameTooLarge, e.description()));
       return;
     }
     for (std::string& payload : payloads) {
@@ -183,13 +191,15 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     }
     const JSONObject* object = tree.objectValue();
     if (object == nullptr) {
-      sendError(std::nullopt, JSONRPCError(RPCErrorCode::invalidRequest,
-                                           tree.arrayValue() != nullptr ? "los lotes no se admiten"
-                                                                        : "un mensaje debe ser un objeto JSON"));
+      sendError(std::nullopt,
+                JSONRPCError(RPCErrorCode::invalidRequest,
+                             tree.arrayValue() != nullptr ? "los lotes no se admiten"
+                                                          : "un mensaje debe ser un objeto JSON"));
       return;
     }
     // Read what a reply needs before the message is taken apart.
-    const bool isCall = object->contains("method") || (!object->contains("result") && !object->contains("error"));
+    const bool isCall =
+        object->contains("method") || (!object->contains("result") && !object->contains("error"));
     std::optional<JSONRPCID> id;
     if (const JSONValue* idValue = object->find("id"); idValue != nullptr && !idValue->isNull()) {
       try {
@@ -205,8 +215,9 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
       // A broken response is never answered, or two peers would trade errors
       // forever; but the call it answers fails rather than wait for ever.
       if (id) {
-        complete(*id, std::make_exception_ptr(BusCallError(JSONRPCError(
-                          RPCErrorCode::internalError, "respuesta ilegible: " + e.description()))),
+        complete(*id,
+                 std::make_exception_ptr(BusCallError(JSONRPCError(
+                     RPCErrorCode::internalError, "respuesta ilegible: " + e.description()))),
                  JSONValue());
       }
       return;
@@ -226,22 +237,25 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     const bool isHello = request.method == BusMethod::serviceHello;
     if (!hello && isHello) {
       if (phase == Phase::handshaking) return answerHello(request);
-      return sendError(request.id, JSONRPCError(RPCErrorCode::invalidRequest, "la sesión ya saludó"));
+      return sendError(request.id,
+                       JSONRPCError(RPCErrorCode::invalidRequest, "la sesión ya saludó"));
     }
     if (!hello && phase == Phase::handshaking) {
-      return sendError(request.id, JSONRPCError(RPCErrorCode::invalidRequest,
-                                                "se esperaba service.hello antes de " + request.method));
+      return sendError(request.id,
+                       JSONRPCError(RPCErrorCode::invalidRequest,
+                                    "se esperaba service.hello antes de " + request.method));
     }
     auto found = handlers.find(request.method);
     if (found == handlers.end()) {
-      return sendError(request.id,
-                       JSONRPCError(RPCErrorCode::methodNotFound, "método desconocido: " + request.method));
+      return sendError(request.id, JSONRPCError(RPCErrorCode::methodNotFound,
+                                                "método desconocido: " + request.method));
     }
     if (const auto* handler = std::get_if<Handler>(&found->second)) {
       BusOutcome outcome = runHandler(*handler, request.method, request.params);
       return sendOutcome(request.id, std::move(outcome));
     }
-    auto state = std::make_shared<BusResponder::State>(weak_from_this(), request.id, request.method);
+    auto state =
+        std::make_shared<BusResponder::State>(weak_from_this(), request.id, request.method);
     const AsyncHandler handler = std::get<AsyncHandler>(found->second);
     try {
       handler(std::move(request.params), BusResponder(state));
@@ -256,13 +270,15 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     } catch (const BusCallError& e) {
       return e.error();
     } catch (const std::exception& e) {
-      return JSONRPCError(RPCErrorCode::internalError, "el manejador de " + method + " falló: " + e.what());
+      return JSONRPCError(RPCErrorCode::internalError,
+                          "el manejador de " + method + " falló: " + e.what());
     } catch (...) {
       return JSONRPCError(RPCErrorCode::internalError, "el manejador de " + method + " falló");
     }
   }
 
-  static BusOutcome runHandler(const Handler& handler, const std::string& method, const Params& params) {
+  static BusOutcome runHandler(const Handler& handler, const std::string& method,
+                               const Params& params) {
     try {
       return handler(params);
     } catch (...) {
@@ -304,16 +320,19 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     }
     const std::optional<SemVer> theirs = SemVer::parse(asked.protocolVersion);
     if (!theirs) {
-      return sendError(request.id, JSONRPCError(RPCErrorCode::invalidParams,
-                                                "protocolVersion no es una versión: " + asked.protocolVersion));
+      return sendError(request.id,
+                       JSONRPCError(RPCErrorCode::invalidParams,
+                                    "protocolVersion no es una versión: " + asked.protocolVersion));
     }
     const SemVer ours = *SemVer::parse(TarskelProtocolInfo::protocolVersion);
     std::optional<JSONRPCError> refusal;
     if (!ProtocolCompatibility::isCompatible(*theirs, ours)) {
       const std::string reason = "protocolo " + asked.protocolVersion + " incompatible con " +
                                  std::string(TarskelProtocolInfo::protocolVersion);
-      const HelloResponse refused{false, std::string(TarskelProtocolInfo::protocolVersion), {}, std::nullopt, reason};
-      refusal = JSONRPCError(RPCErrorCode::incompatibleProtocol, reason, JSONCoding<HelloResponse>::encode(refused));
+      const HelloResponse refused{
+          false, std::string(TarskelProtocolInfo::protocolVersion), {}, std::nullopt, reason};
+      refusal = JSONRPCError(RPCErrorCode::incompatibleProtocol, reason,
+                             JSONCoding<HelloResponse>::encode(refused));
     } else if (offer.admit) {
       refusal = offer.admit(asked);
     }
@@ -323,16 +342,19 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
                                          "saludo rechazado: " + refusal->message, refusal));
       return;
     }
-    HelloResponse accepted{true, std::string(TarskelProtocolInfo::protocolVersion), {}, asked.sessionId, std::nullopt};
+    HelloResponse accepted{
+        true, std::string(TarskelProtocolInfo::protocolVersion), {}, asked.sessionId, std::nullopt};
     for (const std::string& capability : asked.capabilities) {
-      if (std::find(offer.capabilities.begin(), offer.capabilities.end(), capability) != offer.capabilities.end()) {
+      if (std::find(offer.capabilities.begin(), offer.capabilities.end(), capability) !=
+          offer.capabilities.end()) {
         accepted.capabilities.push_back(capability);
       }
     }
     if (!accepted.sessionId) accepted.sessionId = randomSessionId();
     {
       std::lock_guard lock(sessionMutex);
-      session = BusSession{asked.clientId, asked.protocolVersion, accepted.capabilities, accepted.sessionId};
+      session = BusSession{asked.clientId, asked.protocolVersion, accepted.capabilities,
+                           accepted.sessionId};
     }
     phase = Phase::open;
     sendOutcome(request.id, JSONCoding<HelloResponse>::encode(accepted));
@@ -349,8 +371,8 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
         peerError = e.error();
         text = e.error().message;
       }
-      return finish(BusConnectionError(BusConnectionError::Reason::handshakeRefused, "saludo rechazado: " + text,
-                                       peerError));
+      return finish(BusConnectionError(BusConnectionError::Reason::handshakeRefused,
+                                       "saludo rechazado: " + text, peerError));
     }
     HelloResponse answer;
     try {
@@ -360,19 +382,22 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
                                        "respuesta al saludo ilegible: " + e.description()));
     }
     if (!answer.accepted) {
-      return finish(BusConnectionError(BusConnectionError::Reason::handshakeRefused,
-                                       "saludo rechazado: " + answer.reason.value_or("sin motivo")));
+      return finish(
+          BusConnectionError(BusConnectionError::Reason::handshakeRefused,
+                             "saludo rechazado: " + answer.reason.value_or("sin motivo")));
     }
     const std::optional<SemVer> theirs = SemVer::parse(answer.protocolVersion);
     const std::optional<SemVer> ours = SemVer::parse(hello->protocolVersion);
     if (!theirs || !ours || !ProtocolCompatibility::isCompatible(*ours, *theirs)) {
       return finish(BusConnectionError(BusConnectionError::Reason::handshakeRefused,
-                                       "el otro extremo habla el protocolo " + answer.protocolVersion +
-                                           ", incompatible con " + hello->protocolVersion));
+                                       "el otro extremo habla el protocolo " +
+                                           answer.protocolVersion + ", incompatible con " +
+                                           hello->protocolVersion));
     }
     {
       std::lock_guard lock(sessionMutex);
-      session = BusSession{hello->clientId, answer.protocolVersion, answer.capabilities, answer.sessionId};
+      session = BusSession{hello->clientId, answer.protocolVersion, answer.capabilities,
+                           answer.sessionId};
     }
     phase = Phase::open;
     for (std::string& frame : held) outbox.push_back(std::move(frame));
@@ -387,16 +412,18 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
       return completion(std::make_exception_ptr(closedError(method)), JSONValue());
     }
     const std::int64_t id = nextId++;
-    std::optional<std::string> frame = frameFor(JSONRPCMessage::request(id, method, std::move(params)));
+    std::optional<std::string> frame =
+        frameFor(JSONRPCMessage::request(id, method, std::move(params)));
     if (!frame) {
       return completion(std::make_exception_ptr(BusCallError(JSONRPCError(
-                            RPCErrorCode::invalidParams, "los parámetros de " + method + " no se pueden escribir"))),
+                            RPCErrorCode::invalidParams,
+                            "los parámetros de " + method + " no se pueden escribir"))),
                         JSONValue());
     }
     if (payloadLength(*frame) > limits.maxFrameLength) {
-      return completion(
-          std::make_exception_ptr(BusCallError(tooLarge(payloadLength(*frame), limits.maxFrameLength))),
-          JSONValue());
+      return completion(std::make_exception_ptr(
+                            BusCallError(tooLarge(payloadLength(*frame), limits.maxFrameLength))),
+                        JSONValue());
     }
     if (queuedBytes + frame->size() > limits.maxQueuedBytes) {
       return completion(std::make_exception_ptr(queueFull(method)), JSONValue());
@@ -407,7 +434,8 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
 
   void notify(std::string method, Params params) {
     if (phase == Phase::closing || phase == Phase::closed) return;
-    std::optional<std::string> frame = frameFor(JSONRPCMessage::notification(std::move(method), std::move(params)));
+    std::optional<std::string> frame =
+        frameFor(JSONRPCMessage::notification(std::move(method), std::move(params)));
     if (!frame || payloadLength(*frame) > limits.maxFrameLength) return;
     if (queuedBytes + frame->size() > limits.maxQueuedBytes) return;
     enqueueOwn(std::move(*frame));
@@ -421,12 +449,14 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     if (auto* result = std::get_if<JSONValue>(&outcome)) {
       // A null result reads as no result at all: the peer couldn't decode the response.
       if (result->isNull()) {
-        return sendError(id, JSONRPCError(RPCErrorCode::internalError,
-                                          "el resultado es null, que el otro extremo no puede leer"));
+        return sendError(id,
+                         JSONRPCError(RPCErrorCode::internalError,
+                                      "el resultado es null, que el otro extremo no puede leer"));
       }
       std::optional<std::string> frame = frameFor(JSONRPCMessage::response(id, std::move(*result)));
       if (!frame) {
-        return sendError(id, JSONRPCError(RPCErrorCode::internalError, "el resultado no se puede escribir como JSON"));
+        return sendError(id, JSONRPCError(RPCErrorCode::internalError,
+                                          "el resultado no se puede escribir como JSON"));
       }
       if (payloadLength(*frame) > limits.maxFrameLength) {
         return sendError(id, tooLarge(payloadLength(*frame), limits.maxFrameLength));
@@ -474,7 +504,9 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     buffers.reserve(inFlight);
     for (std::size_t i = 0; i < inFlight; ++i) buffers.push_back(asio::buffer(outbox[i]));
     stream->asyncWrite(std::move(buffers), strand,
-                       [self = shared_from_this()](boost::system::error_code ec, std::size_t) { self->onWritten(ec); });
+                       [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
+                         self->onWritten(ec);
+                       });
   }
 
   void onWritten(boost::system::error_code ec) {
@@ -484,7 +516,8 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
       return;
     }
     if (ec) {
-      finish(BusConnectionError(BusConnectionError::Reason::transport, "error de transporte: " + ec.message()));
+      finish(BusConnectionError(BusConnectionError::Reason::transport,
+                                "error de transporte: " + ec.message()));
       return;
     }
     for (std::size_t i = 0; i < inFlight; ++i) {
@@ -507,9 +540,10 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
 
   BusConnectionError closedError(const std::string& method) const {
     const std::string cause = closeCause ? closeCause->description() : "conexión cerrada";
-    return BusConnectionError(closeCause ? closeCause->reason() : BusConnectionError::Reason::closedLocally,
-                              "la conexión se cerró con la llamada a " + method + " pendiente: " + cause,
-                              closeCause ? closeCause->peerError() : std::nullopt);
+    return BusConnectionError(
+        closeCause ? closeCause->reason() : BusConnectionError::Reason::closedLocally,
+        "la conexión se cerró con la llamada a " + method + " pendiente: " + cause,
+        closeCause ? closeCause->peerError() : std::nullopt);
   }
 
   BusConnectionError queueFull(const std::string& method) const {
@@ -538,7 +572,8 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
     for (const std::string& frame : held) queuedBytes -= frame.size();
     held.clear();
     for (auto& [id, call] : calls) {
-      if (call.completion) call.completion(std::make_exception_ptr(closedError(call.method)), JSONValue());
+      if (call.completion)
+        call.completion(std::make_exception_ptr(closedError(call.method)), JSONValue());
     }
   }
 
@@ -624,10 +659,12 @@ void BusResponder::answer(BusOutcome outcome) const {
 void BusResponder::reply(JSONValue result) const { answer(std::move(result)); }
 void BusResponder::fail(JSONRPCError error) const { answer(std::move(error)); }
 
-BusConnection::BusConnection(std::unique_ptr<bus_detail::Stream> stream, std::optional<HelloRequest> hello,
-                             BusServerHello offer, BusLimits limits)
+BusConnection::BusConnection(std::unique_ptr<bus_detail::Stream> stream,
+                             std::optional<HelloRequest> hello, BusServerHello offer,
+                             BusLimits limits)
     : strand_(asio::make_strand(stream->executor())) {
-  impl_ = std::make_shared<Impl>(std::move(stream), strand_, std::move(hello), std::move(offer), limits);
+  impl_ = std::make_shared<Impl>(std::move(stream), strand_, std::move(hello), std::move(offer),
+                                 limits);
 }
 
 BusConnection::~BusConnection() = default;
@@ -665,13 +702,14 @@ void BusConnection::start() {
 }
 
 void BusConnection::startCall(std::string method, Params params, CallCompletion completion) {
-  impl_->run([m = std::move(method), p = std::move(params), done = std::move(completion)](Impl& c) mutable {
-    c.startCall(std::move(m), std::move(p), std::move(done));
-  });
+  impl_->run([m = std::move(method), p = std::move(params), done = std::move(completion)](
+                 Impl& c) mutable { c.startCall(std::move(m), std::move(p), std::move(done)); });
 }
 
 void BusConnection::notify(std::string method, Params params) {
-  impl_->run([m = std::move(method), p = std::move(params)](Impl& c) mutable { c.notify(std::move(m), std::move(p)); });
+  impl_->run([m = std::move(method), p = std::move(params)](Impl& c) mutable {
+    c.notify(std::move(m), std::move(p));
+  });
 }
 
 void BusConnection::close() {

@@ -11,7 +11,9 @@ namespace {
 constexpr std::size_t kHeaderLength = 4;
 
 std::uint32_t readBigEndian32(const char* p) {
-  const auto byte = [p](int i) { return static_cast<std::uint32_t>(static_cast<unsigned char>(p[i])); };
+  const auto byte = [p](int i) {
+    return static_cast<std::uint32_t>(static_cast<unsigned char>(p[i]));
+  };
   return (byte(0) << 24) | (byte(1) << 16) | (byte(2) << 8) | byte(3);
 }
 

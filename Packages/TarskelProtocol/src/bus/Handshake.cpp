@@ -10,9 +10,10 @@ void HelloRequest::encode(KeyedEncoder& e) const {
 }
 
 HelloRequest HelloRequest::decode(const KeyedDecoder& d) {
-  return HelloRequest{d.required<std::string>("clientId"), d.required<std::string>("protocolVersion"),
-                      d.optional<std::vector<std::string>>("capabilities").value_or(std::vector<std::string>{}),
-                      d.optional<std::string>("sessionId")};
+  return HelloRequest{
+      d.required<std::string>("clientId"), d.required<std::string>("protocolVersion"),
+      d.optional<std::vector<std::string>>("capabilities").value_or(std::vector<std::string>{}),
+      d.optional<std::string>("sessionId")};
 }
 
 void HelloResponse::encode(KeyedEncoder& e) const {
@@ -24,9 +25,10 @@ void HelloResponse::encode(KeyedEncoder& e) const {
 }
 
 HelloResponse HelloResponse::decode(const KeyedDecoder& d) {
-  return HelloResponse{d.required<bool>("accepted"), d.required<std::string>("protocolVersion"),
-                       d.optional<std::vector<std::string>>("capabilities").value_or(std::vector<std::string>{}),
-                       d.optional<std::string>("sessionId"), d.optional<std::string>("reason")};
+  return HelloResponse{
+      d.required<bool>("accepted"), d.required<std::string>("protocolVersion"),
+      d.optional<std::vector<std::string>>("capabilities").value_or(std::vector<std::string>{}),
+      d.optional<std::string>("sessionId"), d.optional<std::string>("reason")};
 }
 
 }  // namespace tarskel

@@ -34,7 +34,8 @@ void appendKey(std::string& out, std::string_view key) {
 
 // An optional key that may be moved out of the tree: nothing when absent or
 // null; a number no binary64 holds fails as it would anywhere else.
-std::optional<JSONValue> takeOptional(JSONObject& object, std::string_view key, const CodingPath& at) {
+std::optional<JSONValue> takeOptional(JSONObject& object, std::string_view key,
+                                      const CodingPath& at) {
   JSONValue* value = object.find(key);
   if (value == nullptr || value->isNull()) return std::nullopt;
   CodingPath path(at, key);
@@ -65,7 +66,8 @@ JSONRPCMessage decodeMessage(JSONValue& tree, const CodingPath& at) {
   std::optional<JSONValue> result = takeOptional(object, "result", at);
   if (!result) {
     CodingPath path(at, "method");
-    coding_detail::dataCorrupted(path, "mensaje sin method, result ni error — no es JSON-RPC válido");
+    coding_detail::dataCorrupted(path,
+                                 "mensaje sin method, result ni error — no es JSON-RPC válido");
   }
   std::optional<JSONRPCID> id = d.optional<JSONRPCID>("id");
   if (!id) {
@@ -118,10 +120,14 @@ JSONRPCID JSONCoding<JSONRPCID>::decode(const JSONValue& v, const CodingPath& at
 
 std::string_view JSONRPCMessage::kindName() const {
   switch (kind()) {
-    case Kind::request: return "request";
-    case Kind::notification: return "notification";
-    case Kind::response: return "response";
-    case Kind::errorResponse: return "errorResponse";
+    case Kind::request:
+      return "request";
+    case Kind::notification:
+      return "notification";
+    case Kind::response:
+      return "response";
+    case Kind::errorResponse:
+      return "errorResponse";
   }
   return "request";
 }
@@ -149,7 +155,9 @@ JSONRPCMessage JSONRPCMessage::decode(const KeyedDecoder& d) {
   return decodeMessage(copy, d.path());
 }
 
-JSONRPCMessage JSONRPCMessage::fromTree(JSONValue&& tree) { return decodeMessage(tree, CodingPath()); }
+JSONRPCMessage JSONRPCMessage::fromTree(JSONValue&& tree) {
+  return decodeMessage(tree, CodingPath());
+}
 
 void JSONRPC::encodeInto(std::string& out, const JSONRPCMessage& message) {
   const std::size_t start = out.size();

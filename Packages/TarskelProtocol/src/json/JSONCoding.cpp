@@ -10,10 +10,14 @@ namespace {
 
 const char* kindName(DecodingError::Kind kind) {
   switch (kind) {
-    case DecodingError::Kind::keyNotFound: return "keyNotFound";
-    case DecodingError::Kind::valueNotFound: return "valueNotFound";
-    case DecodingError::Kind::typeMismatch: return "typeMismatch";
-    case DecodingError::Kind::dataCorrupted: return "dataCorrupted";
+    case DecodingError::Kind::keyNotFound:
+      return "keyNotFound";
+    case DecodingError::Kind::valueNotFound:
+      return "valueNotFound";
+    case DecodingError::Kind::typeMismatch:
+      return "typeMismatch";
+    case DecodingError::Kind::dataCorrupted:
+      return "dataCorrupted";
   }
   return "dataCorrupted";
 }
@@ -29,7 +33,8 @@ std::string describe(DecodingError::Kind kind, const std::string& path, const st
 
 bool holdsUnrepresentable(const JSONValue& v) {
   switch (v.kind()) {
-    case JSONValue::Kind::number: return v.numberPayload()->unrepresentable;
+    case JSONValue::Kind::number:
+      return v.numberPayload()->unrepresentable;
     case JSONValue::Kind::array:
       for (const JSONValue& e : *v.arrayValue()) {
         if (holdsUnrepresentable(e)) return true;
@@ -40,7 +45,8 @@ bool holdsUnrepresentable(const JSONValue& v) {
         if (holdsUnrepresentable(m.second)) return true;
       }
       return false;
-    default: return false;
+    default:
+      return false;
   }
 }
 
@@ -109,7 +115,8 @@ std::int64_t requireInt64(const JSONValue& v, const CodingPath& at) {
     dataCorrupted(at, "número fuera de rango para un entero de 64 bits");
   }
   // Written as 1.0 or 1e2: accepted when it is an integer a double holds exactly.
-  if (!isIntegral(n.value)) dataCorrupted(at, "se esperaba un entero, llegó " + formatNumberWithFraction(n.value));
+  if (!isIntegral(n.value))
+    dataCorrupted(at, "se esperaba un entero, llegó " + formatNumberWithFraction(n.value));
   return static_cast<std::int64_t>(n.value);
 }
 
@@ -120,7 +127,8 @@ std::uint64_t requireUInt64(const JSONValue& v, const CodingPath& at) {
     return n.magnitude;
   }
   if (!isIntegral(n.value) || n.value < 0) {
-    dataCorrupted(at, "se esperaba un entero sin signo, llegó " + formatNumberWithFraction(n.value));
+    dataCorrupted(at,
+                  "se esperaba un entero sin signo, llegó " + formatNumberWithFraction(n.value));
   }
   return static_cast<std::uint64_t>(n.value);
 }

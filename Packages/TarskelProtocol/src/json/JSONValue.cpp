@@ -11,14 +11,16 @@ namespace tarskel {
 namespace {
 
 bool isASCII(std::string_view s) {
-  return std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  return std::all_of(s.begin(), s.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
 // NFD of `s` as UTF-16; an unnormalisable (ill-formed) input stays as it is.
 icu::UnicodeString decomposed(std::string_view s) {
   UErrorCode status = U_ZERO_ERROR;
   const icu::Normalizer2* nfd = icu::Normalizer2::getNFDInstance(status);
-  icu::UnicodeString text = icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
+  icu::UnicodeString text =
+      icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
   if (U_FAILURE(status)) return text;
   icu::UnicodeString out = nfd->normalize(text, status);
   return U_FAILURE(status) ? text : out;
@@ -80,14 +82,14 @@ bool JSONObject::erase(std::string_view key) {
 
 JSONObject JSONObject::fromUnsorted(std::vector<Member> members) {
   JSONObject object;
-  object.mayHoldNonASCII_ =
-      std::any_of(members.begin(), members.end(), [](const Member& m) { return !isASCII(m.first); });
+  object.mayHoldNonASCII_ = std::any_of(members.begin(), members.end(),
+                                        [](const Member& m) { return !isASCII(m.first); });
   if (!object.mayHoldNonASCII_) {
     // Documents written by the canonical encoder arrive sorted and unique.
-    const bool strictlySorted = std::adjacent_find(members.begin(), members.end(),
-                                                   [](const Member& a, const Member& b) {
-                                                     return !(a.first < b.first);
-                                                   }) == members.end();
+    const bool strictlySorted =
+        std::adjacent_find(members.begin(), members.end(), [](const Member& a, const Member& b) {
+          return !(a.first < b.first);
+        }) == members.end();
     if (strictlySorted) {
       object.members_ = std::move(members);
       return object;
@@ -161,12 +163,18 @@ const JSONValue* JSONValue::operator[](std::string_view key) const {
 
 const char* JSONValue::typeName() const {
   switch (kind()) {
-    case Kind::boolean: return "boolean";
-    case Kind::number: return isIntegral(numberPayload()->value) ? "integer" : "number";
-    case Kind::string: return "string";
-    case Kind::array: return "array";
-    case Kind::object: return "object";
-    case Kind::null: return "null";
+    case Kind::boolean:
+      return "boolean";
+    case Kind::number:
+      return isIntegral(numberPayload()->value) ? "integer" : "number";
+    case Kind::string:
+      return "string";
+    case Kind::array:
+      return "array";
+    case Kind::object:
+      return "object";
+    case Kind::null:
+      return "null";
   }
   return "null";
 }
@@ -174,12 +182,18 @@ const char* JSONValue::typeName() const {
 bool operator==(const JSONValue& a, const JSONValue& b) {
   if (a.kind() != b.kind()) return false;
   switch (a.kind()) {
-    case JSONValue::Kind::boolean: return *a.boolValue() == *b.boolValue();
-    case JSONValue::Kind::number: return a.numberPayload()->value == b.numberPayload()->value;
-    case JSONValue::Kind::string: return canonicallyEquivalent(*a.stringValue(), *b.stringValue());
-    case JSONValue::Kind::array: return *a.arrayValue() == *b.arrayValue();
-    case JSONValue::Kind::object: return *a.objectValue() == *b.objectValue();
-    case JSONValue::Kind::null: return true;
+    case JSONValue::Kind::boolean:
+      return *a.boolValue() == *b.boolValue();
+    case JSONValue::Kind::number:
+      return a.numberPayload()->value == b.numberPayload()->value;
+    case JSONValue::Kind::string:
+      return canonicallyEquivalent(*a.stringValue(), *b.stringValue());
+    case JSONValue::Kind::array:
+      return *a.arrayValue() == *b.arrayValue();
+    case JSONValue::Kind::object:
+      return *a.objectValue() == *b.objectValue();
+    case JSONValue::Kind::null:
+      return true;
   }
   return false;
 }

@@ -26,14 +26,22 @@ constexpr auto kEscapeClass = makeEscapeClass();
 
 char shortEscape(char c) {
   switch (c) {
-    case '"': return '"';
-    case '\\': return '\\';
-    case '/': return '/';
-    case '\b': return 'b';
-    case '\f': return 'f';
-    case '\n': return 'n';
-    case '\r': return 'r';
-    default: return 't';
+    case '"':
+      return '"';
+    case '\\':
+      return '\\';
+    case '/':
+      return '/';
+    case '\b':
+      return 'b';
+    case '\f':
+      return 'f';
+    case '\n':
+      return 'n';
+    case '\r':
+      return 'r';
+    default:
+      return 't';
   }
 }
 
@@ -100,12 +108,24 @@ class Writer {
 
   void write(const JSONValue& value) {
     switch (value.kind()) {
-      case JSONValue::Kind::boolean: out_ += *value.boolValue() ? "true" : "false"; break;
-      case JSONValue::Kind::number: writeNumber(*value.numberPayload()); break;
-      case JSONValue::Kind::string: appendJSONString(out_, *value.stringValue()); break;
-      case JSONValue::Kind::array: writeArray(*value.arrayValue()); break;
-      case JSONValue::Kind::object: writeObject(*value.objectValue()); break;
-      case JSONValue::Kind::null: out_ += "null"; break;
+      case JSONValue::Kind::boolean:
+        out_ += *value.boolValue() ? "true" : "false";
+        break;
+      case JSONValue::Kind::number:
+        writeNumber(*value.numberPayload());
+        break;
+      case JSONValue::Kind::string:
+        appendJSONString(out_, *value.stringValue());
+        break;
+      case JSONValue::Kind::array:
+        writeArray(*value.arrayValue());
+        break;
+      case JSONValue::Kind::object:
+        writeObject(*value.objectValue());
+        break;
+      case JSONValue::Kind::null:
+        out_ += "null";
+        break;
     }
   }
 
@@ -154,10 +174,14 @@ class Writer {
 
 [[noreturn]] void syntaxError(simdjson::error_code error) {
   switch (error) {
-    case simdjson::UTF8_ERROR: corrupted("el texto no es UTF-8 válido");
-    case simdjson::EMPTY: corrupted("el texto no es JSON válido: documento vacío");
-    case simdjson::TRAILING_CONTENT: corrupted("el texto no es JSON válido: contenido tras el documento");
-    case simdjson::DEPTH_ERROR: corrupted("el texto no es JSON válido: anidamiento demasiado profundo");
+    case simdjson::UTF8_ERROR:
+      corrupted("el texto no es UTF-8 válido");
+    case simdjson::EMPTY:
+      corrupted("el texto no es JSON válido: documento vacío");
+    case simdjson::TRAILING_CONTENT:
+      corrupted("el texto no es JSON válido: contenido tras el documento");
+    case simdjson::DEPTH_ERROR:
+      corrupted("el texto no es JSON válido: anidamiento demasiado profundo");
     default:
       corrupted(std::string("el texto no es JSON válido: ") + simdjson::error_message(error));
   }
@@ -200,7 +224,8 @@ bool isNumberGrammar(std::string_view t) {
 }
 
 std::string_view trimTrailingSpace(std::string_view t) {
-  while (!t.empty() && (t.back() == ' ' || t.back() == '\t' || t.back() == '\n' || t.back() == '\r')) {
+  while (!t.empty() &&
+         (t.back() == ' ' || t.back() == '\t' || t.back() == '\n' || t.back() == '\r')) {
     t.remove_suffix(1);
   }
   return t;
@@ -247,11 +272,16 @@ class TreeBuilder {
  public:
   JSONValue build(od::value value, std::size_t depth) {
     switch (take(value.type())) {
-      case od::json_type::array: return readArray(take(value.get_array()), depth);
-      case od::json_type::object: return readObject(take(value.get_object()), depth);
-      case od::json_type::number: return readNumber(value);
-      case od::json_type::string: return JSONValue(readString(take(value.get_string())));
-      case od::json_type::boolean: return JSONValue(take(value.get_bool()));
+      case od::json_type::array:
+        return readArray(take(value.get_array()), depth);
+      case od::json_type::object:
+        return readObject(take(value.get_object()), depth);
+      case od::json_type::number:
+        return readNumber(value);
+      case od::json_type::string:
+        return JSONValue(readString(take(value.get_string())));
+      case od::json_type::boolean:
+        return JSONValue(take(value.get_bool()));
       case od::json_type::null:
         if (!take(value.is_null())) corrupted("el texto no es JSON válido: literal mal formado");
         return JSONValue(nullptr);
@@ -262,11 +292,16 @@ class TreeBuilder {
   // `input` is the padded text the document was made from.
   JSONValue buildRoot(od::document& doc, std::string_view input, bool& checkedEnd) {
     switch (take(doc.type())) {
-      case od::json_type::array: return readArray(take(doc.get_array()), 0);
-      case od::json_type::object: return readObject(take(doc.get_object()), 0);
-      case od::json_type::number: return readRootNumber(doc, input, checkedEnd);
-      case od::json_type::string: return JSONValue(readString(take(doc.get_string())));
-      case od::json_type::boolean: return JSONValue(take(doc.get_bool()));
+      case od::json_type::array:
+        return readArray(take(doc.get_array()), 0);
+      case od::json_type::object:
+        return readObject(take(doc.get_object()), 0);
+      case od::json_type::number:
+        return readRootNumber(doc, input, checkedEnd);
+      case od::json_type::string:
+        return JSONValue(readString(take(doc.get_string())));
+      case od::json_type::boolean:
+        return JSONValue(take(doc.get_bool()));
       case od::json_type::null:
         if (!take(doc.is_null())) corrupted("el texto no es JSON válido: literal mal formado");
         return JSONValue(nullptr);
@@ -283,7 +318,8 @@ class TreeBuilder {
     if (number.numberPayload()->unrepresentable) {
       const auto start = static_cast<std::size_t>(token.data() - input.data());
       const std::size_t end = input.find_first_of(" \t\n\r", start);
-      if (end != std::string_view::npos && input.find_first_not_of(" \t\n\r", end) != std::string_view::npos) {
+      if (end != std::string_view::npos &&
+          input.find_first_not_of(" \t\n\r", end) != std::string_view::npos) {
         syntaxError(simdjson::TRAILING_CONTENT);
       }
       checkedEnd = true;
@@ -310,8 +346,9 @@ class TreeBuilder {
       JSONValue value = build(take(std::move(element)), depth + 1);
       elements_.push_back(std::move(value));
     }
-    JSONValue::Array out(std::make_move_iterator(elements_.begin() + static_cast<std::ptrdiff_t>(base)),
-                         std::make_move_iterator(elements_.end()));
+    JSONValue::Array out(
+        std::make_move_iterator(elements_.begin() + static_cast<std::ptrdiff_t>(base)),
+        std::make_move_iterator(elements_.end()));
     elements_.erase(elements_.begin() + static_cast<std::ptrdiff_t>(base), elements_.end());
     return JSONValue(std::move(out));
   }
@@ -359,7 +396,8 @@ JSONValue parseTree(std::string_view bytes) {
   od::document doc = take(parser.iterate(padded));
   TreeBuilder builder;
   bool checkedEnd = false;
-  JSONValue root = builder.buildRoot(doc, std::string_view(padded.data(), padded.size()), checkedEnd);
+  JSONValue root =
+      builder.buildRoot(doc, std::string_view(padded.data(), padded.size()), checkedEnd);
   if (checkedEnd) return root;
   // The reader accepts `{"a":1}}` silently: whatever follows the root is refused here.
   const char* location = nullptr;
@@ -373,7 +411,9 @@ JSONValue parseTree(std::string_view bytes) {
 
 // ---------------------------------------------------------------- public
 
-bool isValidUTF8(std::string_view text) { return simdjson::validate_utf8(text.data(), text.size()); }
+bool isValidUTF8(std::string_view text) {
+  return simdjson::validate_utf8(text.data(), text.size());
+}
 
 std::string escapedBytes(std::string_view text) {
   static constexpr char kHex[] = "0123456789abcdef";
@@ -424,14 +464,16 @@ void appendJSONString(std::string& out, std::string_view text) {
 }
 
 void appendJSONNumber(std::string& out, double value) {
-  if (!std::isfinite(value)) throw EncodingError("número no finito: " + formatNumberWithFraction(value));
+  if (!std::isfinite(value))
+    throw EncodingError("número no finito: " + formatNumberWithFraction(value));
   if (value == 0) {
     out += std::signbit(value) ? "-0" : "0";
     return;
   }
   if (isIntegral(value)) {
     const auto i = static_cast<std::int64_t>(value);
-    appendDigits(out, i < 0 ? 0 - static_cast<std::uint64_t>(i) : static_cast<std::uint64_t>(i), i < 0);
+    appendDigits(out, i < 0 ? 0 - static_cast<std::uint64_t>(i) : static_cast<std::uint64_t>(i),
+                 i < 0);
     return;
   }
   appendLaidOut(out, value, false);

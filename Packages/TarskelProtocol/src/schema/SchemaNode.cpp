@@ -14,7 +14,8 @@ std::string SchemaViolation::description() const {
   return text;
 }
 
-SchemaBox::SchemaBox(SchemaNode node) : value_(std::make_shared<const SchemaNode>(std::move(node))) {}
+SchemaBox::SchemaBox(SchemaNode node)
+    : value_(std::make_shared<const SchemaNode>(std::move(node))) {}
 
 bool operator==(const SchemaBox& a, const SchemaBox& b) {
   return a.value_ == b.value_ || *a.value_ == *b.value_;
@@ -72,8 +73,8 @@ void collectDocumentationViolations(const SchemaNode& node, const std::string& p
     for (const auto& [key, child] : *node.properties) {
       std::string childPath = path + "." + key;
       if (trimSpaceSeparators(child.description.value_or(std::string())).empty()) {
-        out.push_back({childPath, "doc.description",
-                       "todo campo de configuración exige description"});
+        out.push_back(
+            {childPath, "doc.description", "todo campo de configuración exige description"});
       }
       if (!child.xRisk) {
         out.push_back({childPath, "doc.x-risk",

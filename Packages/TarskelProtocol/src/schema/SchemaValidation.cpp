@@ -12,8 +12,8 @@
 #include <memory>
 #include <string>
 
-#include "tarskel/protocol/schema/SchemaNode.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/protocol/schema/SchemaNode.hpp"
 
 namespace tarskel {
 namespace {
@@ -161,7 +161,8 @@ PatternOutcome searchPattern(std::string_view pattern, std::string_view text) {
   matcher->setTimeLimit(kPatternTimeLimit, status);
   const bool found = matcher->find(status);
   // A search that timed out or ran out of stack decided nothing.
-  if (status == U_REGEX_TIME_OUT || status == U_REGEX_STACK_OVERFLOW) return PatternOutcome::tooSlow;
+  if (status == U_REGEX_TIME_OUT || status == U_REGEX_STACK_OVERFLOW)
+    return PatternOutcome::tooSlow;
   return U_SUCCESS(status) && found ? PatternOutcome::match : PatternOutcome::noMatch;
 }
 
@@ -229,14 +230,14 @@ void checkString(const SchemaNode& node, const std::string& text, const ValuePat
   if (node.minLength || node.maxLength) {
     const std::int64_t length = graphemeLength(text);
     if (node.minLength && length < *node.minLength) {
-      out.push_back({path.toString(), "minLength",
-                     "largo " + std::to_string(length) + " < mínimo " +
-                         std::to_string(*node.minLength)});
+      out.push_back(
+          {path.toString(), "minLength",
+           "largo " + std::to_string(length) + " < mínimo " + std::to_string(*node.minLength)});
     }
     if (node.maxLength && length > *node.maxLength) {
-      out.push_back({path.toString(), "maxLength",
-                     "largo " + std::to_string(length) + " > máximo " +
-                         std::to_string(*node.maxLength)});
+      out.push_back(
+          {path.toString(), "maxLength",
+           "largo " + std::to_string(length) + " > máximo " + std::to_string(*node.maxLength)});
     }
   }
   if (node.pattern) {
@@ -260,17 +261,16 @@ void checkString(const SchemaNode& node, const std::string& text, const ValuePat
 
 void check(const SchemaNode& node, const JSONValue& value, const ValuePath& path, Violations& out) {
   if (node.type && !hasType(value, *node.type)) {
-    out.push_back({path.toString(), "type",
-                   "se esperaba " + std::string(enumName(*node.type)) + ", llegó " +
-                       value.typeName()});
+    out.push_back(
+        {path.toString(), "type",
+         "se esperaba " + std::string(enumName(*node.type)) + ", llegó " + value.typeName()});
     return;
   }
-  if (node.enumValues &&
-      std::find(node.enumValues->begin(), node.enumValues->end(), value) ==
-          node.enumValues->end()) {
+  if (node.enumValues && std::find(node.enumValues->begin(), node.enumValues->end(), value) ==
+                             node.enumValues->end()) {
     out.push_back({path.toString(), "enum",
-                   "valor fuera del conjunto admitido (" +
-                       std::to_string(node.enumValues->size()) + " opciones)"});
+                   "valor fuera del conjunto admitido (" + std::to_string(node.enumValues->size()) +
+                       " opciones)"});
   }
   if (const JSONValue::Array* elements = value.arrayValue()) {
     checkArray(node, *elements, path, out);

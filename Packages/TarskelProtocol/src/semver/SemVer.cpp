@@ -36,9 +36,9 @@ std::optional<std::int64_t> parseComponent(std::string_view text) {
   if (text.empty()) return std::nullopt;
   // Accumulate the magnitude in unsigned so that INT64_MIN stays readable
   // (and is then refused for its sign rather than for overflow).
-  const std::uint64_t limit = negative
-      ? static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + 1
-      : static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+  const std::uint64_t limit =
+      negative ? static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + 1
+               : static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
   std::uint64_t magnitude = 0;
   for (char c : text) {
     if (c < '0' || c > '9') return std::nullopt;

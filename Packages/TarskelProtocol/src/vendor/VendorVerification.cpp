@@ -50,9 +50,9 @@ VendorVerificationError VendorVerificationError::expired(Date expires, Date now)
 
 VendorVerificationError VendorVerificationError::downgrade(std::int64_t installed,
                                                            std::int64_t offered) {
-  VendorVerificationError e(Kind::downgrade, "anti-rollback: instalado monotonicVersion=" +
-                                                 std::to_string(installed) + ", ofrecido " +
-                                                 std::to_string(offered));
+  VendorVerificationError e(
+      Kind::downgrade, "anti-rollback: instalado monotonicVersion=" + std::to_string(installed) +
+                           ", ofrecido " + std::to_string(offered));
   e.first_ = installed;
   e.second_ = offered;
   return e;
@@ -73,8 +73,8 @@ VendorVerificationError VendorVerificationError::malformedSignature() {
 }
 
 bool operator==(const VendorVerificationError& a, const VendorVerificationError& b) {
-  return a.kind_ == b.kind_ && a.text_ == b.text_ && a.expires_ == b.expires_ &&
-         a.now_ == b.now_ && a.first_ == b.first_ && a.second_ == b.second_;
+  return a.kind_ == b.kind_ && a.text_ == b.text_ && a.expires_ == b.expires_ && a.now_ == b.now_ &&
+         a.first_ == b.first_ && a.second_ == b.second_;
 }
 
 VendorVerification::VendorVerification(std::shared_ptr<const SignatureAlgorithm> algorithm,

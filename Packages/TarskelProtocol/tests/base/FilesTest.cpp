@@ -59,7 +59,8 @@ TEST(FilesTest, AtomicReplaceLeavesNothingBesideTheTarget) {
   atomicReplace(target, "first");
   atomicReplace(target, "second", {".state.tmp", 0600});
   EXPECT_EQ(testing::readFile(target), "second");
-  EXPECT_EQ(fs::status(target).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(fs::status(target).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
 
   // A rename that fails (the target is a directory that is not empty)
   // leaves the target as it was and no temporary file.

@@ -1,5 +1,3 @@
-#include "tarskel/protocol/base/Logger.hpp"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,6 +8,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tarskel/protocol/base/Logger.hpp"
 
 namespace tarskel {
 namespace {
@@ -63,7 +63,8 @@ TEST(LoggerTest, LevelsSourcesAndAThrowingSink) {
   logger.notice("n");
   logger.withSource("codesign").critical("c", {{"k", "v"}});
   ASSERT_EQ(out.lines.size(), 2u);
-  static const std::regex form(R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}[+-]\d{4} notice tarskeld : \[tarskeld\] n\n$)");
+  static const std::regex form(
+      R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}[+-]\d{4} notice tarskeld : \[tarskeld\] n\n$)");
   EXPECT_TRUE(std::regex_match(out.lines[0], form)) << out.lines[0];
   EXPECT_NE(out.lines[1].find(" critical tarskeld : k=v [codesign] c\n"), std::string::npos);
 

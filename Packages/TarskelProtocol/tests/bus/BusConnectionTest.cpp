@@ -1,9 +1,6 @@
-#include "tarskel/protocol/bus/BusConnection.hpp"
-
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-
-#include <gtest/gtest.h>
 
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
@@ -18,6 +15,7 @@
 #include <tuple>
 #include <vector>
 
+#include "tarskel/protocol/bus/BusConnection.hpp"
 #include "tarskel/protocol/bus/BusMethod.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
@@ -62,7 +60,8 @@ Outcome outcomeOf(std::exception_ptr error, JSONValue value) {
   return out;
 }
 
-std::future<Outcome> callAsync(BusConnection& c, std::string method, BusConnection::Params params = std::nullopt) {
+std::future<Outcome> callAsync(BusConnection& c, std::string method,
+                               BusConnection::Params params = std::nullopt) {
   auto promise = std::make_shared<std::promise<Outcome>>();
   std::future<Outcome> future = promise->get_future();
   c.asyncCall(std::move(method), std::move(params), [promise](std::exception_ptr e, JSONValue v) {
@@ -78,7 +77,8 @@ Outcome await(std::future<Outcome> future) {
 
 class BusConnectionTest : public ::testing::Test {
  protected:
-  void connect(HelloRequest hello = helloFrom("probe"), BusServerHello offer = BusServerHello{{"events"}, nullptr}, BusLimits limits = {}) {
+  void connect(HelloRequest hello = helloFrom("probe"),
+               BusServerHello offer = BusServerHello{{"events"}, nullptr}, BusLimits limits = {}) {
     Local::socket a(pool.get_executor()), b(pool.get_executor());
     asio::local::connect_pair(a, b);
     client = BusConnection::client(std::move(a), std::move(hello), limits);
@@ -114,7 +114,9 @@ TEST_F(BusConnectionTest, HelloOpensASessionAndCallsComeBack) {
   EXPECT_EQ(theirs->sessionId, ours->sessionId);
   EXPECT_EQ(ours->sessionId->size(), 32u);
   // Any completion token: here a future.
-  EXPECT_EQ(client->asyncCall(std::string(BusMethod::healthPing), std::nullopt, asio::use_future).get(), *ping.result);
+  EXPECT_EQ(
+      client->asyncCall(std::string(BusMethod::healthPing), std::nullopt, asio::use_future).get(),
+      *ping.result);
 }
 
 TEST_F(BusConnectionTest, ResponsesCompleteTheirOwnCallsInAnyOrder) {
@@ -146,10 +148,12 @@ TEST_F(BusConnectionTest, ResponsesCompleteTheirOwnCallsInAnyOrder) {
 TEST_F(BusConnectionTest, HandlerOutcomesBecomeResponses) {
   connect();
   server->handle("result", [](const auto& params) { return params.value_or(JSONValue("none")); });
-  server->handle("refuse", [](const auto&) { return JSONRPCError(RPCErrorCode::accessDenied, "no"); });
+  server->handle("refuse",
+                 [](const auto&) { return JSONRPCError(RPCErrorCode::accessDenied, "no"); });
   server->handle("throwRPC", [](const auto&) -> BusOutcome { throw BusCallError({42, "propio"}); });
   server->handle("throw", [](const auto&) -> BusOutcome { throw std::runtime_error("roto"); });
-  server->handle("nan", [](const auto&) { return JSONValue(std::numeric_limits<double>::quiet_NaN()); });
+  server->handle("nan",
+                 [](const auto&) { return JSONValue(std::numeric_limits<double>::quiet_NaN()); });
   server->handle("null", [](const auto&) { return JSONValue(nullptr); });
   server->handleAsync("drop", [](auto, BusResponder) {});
   server->handleAsync("later", [](auto params, BusResponder r) {
@@ -173,10 +177,12 @@ TEST_F(BusConnectionTest, HandlerOutcomesBecomeResponses) {
       {"nan", std::nullopt, std::nullopt,
        JSONRPCError(RPCErrorCode::internalError, "el resultado no se puede escribir como JSON")},
       {"null", std::nullopt, std::nullopt,
-       JSONRPCError(RPCErrorCode::internalError, "el resultado es null, que el otro extremo no puede leer")},
+       JSONRPCError(RPCErrorCode::internalError,
+                    "el resultado es null, que el otro extremo no puede leer")},
       {"drop", std::nullopt, std::nullopt,
        JSONRPCError(RPCErrorCode::internalError, "sin respuesta del manejador de drop")},
-      {"nadie", std::nullopt, std::nullopt, JSONRPCError(RPCErrorCode::methodNotFound, "método desconocido: nadie")},
+      {"nadie", std::nullopt, std::nullopt,
+       JSONRPCError(RPCErrorCode::methodNotFound, "método desconocido: nadie")},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.method);
@@ -192,7 +198,9 @@ TEST_F(BusConnectionTest, PeerThatGoesMidRequestFailsThePendingCall) {
   start();
   Outcome got = call("hang");
   EXPECT_EQ(got.connection, BusConnectionError::Reason::peerClosed);
-  EXPECT_EQ(got.text, "la conexión se cerró con la llamada a hang pendiente: el otro extremo cerró la conexión");
+  EXPECT_EQ(
+      got.text,
+      "la conexión se cerró con la llamada a hang pendiente: el otro extremo cerró la conexión");
   // Later calls fail at once, for the same cause.
   EXPECT_EQ(call("otra").connection, BusConnectionError::Reason::peerClosed);
 }
@@ -221,11 +229,13 @@ TEST_F(BusConnectionTest, CloseFailsEveryPendingCall) {
 // Refused hellos: the pending call names the cause, and both ends close.
 TEST_F(BusConnectionTest, RefusedHelloClosesBothEnds) {
   BusServerHello picky{{}, [](const HelloRequest& h) -> std::optional<JSONRPCError> {
-                         if (h.clientId == "intruso") return JSONRPCError(RPCErrorCode::accessDenied, "desconocido");
+                         if (h.clientId == "intruso")
+                           return JSONRPCError(RPCErrorCode::accessDenied, "desconocido");
                          return std::nullopt;
                        }};
   const std::vector<std::tuple<HelloRequest, std::int64_t, const char*>> cases = {
-      {helloFrom("old", "2.0.0"), RPCErrorCode::incompatibleProtocol, "protocolo 2.0.0 incompatible con 1.1.0"},
+      {helloFrom("old", "2.0.0"), RPCErrorCode::incompatibleProtocol,
+       "protocolo 2.0.0 incompatible con 1.1.0"},
       {helloFrom("intruso"), RPCErrorCode::accessDenied, "desconocido"},
   };
   for (const auto& [hello, code, reason] : cases) {
@@ -235,8 +245,11 @@ TEST_F(BusConnectionTest, RefusedHelloClosesBothEnds) {
     start();
     Outcome got = call(std::string(BusMethod::healthPing));
     EXPECT_EQ(got.connection, BusConnectionError::Reason::handshakeRefused);
-    EXPECT_EQ(got.text, std::string("la conexión se cerró con la llamada a health.ping pendiente: saludo rechazado: ") +
-                            reason);
+    EXPECT_EQ(
+        got.text,
+        std::string(
+            "la conexión se cerró con la llamada a health.ping pendiente: saludo rechazado: ") +
+            reason);
     EXPECT_EQ(serverClosed.get_future().get(), BusConnectionError::Reason::handshakeRefused);
     EXPECT_FALSE(client->session());
   }
@@ -249,7 +262,8 @@ TEST_F(BusConnectionTest, QueueLimitRefusesCallsAndMessageLimitRefusesBigOnes) {
   connect(helloFrom("probe"), {}, limits);
   server->handle("echo", [](const auto& params) { return *params; });
   start();
-  EXPECT_EQ(call("echo", JSONValue(std::string(8000, 'q'))).connection, BusConnectionError::Reason::queueFull);
+  EXPECT_EQ(call("echo", JSONValue(std::string(8000, 'q'))).connection,
+            BusConnectionError::Reason::queueFull);
   Outcome big = call("echo", JSONValue(std::string(2 << 20, 'q')));
   ASSERT_TRUE(big.error);
   EXPECT_EQ(big.error->code, RPCErrorCode::payloadTooLarge);
@@ -289,7 +303,8 @@ class RawPeerTest : public ::testing::Test {
     }
   }
   void hello() {
-    send(R"({"jsonrpc":"2.0","id":0,"method":"service.hello","params":{"clientId":"raw","protocolVersion":"1.0.0"}})");
+    send(
+        R"({"jsonrpc":"2.0","id":0,"method":"service.hello","params":{"clientId":"raw","protocolVersion":"1.0.0"}})");
     ASSERT_NE(receive().find(R"("accepted":true)"), std::string::npos);
   }
 
@@ -320,7 +335,8 @@ TEST_F(RawPeerTest, BadMessagesGetTheirJSONRPCErrors) {
   const std::vector<std::pair<const char*, const char*>> afterHello = {
       {"nope", R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"dataCorrupted en <raíz>: )"},
       {"[]", R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"los lotes no se admiten"}})"},
-      {"7", R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"un mensaje debe ser un objeto JSON"}})"},
+      {"7",
+       R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"un mensaje debe ser un objeto JSON"}})"},
       {R"({"jsonrpc":"1.0","id":5,"method":"m"})",
        R"({"jsonrpc":"2.0","id":5,"error":{"code":-32600,"message":"dataCorrupted en jsonrpc: jsonrpc debe ser \"2.0\", llegó 1.0"}})"},
       {R"({"jsonrpc":"2.0","id":"a","method":"service.hello","params":{}})",
@@ -351,14 +367,17 @@ TEST_F(RawPeerTest, UnreadableResponseFailsItsCall) {
   send(R"({"jsonrpc":"2.0","id":1,"result":null})");
   Outcome got = await(std::move(answer));
   ASSERT_TRUE(got.error) << got.text;
-  EXPECT_EQ(got.error->message, "respuesta ilegible: dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido");
+  EXPECT_EQ(got.error->message,
+            "respuesta ilegible: dataCorrupted en method: mensaje sin method, result ni error — no "
+            "es JSON-RPC válido");
 }
 
 TEST_F(RawPeerTest, OversizeFrameGetsPayloadTooLargeThenTheConnectionCloses) {
   hello();
   sendBytes(std::string("\0\0\x04\x01", 4));  // 1025 bytes announced, 1024 allowed
-  EXPECT_EQ(receive(),
-            R"({"jsonrpc":"2.0","error":{"code":-32005,"message":"frame de 1025 bytes excede el máximo de 1024"}})");
+  EXPECT_EQ(
+      receive(),
+      R"({"jsonrpc":"2.0","error":{"code":-32005,"message":"frame de 1025 bytes excede el máximo de 1024"}})");
   EXPECT_EQ(receive(), "EOF");
 }
 

@@ -1,9 +1,9 @@
-#include "tarskel/protocol/bus/Framing.hpp"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+#include "tarskel/protocol/bus/Framing.hpp"
 
 namespace tarskel {
 namespace {
@@ -77,7 +77,8 @@ TEST(FramingTest, OversizeHeaderIsRefusedForGood) {
        "frame de 17 bytes excede el máximo de 16", 4},
       {Framing::defaultMaxFrameLength, "", "\xFF\xFF\xFF\xFF"s, 4294967295,
        "frame de 4294967295 bytes excede el máximo de 16777216", 4},
-      {8, "", Framing::encode("ok") + "\0\0\0\x09zz"s, 9, "frame de 9 bytes excede el máximo de 8", 6},
+      {8, "", Framing::encode("ok") + "\0\0\0\x09zz"s, 9, "frame de 9 bytes excede el máximo de 8",
+       6},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);

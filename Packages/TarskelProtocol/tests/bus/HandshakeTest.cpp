@@ -1,11 +1,10 @@
-#include "tarskel/protocol/bus/Handshake.hpp"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "tarskel/protocol/bus/Handshake.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
@@ -22,8 +21,8 @@ std::string canonical(const T& value) {
 
 TEST(HandshakeTest, CompatibleExactlyWhenMajorsAgree) {
   const std::vector<std::tuple<const char*, const char*, bool>> cases = {
-      {"1.1.0", "1.9.3", true},  {"1.1.0", "2.0.0", false}, {"1.0.0-beta", "1.5.0", true},
-      {"0.1.0", "0.2.0", true},  {"2.0.0-rc", "1.9.9", false}, {"1.1.0", "1.1.0", true},
+      {"1.1.0", "1.9.3", true}, {"1.1.0", "2.0.0", false},    {"1.0.0-beta", "1.5.0", true},
+      {"0.1.0", "0.2.0", true}, {"2.0.0-rc", "1.9.9", false}, {"1.1.0", "1.1.0", true},
   };
   for (const auto& [a, b, expected] : cases) {
     SCOPED_TRACE(std::string(a) + " / " + b);
@@ -34,7 +33,8 @@ TEST(HandshakeTest, CompatibleExactlyWhenMajorsAgree) {
 
 TEST(HandshakeTest, CapabilitiesDefaultToEmptyAndAreAlwaysWritten) {
   const std::vector<std::pair<const char*, const char*>> requests = {
-      {R"({"clientId":"a","protocolVersion":"1.1.0"})", R"({"capabilities":[],"clientId":"a","protocolVersion":"1.1.0"})"},
+      {R"({"clientId":"a","protocolVersion":"1.1.0"})",
+       R"({"capabilities":[],"clientId":"a","protocolVersion":"1.1.0"})"},
       {R"({"clientId":"a","protocolVersion":"1.1.0","capabilities":null,"sessionId":null})",
        R"({"capabilities":[],"clientId":"a","protocolVersion":"1.1.0"})"},
       {R"({"clientId":"a","protocolVersion":"9","capabilities":["events","no-such"],"sessionId":"s","x":1})",
@@ -45,7 +45,8 @@ TEST(HandshakeTest, CapabilitiesDefaultToEmptyAndAreAlwaysWritten) {
     EXPECT_EQ(canonical(decode<HelloRequest>(in)), out);
   }
   const std::vector<std::pair<const char*, const char*>> responses = {
-      {R"({"accepted":true,"protocolVersion":"1.1.0"})", R"({"accepted":true,"capabilities":[],"protocolVersion":"1.1.0"})"},
+      {R"({"accepted":true,"protocolVersion":"1.1.0"})",
+       R"({"accepted":true,"capabilities":[],"protocolVersion":"1.1.0"})"},
       {R"({"accepted":false,"protocolVersion":"1.1.0","capabilities":["ui-push"],"reason":"no","sessionId":"s"})",
        R"({"accepted":false,"capabilities":["ui-push"],"protocolVersion":"1.1.0","reason":"no","sessionId":"s"})"},
   };

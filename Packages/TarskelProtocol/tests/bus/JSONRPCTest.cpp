@@ -1,5 +1,3 @@
-#include "tarskel/protocol/bus/JSONRPC.hpp"
-
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -7,6 +5,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "tarskel/protocol/bus/JSONRPC.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
@@ -48,15 +47,18 @@ TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
       {R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"x"},"result":1})",
        M::errorResponse(std::nullopt, {-32600, "x"})},
       {R"({"jsonrpc":"2.0","method":"m","error":17})", M::notification("m")},
-      {R"({"jsonrpc":"2.0","id":1,"method":"m","error":{"code":"x"},"result":null})", M::request(1, "m")},
+      {R"({"jsonrpc":"2.0","id":1,"method":"m","error":{"code":"x"},"result":null})",
+       M::request(1, "m")},
       {R"({"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":{"k":[]}}})",
        M::errorResponse(3, {5, "y", json(R"({"k":[]})")})},
-      {R"({"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":null}})", M::errorResponse(3, {5, "y"})},
+      {R"({"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":null}})",
+       M::errorResponse(3, {5, "y"})},
       {R"({"jsonrpc":"2.0","id":2,"result":{"ok":true}})", M::response(2, json(R"({"ok":true})"))},
       // null reads as absent: its four consequences
       {R"({"jsonrpc":"2.0","id":1,"result":null})", std::nullopt,
        Failure{kCorrupt, "method", "mensaje sin method, result ni error — no es JSON-RPC válido"}},
-      {R"({"jsonrpc":"2.0","id":null,"error":{"code":1,"message":"x"}})", M::errorResponse(std::nullopt, {1, "x"})},
+      {R"({"jsonrpc":"2.0","id":null,"error":{"code":1,"message":"x"}})",
+       M::errorResponse(std::nullopt, {1, "x"})},
       {R"({"jsonrpc":"2.0","id":null,"method":"m"})", M::notification("m")},
       {R"({"jsonrpc":"2.0","id":1,"method":"m","params":null})", M::request(1, "m")},
       {R"({"jsonrpc":"2.0","id":1,"error":null,"result":3})", M::response(1, JSONValue(3))},
@@ -71,7 +73,8 @@ TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
        Failure{DecodingError::Kind::typeMismatch, "jsonrpc", "se esperaba string, llegó number"}},
       {R"({"jsonrpc":"2.0"})", std::nullopt,
        Failure{kCorrupt, "method", "mensaje sin method, result ni error — no es JSON-RPC válido"}},
-      {R"({"jsonrpc":"2.0","result":1})", std::nullopt, Failure{kCorrupt, "id", "una response exige id"}},
+      {R"({"jsonrpc":"2.0","result":1})", std::nullopt,
+       Failure{kCorrupt, "id", "una response exige id"}},
       {R"({"jsonrpc":"2.0","method":5})", std::nullopt,
        Failure{DecodingError::Kind::typeMismatch, "method", "se esperaba string, llegó number"}},
       {R"([{"jsonrpc":"2.0","method":"m"}])", std::nullopt,
@@ -142,14 +145,17 @@ TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
     std::optional<M> decoded;
   };
   const std::vector<Case> cases = {
-      {M::request(1, "m", json(R"({"a":1})")), R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":1}})",
+      {M::request(1, "m", json(R"({"a":1})")),
+       R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":1}})",
        M::request(1, "m", json(R"({"a":1})"))},
-      {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})", M::request("a/b", "m")},
+      {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})",
+       M::request("a/b", "m")},
       {M::notification("m", JSONValue(nullptr)), R"({"jsonrpc":"2.0","method":"m","params":null})",
        M::notification("m")},
-      {M::response(INT64_MIN, JSONValue(nullptr)), R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})",
-       std::nullopt},
-      {M::errorResponse(std::nullopt, {-32700, "x"}), R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})",
+      {M::response(INT64_MIN, JSONValue(nullptr)),
+       R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})", std::nullopt},
+      {M::errorResponse(std::nullopt, {-32700, "x"}),
+       R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})",
        M::errorResponse(std::nullopt, {-32700, "x"})},
       {M::errorResponse(9, {1, "y", JSONValue(true)}),
        R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})",
@@ -171,8 +177,9 @@ TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
 
 TEST(JSONRPCTest, UnwritableValueLeavesTheOutputAsItWas) {
   std::string out = "prefix";
-  EXPECT_THROW(JSONRPC::encodeInto(out, M::response(1, JSONValue(std::numeric_limits<double>::infinity()))),
-               EncodingError);
+  EXPECT_THROW(
+      JSONRPC::encodeInto(out, M::response(1, JSONValue(std::numeric_limits<double>::infinity()))),
+      EncodingError);
   EXPECT_EQ(out, "prefix");
 }
 

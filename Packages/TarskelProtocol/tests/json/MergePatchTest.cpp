@@ -1,11 +1,10 @@
-#include "tarskel/protocol/json/MergePatch.hpp"
-
 #include <gtest/gtest.h>
 
 #include <array>
 #include <string>
 #include <vector>
 
+#include "tarskel/protocol/json/MergePatch.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
@@ -46,7 +45,6 @@ TEST(MergePatchTest, ApplyFollowsTheRFCExamplesAndOurEdgeCases) {
     EXPECT_EQ(canonical(MergePatch::apply(json(patch), json(target))), expected);
   }
 }
-
 
 TEST(MergePatchTest, DiffGivesTheSmallestPatchTheFormatCanSay) {
   const Case3 cases[] = {

@@ -27,10 +27,20 @@ std::string decodeFailure(std::string_view text) {
 
 TEST(JSONNumberLayout, MatchesTheTable) {
   const std::pair<double, const char*> cases[] = {
-      {0, "0"}, {-0.0, "-0"}, {-3, "-3"}, {1.5, "1.5"}, {0.0001, "0.0001"}, {0.00001, "1e-05"},
-      {-0.00012, "-0.00012"}, {1234567890123, "1234567890123"}, {9007199254740992.0, "9007199254740992"},
-      {9007199254740994.0, "9.007199254740994e+15"}, {1e16, "1e+16"}, {1.5e300, "1.5e+300"},
-      {5e-324, "5e-324"}, {std::numeric_limits<double>::max(), "1.7976931348623157e+308"},
+      {0, "0"},
+      {-0.0, "-0"},
+      {-3, "-3"},
+      {1.5, "1.5"},
+      {0.0001, "0.0001"},
+      {0.00001, "1e-05"},
+      {-0.00012, "-0.00012"},
+      {1234567890123, "1234567890123"},
+      {9007199254740992.0, "9007199254740992"},
+      {9007199254740994.0, "9.007199254740994e+15"},
+      {1e16, "1e+16"},
+      {1.5e300, "1.5e+300"},
+      {5e-324, "5e-324"},
+      {std::numeric_limits<double>::max(), "1.7976931348623157e+308"},
   };
   for (const auto& [value, bytes] : cases) {
     SCOPED_TRACE(bytes);
@@ -38,7 +48,11 @@ TEST(JSONNumberLayout, MatchesTheTable) {
     EXPECT_EQ(decode(bytes).numberValue(), value);  // every layout reads back exactly
   }
   const std::pair<double, const char*> withFraction[] = {
-      {0, "0.0"}, {-3, "-3.0"}, {784926483.5, "784926483.5"}, {1e-5, "1e-05"}, {9007199254740992.0, "9007199254740992.0"},
+      {0, "0.0"},
+      {-3, "-3.0"},
+      {784926483.5, "784926483.5"},
+      {1e-5, "1e-05"},
+      {9007199254740992.0, "9007199254740992.0"},
   };
   for (const auto& [value, text] : withFraction) EXPECT_EQ(formatNumberWithFraction(value), text);
 }
@@ -47,13 +61,18 @@ TEST(JSONNumberLayout, MatchesTheTable) {
 // UTF-8 sealed into a manifest no reader takes.
 TEST(JSONEncoding, NonFiniteNumbersAndInvalidUTF8FailUnderEveryEncoder) {
   const double inf = std::numeric_limits<double>::infinity();
-  for (const JSONValue& bad : {JSONValue(inf), JSONValue(-inf), JSONValue(std::nan("")), JSONValue("a\xff" "b"),
-                               JSONValue("\xed\xa0\x80"), JSONValue(JSONObject{{"\xc0\xaf", JSONValue(1)}})}) {
+  for (const JSONValue& bad :
+       {JSONValue(inf), JSONValue(-inf), JSONValue(std::nan("")),
+        JSONValue("a\xff"
+                  "b"),
+        JSONValue("\xed\xa0\x80"), JSONValue(JSONObject{{"\xc0\xaf", JSONValue(1)}})}) {
     JSONValue nested(JSONValue::Array{JSONValue(1), JSONValue(JSONObject{{"x", bad}})});
     EXPECT_THROW(TarskelJSON::canonicalEncoder().encode(nested), EncodingError);
     EXPECT_THROW(TarskelJSON::encoder().encode(nested), EncodingError);
   }
-  EXPECT_EQ(escapedBytes("a\xff" "b\\\n\xc3\xa9"), "a\\xffb\\x5c\\x0a\xc3\xa9");
+  EXPECT_EQ(escapedBytes("a\xff"
+                         "b\\\n\xc3\xa9"),
+            "a\\xffb\\x5c\\x0a\xc3\xa9");
 }
 
 TEST(JSONEncoding, StringEscapes) {
@@ -90,7 +109,8 @@ TEST(JSONEncoding, CanonicalBytes) {
       {"-0", "-0"},
       {"-0.0", "-0"},
       {"true", "true"},
-      {R"({"B":1,"a":2,"_":3,"1":4,"é":5,"z":6})", "{\"1\":4,\"B\":1,\"_\":3,\"a\":2,\"z\":6,\"\xc3\xa9\":5}"},
+      {R"({"B":1,"a":2,"_":3,"1":4,"é":5,"z":6})",
+       "{\"1\":4,\"B\":1,\"_\":3,\"a\":2,\"z\":6,\"\xc3\xa9\":5}"},
       {"123456789012345678901234567890", "1.2345678901234568e+29"},
       {"18446744073709551615", "1.8446744073709552e+19"},
       {"-9223372036854775808", "-9.223372036854776e+18"},
@@ -105,8 +125,10 @@ TEST(JSONEncoding, CanonicalBytes) {
 
 TEST(JSONDecoding, RefusesWhatIsNotOneDocument) {
   const char* bad[] = {
-      "",  "{",   "[1,]", R"({"a":1}})", "1 2", "01",   "1.",     "+1",         "tru",         R"({a:1})",
-      "[1,2", "\"abc", "NaN", "{\"a\" 1}", "\"a\x01\"", "\"\\x\"", "\"\\ud800\"", "\"\\udc00\"", "\"\xc3\x28\"", "\xef\xbb\xbf{}",
+      "",        "{",           "[1,]",        R"({"a":1}})",  "1 2",
+      "01",      "1.",          "+1",          "tru",          R"({a:1})",
+      "[1,2",    "\"abc",       "NaN",         "{\"a\" 1}",    "\"a\x01\"",
+      "\"\\x\"", "\"\\ud800\"", "\"\\udc00\"", "\"\xc3\x28\"", "\xef\xbb\xbf{}",
   };
   for (const char* text : bad) {
     SCOPED_TRACE(text);
@@ -184,11 +206,17 @@ TEST(JSONValueRules, EqualityAndTypeNames) {
     JSONValue value;
     const char* type;
   } names[] = {
-      {JSONValue(0.5), "number"},   {JSONValue(3), "integer"},     {JSONValue(-0.0), "integer"},
-      {JSONValue(1e300), "number"}, {JSONValue(9007199254740992.0), "number"},
-      {JSONValue(9007199254740991.0), "integer"}, {JSONValue(true), "boolean"},
-      {JSONValue("x"), "string"},   {JSONValue(JSONValue::Array{}), "array"},
-      {JSONValue(JSONObject{}), "object"}, {JSONValue(), "null"},
+      {JSONValue(0.5), "number"},
+      {JSONValue(3), "integer"},
+      {JSONValue(-0.0), "integer"},
+      {JSONValue(1e300), "number"},
+      {JSONValue(9007199254740992.0), "number"},
+      {JSONValue(9007199254740991.0), "integer"},
+      {JSONValue(true), "boolean"},
+      {JSONValue("x"), "string"},
+      {JSONValue(JSONValue::Array{}), "array"},
+      {JSONValue(JSONObject{}), "object"},
+      {JSONValue(), "null"},
       {JSONValue(std::numeric_limits<double>::infinity()), "number"},
   };
   for (const auto& n : names) {
@@ -225,7 +253,8 @@ TEST(JSONRecordCoding, RequiredOptionalNullAndUnknownKeys) {
       {R"({"name":null,"payload":1})", DecodingError::Kind::valueNotFound, "name"},
       {R"({"name":1,"payload":1})", DecodingError::Kind::typeMismatch, "name"},
       {R"({"name":"n","payload":1,"count":1.5})", DecodingError::Kind::dataCorrupted, "count"},
-      {R"({"name":"n","payload":1,"count":9223372036854775808})", DecodingError::Kind::dataCorrupted, "count"},
+      {R"({"name":"n","payload":1,"count":9223372036854775808})",
+       DecodingError::Kind::dataCorrupted, "count"},
       {R"([1])", DecodingError::Kind::typeMismatch, ""},
   };
   for (const auto& f : failures) {
@@ -242,7 +271,8 @@ TEST(JSONRecordCoding, RequiredOptionalNullAndUnknownKeys) {
 
 TEST(JSONRecordCoding, SixtyFourBitIntegersAreExact) {
   const JSONDecoder decoder = TarskelJSON::decoder();
-  for (std::int64_t v : {INT64_MAX, INT64_MIN, std::int64_t{9007199254740993}, std::int64_t{-1}, std::int64_t{0}}) {
+  for (std::int64_t v :
+       {INT64_MAX, INT64_MIN, std::int64_t{9007199254740993}, std::int64_t{-1}, std::int64_t{0}}) {
     Probe p{"n", JSONValue(), v};
     const std::string bytes = TarskelJSON::canonicalEncoder().encode(p);
     EXPECT_EQ(bytes, R"({"count":)" + std::to_string(v) + R"(,"name":"n","payload":null})");
@@ -262,8 +292,9 @@ TEST(JSONRecordCoding, DatesAndBytes) {
   EXPECT_EQ(decoder.decode<Date>("\"2026-11-15T20:19:34Z\"").unixTime(), 1794773974.0);
   EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(Date{0}), "\"2001-01-01T00:00:00Z\"");
   EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(Date{-0.5}), "\"2000-12-31T23:59:59Z\"");
-  for (const char* bad : {"\"2026-11-15T20:19:34.5Z\"", "\"2026-11-15T20:19:34+00:00\"", "\"2026-02-30T00:00:00Z\"",
-                          "\"2026-11-15 20:19:34Z\"", "\"2026-13-01T00:00:00Z\"", "1794773974", "\"\""}) {
+  for (const char* bad :
+       {"\"2026-11-15T20:19:34.5Z\"", "\"2026-11-15T20:19:34+00:00\"", "\"2026-02-30T00:00:00Z\"",
+        "\"2026-11-15 20:19:34Z\"", "\"2026-13-01T00:00:00Z\"", "1794773974", "\"\""}) {
     SCOPED_TRACE(bad);
     EXPECT_THROW(decoder.decode<Date>(bad), DecodingError);
   }
@@ -277,9 +308,19 @@ TEST(Base64, StrictDecoding) {
   // White space, foreign characters and misplaced padding are refused; the
   // unused bits of the last symbol are not looked at ("Zh==" is "f").
   const std::pair<const char*, std::optional<std::string>> cases[] = {
-      {"", ""}, {"Zg==", "f"}, {"Zm8=", "fo"}, {"Zm9vYg==", "foob"}, {"Zh==", "f"}, {"Zm9=", "fo"},
-      {"Zg", std::nullopt}, {"Zg=", std::nullopt}, {"Zm9v\n", std::nullopt}, {"Zm 9v", std::nullopt},
-      {"Z===", std::nullopt}, {"Zg==Zg==", std::nullopt}, {"Zm9v-_==", std::nullopt},
+      {"", ""},
+      {"Zg==", "f"},
+      {"Zm8=", "fo"},
+      {"Zm9vYg==", "foob"},
+      {"Zh==", "f"},
+      {"Zm9=", "fo"},
+      {"Zg", std::nullopt},
+      {"Zg=", std::nullopt},
+      {"Zm9v\n", std::nullopt},
+      {"Zm 9v", std::nullopt},
+      {"Z===", std::nullopt},
+      {"Zg==Zg==", std::nullopt},
+      {"Zm9v-_==", std::nullopt},
   };
   for (const auto& [text, bytes] : cases) {
     SCOPED_TRACE(text);

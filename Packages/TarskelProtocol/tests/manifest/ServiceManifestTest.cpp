@@ -1,5 +1,3 @@
-#include "tarskel/protocol/manifest/ServiceManifest.hpp"
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -8,6 +6,7 @@
 
 #include "tarskel/protocol/json/MergePatch.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/protocol/manifest/ServiceManifest.hpp"
 #include "tarskel/protocol/manifest/ServiceState.hpp"
 
 namespace tarskel {
@@ -20,7 +19,8 @@ JSONValue json(const std::string& text) { return TarskelJSON::decoder().decode<J
 
 // The valid base manifest with a merge patch applied.
 ServiceManifest manifest(const std::string& patch) {
-  const std::string text = TarskelJSON::encoder().encode(MergePatch::apply(json(patch), json(kBase)));
+  const std::string text =
+      TarskelJSON::encoder().encode(MergePatch::apply(json(patch), json(kBase)));
   return TarskelJSON::decoder().decode<ServiceManifest>(text);
 }
 
@@ -33,7 +33,8 @@ std::vector<std::string> findings(const ServiceManifest& m, bool full) {
 }
 
 // Every rule once, in the order the rules run, with its exact text.
-const char* kEveryRule = R"({"id":"Net.example","version":"1.2","displayName":" \t","platformApi":"~1",
+const char* kEveryRule =
+    R"({"id":"Net.example","version":"1.2","displayName":" \t","platformApi":"~1",
   "executables":{"macos-arm64":"/usr/bin/x","darwin-x86_64":"bin/a..b","linux-arm64":"./bin/x"},
   "dependencies":[{"service":"notes","version":"1.2.3.4"}],"schedule":["daily@7:00"],
   "tools":[{"name":"create","description":"\t","inputSchema":{}},{"name":"create","description":"d","inputSchema":{}}],
@@ -42,21 +43,26 @@ const char* kEveryRule = R"({"id":"Net.example","version":"1.2","displayName":" 
   "resources":{"memoryMaxMB":0,"cpuPercentMax":101},"activation":{"mode":"on-demand","idleStopMinutes":0}})";
 
 const std::vector<std::string> kEveryRuleFindings = {
-    "id: [id.invalid] 'Net.example' no es un identificador reverse-DNS válido (minúsculas, ≥2 segmentos)",
+    "id: [id.invalid] 'Net.example' no es un identificador reverse-DNS válido (minúsculas, ≥2 "
+    "segmentos)",
     "version: [version.invalid] '1.2' no es semver (major.minor.patch)",
     "displayName: [displayName.empty] displayName no puede estar vacío",
     "platformApi: [platformApi.invalid] '~1' no es un constraint válido (exacta, >=, ^, N.x)",
-    "executables.darwin-x86_64: [executables.badPath] la ruta debe ser relativa al bundle y sin '..'",
+    "executables.darwin-x86_64: [executables.badPath] la ruta debe ser relativa al bundle y sin "
+    "'..'",
     "executables.macos-arm64: [executables.badKey] 'macos-arm64' no es <os>-<arch> válido "
     "(darwin|linux|windows - arm64|x86_64)",
     "executables.macos-arm64: [executables.badPath] la ruta debe ser relativa al bundle y sin '..'",
     "dependencies[0].service: [dependency.badService] 'notes' no es un id de servicio válido",
     "dependencies[0].version: [dependency.badConstraint] '1.2.3.4' no es un constraint válido",
     "schedule[0]: [schedule.badFormat] 'daily@7:00' no es 'daily@HH:MM'",
-    "tools[0].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados por punto)",
-    "tools[0].description: [tool.noDescription] toda tool exige description (es el contrato que leen "
+    "tools[0].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados "
+    "por punto)",
+    "tools[0].description: [tool.noDescription] toda tool exige description (es el contrato que "
+    "leen "
     "agentes y humanos)",
-    "tools[1].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados por punto)",
+    "tools[1].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados "
+    "por punto)",
     "tools[1].name: [tool.duplicate] tool 'create' duplicada",
     "toolAccess[0]: [toolAccess.badEntry] 'net.example.notes/a.b/c' no es '<serviceId>/<tool>' ni "
     "'<serviceId>/*'",
@@ -66,22 +72,24 @@ const std::vector<std::string> kEveryRuleFindings = {
     "configSchema.b: [configSchema.undocumented] todo campo de configuración exige x-risk "
     "(safe|disruptive|dangerous)",
     "migrations[0].from: [migration.badFrom] 'banana' no es un rango de versión válido",
-    "restartPolicy: [restartPolicy.invalid] maxFailures ≥ 1, window ≥ 1 y backoffSeconds no vacío y sin "
+    "restartPolicy: [restartPolicy.invalid] maxFailures ≥ 1, window ≥ 1 y backoffSeconds no vacío "
+    "y sin "
     "negativos",
     "resources.memoryMaxMB: [resources.invalid] memoryMaxMB debe ser ≥ 1",
     "resources.cpuPercentMax: [resources.invalid] cpuPercentMax debe estar entre 1 y 100",
     "activation.idleStopMinutes: [activation.invalid] idleStopMinutes debe ser ≥ 1",
 };
 
-
 TEST(ServiceManifestTest, ValidationTable) {
-  const std::pair<const char*, const char*> cases[] = {  // patch, "<path> <code>, ..."
+  const std::pair<const char*, const char*> cases[] = {
+      // patch, "<path> <code>, ..."
       {R"({"id":"a","version":"x","executables":{"darwin-arm64":null}})",
        "id id.invalid, version version.invalid, executables executables.empty"},
       // Each bound inclusive; a line break is not blank; nothing else of the schema is judged.
       {R"({"id":"1.2","version":"01.2.3","platformApi":"1.2","displayName":"\n","restartPolicy":{"backoffSeconds":[0]},
           "resources":{"memoryMaxMB":1,"cpuPercentMax":100},"activation":{"mode":"always","idleStopMinutes":0},
-          "configSchema":{"pattern":"(","properties":{"a":{"description":"d","x-risk":"safe"}}}})", ""},
+          "configSchema":{"pattern":"(","properties":{"a":{"description":"d","x-risk":"safe"}}}})",
+       ""},
       {R"({"displayName":"\u3000","executables":{"darwin-arm64":""},"restartPolicy":{"window":0},
           "resources":{"cpuPercentMax":0}})",
        "displayName displayName.empty, executables.darwin-arm64 executables.badPath, "
@@ -98,7 +106,8 @@ TEST(ServiceManifestTest, ValidationTable) {
   };
   for (const auto& [patch, expected] : cases) {
     std::string got;
-    for (const std::string& f : findings(manifest(patch), false)) got += (got.empty() ? "" : ", ") + f;
+    for (const std::string& f : findings(manifest(patch), false))
+      got += (got.empty() ? "" : ", ") + f;
     EXPECT_EQ(got, expected) << patch;
   }
 }
@@ -112,12 +121,23 @@ TEST(ServiceManifestTest, PatternsAndToolAccessForms) {
   const Set when = [](ServiceManifest& m, const char* v) { m.schedule = {v}; };
   const Set access = [](ServiceManifest& m, const char* v) { m.toolAccess = {v}; };
   const std::tuple<Set, const char*, bool> cases[] = {
-      {id, "a.b\n", true}, {id, "a.b\n\n", false}, {id, "a-.b", false}, {id, "-a.b", false}, {id, "a..b", false},
-      {target, "windows-x86_64", true}, {target, "Darwin-arm64", false}, {when, "daily@00:00\n", true},
-      {when, "daily@24:00", false}, {access, "net.example.notes/notes.create", true},
-      {access, "net.example.notes/*", true}, {access, "/net.example.notes/a.b", true},
-      {access, "notes/notes.create", false}, {access, "net.example.notes/create", false},
-      {access, "net.example.notes/", false}, {access, "", false}, {access, "net.example.notes//a.b", false},
+      {id, "a.b\n", true},
+      {id, "a.b\n\n", false},
+      {id, "a-.b", false},
+      {id, "-a.b", false},
+      {id, "a..b", false},
+      {target, "windows-x86_64", true},
+      {target, "Darwin-arm64", false},
+      {when, "daily@00:00\n", true},
+      {when, "daily@24:00", false},
+      {access, "net.example.notes/notes.create", true},
+      {access, "net.example.notes/*", true},
+      {access, "/net.example.notes/a.b", true},
+      {access, "notes/notes.create", false},
+      {access, "net.example.notes/create", false},
+      {access, "net.example.notes/", false},
+      {access, "", false},
+      {access, "net.example.notes//a.b", false},
   };
   for (const auto& [set, value, valid] : cases) {
     ServiceManifest m = manifest("{}");
@@ -133,22 +153,28 @@ TEST(ServiceManifestTest, ValidationGivesEveryFaultInRuleOrderOnAnyThread) {
   std::vector<int> wrong(4);
   std::vector<std::thread> threads;
   for (int& w : wrong) {
-    threads.emplace_back([&] { for (int i = 0; i < 50; ++i) w += findings(m, true) != kEveryRuleFindings; });
+    threads.emplace_back([&] {
+      for (int i = 0; i < 50; ++i) w += findings(m, true) != kEveryRuleFindings;
+    });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, std::vector<int>(4));
 }
 
-std::string canonical(const ServiceManifest& m) { return TarskelJSON::canonicalEncoder().encode(m); }
+std::string canonical(const ServiceManifest& m) {
+  return TarskelJSON::canonicalEncoder().encode(m);
+}
 
 TEST(ServiceManifestTest, WritingFillsEveryDefaultAndLeavesOutOnlyTheOptionalRecords) {
-  const std::string minimal = R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{}})";
-  EXPECT_EQ(canonical(TarskelJSON::decoder().decode<ServiceManifest>(minimal)),
-            R"({"activation":{"mode":"always"},"dependencies":[],"displayName":"X",)"
-            R"("events":{"publishes":[],"subscribes":[]},"executables":{},"id":"a.b","migrations":[],)"
-            R"("permissions":{},"platformApi":"1.x","privileges":{"privilegedOps":[]},)"
-            R"("restartPolicy":{"backoffSeconds":[1,5,30,120],"maxFailures":5,"mode":"always","window":600},)"
-            R"("schedule":[],"scope":"user","toolAccess":[],"tools":[],"version":"1.0.0"})");
+  const std::string minimal =
+      R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{}})";
+  EXPECT_EQ(
+      canonical(TarskelJSON::decoder().decode<ServiceManifest>(minimal)),
+      R"({"activation":{"mode":"always"},"dependencies":[],"displayName":"X",)"
+      R"("events":{"publishes":[],"subscribes":[]},"executables":{},"id":"a.b","migrations":[],)"
+      R"("permissions":{},"platformApi":"1.x","privileges":{"privilegedOps":[]},)"
+      R"("restartPolicy":{"backoffSeconds":[1,5,30,120],"maxFailures":5,"mode":"always","window":600},)"
+      R"("schedule":[],"scope":"user","toolAccess":[],"tools":[],"version":"1.0.0"})");
   // Defaults hold field by field inside a present record; keys of another case are ignored.
   const ServiceManifest m = manifest(
       R"({"restartPolicy":{"mode":"never"},"activation":{"mode":"on-demand"},"scope":"machine",
@@ -157,11 +183,12 @@ TEST(ServiceManifestTest, WritingFillsEveryDefaultAndLeavesOutOnlyTheOptionalRec
           {"type":"action","title":"a","tool":"t","args":{"n":1}},{"type":"panel","title":"p","panel":"main"}]}})");
   EXPECT_EQ(m.restartPolicy, (RestartPolicy{RestartPolicy::Mode::never, {1, 5, 30, 120}, 5, 600}));
   const std::string written = canonical(m);
-  for (const char* part : {R"("activation":{"mode":"on-demand"})", R"("resources":{})", R"("scope":"machine")",
-                           R"({"optional":false,"service":"a.b","version":"1"})",
-                           R"({"bind":"s","type":"status"},{"title":"a","tool":"t","type":"action"})",
-                           R"("args":{"n":1})", R"({"panel":"main","title":"p","type":"panel"})",
-                           R"("tray":{"ownTrayIcon":false,"section")"}) {
+  for (const char* part :
+       {R"("activation":{"mode":"on-demand"})", R"("resources":{})", R"("scope":"machine")",
+        R"({"optional":false,"service":"a.b","version":"1"})",
+        R"({"bind":"s","type":"status"},{"title":"a","tool":"t","type":"action"})",
+        R"("args":{"n":1})", R"({"panel":"main","title":"p","type":"panel"})",
+        R"("tray":{"ownTrayIcon":false,"section")"}) {
     EXPECT_NE(written.find(part), std::string::npos) << part << " in " << written;
   }
   EXPECT_EQ(TarskelJSON::decoder().decode<ServiceManifest>(written), m);
@@ -178,8 +205,10 @@ TEST(ServiceManifestTest, WritingFillsEveryDefaultAndLeavesOutOnlyTheOptionalRec
 // A fragment completes a minimal manifest (the last of two equal keys wins);
 // a whole document stands as it is.
 std::string readError(const std::string& fragment) {
-  const std::string text = fragment[0] == '{' ? fragment
-      : R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{},)" + fragment + "}";
+  const std::string text =
+      fragment[0] == '{'
+          ? fragment
+          : R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{},)" + fragment + "}";
   try {
     TarskelJSON::decoder().decode<ServiceManifest>(text);
     return "read";
@@ -190,29 +219,37 @@ std::string readError(const std::string& fragment) {
 
 TEST(ServiceManifestTest, ReadingFailsWholeAndNamesTheKeyPath) {
   const std::pair<const char*, const char*> cases[] = {
-      {R"({"id":"a.b","version":"1","displayName":"X"})", R"(keyNotFound en <raíz>: falta la clave "executables")"},
+      {R"({"id":"a.b","version":"1","displayName":"X"})",
+       R"(keyNotFound en <raíz>: falta la clave "executables")"},
       {R"("energy":{})", R"(keyNotFound en energy: falta la clave "deferrable")"},
-      {R"("tools":[{"name":"x","description":"y"}])", R"(keyNotFound en tools[0]: falta la clave "inputSchema")"},
-      {R"("dependencies":[{"service":"a.b"}])", R"(keyNotFound en dependencies[0]: falta la clave "version")"},
-      {R"("tray":{"section":[{"bind":"x"}]})", R"(keyNotFound en tray.section[0]: falta la clave "type")"},
+      {R"("tools":[{"name":"x","description":"y"}])",
+       R"(keyNotFound en tools[0]: falta la clave "inputSchema")"},
+      {R"("dependencies":[{"service":"a.b"}])",
+       R"(keyNotFound en dependencies[0]: falta la clave "version")"},
+      {R"("tray":{"section":[{"bind":"x"}]})",
+       R"(keyNotFound en tray.section[0]: falta la clave "type")"},
       {R"("tray":{"section":[{"type":"separator"}]})",
        "dataCorrupted en tray.section[0].type: Tipo de tray item desconocido: separator"},
       {R"("scope":"global")", R"(dataCorrupted en scope: valor desconocido: "global")"},
-      {R"("activation":{"mode":"sometimes"})", R"(dataCorrupted en activation.mode: valor desconocido: "sometimes")"},
+      {R"("activation":{"mode":"sometimes"})",
+       R"(dataCorrupted en activation.mode: valor desconocido: "sometimes")"},
       {R"("restartPolicy":{"mode":"on_failure"})",
        R"(dataCorrupted en restartPolicy.mode: valor desconocido: "on_failure")"},
       {R"("restartPolicy":{"maxFailures":1.5})",
        "dataCorrupted en restartPolicy.maxFailures: se esperaba un entero, llegó 1.5"},
-      {R"("configSchema":{"type":"text"})", R"(dataCorrupted en configSchema.type: valor desconocido: "text")"},
+      {R"("configSchema":{"type":"text"})",
+       R"(dataCorrupted en configSchema.type: valor desconocido: "text")"},
       {R"("executables":{"darwin-arm64":1})",
        "typeMismatch en executables.darwin-arm64: se esperaba string, llegó number"},
-      {R"("permissions":{"files":"x"})", "typeMismatch en permissions.files: se esperaba array, llegó string"},
+      {R"("permissions":{"files":"x"})",
+       "typeMismatch en permissions.files: se esperaba array, llegó string"},
       {R"("privileges":{"privilegedOps":[true]})",
        "typeMismatch en privileges.privilegedOps[0]: se esperaba string, llegó boolean"},
       {R"("restartPolicy":[])", "typeMismatch en restartPolicy: se esperaba object, llegó array"},
       {R"("id":null)", "valueNotFound en id: se esperaba un valor, llegó null"},
   };
-  for (const auto& [fragment, expected] : cases) EXPECT_EQ(readError(fragment), expected) << fragment;
+  for (const auto& [fragment, expected] : cases)
+    EXPECT_EQ(readError(fragment), expected) << fragment;
 }
 
 TEST(ServiceStateTest, ElevenExactCasesInOrder) {

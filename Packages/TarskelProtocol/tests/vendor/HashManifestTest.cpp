@@ -24,8 +24,8 @@ TEST(HashManifestTest, CanonicalBytesSortKeysEscapeSlashAndLeaveOutAbsentMetadat
   EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(sampleManifest()),
             R"({"artifactId":"net.example.app","artifactType":"platform",)"
             R"("expires":"2026-01-02T03:04:05Z","files":[{"path":"App.app\/Contents\/Info.plist",)"
-            R"("sha256":")" + std::string(64, 'a') +
-                R"("}],"monotonicVersion":42,"version":"1.2.3"})");
+            R"("sha256":")" +
+                std::string(64, 'a') + R"("}],"monotonicVersion":42,"version":"1.2.3"})");
 }
 
 TEST(HashManifestTest, RoundTripsWithMetadataAndExtremeMonotonicVersion) {
@@ -69,7 +69,8 @@ TEST(VendorAllowlistTest, KeyWithIdReturnsTheFirstOfEqualIds) {
 
 TEST(VendorAllowlistTest, SigningPayloadIsTheCanonicalEncoding) {
   VendorAllowlist list{7, {{"k1", "AAAA/+=="}}};
-  EXPECT_EQ(list.signingPayload(), R"({"keys":[{"keyId":"k1","publicKey":"AAAA\/+=="}],"revision":7})");
+  EXPECT_EQ(list.signingPayload(),
+            R"({"keys":[{"keyId":"k1","publicKey":"AAAA\/+=="}],"revision":7})");
 }
 
 // Keys under which a forged signature verifies for any message are refused
@@ -97,9 +98,10 @@ TEST(HashManifestTest, AllowlistRefusesNonCanonicalAndSmallOrderKeys) {
       {"identity, negative zero", hex("01" + std::string(60, '0') + "80"), smallOrder},
       {"order 2", hex("ec" + ff + "7f"), smallOrder},
       {"order 4", std::string(32, '\0'), smallOrder},
-      {"order 8", hex("26e8958fc2b227b045c3f489f2ef98f0d5dfac05d3c63339b13802886d53fc05"), smallOrder},
-      {"order 8, other sign", hex("c7176a703d4dd84fba3c0b760d10670f2a2053fa2c39ccc64ec7fd7792ac03fa"),
+      {"order 8", hex("26e8958fc2b227b045c3f489f2ef98f0d5dfac05d3c63339b13802886d53fc05"),
        smallOrder},
+      {"order 8, other sign",
+       hex("c7176a703d4dd84fba3c0b760d10670f2a2053fa2c39ccc64ec7fd7792ac03fa"), smallOrder},
       {"y = p - 20, canonical", hex("ec" + ff + "7e"), std::nullopt},
       {"RFC 8032 test key", hex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a"),
        std::nullopt},
@@ -108,9 +110,10 @@ TEST(HashManifestTest, AllowlistRefusesNonCanonicalAndSmallOrderKeys) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(ed25519KeyWeakness(c.raw), c.why);
-    const std::string json = R"({"revision":1,"keys":[{"keyId":"good","publicKey":")" +
-                             base64Encode(hex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a")) +
-                             R"("},{"keyId":"k1","publicKey":")" + base64Encode(c.raw) + R"("}]})";
+    const std::string json =
+        R"({"revision":1,"keys":[{"keyId":"good","publicKey":")" +
+        base64Encode(hex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a")) +
+        R"("},{"keyId":"k1","publicKey":")" + base64Encode(c.raw) + R"("}]})";
     try {
       EXPECT_EQ(TarskelJSON::decoder().decode<VendorAllowlist>(json).keys.size(), 2u);
       EXPECT_FALSE(c.why);

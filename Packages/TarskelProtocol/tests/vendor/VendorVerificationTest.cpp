@@ -20,7 +20,8 @@ class FakeAlgorithm : public SignatureAlgorithm {
   bool verify(std::string_view signature, std::string_view message,
               std::string_view publicKey) const override {
     ++calls;
-    return publicKey.size() == 32 && signature == std::string(publicKey) + "|" + std::string(message);
+    return publicKey.size() == 32 &&
+           signature == std::string(publicKey) + "|" + std::string(message);
   }
   mutable std::atomic<int> calls{0};
 };
@@ -49,8 +50,9 @@ class VendorVerificationTest : public ::testing::Test {
                                     return kNow;
                                   }};
   VendorAllowlist allowlist{1, {{"vendor", base64Encode(kKey)}}};
-  HashManifest manifest{"id", ArtifactType::platform, "1", 10, Date{kNow.secondsSinceReferenceDate + 1},
-                        {}, std::nullopt};
+  HashManifest manifest{
+      "id",        ArtifactType::platform, "1", 10, Date{kNow.secondsSinceReferenceDate + 1}, {},
+      std::nullopt};
   std::string data = "manifest bytes";
 };
 
@@ -78,25 +80,36 @@ TEST_F(VendorVerificationTest, SignatureFindingsStopAtTheFirst) {
     VendorAllowlist list;
     VendorVerificationError expected;
   } cases[] = {
-      {"algorithm in capitals", {"vendor", "ED25519", ""}, allowlist,
+      {"algorithm in capitals",
+       {"vendor", "ED25519", ""},
+       allowlist,
        VendorVerificationError::unsupportedAlgorithm("ED25519")},
-      {"unknown key and unsupported algorithm", {"nobody", "rsa", "!!"}, allowlist,
+      {"unknown key and unsupported algorithm",
+       {"nobody", "rsa", "!!"},
+       allowlist,
        VendorVerificationError::unsupportedAlgorithm("rsa")},
       {"unknown key", signedBy("nobody", kKey, data), allowlist,
        VendorVerificationError::unknownKey("nobody")},
       {"line break in signature text",
-       {"vendor", "ed25519", base64Encode(kKey + "|") + "\n" + base64Encode(data)}, allowlist,
+       {"vendor", "ed25519", base64Encode(kKey + "|") + "\n" + base64Encode(data)},
+       allowlist,
        VendorVerificationError::malformedSignature()},
-      {"signature without padding", {"vendor", "ed25519", "YWI"}, allowlist,
+      {"signature without padding",
+       {"vendor", "ed25519", "YWI"},
+       allowlist,
        VendorVerificationError::malformedSignature()},
-      {"public key not base64", signedBy("vendor", kKey, data), {1, {{"vendor", "a b="}}},
+      {"public key not base64",
+       signedBy("vendor", kKey, data),
+       {1, {{"vendor", "a b="}}},
        VendorVerificationError::malformedSignature()},
-      {"public key of 31 bytes", signedBy("vendor", kKey, data),
+      {"public key of 31 bytes",
+       signedBy("vendor", kKey, data),
        {1, {{"vendor", base64Encode(kKey.substr(1))}}},
        VendorVerificationError::badSignature("vendor")},
       {"signature by another key", signedBy("vendor", kOtherKey, data), allowlist,
        VendorVerificationError::badSignature("vendor")},
-      {"first of two equal ids decides", signedBy("vendor", kOtherKey, data),
+      {"first of two equal ids decides",
+       signedBy("vendor", kOtherKey, data),
        {1, {{"vendor", base64Encode(kKey)}, {"vendor", base64Encode(kOtherKey)}}},
        VendorVerificationError::badSignature("vendor")},
   };
@@ -149,8 +162,7 @@ TEST(VendorVerificationErrorTest, Texts) {
       {VendorVerificationError::unsupportedAlgorithm("rsa"),
        "algoritmo 'rsa' no soportado (se exige ed25519)"},
       {VendorVerificationError::badSignature("k"), "la firma no verifica bajo la clave 'k'"},
-      {VendorVerificationError::expired(Date{expires.secondsSinceReferenceDate + 0.9},
-                                        Date{-0.5}),
+      {VendorVerificationError::expired(Date{expires.secondsSinceReferenceDate + 0.9}, Date{-0.5}),
        "manifest vencido: expiró 2026-01-02 03:04:05 +0000, ahora es 2000-12-31 23:59:59 +0000"},
       {VendorVerificationError::downgrade(-1, INT64_MIN),
        "anti-rollback: instalado monotonicVersion=-1, ofrecido -9223372036854775808"},
@@ -186,10 +198,12 @@ TEST_F(RotationTest, Outcomes) {
       {"signed by the current key", rotation(2, "vendor", kKey), std::nullopt},
       {"equal revision, perfect signature", rotation(1, "vendor", kKey),
        VendorVerificationError::rotationNotNewer(1, 1)},
-      {"lower revision", rotation(0, "vendor", kKey), VendorVerificationError::rotationNotNewer(1, 0)},
+      {"lower revision", rotation(0, "vendor", kKey),
+       VendorVerificationError::rotationNotNewer(1, 0)},
       {"signed only by a key of the new list", rotation(2, "next", kOtherKey),
        VendorVerificationError::unknownKey("next")},
-      {"bad signature", rotation(2, "vendor", kOtherKey), VendorVerificationError::badSignature("vendor")},
+      {"bad signature", rotation(2, "vendor", kOtherKey),
+       VendorVerificationError::badSignature("vendor")},
       {"a key added after signing", withIntruder(rotation(2, "vendor", kKey)),
        VendorVerificationError::badSignature("vendor")},
   };

@@ -40,8 +40,8 @@ DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName) {
   const std::string name(machServiceName);
   xpc_connection_t connection = xpc_connection_create_mach_service(name.c_str(), nullptr, 0);
   // Errors show up as the reply of the call they interrupt; nothing to do here.
-  xpc_connection_set_event_handler(connection, ^(xpc_object_t) {
-  });
+  xpc_connection_set_event_handler(connection, ^(xpc_object_t){
+                                   });
   xpc_connection_resume(connection);
   connection_ = std::make_unique<Connection>(Connection{connection});
 }
@@ -70,9 +70,9 @@ DaemonResponse DaemonXPCClient::request(const DaemonRequest& request) {
   }
   const std::size_t length = xpc_data_get_length(value);
   const void* data = xpc_data_get_bytes_ptr(value);
-  const std::string response =
-      data != nullptr && length > 0 ? std::string(static_cast<const char*>(data), length)
-                                    : std::string();
+  const std::string response = data != nullptr && length > 0
+                                   ? std::string(static_cast<const char*>(data), length)
+                                   : std::string();
   return TarskelJSON::decoder().decode<DaemonResponse>(response);
 }
 

@@ -17,8 +17,9 @@ namespace tarskel::testing {
 // given), removed with everything in it when the value goes.
 class TempDirectory {
  public:
-  explicit TempDirectory(std::string_view prefix = "tarskel-test",
-                         const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+  explicit TempDirectory(
+      std::string_view prefix = "tarskel-test",
+      const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
     std::string pattern = (parent / (std::string(prefix) + "-XXXXXX")).string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     path_ = pattern;

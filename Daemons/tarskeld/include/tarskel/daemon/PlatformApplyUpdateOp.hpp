@@ -62,8 +62,7 @@ class PlatformApplyUpdateOp final : public DaemonOp {
   // changed before it stay changed. A walk that can't reach every entry
   // throws "recorrido de <path> incompleto: errno <n>". Modes are left as
   // they are.
-  static void chownTreeToRootWheel(const std::filesystem::path& at,
-                                   const PlatformFiles& platform);
+  static void chownTreeToRootWheel(const std::filesystem::path& at, const PlatformFiles& platform);
 
   const std::filesystem::path& rootURL() const { return rootURL_; }
 

@@ -7,8 +7,8 @@
 //
 // Implementations: the system's (one per platform, chosen at build time and
 // reached through CodeSignPlatform::system()) and, for tests only, the fake
-// in the TarskelCodeSignTesting library. Linux has no operating-system code signature, so its adapter answers
-// every validity check with errSecCSUnsigned.
+// in the TarskelCodeSignTesting library. Linux has no operating-system code signature, so its
+// adapter answers every validity check with errSecCSUnsigned.
 //
 // Threads: implementations hold no mutable state of their own (the fake
 // guards its call log), so any thread may call them. Calls may block on file

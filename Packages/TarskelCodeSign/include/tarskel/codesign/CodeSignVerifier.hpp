@@ -28,8 +28,8 @@ struct CodeSignVerifier {
   // service manifest.
   std::vector<std::string> teamIds;
 
-  // Judges static code made by `platform` (the platform that made `code`). In order, the first failure
-  // ending it:
+  // Judges static code made by `platform` (the platform that made `code`). In order, the first
+  // failure ending it:
   //   1. compiles "anchor apple generic" (its status is not looked at);
   //   2. checks validity in all architectures against it: a nonzero status
   //      is signatureInvalid(path, status), so ad-hoc code ends here;

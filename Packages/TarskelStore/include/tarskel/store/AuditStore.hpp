@@ -91,7 +91,7 @@ class AuditStore {
   };
 
   struct ChainReport {
-    std::int64_t rowsChecked = 0;         // rows that passed
+    std::int64_t rowsChecked = 0;          // rows that passed
     std::optional<ChainBreak> firstBreak;  // nothing when the chain holds
     // The last row that passed (seq 0 and the start hash when none did):
     // the head to anchor elsewhere when the chain holds.
@@ -132,8 +132,8 @@ class AuditStore {
 
   // Synchronous forms; see the thread rules above.
   std::string recordSync(const std::string& caller, const std::string& tool,
-                         const std::string& origin, const std::string& outcome,
-                         double durationMs, const std::string& correlationId);
+                         const std::string& origin, const std::string& outcome, double durationMs,
+                         const std::string& correlationId);
   std::vector<Entry> recentSync(std::int64_t limit) const;
   std::vector<Entry> entriesSync(const std::string& correlationId) const;
   bool verifyChainSync() const;
@@ -147,11 +147,11 @@ class AuditStore {
 
   // Which rows a listing wants; an absent field doesn't filter.
   struct Filter {
-    std::int64_t afterSeq = 0;          // rows with a greater seq
-    std::optional<std::string> tool;    // exactly this op
-    std::optional<std::string> outcome; // exactly this outcome
-    std::optional<Date> since;          // ts at or after
-    std::optional<Date> until;          // ts at or before
+    std::int64_t afterSeq = 0;           // rows with a greater seq
+    std::optional<std::string> tool;     // exactly this op
+    std::optional<std::string> outcome;  // exactly this outcome
+    std::optional<Date> since;           // ts at or after
+    std::optional<Date> until;           // ts at or before
   };
 
   // The rows that `filter` wants, in seq order, one at a time: `visit`

@@ -51,7 +51,9 @@ class SQLiteDatabase {
     enum class Kind { text, integer, real, null };
 
     Value() = default;  // null
-    static Value text(std::string s) { return Value(Storage(std::in_place_index<0>, std::move(s))); }
+    static Value text(std::string s) {
+      return Value(Storage(std::in_place_index<0>, std::move(s)));
+    }
     static Value integer(std::int64_t i) { return Value(Storage(std::in_place_index<1>, i)); }
     static Value real(double d) { return Value(Storage(std::in_place_index<2>, d)); }
     static Value null() { return Value(); }

@@ -82,11 +82,10 @@ inline constexpr std::string_view manifestFile = "vendor/manifest.json";
 inline constexpr std::string_view signatureFile = "vendor/manifest.sig";
 
 // The relative paths ("/"-separated) of the content files under `bundleAt`,
-// sorted by the Unicode scalar values of their NFC form. A root that does not exist has no content; a
-// directory that can't be opened is passed over. Throws
-// SealError::notRegularFile for a symbolic link or special file in the
-// content, and std::filesystem::filesystem_error when an entry's type can't
-// be read. `bundleAt` may end in "/" or hold "..": the paths are the same.
+// sorted by the Unicode scalar values of their NFC form. A root that does not exist has no content;
+// a directory that can't be opened is passed over. Throws SealError::notRegularFile for a symbolic
+// link or special file in the content, and std::filesystem::filesystem_error when an entry's type
+// can't be read. `bundleAt` may end in "/" or hold "..": the paths are the same.
 std::vector<std::string> contentEntries(const std::filesystem::path& bundleAt);
 
 // Hashes the content, writes <bundle>/vendor/manifest.json (the manifest in
@@ -120,8 +119,9 @@ HashManifest seal(const std::filesystem::path& bundleAt, std::string artifactId,
 //    read.
 // Has no side effects on the tree.
 HashManifest verify(const std::filesystem::path& bundleAt, const VendorVerification& verification,
-                    const VendorAllowlist& allowlist, std::optional<std::int64_t> installedMonotonic,
-                    bool allowDowngrade, const SealHashing& hashing = {});
+                    const VendorAllowlist& allowlist,
+                    std::optional<std::int64_t> installedMonotonic, bool allowDowngrade,
+                    const SealHashing& hashing = {});
 
 }  // namespace BundleSeal
 }  // namespace tarskel

@@ -25,10 +25,10 @@ std::optional<std::filesystem::path> resolveSeedURL(
 std::optional<std::filesystem::path> bundledSeedURL(const std::filesystem::path& executableURL);
 
 // Copies `seedURL` to <rootURL>/vendor/allowlist.json, with the source's
-// permissions (a directory with everything in it, recursively), making the directory as needed. False, touching nothing, when
-// a file is already at the target (whatever it holds) or when there is no file
-// at `seedURL`. Throws std::filesystem::filesystem_error when the directory
-// can't be made or the copy fails. Not synchronised: run it once, at start.
+// permissions (a directory with everything in it, recursively), making the directory as needed.
+// False, touching nothing, when a file is already at the target (whatever it holds) or when there
+// is no file at `seedURL`. Throws std::filesystem::filesystem_error when the directory can't be
+// made or the copy fails. Not synchronised: run it once, at start.
 bool seedIfAbsent(const std::filesystem::path& rootURL, const std::filesystem::path& seedURL);
 
 }  // namespace tarskel::VendorSeed

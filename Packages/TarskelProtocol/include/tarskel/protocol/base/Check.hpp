@@ -10,6 +10,6 @@ namespace tarskel::detail {
                               int line) noexcept;
 }  // namespace tarskel::detail
 
-#define TARSKEL_CHECK(condition, message)                                               \
-  ((condition) ? static_cast<void>(0)                                                   \
+#define TARSKEL_CHECK(condition, message) \
+  ((condition) ? static_cast<void>(0)     \
                : ::tarskel::detail::checkFailed(#condition, (message), __FILE__, __LINE__))

@@ -85,8 +85,12 @@ class Logger {
   void trace(std::string_view m, const LogMetadata& md = {}) const { log(LogLevel::trace, m, md); }
   void debug(std::string_view m, const LogMetadata& md = {}) const { log(LogLevel::debug, m, md); }
   void info(std::string_view m, const LogMetadata& md = {}) const { log(LogLevel::info, m, md); }
-  void notice(std::string_view m, const LogMetadata& md = {}) const { log(LogLevel::notice, m, md); }
-  void warning(std::string_view m, const LogMetadata& md = {}) const { log(LogLevel::warning, m, md); }
+  void notice(std::string_view m, const LogMetadata& md = {}) const {
+    log(LogLevel::notice, m, md);
+  }
+  void warning(std::string_view m, const LogMetadata& md = {}) const {
+    log(LogLevel::warning, m, md);
+  }
   void error(std::string_view m, const LogMetadata& md = {}) const { log(LogLevel::error, m, md); }
   void critical(std::string_view m, const LogMetadata& md = {}) const {
     log(LogLevel::critical, m, md);

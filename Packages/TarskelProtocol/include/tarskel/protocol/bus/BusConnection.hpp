@@ -34,8 +34,8 @@
 // gets parseError, and JSON that isn't a message invalidRequest, each without
 // id unless one could be read, as JSON-RPC 2.0 does; nothing ever answers a
 // response or a notification. A response that doesn't decode but names a
-// pending call fails that call (internalError, "respuesta ilegible: ..."). A frame over the limit gets payloadTooLarge and
-// closes the connection: the stream can't be resynchronised.
+// pending call fails that call (internalError, "respuesta ilegible: ..."). A frame over the limit
+// gets payloadTooLarge and closes the connection: the stream can't be resynchronised.
 //
 // Limits. Outgoing frames wait in a queue of at most `maxQueuedBytes`: a call
 // that would pass it fails at once (BusConnectionError, queueFull), and a
@@ -117,7 +117,8 @@ class BusConnectionError : public Error {
     queueFull,         // the outgoing queue is at its limit; the connection stays open
   };
 
-  BusConnectionError(Reason reason, std::string text, std::optional<JSONRPCError> peerError = std::nullopt);
+  BusConnectionError(Reason reason, std::string text,
+                     std::optional<JSONRPCError> peerError = std::nullopt);
 
   Reason reason() const { return reason_; }
   // The peer's error, when it refused the hello with one.
@@ -183,7 +184,8 @@ class Stream {
   using Completion = std::function<void(boost::system::error_code, std::size_t)>;
   virtual ~Stream() = default;
   virtual boost::asio::any_io_executor executor() = 0;
-  virtual void asyncReadSome(boost::asio::mutable_buffer buffer, const Strand& strand, Completion done) = 0;
+  virtual void asyncReadSome(boost::asio::mutable_buffer buffer, const Strand& strand,
+                             Completion done) = 0;
   virtual void asyncWrite(std::vector<boost::asio::const_buffer> buffers, const Strand& strand,
                           Completion done) = 0;
   virtual void close() = 0;
@@ -194,7 +196,8 @@ class SocketStream final : public Stream {
  public:
   explicit SocketStream(Socket socket) : socket_(std::move(socket)) {}
   boost::asio::any_io_executor executor() override { return socket_.get_executor(); }
-  void asyncReadSome(boost::asio::mutable_buffer buffer, const Strand& strand, Completion done) override {
+  void asyncReadSome(boost::asio::mutable_buffer buffer, const Strand& strand,
+                     Completion done) override {
     socket_.async_read_some(buffer, boost::asio::bind_executor(strand, std::move(done)));
   }
   void asyncWrite(std::vector<boost::asio::const_buffer> buffers, const Strand& strand,
@@ -224,17 +227,20 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   // A connection that says hello with `hello` (protocolVersion left empty
   // means this package's own). Not started.
   template <class Socket>
-  static std::shared_ptr<BusConnection> client(Socket socket, HelloRequest hello, BusLimits limits = {}) {
-    return std::shared_ptr<BusConnection>(new BusConnection(
-        std::make_unique<bus_detail::SocketStream<Socket>>(std::move(socket)), std::move(hello), {}, limits));
+  static std::shared_ptr<BusConnection> client(Socket socket, HelloRequest hello,
+                                               BusLimits limits = {}) {
+    return std::shared_ptr<BusConnection>(
+        new BusConnection(std::make_unique<bus_detail::SocketStream<Socket>>(std::move(socket)),
+                          std::move(hello), {}, limits));
   }
 
   // A connection that expects a hello first. Not started.
   template <class Socket>
-  static std::shared_ptr<BusConnection> server(Socket socket, BusServerHello offer = {}, BusLimits limits = {}) {
-    return std::shared_ptr<BusConnection>(new BusConnection(
-        std::make_unique<bus_detail::SocketStream<Socket>>(std::move(socket)), std::nullopt,
-        std::move(offer), limits));
+  static std::shared_ptr<BusConnection> server(Socket socket, BusServerHello offer = {},
+                                               BusLimits limits = {}) {
+    return std::shared_ptr<BusConnection>(
+        new BusConnection(std::make_unique<bus_detail::SocketStream<Socket>>(std::move(socket)),
+                          std::nullopt, std::move(offer), limits));
   }
 
   ~BusConnection();
@@ -258,7 +264,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   auto asyncCall(std::string method, Params params, CompletionToken&& token) {
     return boost::asio::async_initiate<CompletionToken, void(std::exception_ptr, JSONValue)>(
         [self = shared_from_this()](auto handler, std::string m, Params p) {
-          self->startCall(std::move(m), std::move(p), adaptCompletion(std::move(handler), self->strand_));
+          self->startCall(std::move(m), std::move(p),
+                          adaptCompletion(std::move(handler), self->strand_));
         },
         token, std::move(method), std::move(params));
   }
@@ -287,7 +294,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   // Wraps an Asio completion handler so that it runs on its own executor,
   // with outstanding work held there until it does.
   template <class Handler>
-  static CallCompletion adaptCompletion(Handler handler, const bus_detail::Stream::Strand& fallback) {
+  static CallCompletion adaptCompletion(Handler handler,
+                                        const bus_detail::Stream::Strand& fallback) {
     auto executor = boost::asio::prefer(boost::asio::get_associated_executor(handler, fallback),
                                         boost::asio::execution::outstanding_work.tracked);
     struct Op {
@@ -296,9 +304,10 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     };
     auto op = std::make_shared<Op>(Op{std::move(handler), std::move(executor)});
     return [op](std::exception_ptr error, JSONValue value) {
-      boost::asio::dispatch(op->tracked, [op, error = std::move(error), value = std::move(value)]() mutable {
-        std::move(op->handler)(std::move(error), std::move(value));
-      });
+      boost::asio::dispatch(op->tracked,
+                            [op, error = std::move(error), value = std::move(value)]() mutable {
+                              std::move(op->handler)(std::move(error), std::move(value));
+                            });
     };
   }
 

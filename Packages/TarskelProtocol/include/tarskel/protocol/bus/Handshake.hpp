@@ -5,7 +5,8 @@
 // version it speaks and asks for optional capabilities; the answer says
 // whether it was accepted and which capabilities hold for the session.
 //
-//   HelloRequest  := {"clientId":TEXT,"protocolVersion":TEXT,"capabilities":[TEXT...][,"sessionId":TEXT]}
+//   HelloRequest  :=
+//   {"clientId":TEXT,"protocolVersion":TEXT,"capabilities":[TEXT...][,"sessionId":TEXT]}
 //   HelloResponse := {"accepted":BOOL,"protocolVersion":TEXT,"capabilities":[TEXT...]
 //                     [,"sessionId":TEXT][,"reason":TEXT]}
 //

@@ -39,8 +39,8 @@ namespace tarskel {
 class JSONRPCID {
  public:
   template <class Integer>
-    requires(std::is_integral_v<Integer> && !std::is_same_v<Integer, bool>)
-  JSONRPCID(Integer number) : value_(static_cast<std::int64_t>(number)) {}
+  requires(std::is_integral_v<Integer> && !std::is_same_v<Integer, bool>) JSONRPCID(Integer number)
+      : value_(static_cast<std::int64_t>(number)) {}
   JSONRPCID(std::string text) : value_(std::move(text)) {}
   JSONRPCID(const char* text) : value_(std::string(text)) {}
 
@@ -104,7 +104,8 @@ class JSONRPCMessage {
                                 std::optional<JSONValue> params = std::nullopt) {
     return Request{std::move(id), std::move(method), std::move(params)};
   }
-  static JSONRPCMessage notification(std::string method, std::optional<JSONValue> params = std::nullopt) {
+  static JSONRPCMessage notification(std::string method,
+                                     std::optional<JSONValue> params = std::nullopt) {
     return Notification{std::move(method), std::move(params)};
   }
   static JSONRPCMessage response(JSONRPCID id, JSONValue result) {
@@ -129,7 +130,9 @@ class JSONRPCMessage {
   ErrorResponse* asErrorResponse() { return std::get_if<ErrorResponse>(&value_); }
 
   // For std::visit.
-  const std::variant<Request, Notification, Response, ErrorResponse>& value() const { return value_; }
+  const std::variant<Request, Notification, Response, ErrorResponse>& value() const {
+    return value_;
+  }
 
   // The record coding layer's hooks, for a message nested in another record.
   void encode(KeyedEncoder& e) const;

@@ -38,7 +38,8 @@ struct JSONRPCError {
   std::optional<JSONValue> data;
 
   JSONRPCError() = default;
-  JSONRPCError(std::int64_t errorCode, std::string text, std::optional<JSONValue> detail = std::nullopt)
+  JSONRPCError(std::int64_t errorCode, std::string text,
+               std::optional<JSONValue> detail = std::nullopt)
       : code(errorCode), message(std::move(text)), data(std::move(detail)) {}
 
   void encode(KeyedEncoder& e) const {

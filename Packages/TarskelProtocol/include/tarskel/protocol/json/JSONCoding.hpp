@@ -88,7 +88,8 @@ struct Bytes {
 };
 
 template <class T, class Enable = void>
-struct JSONCoding;  // static JSONValue encode(const T&); static T decode(const JSONValue&, const CodingPath&)
+struct JSONCoding;  // static JSONValue encode(const T&); static T decode(const JSONValue&, const
+                    // CodingPath&)
 
 // Spellings of an enumeration held as a string:
 //   template <> struct JSONEnum<SchemaType> {
@@ -98,7 +99,9 @@ template <class E>
 struct JSONEnum;
 
 template <class E>
-concept JSONEnumeration = requires { JSONEnum<E>::cases; };
+concept JSONEnumeration = requires {
+  JSONEnum<E>::cases;
+};
 
 class KeyedDecoder;
 class KeyedEncoder;

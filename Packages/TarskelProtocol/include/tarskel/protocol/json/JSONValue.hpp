@@ -70,7 +70,7 @@ struct JSONNumber {
   double value = 0;
   // Set when the text was an integer that fits int64 or uint64.
   bool hasExact = false;
-  bool negative = false;   // sign of the exact integer
+  bool negative = false;  // sign of the exact integer
   std::uint64_t magnitude = 0;
   // Set only by record integer fields: write the exact digits, not `value`.
   bool writeExact = false;

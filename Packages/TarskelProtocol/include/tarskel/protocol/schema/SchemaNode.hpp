@@ -83,7 +83,7 @@ class SchemaBox {
 struct SchemaNode {
   std::optional<SchemaType> type;
   std::optional<std::string> description;
-  std::optional<RiskLevel> xRisk;                                // "x-risk"
+  std::optional<RiskLevel> xRisk;                               // "x-risk"
   std::optional<std::map<std::string, SchemaNode>> properties;  // sorted by key bytes
   std::optional<std::vector<std::string>> required;
   std::optional<std::vector<JSONValue>> enumValues;  // "enum"

@@ -46,9 +46,9 @@ struct HashManifest {
 
   std::string artifactId;
   ArtifactType artifactType = ArtifactType::service;
-  std::string version;             // as shown to people
+  std::string version;                // as shown to people
   std::int64_t monotonicVersion = 0;  // what anti-rollback compares
-  Date expires;                    // void from this instant on
+  Date expires;                       // void from this instant on
   std::vector<FileEntry> files;
   std::optional<std::map<std::string, std::string>> metadata;  // left out when absent
 
