@@ -15,6 +15,7 @@ namespace tarskel {
 namespace {
 
 using boost::asio::awaitable;
+using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 // An operation that ends the way it is told to.
