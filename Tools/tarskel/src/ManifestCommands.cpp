@@ -91,7 +91,7 @@ std::string forPeople(const std::string& compact, bool indent) {
   std::string out;
   int depth = 0;
   auto newline = [&] {
-    if (indent) out.append("\n").append(static_cast<std::size_t>(2 * depth), ' ');
+    if (indent) out.append("\n").append(2 * static_cast<std::size_t>(depth), ' ');
   };
   for (std::size_t i = 0; i < compact.size(); ++i) {
     const char c = compact[i];

@@ -244,11 +244,10 @@ std::string readInput(const std::string& path) {
   if (fd < 0) throw ToolFailure(kExitUsage, path + ": " + systemReason(errno));
   struct stat info {};
   int error = 0;
-  if (::fstat(fd, &info) != 0) {
-    error = errno;
-  } else if (S_ISDIR(info.st_mode)) {
+  const bool described = ::fstat(fd, &info) == 0;
+  if (described && S_ISDIR(info.st_mode)) {
     error = EISDIR;
-  } else if (!readAll(fd, content)) {
+  } else if (!described || !readAll(fd, content)) {
     error = errno;
   }
   ::close(fd);

@@ -43,6 +43,7 @@ const char* kEveryRule =
   "resources":{"memoryMaxMB":0,"cpuPercentMax":101},"activation":{"mode":"on-demand","idleStopMinutes":0}})";
 
 const std::vector<std::string> kEveryRuleFindings = {
+    // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): one long text, split by the formatter
     "id: [id.invalid] 'Net.example' no es un identificador reverse-DNS válido (minúsculas, ≥2 "
     "segmentos)",
     "version: [version.invalid] '1.2' no es semver (major.minor.patch)",
