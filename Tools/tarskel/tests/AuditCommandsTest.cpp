@@ -243,9 +243,13 @@ TEST_F(AuditCommandsTest, TailOfAllRowsStreams) {
   ASSERT_EQ(shell("audit tail -n -1 --db " + shellQuote(db()) + " | wc -l >" + shellQuote(count)),
             0);
   EXPECT_EQ(std::stol(readWhole(count)), 300001);
+#ifndef __SANITIZE_ADDRESS__
+  // AddressSanitizer's shadow memory and quarantine swamp the figure; the
+  // plain build holds the bound.
   rusage usage{};
   getrusage(RUSAGE_CHILDREN, &usage);
   EXPECT_LT(usage.ru_maxrss, 64 * 1024) << "kilobytes at the peak";
+#endif
 }
 
 TEST_F(AuditCommandsTest, TailFollowsNewRows) {
