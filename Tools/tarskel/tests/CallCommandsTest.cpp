@@ -82,18 +82,29 @@ class CannedDaemon {
   std::vector<std::string> requests_;
 };
 
-TEST(CallCommandsTest, CallSendsTheRequestAndPrintsTheResponseOnOneLine) {
-  CannedDaemon daemon(R"({"result":{"b":1,"a":[true]},"ok":true})");
+std::string canonical(const std::string& text) {
+  return TarskelJSON::canonicalEncoder().encode(TarskelJSON::decoder().decode<JSONValue>(text));
+}
+
+TEST(CallCommandsTest, CallPrintsTheResponseOnOneLineAndInfoForPeople) {
+  CannedDaemon daemon(
+      R"({"ok":true,"result":{"daemonVersion":"0.1.0","protocolVersion":"1.1.0","pid":42,"uid":0,)"
+      R"("ops":["daemon.info","fs.readProtectedPath"]}})");
   const auto run =
       runTool({"call", "fs.readProtectedPath", "--args", R"({"path":"/etc/x"})", "--service-id",
                "svc.a", "--correlation-id", "c-9", "--mach-service", daemon.path()});
   EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(run.out, "{\"ok\":true,\"result\":{\"a\":[true],\"b\":1}}\n");
-  ASSERT_EQ(daemon.requests().size(), 1u);
-  const JSONValue sent = TarskelJSON::decoder().decode<JSONValue>(daemon.requests()[0]);
-  EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(sent),
+  EXPECT_EQ(run.out, R"({"ok":true,"result":{"daemonVersion":"0.1.0","ops":["daemon.info",)"
+                     R"("fs.readProtectedPath"],"pid":42,"protocolVersion":"1.1.0","uid":0}})"
+                     "\n");
+  EXPECT_EQ(runTool({"info", "--mach-service", daemon.path()}).out,
+            "tarskeld 0.1.0 (protocol 1.1.0)\npid 42, uid 0\noperations:\n  daemon.info\n"
+            "  fs.readProtectedPath\n");
+  ASSERT_EQ(daemon.requests().size(), 2u);
+  EXPECT_EQ(canonical(daemon.requests()[0]),
             R"({"args":{"path":"\/etc\/x"},"correlationId":"c-9","op":"fs.readProtectedPath",)"
             R"("serviceId":"svc.a"})");
+  EXPECT_EQ(canonical(daemon.requests()[1]), R"({"args":{},"op":"daemon.info"})");
 }
 
 TEST(CallCommandsTest, ExitCodes) {
@@ -113,10 +124,6 @@ TEST(CallCommandsTest, ExitCodes) {
        {"call", "x", "--args", "{", "--mach-service", refusing.path()},
        2,
        "tarskel: --args:1:2: unexpected end of the document"},
-      {"args not an object",
-       {"call", "x", "--args", "[1]", "--mach-service", refusing.path()},
-       2,
-       "--args must be a JSON object"},
       {"args file absent",
        {"call", "x", "--args", "@/nonexistent/a", "--mach-service", refusing.path()},
        2,
@@ -127,10 +134,6 @@ TEST(CallCommandsTest, ExitCodes) {
        {"call", "x", "--timeout", "0.3", "--mach-service", silent.path()},
        3,
        ": no answer within 0.3 s (--timeout)"},
-      {"silent daemon, info",
-       {"info", "--timeout", "0.3", "--mach-service", silent.path()},
-       3,
-       "no answer within"},
       {"no daemon",
        {"call", "x", "--mach-service", "/nonexistent-tarskel/d.sock"},
        3,
@@ -143,10 +146,6 @@ TEST(CallCommandsTest, ExitCodes) {
        {"info", "--mach-service", refusing.path()},
        1,
        "daemon.info refused: unknownOp: op fuera del catálogo: x"},
-      {"info without daemon",
-       {"info", "--mach-service", "/nonexistent-tarskel/d.sock"},
-       3,
-       "daemon no disponible"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -173,24 +172,6 @@ TEST(CallCommandsTest, ArgumentsFromStandardInputOrAFile) {
   ASSERT_EQ(daemon.requests().size(), 2u);
   EXPECT_NE(daemon.requests()[0].find(R"("args":{"a":1})"), std::string::npos);
   EXPECT_GT(daemon.requests()[1].size(), 300000u);
-}
-
-TEST(CallCommandsTest, InfoIsForPeople) {
-  CannedDaemon daemon(
-      R"({"ok":true,"result":{"daemonVersion":"0.1.0","protocolVersion":"1.1.0","pid":42,"uid":0,)"
-      R"("ops":["daemon.info","fs.readProtectedPath"]}})");
-  const auto run = runTool({"info", "--mach-service", daemon.path()});
-  EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(run.out,
-            "tarskeld 0.1.0 (protocol 1.1.0)\n"
-            "pid 42, uid 0\n"
-            "operations:\n"
-            "  daemon.info\n"
-            "  fs.readProtectedPath\n");
-  ASSERT_EQ(daemon.requests().size(), 1u);
-  EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(
-                TarskelJSON::decoder().decode<JSONValue>(daemon.requests()[0])),
-            R"({"args":{},"op":"daemon.info"})");
 }
 
 }  // namespace

@@ -17,7 +17,6 @@ TEST(SemverCommands, ExitCodesAndOutput) {
   };
   const Case cases[] = {
       {{"check", "^0.2.3", "0.2.9"}, 0, "0.2.9 satisfies ^0.2.3\n", ""},
-      {{"check", " >= 1.2 ", "2.0.0-rc"}, 0, "2.0.0-rc satisfies >= 1.2\n", ""},
       {{"check", "^0.2.3", "0.3.0"}, 1, "0.3.0 does not satisfy ^0.2.3\n", ""},
       {{"check", "^0.2.3", "0.3.0", "-q"}, 1, "", ""},
       {{"check", "^0.2.3", "0.2.4", "--json"},
@@ -25,9 +24,7 @@ TEST(SemverCommands, ExitCodesAndOutput) {
        "{\"constraint\":\"^0.2.3\",\"satisfied\":true,\"version\":\"0.2.4\"}\n",
        ""},
       {{"check", "^1.2.3-rc.1", "1.2.3"}, 2, "", "invalid version constraint: ^1.2.3-rc.1"},
-      {{"check", "1.2", "1.2"}, 2, "", "invalid version: 1.2"},
       {{"compare", "1.0.0-rc.10", "1.0.0-rc.9"}, 0, "<\n", ""},
-      {{"compare", "01.2.3", "1.2.3"}, 0, "=\n", ""},
       {{"compare", "1.0.0", "1.0.0-rc", "--json"},
        0,
        "{\"a\":\"1.0.0\",\"b\":\"1.0.0-rc\",\"order\":\">\"}\n",

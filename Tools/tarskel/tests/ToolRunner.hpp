@@ -36,28 +36,34 @@ inline std::string shellQuote(const std::string& s) {
   return out + "'";
 }
 
-// Runs `tarskel args...` with `input` on standard input; standard output
-// goes to `stdoutTo` when given (then `out` stays empty).
-inline ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "",
-                       const std::string& stdoutTo = "") {
+// Runs the shell command line `command` with `input` on standard input;
+// standard output goes to `stdoutTo` when given (then `out` stays empty).
+inline ToolRun runShell(const std::string& command, const std::string& input = "",
+                        const std::string& stdoutTo = "") {
   namespace fs = std::filesystem;
   static int counter = 0;
   const fs::path dir = fs::temp_directory_path() / ("tarskel-tool-" + std::to_string(::getpid()) +
                                                     "-" + std::to_string(counter++));
   fs::create_directories(dir);
   std::ofstream(dir / "in", std::ios::binary) << input;
-  std::string command = shellQuote(TARSKEL_TOOL_PATH);
-  for (const auto& a : args) command += " " + shellQuote(a);
-  command += " <" + shellQuote((dir / "in").string()) + " >" +
-             shellQuote(stdoutTo.empty() ? (dir / "out").string() : stdoutTo) + " 2>" +
-             shellQuote((dir / "err").string());
-  const int status = std::system(command.c_str());
+  const int status = std::system((command + " <" + shellQuote((dir / "in").string()) + " >" +
+                                  shellQuote(stdoutTo.empty() ? (dir / "out").string() : stdoutTo) +
+                                  " 2>" + shellQuote((dir / "err").string()))
+                                     .c_str());
   ToolRun run;
   run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   run.out = readWhole(dir / "out");
   run.err = readWhole(dir / "err");
   fs::remove_all(dir);
   return run;
+}
+
+// Runs `tarskel args...` the same way.
+inline ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "",
+                       const std::string& stdoutTo = "") {
+  std::string command = shellQuote(TARSKEL_TOOL_PATH);
+  for (const auto& a : args) command += " " + shellQuote(a);
+  return runShell(command, input, stdoutTo);
 }
 
 }  // namespace tarskel::tool::testing
