@@ -156,15 +156,13 @@ TEST_F(AuditCommandsTest, AFileTheUserMayNotReadIsSaidSo) {
   fs::permissions(db(), fs::perms::owner_read | fs::perms::owner_write);
   std::string drop = ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
   if (::geteuid() != 0) fs::permissions(db(), fs::perms::none);
-  std::string err = (root / "err").string();
-  int status = std::system((drop + shellQuote(TARSKEL_TOOL_PATH) + " audit verify --db " +
-                            shellQuote(db()) + " 2>" + shellQuote(err))
-                               .c_str());
-  EXPECT_EQ(WEXITSTATUS(status), 2);
-  EXPECT_NE(readWhole(err).find(
-                "audit.db: permission denied: the audit database is readable by its owner"),
-            std::string::npos)
-      << readWhole(err);
+  const ToolRun run =
+      runShell(drop + shellQuote(TARSKEL_TOOL_PATH) + " audit verify --db " + shellQuote(db()));
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_NE(
+      run.err.find("audit.db: permission denied: the audit database is readable by its owner"),
+      std::string::npos)
+      << run.err;
 }
 
 // Regression: a service id holding a newline forged a whole row on screen,

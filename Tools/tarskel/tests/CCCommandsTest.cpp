@@ -97,7 +97,6 @@ TEST_F(CCCommandsTest, VerifyRefusesOrFindsInputUnusable) {
       {verify("byK2.json"), 1, "keyId 'k2' no está en la allowlist"},
       {verify("byK1.json", {"--now", "2026-01-02T03:04:06Z"}), 1,
        "comando vencido: deadline 2026-01-02 03:04:05 +0000, ahora es 2026-01-02 03:04:06 +0000"},
-      {verify("byK1.json", {}), 1, "comando vencido"},
       {verify("draft.json"), 2, "falta la clave \"sig\""},
       {verify("byK1.json", {"--now", "mañana"}), 2, "--now expects"},
   };
@@ -143,7 +142,6 @@ TEST_F(CCCommandsTest, OutboxAndAcksInspectAndRepairAStore) {
     int exitCode;
     std::string out;  // the start of standard error when the exit code isn't 0
   } cases[] = {
-      {"outbox", {"count"}, 0, "2\n"},
       {"outbox",
        {"list"},
        0,
@@ -156,7 +154,6 @@ TEST_F(CCCommandsTest, OutboxAndAcksInspectAndRepairAStore) {
        R"("eventId":"e1","ts":"2026-01-02T03:04:05Z","type":"service.crashed"}})"},
       {"acks", {"show", "c1"}, 0, "{\"cmdId\":\"c1\",\"status\":\"acked\"}\n"},
       {"acks", {"show", "c2"}, 1, "tarskel: the ack stored for 'c2' can't be read: dataCorrupted"},
-      {"acks", {"show", "c3"}, 1, "tarskel: no ack stored for 'c3'"},
       {"outbox", {"remove", "nope"}, 1, "tarskel: no event 'nope' in the outbox"},
       {"outbox", {"remove", "bad"}, 0, "removed: bad\n"},
       {"outbox", {"count"}, 0, "1\n"},
@@ -168,7 +165,6 @@ TEST_F(CCCommandsTest, OutboxAndAcksInspectAndRepairAStore) {
     EXPECT_EQ(run.exitCode, c.exitCode) << c.out << run.err;
     EXPECT_EQ((c.exitCode == 0 ? run.out : run.err).substr(0, c.out.size()), c.out);
   }
-  EXPECT_EQ(runTool({"cc", "outbox", "--db", path("none.db"), "count"}).exitCode, 2);
   EXPECT_EQ(runTool({"cc", "outbox", "--db", path("none.db"), "remove", "e1"}).exitCode, 2);
   EXPECT_FALSE(fs::exists(path("none.db"))) << "a mistyped path leaves no store behind";
 }

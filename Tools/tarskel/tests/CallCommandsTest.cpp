@@ -112,47 +112,28 @@ TEST(CallCommandsTest, ExitCodes) {
       R"({"ok":false,"error":{"code":"unknownOp","message":"op fuera del catálogo: x"}})");
   CannedDaemon garbled("not json");
   CannedDaemon silent("");
-  struct Case {
-    const char* name;
-    std::vector<std::string> args;
-    int exitCode;
-    std::string errContains;
+  const auto call = [](const std::string& service, std::vector<std::string> args) {
+    args.insert(args.begin(), {"call", "x"});
+    args.insert(args.end(), {"--mach-service", service});
+    return args;
   };
-  const std::vector<Case> cases = {
-      {"refusal", {"call", "x", "--mach-service", refusing.path()}, 1, ""},
-      {"args not JSON",
-       {"call", "x", "--args", "{", "--mach-service", refusing.path()},
-       2,
+  testing::expectRuns({
+      {call(refusing.path(), {}), 1, ""},
+      {call(refusing.path(), {"--args", "{"}), 2,
        "tarskel: --args:1:2: unexpected end of the document"},
-      {"args file absent",
-       {"call", "x", "--args", "@/nonexistent/a", "--mach-service", refusing.path()},
-       2,
+      {call(refusing.path(), {"--args", "@/nonexistent/a"}), 2,
        "/nonexistent/a: No such file or directory"},
       // Regression: an empty name meant the socket /run/tarskel/.sock.
-      {"empty service", {"info", "--mach-service", ""}, 2, "--mach-service is empty"},
-      {"silent daemon",
-       {"call", "x", "--timeout", "0.3", "--mach-service", silent.path()},
-       3,
-       ": no answer within 0.3 s (--timeout)"},
-      {"no daemon",
-       {"call", "x", "--mach-service", "/nonexistent-tarskel/d.sock"},
-       3,
+      {{"info", "--mach-service", ""}, 2, "--mach-service is empty"},
+      // Regression: a daemon that accepted and never answered was waited on forever.
+      {call(silent.path(), {"--timeout", "0.3"}), 3, ": no answer within 0.3 s (--timeout)"},
+      {call("/nonexistent-tarskel/d.sock", {}), 3,
        "tarskel: daemon no disponible: connect /nonexistent-tarskel/d.sock"},
-      {"unreadable reply",
-       {"call", "x", "--mach-service", garbled.path()},
-       3,
-       "unreadable reply from the daemon"},
-      {"info refused",
-       {"info", "--mach-service", refusing.path()},
+      {call(garbled.path(), {}), 3, "unreadable reply from the daemon"},
+      {{"info", "--mach-service", refusing.path()},
        1,
        "daemon.info refused: unknownOp: op fuera del catálogo: x"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const auto run = runTool(c.args);
-    EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
-    EXPECT_NE(run.err.find(c.errContains), std::string::npos) << run.err;
-  }
+  });
 }
 
 // Regression: `--args -` failed although documented, and large arguments

@@ -19,45 +19,28 @@ TEST(SchemaCommands, FindingsAreLinesOrJSONAndBadInputIsExitTwo) {
   std::ofstream(schema)
       << R"({"required":["a"],"properties":{"n":{"type":"integer","minimum":1}}})";
   const std::string s = schema.string();
-  const struct {
-    std::vector<std::string> args;
-    std::string input;
-    int exitCode;
-    std::string out;
-  } cases[] = {
-      {{"validate", s, "-"},
-       R"({"n":0})",
-       1,
-       "$.a: [required] campo requerido ausente\n$.n: [minimum] 0.0 < mínimo 1.0\n"},
-      {{"validate", s, "-", "--at", "args"},
-       R"({"a":true,"n":"x"})",
-       1,
-       "args.n: [type] se esperaba integer, llegó string\n"},
-      {{"validate", s, "-"}, R"({"a":null,"n":3})", 0, ""},
-      {{"validate", s, "-", "--json"},
-       R"({"a":1,"n":0})",
-       1,
-       "{\"findings\":[{\"message\":\"0.0 < mínimo 1.0\",\"path\":\"$.n\",\"rule\":\"minimum\"}],"
-       "\"ok\":false}\n"},
-      {{"doc-check", "-", "--at", "cfg"},
-       R"({"properties":{"x":{"description":"x"}}})",
-       1,
-       "cfg.x: [doc.x-risk] todo campo de configuración exige x-risk "
-       "(safe|disruptive|dangerous)\n"},
-      {{"validate", "-", "/dev/null"}, R"({"type":"text"})", 2, ""},  // unknown type
-      {{"validate", "-", "/dev/null"}, "{}", 2, ""},                  // empty value file
-      {{"validate", "-", "-"}, "{}", 2, ""},
-      {{"validate", "-"}, "{}", 2, ""},
+  const auto schema_ = [](std::vector<std::string> args) {
+    args.insert(args.begin(), "schema");
+    return args;
   };
-  for (const auto& c : cases) {
-    std::vector<std::string> args{"schema"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    SCOPED_TRACE(c.input);
-    ToolRun run = runTool(args, c.input);
-    EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
-    EXPECT_EQ(run.out, c.out);
-    EXPECT_EQ(run.err.empty(), c.exitCode != 2) << run.err;
-  }
+  expectRuns({
+      {schema_({"validate", s, "-"}), 1, "",
+       "$.a: [required] campo requerido ausente\n$.n: [minimum] 0.0 < mínimo 1.0\n", R"({"n":0})"},
+      {schema_({"validate", s, "-", "--at", "args"}), 1, "",
+       "args.n: [type] se esperaba integer, llegó string\n", R"({"a":true,"n":"x"})"},
+      {schema_({"validate", s, "-"}), 0, "", "", R"({"a":null,"n":3})"},
+      {schema_({"validate", s, "-", "--json"}), 1, "",
+       "{\"findings\":[{\"message\":\"0.0 < mínimo 1.0\",\"path\":\"$.n\",\"rule\":\"minimum\"}],"
+       "\"ok\":false}\n",
+       R"({"a":1,"n":0})"},
+      {schema_({"doc-check", "-", "--at", "cfg"}), 1, "",
+       "cfg.x: [doc.x-risk] todo campo de configuración exige x-risk (safe|disruptive|dangerous)\n",
+       R"({"properties":{"x":{"description":"x"}}})"},
+      {schema_({"validate", "-", "/dev/null"}), 2, "tarskel: ", "", R"({"type":"text"})"},
+      {schema_({"validate", "-", "/dev/null"}), 2, "tarskel: ", "", "{}"},  // empty value file
+      {schema_({"validate", "-", "-"}), 2, "tarskel: ", "", "{}"},
+      {schema_({"validate", "-"}), 2, "tarskel: ", "", "{}"},
+  });
   std::filesystem::remove(schema);
 }
 

@@ -2,13 +2,16 @@
 
 // Runs the built `tarskel` binary the way a person would, for the tool's tests.
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarskel::tool::testing {
@@ -64,6 +67,34 @@ inline ToolRun runTool(const std::vector<std::string>& args, const std::string& 
   std::string command = shellQuote(TARSKEL_TOOL_PATH);
   for (const auto& a : args) command += " " + shellQuote(a);
   return runShell(command, input, stdoutTo);
+}
+
+// One run of the tool and what it must give.
+struct Expected {
+  Expected(std::vector<std::string> a, int code, std::string e,
+           std::optional<std::string> o = std::nullopt, std::string in = "")
+      : args(std::move(a)), exitCode(code), err(std::move(e)), out(std::move(o)),
+        input(std::move(in)) {}
+
+  std::vector<std::string> args;
+  int exitCode;
+  std::string err;                 // a part of standard error
+  std::optional<std::string> out;  // all of standard output, when given
+  std::string input;
+};
+
+inline void expectRuns(const std::vector<Expected>& cases) {
+  for (const Expected& c : cases) {
+    std::string line;
+    for (const auto& a : c.args) line += a + " ";
+    SCOPED_TRACE(line);
+    const ToolRun run = runTool(c.args, c.input);
+    EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
+    if (c.out) {
+      EXPECT_EQ(run.out, *c.out);
+    }
+    EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
+  }
 }
 
 }  // namespace tarskel::tool::testing
