@@ -73,7 +73,10 @@ inline ToolRun runTool(const std::vector<std::string>& args, const std::string& 
 struct Expected {
   Expected(std::vector<std::string> a, int code, std::string e,
            std::optional<std::string> o = std::nullopt, std::string in = "")
-      : args(std::move(a)), exitCode(code), err(std::move(e)), out(std::move(o)),
+      : args(std::move(a)),
+        exitCode(code),
+        err(std::move(e)),
+        out(std::move(o)),
         input(std::move(in)) {}
 
   std::vector<std::string> args;
