@@ -7,7 +7,6 @@
 //    prepared once, then bound, stepped, reset and cleared per row.
 
 #include <openssl/evp.h>
-#include <stdlib.h>
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
@@ -22,6 +21,7 @@
 #include "RatioReporter.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/store/AuditStore.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 
 namespace {
 
@@ -32,21 +32,11 @@ namespace fs = std::filesystem;
 
 constexpr std::int64_t kChainRows = 1000000;
 
+// Removed, with everything in it, when the process ends.
 const fs::path& workDir() {
-  static const fs::path dir = [] {
-    std::string pattern = (fs::temp_directory_path() / "tarskel-audit-bench-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    return fs::path(pattern);
-  }();
-  return dir;
+  static const tarskel::testing::TempDirectory dir("tarskel-audit-bench");
+  return dir.path();
 }
-
-struct RemoveWorkDir {
-  ~RemoveWorkDir() {
-    std::error_code ignored;
-    fs::remove_all(workDir(), ignored);
-  }
-} removeWorkDir;
 
 // A valid chain of kChainRows rows, written once in one transaction.
 const std::string& chainPath() {

@@ -11,7 +11,6 @@
 // other work, wall-clock time measures the scheduler more than the store.
 
 #include <sqlite3.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -22,6 +21,7 @@
 #include "tarskel/protocol/cc/WireMessage.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/store/CCLinkStore.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 
 namespace {
 
@@ -32,21 +32,11 @@ using tarskel::Date;
 using tarskel::SQLiteDatabase;
 namespace fs = std::filesystem;
 
+// Removed, with everything in it, when the process ends.
 const fs::path& workDir() {
-  static const fs::path dir = [] {
-    std::string pattern = (fs::temp_directory_path() / "tarskel-cc-bench-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    return fs::path(pattern);
-  }();
-  return dir;
+  static const tarskel::testing::TempDirectory dir("tarskel-cc-bench");
+  return dir.path();
 }
-
-struct RemoveWorkDir {
-  ~RemoveWorkDir() {
-    std::error_code ignored;
-    fs::remove_all(workDir(), ignored);
-  }
-} removeWorkDir;
 
 std::string freshDatabase(const std::string& name) {
   static int counter = 0;

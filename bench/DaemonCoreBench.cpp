@@ -4,8 +4,6 @@
 // Every request costs one audit row, so the raw insert is the floor the core
 // is measured against (target >= 0.8).
 
-#include <stdlib.h>
-
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_future.hpp>
@@ -18,6 +16,7 @@
 #include "AuditRowReference.hpp"
 #include "RatioReporter.hpp"
 #include "tarskel/daemon/DaemonCore.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 
 namespace {
 
@@ -26,21 +25,11 @@ namespace fs = std::filesystem;
 
 constexpr int kInFlight = 64;
 
+// Removed, with everything in it, when the process ends.
 const fs::path& workDir() {
-  static const fs::path dir = [] {
-    std::string pattern = (fs::temp_directory_path() / "tarskel-core-bench-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    return fs::path(pattern);
-  }();
-  return dir;
+  static const tarskel::testing::TempDirectory dir("tarskel-core-bench");
+  return dir.path();
 }
-
-struct RemoveWorkDir {
-  ~RemoveWorkDir() {
-    std::error_code ignored;
-    fs::remove_all(workDir(), ignored);
-  }
-} removeWorkDir;
 
 std::string freshDatabase(const char* name) {
   static int counter = 0;

@@ -148,10 +148,12 @@ class Workspace {
 }  // namespace
 
 PlatformApplyUpdateOp::PlatformApplyUpdateOp(fs::path rootURL,
-                                             std::shared_ptr<const PlatformFiles> platform)
+                                             std::shared_ptr<const PlatformFiles> platform,
+                                             std::optional<Logger> logger)
     : DaemonOp("platform.applyUpdate", applyUpdateSchema(), false),
       rootURL_(std::move(rootURL)),
-      platform_(std::move(platform)) {}
+      platform_(std::move(platform)),
+      logger_(std::move(logger)) {}
 
 boost::asio::awaitable<JSONValue> PlatformApplyUpdateOp::execute(
     const JSONObject& args, const DaemonOpContext& /*context*/) const {
@@ -190,7 +192,19 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
     throw DaemonOpError("gate vendor del daemon sin provisionar (" + allowlistPath.string() +
                         ") — root no intercambia lo que no puede verificar");
   }
-  const auto allowlist = TarskelJSON::decoder().decode<VendorAllowlist>(*allowlistBytes);
+  const VendorAllowlist allowlist = [&] {
+    try {
+      return TarskelJSON::decoder().decode<VendorAllowlist>(*allowlistBytes);
+    } catch (const DecodingError& e) {
+      // The answer keeps the decoder's text as it is; whoever reads the
+      // daemon's log learns which file is damaged.
+      if (logger_) {
+        logger_->error("platform.applyUpdate: the machine allowlist " + allowlistPath.string() +
+                       " does not decode: " + e.what());
+      }
+      throw;
+    }
+  }();
   if (!isContentName(appName)) {
     throw DaemonOpError(
         "appName debe ser un solo componente de ruta del contenido sellado "

@@ -54,11 +54,12 @@ TarskeldDeps::Seams TarskeldDeps::Seams::ofProcess(
 
 DaemonCore::OpList TarskeldDeps::operations(const std::shared_ptr<GrantsStore>& grants,
                                             const std::optional<fs::path>& rootURL,
-                                            const Seams& seams) {
+                                            const Seams& seams,
+                                            const std::optional<Logger>& logger) {
   DaemonCore::OpList ops{std::make_shared<InfoOp>(), std::make_shared<GrantsSyncOp>(grants),
                          std::make_shared<FsReadProtectedPathOp>()};
   if (!rootURL) return ops;
-  ops.push_back(std::make_shared<PlatformApplyUpdateOp>(*rootURL, seams.files));
+  ops.push_back(std::make_shared<PlatformApplyUpdateOp>(*rootURL, seams.files, logger));
   ops.push_back(std::make_shared<PlatformUninstallMachineOp>(
       PlatformUninstallMachineOp::derivedInstalledApp(seams.environment, seams.executableURL),
       *rootURL, seams.files));
@@ -129,7 +130,8 @@ std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
 
   deps->grants_ =
       std::make_shared<GrantsStore>(stateDirectory / "grants.json", deps->loop_->executor());
-  deps->core_.emplace(operations(deps->grants_, rootURL, seams), deps->audit_, deps->grants_);
+  deps->core_.emplace(operations(deps->grants_, rootURL, seams, logger), deps->audit_,
+                      deps->grants_);
 
   // Long operations go to the pool, never inline on the loop.
   boost::asio::any_io_executor longOps =

@@ -141,8 +141,10 @@ class PlatformUpdateTest : public testing::DaemonFixture {
   Ed25519KeyPair key{"vendor-test"};
   fs::path root, installed, previous, failed;
   std::shared_ptr<ScriptedPlatform> platform = std::make_shared<ScriptedPlatform>();
-  std::shared_ptr<PlatformApplyUpdateOp> op =
-      std::make_shared<PlatformApplyUpdateOp>(dir.file("state"), platform);
+  std::vector<std::string> logged;
+  std::shared_ptr<PlatformApplyUpdateOp> op = std::make_shared<PlatformApplyUpdateOp>(
+      dir.file("state"), platform,
+      Logger("tarskeld", LogLevel::info, [this](std::string_view l) { logged.emplace_back(l); }));
 };
 
 const JSONValue kRolledBack(JSONObject{{"rolledback", true}});
@@ -312,6 +314,15 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
     fs::remove_all(dir.path());
     fs::create_directory(dir.path());
   }
+  // Regression: the damaged allowlist's file was named nowhere. The answer
+  // keeps the decoder's text; the log names the file (both cases that don't decode).
+  ASSERT_EQ(logged.size(), 2u);
+  EXPECT_NE(logged[0].find(" error tarskeld : [tarskeld] platform.applyUpdate: the machine "
+                           "allowlist " +
+                           allowlistPath().string() +
+                           " does not decode: " + decodingFailure(R"({"revision":1})") + "\n"),
+            std::string::npos)
+      << logged[0];
 }
 
 TEST_F(PlatformUpdateTest, ArgumentsThatNameNoAction) {

@@ -8,6 +8,7 @@
 // (a refused hello included); 2 unusable input (a broken stream, a bad line,
 // bad options); 3 the peer couldn't be reached or went away.
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -79,14 +80,14 @@ int runDecode(const std::string& path) {
     } catch (const FramingError& e) {
       throw ToolFailure(
           kExitUsage,
-          e.description() + " (" + std::to_string(decoder.pendingBytes()) + " bytes pendientes)");
+          e.description() + " (" + std::to_string(decoder.pendingBytes()) + " bytes left over)");
     }
     at += take;
     for (const std::string& payload : payloads) writeOutput(decodedLine(payload, failed));
   }
   if (decoder.pendingBytes() > 0) {
-    throw ToolFailure(kExitUsage, "el flujo termina dentro de un frame: " +
-                                      std::to_string(decoder.pendingBytes()) + " bytes pendientes");
+    throw ToolFailure(kExitUsage, "the stream ends inside a frame: " +
+                                      std::to_string(decoder.pendingBytes()) + " bytes left over");
   }
   return failed ? kExitFinding : kExitSuccess;
 }
@@ -118,7 +119,7 @@ int runEncode(const EncodeOptions& options) {
       frames += Framing::encode(JSONRPC::encode(JSONRPC::decode(line)));
     } catch (const Error& e) {
       // Nothing is written: a stream with a hole in it would mislead.
-      throw ToolFailure(kExitUsage, "línea " + std::to_string(lineNumber) + ": " + e.description());
+      throw ToolFailure(kExitUsage, "line " + std::to_string(lineNumber) + ": " + e.description());
     }
   }
   writeOutput(frames);
@@ -141,7 +142,7 @@ std::optional<JSONValue> parseParams(const std::optional<std::string>& text) {
   try {
     return TarskelJSON::decoder().decode<JSONValue>(*text);
   } catch (const Error& e) {
-    throw ToolFailure(kExitUsage, "--params no es JSON válido: " + e.description());
+    throw ToolFailure(kExitUsage, "--params is not valid JSON: " + e.description());
   }
 }
 
@@ -152,7 +153,7 @@ std::string errorLine(const JSONRPCError& error) {
 // The socket's address; a path too long for one is unusable input.
 Local::endpoint endpointOf(const std::string& path) {
   if (path.empty() || path.size() >= sizeof(sockaddr_un::sun_path)) {
-    throw ToolFailure(kExitUsage, "ruta de socket inválida o demasiado larga: " + path);
+    throw ToolFailure(kExitUsage, "socket path empty or too long: " + path);
   }
   return Local::endpoint(path);
 }
@@ -162,7 +163,7 @@ Local::socket connectTo(asio::io_context& io, const std::string& path) {
   Local::socket socket(io);
   boost::system::error_code ec;
   socket.connect(endpoint, ec);
-  if (ec) throw ToolFailure(kExitTransport, "no se pudo conectar a " + path + ": " + ec.message());
+  if (ec) throw ToolFailure(kExitTransport, "can't connect to " + path + ": " + ec.message());
   return socket;
 }
 
@@ -209,7 +210,7 @@ int runCall(const CallOptions& options) {
     }
     if (timedOut)
       throw ToolFailure(kExitTransport,
-                        "sin respuesta en " + std::to_string(options.timeout) + " s");
+                        fmt::format("no answer within {} s (--timeout)", options.timeout));
     throw ToolFailure(kExitTransport, e.description());
   }
 }
@@ -226,11 +227,11 @@ struct ServeOptions {
 void clearStaleSocket(asio::io_context& io, const std::string& path) {
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return;
-  if (!S_ISSOCK(st.st_mode)) throw ToolFailure(kExitUsage, path + " existe y no es un socket");
+  if (!S_ISSOCK(st.st_mode)) throw ToolFailure(kExitUsage, path + " exists and is not a socket");
   Local::socket probe(io);
   boost::system::error_code ec;
   probe.connect(Local::endpoint(path), ec);
-  if (!ec) throw ToolFailure(kExitTransport, "otro proceso ya escucha en " + path);
+  if (!ec) throw ToolFailure(kExitTransport, "another process listens on " + path);
   ::unlink(path.c_str());
 }
 
@@ -247,9 +248,8 @@ class Server {
     if (!ec) acceptor_.bind(endpoint, ec);
     if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
     if (ec)
-      throw ToolFailure(kExitTransport,
-                        "no se puede escuchar en " + options_.socket + ": " + ec.message());
-    std::cerr << "tarskel: escuchando en " << options_.socket << std::endl;
+      throw ToolFailure(kExitTransport, "can't listen on " + options_.socket + ": " + ec.message());
+    std::cerr << "tarskel: listening on " << options_.socket << std::endl;
     signals_.async_wait([this](boost::system::error_code error, int) {
       if (!error) stop();
     });

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "LeanCanonical.hpp"
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/json/MergePatch.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
@@ -17,6 +18,17 @@ int writeCanonical(const JSONValue& value) {
   return kExitSuccess;
 }
 
+// A large document is written without its whole tree (LeanCanonical.hpp);
+// whatever that way can't take is decoded whole, for the exact error.
+int writeLeanCanonical(const std::string& path) {
+  const std::string bytes = readInput(path);
+  if (const auto pieces = leanCanonical(bytes)) {
+    for (const std::string& piece : *pieces) writeOutput(piece);
+    return kExitSuccess;
+  }
+  return writeCanonical(decodeJSONInput<JSONValue>(bytes, inputName(path)));
+}
+
 void install(CLI::App& app, ToolContext& ctx) {
   CLI::App* json =
       app.add_subcommand("json", "Canonical bytes and merge patches of JSON documents");
@@ -26,8 +38,7 @@ void install(CLI::App& app, ToolContext& ctx) {
   CLI::App* canonical = json->add_subcommand(
       "canonical", "Write the canonical bytes of the JSON value in FILE (no newline added)");
   canonical->add_option("FILE", *file, "JSON file, or - for standard input")->required();
-  canonical->callback(
-      [&ctx, file] { ctx.action = [file] { return writeCanonical(readJSON(*file)); }; });
+  canonical->callback([&ctx, file] { ctx.action = [file] { return writeLeanCanonical(*file); }; });
 
   auto patchFile = std::make_shared<std::string>();
   auto targetFile = std::make_shared<std::string>();

@@ -228,8 +228,8 @@ std::vector<std::string> allowedTeams(const VerifyOptions& options) {
   // A teams file that is there but unreadable logs why and shuts the gate.
   std::optional<TeamTrust> trust = TeamTrust::loadIfProvisioned(options.root, Logger("tarskel"));
   if (!trust) {
-    throw ToolFailure(kExitUsage,
-                      "gate SO sin provisionar (sin vendor/teams.json) under " + options.root);
+    throw ToolFailure(kExitUsage, "no vendor/teams.json under " + options.root +
+                                      ": the code-signing gate is not provisioned");
   }
   return trust->teamIds;
 }

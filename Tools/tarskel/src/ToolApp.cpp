@@ -1,6 +1,7 @@
 #include "ToolApp.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <iostream>
 #include <utility>
 #include <vector>
@@ -49,18 +50,26 @@ std::string commandPath(const CLI::App* node) {
   return joined(names, " ");
 }
 
+// The one exception to "--version everywhere": where a command's own
+// --version names what it makes (the artifact's version in `vendor seal`),
+// that meaning stays, and its help says where the program's version is.
+constexpr std::string_view kOwnVersionHelp =
+    "Here --version is the artifact's version; 'tarskel --version' prints the program's.";
+
 // What every command has without asking: -q and a --version of the tool
 // (unless the command's own --version means something else, as in
 // `vendor seal`), and the exit table under its help.
 void addEverywhere(CLI::App& node, bool& quietFlag) {
-  if (node.get_option_no_throw("--version") == nullptr) {
+  const bool ownVersion = node.get_option_no_throw("--version") != nullptr;
+  if (!ownVersion) {
     node.add_flag_callback(
         "--version", [] { throw CLI::CallForVersion(); }, "Print the version and exit");
   }
   if (node.get_option_no_throw("-q") == nullptr) {
     node.add_flag("-q,--quiet", quietFlag, "No progress, warnings or report of success");
   }
-  node.footer(std::string(kExitStatusHelp));
+  node.footer(ownVersion ? std::string(kOwnVersionHelp) + "\n" + std::string(kExitStatusHelp)
+                         : std::string(kExitStatusHelp));
   for (CLI::App* sub : subcommandsOf(node)) addEverywhere(*sub, quietFlag);
 }
 
@@ -106,6 +115,33 @@ CLI::App* walkCommands(CLI::App& app, std::vector<std::string>& args) {
                           "\nCommands: " + joined(namesOf(*node), ", "));
   }
   return node;
+}
+
+// The options a person may give `node`, as written on the command line.
+std::vector<std::string> optionNamesOf(const CLI::App& node) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : node.get_options()) {
+    if (option->get_group().empty()) continue;  // hidden
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+    for (const std::string& name : option->get_snames()) names.push_back("-" + name);
+  }
+  return names;
+}
+
+// "unknown option '--verison' for 'tarskel vendor seal'; did you mean
+// '--version'?" for the first word the parser left over that looks like an
+// option, or "" when there is none. Said before anything else the parser
+// found, since a misspelt option also leaves its real one missing.
+std::string unknownOptionText(const CLI::App& node) {
+  for (const std::string& word : node.remaining()) {
+    if (word.size() < 2 || word[0] != '-' || std::isdigit(static_cast<unsigned char>(word[1])))
+      continue;
+    const std::string name = word.substr(0, word.find('='));
+    const std::string nearest = nearestWord(name, optionNamesOf(node));
+    return "unknown option '" + name + "' for '" + commandPath(&node) + "'" +
+           (nearest.empty() ? std::string() : "; did you mean '" + nearest + "'?");
+  }
+  return {};
 }
 
 bool asksForInformation(const std::vector<std::string>& args) {
@@ -171,8 +207,15 @@ int runTool(int argc, char** argv) {
     std::cout << kVersion << "\n";
     return kExitSuccess;
   } catch (const CLI::ParseError& e) {
-    const std::string path = commandPath(selected(app));
-    std::cerr << "tarskel: " << e.what() << "\nRun '" << path << " --help' for more.\n";
+    const CLI::App* node = selected(app);
+    const std::string unknown = unknownOptionText(*node);
+    std::string text = unknown.empty() ? std::string(e.what()) : unknown;
+    const CLI::Option* version = node->get_option_no_throw("--version");
+    if (unknown.empty() && version != nullptr && version->get_items_expected_min() > 0 &&
+        text.find("--version") != std::string::npos) {
+      text += "\n" + std::string(kOwnVersionHelp);
+    }
+    std::cerr << "tarskel: " << text << "\nRun '" << commandPath(node) << " --help' for more.\n";
     return kExitUsage;
   }
   setQuiet(quietFlag);

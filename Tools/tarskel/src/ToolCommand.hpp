@@ -86,6 +86,10 @@ T decodeJSONInput(std::string_view bytes, const std::string& name);
 ToolFailure jsonInputFailure(std::string_view bytes, const std::string& name,
                              const DecodingError& error);
 
+// Whether `bytes` is one well-formed JSON text: RFC 8259, UTF-8, nested no
+// deeper than the decoder allows. Says nothing of numbers no binary64 holds.
+bool isWellFormedJSON(std::string_view bytes);
+
 // ---- Output
 
 // Writes `bytes` to standard output exactly, no newline added, and flushes.

@@ -245,6 +245,10 @@ std::string readInput(const std::string& path) {
   struct stat info {};
   int error = 0;
   const bool described = ::fstat(fd, &info) == 0;
+  if (described && S_ISREG(info.st_mode)) {
+    // Sized once: a growing string would hold its old and new copies at once.
+    content.reserve(static_cast<std::size_t>(info.st_size));
+  }
   if (described && S_ISDIR(info.st_mode)) {
     error = EISDIR;
   } else if (!described || !readAll(fd, content)) {
@@ -254,6 +258,8 @@ std::string readInput(const std::string& path) {
   if (error != 0) throw ToolFailure(kExitUsage, path + ": " + systemReason(error));
   return content;
 }
+
+bool isWellFormedJSON(std::string_view bytes) { return !SyntaxScanner(bytes).scan(); }
 
 ToolFailure jsonInputFailure(std::string_view bytes, const std::string& name,
                              const DecodingError& error) {

@@ -251,7 +251,7 @@ int allowlist(const AllowlistOptions& o) {
     const std::optional<std::string> raw = base64Decode(key.publicKey);
     if (const auto weakness = raw ? ed25519KeyWeakness(*raw) : std::nullopt) {
       throw ToolFailure(kExitUsage,
-                        path + ": clave vendor '" + key.keyId + "' rechazada: " + *weakness);
+                        path + ": vendor key '" + key.keyId + "' refused: " + *weakness);
     }
     if (auto [it, fresh] = seen.emplace(key.keyId, path); !fresh) {
       throw ToolFailure(kExitUsage,
@@ -475,7 +475,9 @@ void install(CLI::App& app, ToolContext& ctx) {
   sealCommand->add_option("--key", s->key, "Private key file")->required();
   sealCommand->add_option("--artifact-id", s->artifactId, "Artifact identity")->required();
   sealCommand->add_option("--type", s->type, "platform or service")->required();
-  sealCommand->add_option("--version", s->version, "The artifact's version, e.g. 1.2.3")
+  sealCommand
+      ->add_option("--version", s->version,
+                   "The artifact's version, e.g. 1.2.3 (not the program's: tarskel --version)")
       ->required();
   sealCommand->add_option("--monotonic", s->monotonic, "Anti-rollback number, 0 or more")
       ->required();

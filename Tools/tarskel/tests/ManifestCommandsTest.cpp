@@ -81,13 +81,8 @@ TEST_F(ManifestCommands, ShowWritesEveryDefault) {
   EXPECT_EQ(compact.out.substr(0, 63),
             R"({"activation":{"mode":"always"},"dependencies":[],"displayName")");
   EXPECT_NE(compact.out.find(R"("executables":{"linux-x86_64":"bin/x"})"), std::string::npos);
-  ToolRun pretty = runTool({"manifest", "show", "-"}, kValid);
-  EXPECT_NE(
-      pretty.out.find(
-          "{\n  \"activation\": {\n    \"mode\": \"always\"\n  },\n  \"dependencies\": [],\n"),
-      std::string::npos)
-      << pretty.out;
-  EXPECT_NE(pretty.out.find("    \"backoffSeconds\": [\n      1,\n      5,"), std::string::npos);
+  EXPECT_EQ(runTool({"manifest", "show", "-"}, kValid).out.substr(0, 46),
+            "{\n  \"activation\": {\n    \"mode\": \"always\"\n  },\n");
 }
 
 TEST_F(ManifestCommands, VerifyExecutablesGoesThroughTheGate) {
@@ -119,11 +114,6 @@ TEST_F(ManifestCommands, VerifyExecutablesGoesThroughTheGate) {
   for (std::vector<std::string> args : unusable) {
     args.insert(args.begin(), {"manifest", "verify-executables"});
     EXPECT_EQ(runTool(args).exitCode, 2) << args[2] << " " << args.back();
-  }
-  for (const char* command : {"lint", "show", "verify-executables"}) {
-    ToolRun help = runTool({"manifest", command, "--help"});
-    EXPECT_NE(help.out.find(std::string("tarskel manifest ") + command), std::string::npos)
-        << help.out;
   }
 }
 

@@ -2,9 +2,11 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 
 #include "tarskel/daemon/DaemonOp.hpp"
 #include "tarskel/daemon/PlatformFiles.hpp"
+#include "tarskel/protocol/base/Logger.hpp"
 
 namespace tarskel {
 
@@ -45,13 +47,16 @@ namespace tarskel {
 // After a rollback previousPath is empty: a second one in a row is refused.
 //
 // Failures it words are DaemonOpError; the allowlist's DecodingError and the
-// seal's SealError go out as they are. execute has no suspension point: its
+// seal's SealError go out as they are. The decoder's text names no file, so
+// an allowlist that does not decode is also logged, as an error naming the
+// file, through `logger` when one is given. execute has no suspension point: its
 // file operations block the worker thread, and two requests at once are not
 // excluded from each other.
 class PlatformApplyUpdateOp final : public DaemonOp {
  public:
   PlatformApplyUpdateOp(std::filesystem::path rootURL,
-                        std::shared_ptr<const PlatformFiles> platform);
+                        std::shared_ptr<const PlatformFiles> platform,
+                        std::optional<Logger> logger = std::nullopt);
 
   boost::asio::awaitable<JSONValue> execute(const JSONObject& args,
                                             const DaemonOpContext& context) const override;
@@ -76,6 +81,7 @@ class PlatformApplyUpdateOp final : public DaemonOp {
 
   std::filesystem::path rootURL_;
   std::shared_ptr<const PlatformFiles> platform_;
+  std::optional<Logger> logger_;
 };
 
 }  // namespace tarskel

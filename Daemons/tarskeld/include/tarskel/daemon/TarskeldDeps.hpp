@@ -62,10 +62,13 @@ class TarskeldDeps {
   // platform.applyUpdate on `rootURL` and platform.uninstallMachine of the
   // bundle derived from the seams' environment and executable, reporting
   // `rootURL` as the data it keeps. Both platform operations work through
-  // `seams.files`. Three operations without a root, five with one.
+  // `seams.files`. Three operations without a root, five with one. A
+  // machine fault an answer can't name in full (an allowlist that does not
+  // decode) is logged through `logger` when one is given.
   static DaemonCore::OpList operations(const std::shared_ptr<GrantsStore>& grants,
                                        const std::optional<std::filesystem::path>& rootURL,
-                                       const Seams& seams);
+                                       const Seams& seams,
+                                       const std::optional<Logger>& logger = std::nullopt);
 
   // Builds and starts the daemon on `rootURL`, serving `machService`, and
   // writes the seed and gate lines through `logger` (not the serving line:

@@ -15,12 +15,7 @@
 #include <utility>
 
 #include "tarskel/protocol/base/Date.hpp"
-// JSONRPCError's constructor names its parameters after its members, which
-// GCC's -Wshadow reports in every file that includes it.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wshadow"
 #include "tarskel/protocol/bus/JSONRPCError.hpp"
-#pragma GCC diagnostic pop
 #include "tarskel/protocol/json/JSONCoding.hpp"
 
 namespace tarskel {
