@@ -62,14 +62,12 @@ TEST_F(AuditStoreTest, FirstRowMatchesTheKnownVector) {
 }
 
 TEST_F(AuditStoreTest, TimestampRenderingAlwaysShowsAFraction) {
-  const std::pair<double, const char*> cases[] = {
-      {784926483.0, "784926483.0"},
-      {784926483.123456, "784926483.123456"},
-      {0.0, "0.0"},
-      {-12.5, "-12.5"},
-      {0.00001, "1e-05"},
-      {1.5e16, "1.5e+16"},
-  };
+  const std::pair<double, const char*> cases[] = {{784926483.0, "784926483.0"},
+                                                  {784926483.123456, "784926483.123456"},
+                                                  {0.0, "0.0"},
+                                                  {-12.5, "-12.5"},
+                                                  {0.00001, "1e-05"},
+                                                  {1.5e16, "1.5e+16"}};
   for (const auto& [value, text] : cases) {
     SCOPED_TRACE(text);
     EXPECT_EQ(AuditStore::renderTimestamp(Date{value}), text);
@@ -90,8 +88,7 @@ TEST_F(AuditStoreTest, WhatIsHashedIsWhatIsStoredWhateverTheBytes) {
        "a" + kFFFD + "b" + kFFFD},
       {"\xED\xA0\x80", kFFFD + kFFFD + kFFFD},  // a surrogate is no character
       {longText, std::string(AuditStore::kMaxTextBytes - 3, 'a') + "\xE2\x80\xA6"},
-      {std::string(4095, 'a') + "ñ", std::string(4093, 'a') + "\xE2\x80\xA6"},
-  };
+      {std::string(4095, 'a') + "ñ", std::string(4093, 'a') + "\xE2\x80\xA6"}};
   clock = Date{1.0};
   for (const auto& [sent, stored] : cases) {
     SCOPED_TRACE(stored.substr(0, 20));

@@ -162,8 +162,7 @@ TEST(SQLiteValueTest, Accessors) {
       {"int", Value::integer(3), std::nullopt, 3, 3.0},
       {"double", Value::real(1.9), std::nullopt, 1, 1.9},
       {"negative double truncates toward zero", Value::real(-1.9), std::nullopt, -1, -1.9},
-      {"null", Value::null(), std::nullopt, std::nullopt, std::nullopt},
-  };
+      {"null", Value::null(), std::nullopt, std::nullopt, std::nullopt}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.value.stringValue(), c.s);

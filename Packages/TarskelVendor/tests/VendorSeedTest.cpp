@@ -31,15 +31,13 @@ TEST_F(VendorSeedTest, ResolvesEnvironmentFirstThenTheBundle) {
     std::map<std::string, std::string> environment;
     std::optional<fs::path> executable;
     std::optional<fs::path> expected;
-  } cases[] = {
-      {"environment wins",
-       {{"TARSKEL_VENDOR_SEED", "/no/such/seed"}},
-       exe,
-       fs::path("/no/such/seed")},
-      {"empty value counts", {{"TARSKEL_VENDOR_SEED", ""}}, exe, fs::path("")},
-      {"bundle", {{"OTHER", "x"}}, exe, bundled},
-      {"no executable", {}, std::nullopt, std::nullopt},
-  };
+  } cases[] = {{"environment wins",
+                {{"TARSKEL_VENDOR_SEED", "/no/such/seed"}},
+                exe,
+                fs::path("/no/such/seed")},
+               {"empty value counts", {{"TARSKEL_VENDOR_SEED", ""}}, exe, fs::path("")},
+               {"bundle", {{"OTHER", "x"}}, exe, bundled},
+               {"no executable", {}, std::nullopt, std::nullopt}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(VendorSeed::resolveSeedURL(c.environment, c.executable), c.expected);

@@ -182,8 +182,7 @@ TEST_F(BusConnectionTest, HandlerOutcomesBecomeResponses) {
       {"drop", std::nullopt, std::nullopt,
        JSONRPCError(RPCErrorCode::internalError, "sin respuesta del manejador de drop")},
       {"nadie", std::nullopt, std::nullopt,
-       JSONRPCError(RPCErrorCode::methodNotFound, "método desconocido: nadie")},
-  };
+       JSONRPCError(RPCErrorCode::methodNotFound, "método desconocido: nadie")}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.method);
     Outcome got = call(c.method, c.params);
@@ -236,8 +235,7 @@ TEST_F(BusConnectionTest, RefusedHelloClosesBothEnds) {
   const std::vector<std::tuple<HelloRequest, std::int64_t, const char*>> cases = {
       {helloFrom("old", "2.0.0"), RPCErrorCode::incompatibleProtocol,
        "protocolo 2.0.0 incompatible con 1.1.0"},
-      {helloFrom("intruso"), RPCErrorCode::accessDenied, "desconocido"},
-  };
+      {helloFrom("intruso"), RPCErrorCode::accessDenied, "desconocido"}};
   for (const auto& [hello, code, reason] : cases) {
     SCOPED_TRACE(reason);
     serverClosed = {};
@@ -322,8 +320,7 @@ TEST_F(RawPeerTest, BadMessagesGetTheirJSONRPCErrors) {
       {R"({"jsonrpc":"2.0","id":2,"method":"service.hello","params":{"clientId":"raw"}})",
        R"({"jsonrpc":"2.0","id":2,"error":{"code":-32602,"message":"keyNotFound en <raíz>: falta la clave \"protocolVersion\""}})"},
       {R"({"jsonrpc":"2.0","id":3,"method":"service.hello","params":{"clientId":"raw","protocolVersion":"v1"}})",
-       R"({"jsonrpc":"2.0","id":3,"error":{"code":-32602,"message":"protocolVersion no es una versión: v1"}})"},
-  };
+       R"({"jsonrpc":"2.0","id":3,"error":{"code":-32602,"message":"protocolVersion no es una versión: v1"}})"}};
   for (const auto& [in, out] : beforeHello) {
     SCOPED_TRACE(in);
     send(in);
@@ -344,8 +341,7 @@ TEST_F(RawPeerTest, BadMessagesGetTheirJSONRPCErrors) {
       {R"({"jsonrpc":"2.0","id":99,"result":1})", nullptr},
       {R"({"jsonrpc":"2.0","result":1})", nullptr},
       {R"({"jsonrpc":"2.0","id":4,"error":{"code":1}})", nullptr},
-      {R"({"jsonrpc":"2.0","method":"nadie"})", nullptr},
-  };
+      {R"({"jsonrpc":"2.0","method":"nadie"})", nullptr}};
   for (const auto& [in, out] : afterHello) {
     SCOPED_TRACE(in);
     send(in);

@@ -78,8 +78,7 @@ TEST(FramingTest, OversizeHeaderIsRefusedForGood) {
       {Framing::defaultMaxFrameLength, "", "\xFF\xFF\xFF\xFF"s, 4294967295,
        "frame de 4294967295 bytes excede el máximo de 16777216", 4},
       {8, "", Framing::encode("ok") + "\0\0\0\x09zz"s, 9, "frame de 9 bytes excede el máximo de 8",
-       6},
-  };
+       6}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     FrameDecoder decoder(c.max);

@@ -22,8 +22,7 @@ std::string canonical(const T& value) {
 TEST(HandshakeTest, CompatibleExactlyWhenMajorsAgree) {
   const std::vector<std::tuple<const char*, const char*, bool>> cases = {
       {"1.1.0", "1.9.3", true}, {"1.1.0", "2.0.0", false},    {"1.0.0-beta", "1.5.0", true},
-      {"0.1.0", "0.2.0", true}, {"2.0.0-rc", "1.9.9", false}, {"1.1.0", "1.1.0", true},
-  };
+      {"0.1.0", "0.2.0", true}, {"2.0.0-rc", "1.9.9", false}, {"1.1.0", "1.1.0", true}};
   for (const auto& [a, b, expected] : cases) {
     SCOPED_TRACE(std::string(a) + " / " + b);
     EXPECT_EQ(ProtocolCompatibility::isCompatible(*SemVer::parse(a), *SemVer::parse(b)), expected);
@@ -38,8 +37,7 @@ TEST(HandshakeTest, CapabilitiesDefaultToEmptyAndAreAlwaysWritten) {
       {R"({"clientId":"a","protocolVersion":"1.1.0","capabilities":null,"sessionId":null})",
        R"({"capabilities":[],"clientId":"a","protocolVersion":"1.1.0"})"},
       {R"({"clientId":"a","protocolVersion":"9","capabilities":["events","no-such"],"sessionId":"s","x":1})",
-       R"({"capabilities":["events","no-such"],"clientId":"a","protocolVersion":"9","sessionId":"s"})"},
-  };
+       R"({"capabilities":["events","no-such"],"clientId":"a","protocolVersion":"9","sessionId":"s"})"}};
   for (const auto& [in, out] : requests) {
     SCOPED_TRACE(in);
     EXPECT_EQ(canonical(decode<HelloRequest>(in)), out);
@@ -48,8 +46,7 @@ TEST(HandshakeTest, CapabilitiesDefaultToEmptyAndAreAlwaysWritten) {
       {R"({"accepted":true,"protocolVersion":"1.1.0"})",
        R"({"accepted":true,"capabilities":[],"protocolVersion":"1.1.0"})"},
       {R"({"accepted":false,"protocolVersion":"1.1.0","capabilities":["ui-push"],"reason":"no","sessionId":"s"})",
-       R"({"accepted":false,"capabilities":["ui-push"],"protocolVersion":"1.1.0","reason":"no","sessionId":"s"})"},
-  };
+       R"({"accepted":false,"capabilities":["ui-push"],"protocolVersion":"1.1.0","reason":"no","sessionId":"s"})"}};
   for (const auto& [in, out] : responses) {
     SCOPED_TRACE(in);
     EXPECT_EQ(canonical(decode<HelloResponse>(in)), out);
@@ -60,8 +57,7 @@ TEST(HandshakeTest, RequiredKeysAreRequired) {
   const std::vector<std::pair<const char*, const char*>> cases = {
       {R"({"protocolVersion":"1.1.0"})", "keyNotFound en <raíz>: falta la clave \"clientId\""},
       {R"({"clientId":"a","protocolVersion":"1.1.0","capabilities":[1]})",
-       "typeMismatch en capabilities[0]: se esperaba string, llegó number"},
-  };
+       "typeMismatch en capabilities[0]: se esperaba string, llegó number"}};
   for (const auto& [in, text] : cases) {
     SCOPED_TRACE(in);
     try {

@@ -80,8 +80,7 @@ TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
       {R"([{"jsonrpc":"2.0","method":"m"}])", std::nullopt,
        Failure{DecodingError::Kind::typeMismatch, "", "se esperaba object, llegó array"}},
       {R"({"jsonrpc":"2.0","method":"m","params":[1e999]})", std::nullopt,
-       Failure{kCorrupt, "params", "Valor JSON no reconocido"}},
-  };
+       Failure{kCorrupt, "params", "Valor JSON no reconocido"}}};
   for (const DecodeCase& c : cases) {
     SCOPED_TRACE(c.input);
     if (c.expected) {
@@ -112,8 +111,7 @@ TEST(JSONRPCTest, IdIsAnInt64ThenAStringElseRefused) {
       {"1e30", std::nullopt},
       {"true", std::nullopt},
       {"{}", std::nullopt},
-      {"[1]", std::nullopt},
-  };
+      {"[1]", std::nullopt}};
   for (const auto& [id, expected] : cases) {
     SCOPED_TRACE(id);
     const std::string message = std::string(R"({"jsonrpc":"2.0","method":"m","id":)") + id + "}";
@@ -159,8 +157,7 @@ TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
        M::errorResponse(std::nullopt, {-32700, "x"})},
       {M::errorResponse(9, {1, "y", JSONValue(true)}),
        R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})",
-       M::errorResponse(9, {1, "y", JSONValue(true)})},
-  };
+       M::errorResponse(9, {1, "y", JSONValue(true)})}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.bytes);
     EXPECT_EQ(JSONRPC::encode(c.message), c.bytes);

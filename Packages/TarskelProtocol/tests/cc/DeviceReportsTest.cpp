@@ -53,8 +53,7 @@ TEST(DeviceReportsTest, PresenceRules) {
                           R"("type":"x.custom","payload":[1]})"),
        R"({"deviceId":"d","eventId":"e","payload":[1],"ts":"2026-01-02T03:04:05Z","type":"x.custom"})"},
       {reencoded<AuditAnchorReport>(R"({"deviceId":"d","sequence":4,"ts":"2026-01-02T03:04:05Z"})"),
-       ""},
-  };
+       ""}};
   for (const auto& c : cases) EXPECT_EQ(c.read, c.expected);
 }
 

@@ -14,15 +14,13 @@ TEST(WireMessageTest, EveryKindRoundTripsUnderItsText) {
   const struct {
     WireMessage message;
     const char* text;
-  } cases[] = {
-      {{Heartbeat{"d", std::nullopt, true, "1", kTs, {}, {}, std::nullopt}}, "heartbeat"},
-      {{CCEvent{"e1", "d", kTs, "service.crashed", JSONValue(3)}}, "event"},
-      {{CCAck("c1", CCAck::Status::nacked)}, "ack"},
-      {{CCCommand("c1", "d", "health.ping", std::nullopt, kTs, "ops", std::nullopt, "s")},
-       "command"},
-      {WireMessage::eventAck("e1"), "event-ack"},
-      {{AuditAnchorReport{"d", 9, "ff", kTs}}, "audit-anchor"},
-  };
+  } cases[] = {{{Heartbeat{"d", std::nullopt, true, "1", kTs, {}, {}, std::nullopt}}, "heartbeat"},
+               {{CCEvent{"e1", "d", kTs, "service.crashed", JSONValue(3)}}, "event"},
+               {{CCAck("c1", CCAck::Status::nacked)}, "ack"},
+               {{CCCommand("c1", "d", "health.ping", std::nullopt, kTs, "ops", std::nullopt, "s")},
+                "command"},
+               {WireMessage::eventAck("e1"), "event-ack"},
+               {{AuditAnchorReport{"d", 9, "ff", kTs}}, "audit-anchor"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     EXPECT_EQ(enumName(c.message.kind()), c.text);
@@ -53,8 +51,7 @@ TEST(WireMessageTest, DecodingFailuresNameKindAndPath) {
       {R"({"type":7,"data":{}})", Kind::typeMismatch, "type"},
       {R"({"type":"ack","data":null})", Kind::valueNotFound, "data"},
       {R"({"type":"event-ack","data":{}})", Kind::keyNotFound, "data"},
-      {R"({"type":"ack","data":{"cmdId":"c","status":"ok"}})", Kind::dataCorrupted, "data.status"},
-  };
+      {R"({"type":"ack","data":{"cmdId":"c","status":"ok"}})", Kind::dataCorrupted, "data.status"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     try {

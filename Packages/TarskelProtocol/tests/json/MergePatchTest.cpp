@@ -38,8 +38,7 @@ TEST(MergePatchTest, ApplyFollowsTheRFCExamplesAndOurEdgeCases) {
       {R"({"a":7})", R"({"a":{"b":1}})", R"({"a":{"b":1}})"},
       {"{}", R"({"a":{"b":null}})", R"({"a":{}})"},
       // Removing an absent key is no change.
-      {R"({"a":1})", R"({"z":null})", R"({"a":1})"},
-  };
+      {R"({"a":1})", R"({"z":null})", R"({"a":1})"}};
   for (const auto& [target, patch, expected] : cases) {
     SCOPED_TRACE(std::string(target) + " + " + patch);
     EXPECT_EQ(canonical(MergePatch::apply(json(patch), json(target))), expected);
@@ -47,19 +46,17 @@ TEST(MergePatchTest, ApplyFollowsTheRFCExamplesAndOurEdgeCases) {
 }
 
 TEST(MergePatchTest, DiffGivesTheSmallestPatchTheFormatCanSay) {
-  const Case3 cases[] = {
-      {R"({"a":[1,2]})", R"({"a":[1,3]})", R"({"a":[1,3]})"},
-      {R"({"a":1,"b":2})", R"({"a":1})", R"({"b":null})"},
-      {R"({"x":{"y":1,"z":2}})", R"({"x":{"y":1}})", R"({"x":{"z":null}})"},
-      {"1", "1", "{}"},
-      {R"({"a":1})", "null", "null"},
-      {R"({"a":0})", R"({"a":-0.0})", "{}"},
-      {R"({"a":1})", R"({"a":null})", R"({"a":null})"},
-      {R"({"a":1})", R"({"a":{"b":null}})", R"({"a":{"b":null}})"},
-      {R"({"a":{"b":1}})", R"({"a":{"b":1},"c":{}})", R"({"c":{}})"},
-      {R"({"a":"x"})", R"({"a":{"b":1}})", R"({"a":{"b":1}})"},
-      {"{\"caf\xC3\xA9\":1}", "{\"cafe\xCC\x81\":1}", "{}"},
-  };
+  const Case3 cases[] = {{R"({"a":[1,2]})", R"({"a":[1,3]})", R"({"a":[1,3]})"},
+                         {R"({"a":1,"b":2})", R"({"a":1})", R"({"b":null})"},
+                         {R"({"x":{"y":1,"z":2}})", R"({"x":{"y":1}})", R"({"x":{"z":null}})"},
+                         {"1", "1", "{}"},
+                         {R"({"a":1})", "null", "null"},
+                         {R"({"a":0})", R"({"a":-0.0})", "{}"},
+                         {R"({"a":1})", R"({"a":null})", R"({"a":null})"},
+                         {R"({"a":1})", R"({"a":{"b":null}})", R"({"a":{"b":null}})"},
+                         {R"({"a":{"b":1}})", R"({"a":{"b":1},"c":{}})", R"({"c":{}})"},
+                         {R"({"a":"x"})", R"({"a":{"b":1}})", R"({"a":{"b":1}})"},
+                         {"{\"caf\xC3\xA9\":1}", "{\"cafe\xCC\x81\":1}", "{}"}};
   for (const auto& [from, to, expected] : cases) {
     SCOPED_TRACE(std::string(from) + " -> " + to);
     EXPECT_EQ(canonical(MergePatch::diff(json(from), json(to))), expected);
@@ -78,8 +75,7 @@ TEST(MergePatchTest, AffectedPathsAreDepthFirstInKeyOrder) {
       {"{}", "cfg", {}},
       {R"({"a":{"b":{}},"c":null})", "cfg", {"cfg.c"}},
       {R"({"a":1})", "", {".a"}},
-      {R"({"x.y":1,"B":2,"a":3})", "r", {"r.B", "r.a", "r.x.y"}},
-  };
+      {R"({"x.y":1,"B":2,"a":3})", "r", {"r.B", "r.a", "r.x.y"}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.patch);
     EXPECT_EQ(MergePatch::affectedPaths(json(c.patch), c.prefix), c.expected);

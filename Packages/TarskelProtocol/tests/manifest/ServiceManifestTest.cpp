@@ -78,8 +78,7 @@ const std::vector<std::string> kEveryRuleFindings = {
     "negativos",
     "resources.memoryMaxMB: [resources.invalid] memoryMaxMB debe ser ≥ 1",
     "resources.cpuPercentMax: [resources.invalid] cpuPercentMax debe estar entre 1 y 100",
-    "activation.idleStopMinutes: [activation.invalid] idleStopMinutes debe ser ≥ 1",
-};
+    "activation.idleStopMinutes: [activation.invalid] idleStopMinutes debe ser ≥ 1"};
 
 TEST(ServiceManifestTest, ValidationTable) {
   const std::pair<const char*, const char*> cases[] = {
@@ -103,8 +102,7 @@ TEST(ServiceManifestTest, ValidationTable) {
        "tools[2].name tool.duplicate"},
       {R"({"tools":[{"name":"caf\u00e9.x","description":"x","inputSchema":{}},
                     {"name":"cafe\u0301.x","description":"x","inputSchema":{}}]})",
-       "tools[0].name tool.badName, tools[1].name tool.badName, tools[1].name tool.duplicate"},
-  };
+       "tools[0].name tool.badName, tools[1].name tool.badName, tools[1].name tool.duplicate"}};
   for (const auto& [patch, expected] : cases) {
     std::string got;
     for (const std::string& f : findings(manifest(patch), false))
@@ -138,8 +136,7 @@ TEST(ServiceManifestTest, PatternsAndToolAccessForms) {
       {access, "net.example.notes/create", false},
       {access, "net.example.notes/", false},
       {access, "", false},
-      {access, "net.example.notes//a.b", false},
-  };
+      {access, "net.example.notes//a.b", false}};
   for (const auto& [set, value, valid] : cases) {
     ServiceManifest m = manifest("{}");
     set(m, value);
@@ -247,8 +244,7 @@ TEST(ServiceManifestTest, ReadingFailsWholeAndNamesTheKeyPath) {
       {R"("privileges":{"privilegedOps":[true]})",
        "typeMismatch en privileges.privilegedOps[0]: se esperaba string, llegó boolean"},
       {R"("restartPolicy":[])", "typeMismatch en restartPolicy: se esperaba object, llegó array"},
-      {R"("id":null)", "valueNotFound en id: se esperaba un valor, llegó null"},
-  };
+      {R"("id":null)", "valueNotFound en id: se esperaba un valor, llegó null"}};
   for (const auto& [fragment, expected] : cases)
     EXPECT_EQ(readError(fragment), expected) << fragment;
 }

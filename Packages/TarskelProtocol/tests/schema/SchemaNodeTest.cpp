@@ -103,8 +103,7 @@ TEST(SchemaNodeTest, ValidateRules) {
       {R"({"minLength":5,"maxLength":1,"pattern":"z"})",
        R"("abc")",
        {"$: [minLength] largo 3 < mínimo 5", "$: [maxLength] largo 3 > máximo 1",
-        "$: [pattern] no coincide con /z/"}},
-  };
+        "$: [pattern] no coincide con /z/"}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.schema) + " against " + c.value);
     EXPECT_EQ(findings(c.schema, c.value), c.expected);
@@ -185,8 +184,7 @@ TEST(SchemaNodeTest, DocumentationCheckCoversEveryDeclaredFieldInKeyOrder) {
        {"configSchema.a: " + needsDescription, "configSchema.a: " + needsRisk,
         "configSchema.b.c: " + needsDescription}},
       {R"({"properties":{"list":{"description":"d","x-risk":"safe","items":{"properties":{"x":{}}}}}})",
-       {"configSchema.list[].x: " + needsDescription, "configSchema.list[].x: " + needsRisk}},
-  };
+       {"configSchema.list[].x: " + needsDescription, "configSchema.list[].x: " + needsRisk}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.schema);
     EXPECT_EQ(descriptions(schema(c.schema).configDocumentationViolations("configSchema")),

@@ -44,14 +44,12 @@ TEST(HashManifestTest, DecodingRefusesBadShapes) {
   const std::string good = R"({"artifactId":"a","artifactType":"service","version":"1",)"
                            R"("monotonicVersion":1,"expires":"2026-01-02T03:04:05Z","files":[]})";
   EXPECT_NO_THROW(TarskelJSON::decoder().decode<HashManifest>(good));
-  const std::pair<std::string, std::string> spoils[] = {
-      {R"("service")", R"("Platform")"},
-      {R"(,"files":[])", ""},
-      {R"(:1,)", R"(:1.5,)"},
-      {R"(:1,)", R"(:9223372036854775808,)"},
-      {R"("2026-01-02T03:04:05Z")", "784926483"},
-      {R"([])", R"([{"path":"x"}])"},
-  };
+  const std::pair<std::string, std::string> spoils[] = {{R"("service")", R"("Platform")"},
+                                                        {R"(,"files":[])", ""},
+                                                        {R"(:1,)", R"(:1.5,)"},
+                                                        {R"(:1,)", R"(:9223372036854775808,)"},
+                                                        {R"("2026-01-02T03:04:05Z")", "784926483"},
+                                                        {R"([])", R"([{"path":"x"}])"}};
   for (const auto& [from, to] : spoils) {
     std::string text = good;
     text.replace(text.find(from), from.size(), to);
@@ -105,8 +103,7 @@ TEST(HashManifestTest, AllowlistRefusesNonCanonicalAndSmallOrderKeys) {
       {"y = p - 20, canonical", hex("ec" + ff + "7e"), std::nullopt},
       {"RFC 8032 test key", hex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a"),
        std::nullopt},
-      {"31 bytes", std::string(31, '\0'), std::nullopt},
-  };
+      {"31 bytes", std::string(31, '\0'), std::nullopt}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(ed25519KeyWeakness(c.raw), c.why);

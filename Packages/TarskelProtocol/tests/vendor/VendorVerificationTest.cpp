@@ -79,40 +79,38 @@ TEST_F(VendorVerificationTest, SignatureFindingsStopAtTheFirst) {
     VendorSignature signature;
     VendorAllowlist list;
     VendorVerificationError expected;
-  } cases[] = {
-      {"algorithm in capitals",
-       {"vendor", "ED25519", ""},
-       allowlist,
-       VendorVerificationError::unsupportedAlgorithm("ED25519")},
-      {"unknown key and unsupported algorithm",
-       {"nobody", "rsa", "!!"},
-       allowlist,
-       VendorVerificationError::unsupportedAlgorithm("rsa")},
-      {"unknown key", signedBy("nobody", kKey, data), allowlist,
-       VendorVerificationError::unknownKey("nobody")},
-      {"line break in signature text",
-       {"vendor", "ed25519", base64Encode(kKey + "|") + "\n" + base64Encode(data)},
-       allowlist,
-       VendorVerificationError::malformedSignature()},
-      {"signature without padding",
-       {"vendor", "ed25519", "YWI"},
-       allowlist,
-       VendorVerificationError::malformedSignature()},
-      {"public key not base64",
-       signedBy("vendor", kKey, data),
-       {1, {{"vendor", "a b="}}},
-       VendorVerificationError::malformedSignature()},
-      {"public key of 31 bytes",
-       signedBy("vendor", kKey, data),
-       {1, {{"vendor", base64Encode(kKey.substr(1))}}},
-       VendorVerificationError::badSignature("vendor")},
-      {"signature by another key", signedBy("vendor", kOtherKey, data), allowlist,
-       VendorVerificationError::badSignature("vendor")},
-      {"first of two equal ids decides",
-       signedBy("vendor", kOtherKey, data),
-       {1, {{"vendor", base64Encode(kKey)}, {"vendor", base64Encode(kOtherKey)}}},
-       VendorVerificationError::badSignature("vendor")},
-  };
+  } cases[] = {{"algorithm in capitals",
+                {"vendor", "ED25519", ""},
+                allowlist,
+                VendorVerificationError::unsupportedAlgorithm("ED25519")},
+               {"unknown key and unsupported algorithm",
+                {"nobody", "rsa", "!!"},
+                allowlist,
+                VendorVerificationError::unsupportedAlgorithm("rsa")},
+               {"unknown key", signedBy("nobody", kKey, data), allowlist,
+                VendorVerificationError::unknownKey("nobody")},
+               {"line break in signature text",
+                {"vendor", "ed25519", base64Encode(kKey + "|") + "\n" + base64Encode(data)},
+                allowlist,
+                VendorVerificationError::malformedSignature()},
+               {"signature without padding",
+                {"vendor", "ed25519", "YWI"},
+                allowlist,
+                VendorVerificationError::malformedSignature()},
+               {"public key not base64",
+                signedBy("vendor", kKey, data),
+                {1, {{"vendor", "a b="}}},
+                VendorVerificationError::malformedSignature()},
+               {"public key of 31 bytes",
+                signedBy("vendor", kKey, data),
+                {1, {{"vendor", base64Encode(kKey.substr(1))}}},
+                VendorVerificationError::badSignature("vendor")},
+               {"signature by another key", signedBy("vendor", kOtherKey, data), allowlist,
+                VendorVerificationError::badSignature("vendor")},
+               {"first of two equal ids decides",
+                signedBy("vendor", kOtherKey, data),
+                {1, {{"vendor", base64Encode(kKey)}, {"vendor", base64Encode(kOtherKey)}}},
+                VendorVerificationError::badSignature("vendor")}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     allowlist = c.list;
@@ -129,14 +127,12 @@ TEST_F(VendorVerificationTest, ExpiryAndAntiRollback) {
     std::optional<std::int64_t> installed;
     bool allowDowngrade;
     std::vector<VendorVerificationError> expected;
-  } cases[] = {
-      {"expires one second after now", 1, std::nullopt, false, {}},
-      {"expires exactly now", 0, std::nullopt, false, {expired}},
-      {"equal version", 1, 10, false, {}},
-      {"older version", 1, 11, false, {VendorVerificationError::downgrade(11, 10)}},
-      {"older version allowed", 1, 11, true, {}},
-      {"no installed version", 1, std::nullopt, false, {}},
-  };
+  } cases[] = {{"expires one second after now", 1, std::nullopt, false, {}},
+               {"expires exactly now", 0, std::nullopt, false, {expired}},
+               {"equal version", 1, 10, false, {}},
+               {"older version", 1, 11, false, {VendorVerificationError::downgrade(11, 10)}},
+               {"older version allowed", 1, 11, true, {}},
+               {"no installed version", 1, std::nullopt, false, {}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     manifest.expires = Date{kNow.secondsSinceReferenceDate + c.expiresOffset};
@@ -168,8 +164,7 @@ TEST(VendorVerificationErrorTest, Texts) {
        "anti-rollback: instalado monotonicVersion=-1, ofrecido -9223372036854775808"},
       {VendorVerificationError::rotationNotNewer(4, 4),
        "rotación no monotónica: revision vigente 4, ofrecida 4"},
-      {VendorVerificationError::malformedSignature(), "firma malformada (base64 inválido)"},
-  };
+      {VendorVerificationError::malformedSignature(), "firma malformada (base64 inválido)"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     EXPECT_STREQ(c.error.what(), c.text);
@@ -194,19 +189,17 @@ TEST_F(RotationTest, Outcomes) {
     const char* name;
     VendorKeyRotation rotation;
     std::optional<VendorVerificationError> failure;
-  } cases[] = {
-      {"signed by the current key", rotation(2, "vendor", kKey), std::nullopt},
-      {"equal revision, perfect signature", rotation(1, "vendor", kKey),
-       VendorVerificationError::rotationNotNewer(1, 1)},
-      {"lower revision", rotation(0, "vendor", kKey),
-       VendorVerificationError::rotationNotNewer(1, 0)},
-      {"signed only by a key of the new list", rotation(2, "next", kOtherKey),
-       VendorVerificationError::unknownKey("next")},
-      {"bad signature", rotation(2, "vendor", kOtherKey),
-       VendorVerificationError::badSignature("vendor")},
-      {"a key added after signing", withIntruder(rotation(2, "vendor", kKey)),
-       VendorVerificationError::badSignature("vendor")},
-  };
+  } cases[] = {{"signed by the current key", rotation(2, "vendor", kKey), std::nullopt},
+               {"equal revision, perfect signature", rotation(1, "vendor", kKey),
+                VendorVerificationError::rotationNotNewer(1, 1)},
+               {"lower revision", rotation(0, "vendor", kKey),
+                VendorVerificationError::rotationNotNewer(1, 0)},
+               {"signed only by a key of the new list", rotation(2, "next", kOtherKey),
+                VendorVerificationError::unknownKey("next")},
+               {"bad signature", rotation(2, "vendor", kOtherKey),
+                VendorVerificationError::badSignature("vendor")},
+               {"a key added after signing", withIntruder(rotation(2, "vendor", kKey)),
+                VendorVerificationError::badSignature("vendor")}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     auto result = verification.applyRotation(c.rotation, allowlist);
