@@ -7,6 +7,7 @@
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
@@ -83,27 +84,25 @@ TEST(JSONEncoding, StringEscapes) {
   }
 }
 
+// input | canonical bytes
 TEST(JSONEncoding, CanonicalBytes) {
-  struct Case {
-    const char* input;
-    const char* bytes;
-  } cases[] = {{"[1,1.0,1e0]", "[1,1,1]"},
-               {R"({"b":1,"a":{"d":null,"c":[]}})", R"({"a":{"c":[],"d":null},"b":1})"},
-               {" { } ", "{}"},
-               {"[ ]", "[]"},
-               {"-0", "-0"},
-               {"-0.0", "-0"},
-               {"true", "true"},
-               {R"({"B":1,"a":2,"_":3,"1":4,"é":5,"z":6})",
-                "{\"1\":4,\"B\":1,\"_\":3,\"a\":2,\"z\":6,\"\xc3\xa9\":5}"},
-               {"123456789012345678901234567890", "1.2345678901234568e+29"},
-               {"18446744073709551615", "1.8446744073709552e+19"},
-               {"-9223372036854775808", "-9.223372036854776e+18"},
-               {R"("\u00e9\ud83d\ude00")", "\"\xc3\xa9\xf0\x9f\x98\x80\""},
-               {R"({"a":1,"a":2})", R"({"a":2})"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.input);
-    EXPECT_EQ(canonical(decode(c.input)), c.bytes);
+  for (const testing::Row& row : testing::rows(R"(
+[1,1.0,1e0] | [1,1,1]
+{"b":1,"a":{"d":null,"c":[]}} | {"a":{"c":[],"d":null},"b":1}
+ { }  | {}
+[ ] | []
+-0 | -0
+-0.0 | -0
+true | true
+{"B":1,"a":2,"_":3,"1":4,"é":5,"z":6} | {"1":4,"B":1,"_":3,"a":2,"z":6,"é":5}
+123456789012345678901234567890 | 1.2345678901234568e+29
+18446744073709551615 | 1.8446744073709552e+19
+-9223372036854775808 | -9.223372036854776e+18
+"\u00e9\ud83d\ude00" | "é😀"
+{"a":1,"a":2} | {"a":2}
+)")) {
+    SCOPED_TRACE(row.line);
+    EXPECT_EQ(canonical(decode(row[0])), row[1]);
   }
 }
 

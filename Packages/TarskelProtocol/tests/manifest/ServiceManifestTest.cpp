@@ -9,6 +9,7 @@
 #include "tarskel/protocol/manifest/ServiceManifest.hpp"
 #include "tarskel/protocol/manifest/ServiceState.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
@@ -188,38 +189,28 @@ std::string readError(const std::string& fragment) {
                                fragment + "}");
 }
 
+// fragment or whole document | the error
 TEST(ServiceManifestTest, ReadingFailsWholeAndNamesTheKeyPath) {
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"id":"a.b","version":"1","displayName":"X"})",
-       R"(keyNotFound en <raíz>: falta la clave "executables")"},
-      {R"("energy":{})", R"(keyNotFound en energy: falta la clave "deferrable")"},
-      {R"("tools":[{"name":"x","description":"y"}])",
-       R"(keyNotFound en tools[0]: falta la clave "inputSchema")"},
-      {R"("dependencies":[{"service":"a.b"}])",
-       R"(keyNotFound en dependencies[0]: falta la clave "version")"},
-      {R"("tray":{"section":[{"bind":"x"}]})",
-       R"(keyNotFound en tray.section[0]: falta la clave "type")"},
-      {R"("tray":{"section":[{"type":"separator"}]})",
-       "dataCorrupted en tray.section[0].type: Tipo de tray item desconocido: separator"},
-      {R"("scope":"global")", R"(dataCorrupted en scope: valor desconocido: "global")"},
-      {R"("activation":{"mode":"sometimes"})",
-       R"(dataCorrupted en activation.mode: valor desconocido: "sometimes")"},
-      {R"("restartPolicy":{"mode":"on_failure"})",
-       R"(dataCorrupted en restartPolicy.mode: valor desconocido: "on_failure")"},
-      {R"("restartPolicy":{"maxFailures":1.5})",
-       "dataCorrupted en restartPolicy.maxFailures: se esperaba un entero, llegó 1.5"},
-      {R"("configSchema":{"type":"text"})",
-       R"(dataCorrupted en configSchema.type: valor desconocido: "text")"},
-      {R"("executables":{"darwin-arm64":1})",
-       "typeMismatch en executables.darwin-arm64: se esperaba string, llegó number"},
-      {R"("permissions":{"files":"x"})",
-       "typeMismatch en permissions.files: se esperaba array, llegó string"},
-      {R"("privileges":{"privilegedOps":[true]})",
-       "typeMismatch en privileges.privilegedOps[0]: se esperaba string, llegó boolean"},
-      {R"("restartPolicy":[])", "typeMismatch en restartPolicy: se esperaba object, llegó array"},
-      {R"("id":null)", "valueNotFound en id: se esperaba un valor, llegó null"}};
-  for (const auto& [fragment, expected] : cases)
-    EXPECT_EQ(readError(fragment), expected) << fragment;
+  for (const testing::Row& row : testing::rows(R"(
+{"id":"a.b","version":"1","displayName":"X"} | keyNotFound en <raíz>: falta la clave "executables"
+"energy":{} | keyNotFound en energy: falta la clave "deferrable"
+"tools":[{"name":"x","description":"y"}] | keyNotFound en tools[0]: falta la clave "inputSchema"
+"dependencies":[{"service":"a.b"}] | keyNotFound en dependencies[0]: falta la clave "version"
+"tray":{"section":[{"bind":"x"}]} | keyNotFound en tray.section[0]: falta la clave "type"
+"tray":{"section":[{"type":"separator"}]} | dataCorrupted en tray.section[0].type: Tipo de tray item desconocido: separator
+"scope":"global" | dataCorrupted en scope: valor desconocido: "global"
+"activation":{"mode":"sometimes"} | dataCorrupted en activation.mode: valor desconocido: "sometimes"
+"restartPolicy":{"mode":"on_failure"} | dataCorrupted en restartPolicy.mode: valor desconocido: "on_failure"
+"restartPolicy":{"maxFailures":1.5} | dataCorrupted en restartPolicy.maxFailures: se esperaba un entero, llegó 1.5
+"configSchema":{"type":"text"} | dataCorrupted en configSchema.type: valor desconocido: "text"
+"executables":{"darwin-arm64":1} | typeMismatch en executables.darwin-arm64: se esperaba string, llegó number
+"permissions":{"files":"x"} | typeMismatch en permissions.files: se esperaba array, llegó string
+"privileges":{"privilegedOps":[true]} | typeMismatch en privileges.privilegedOps[0]: se esperaba string, llegó boolean
+"restartPolicy":[] | typeMismatch en restartPolicy: se esperaba object, llegó array
+"id":null | valueNotFound en id: se esperaba un valor, llegó null
+)")) {
+    EXPECT_EQ(readError(row[0]), row[1]) << row[0];
+  }
 }
 
 TEST(ServiceStateTest, ElevenExactCasesInOrder) {
