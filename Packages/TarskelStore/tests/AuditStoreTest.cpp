@@ -55,23 +55,9 @@ TEST_F(AuditStoreTest, FirstRowMatchesTheKnownVector) {
   clock = Date{784926483.5};
   std::string hash = store->recordSync("c", "t", "o", "ok", 12.0, "x");
   EXPECT_EQ(hash, "36d874e307c10d54054ba1fbae5b1e429196e63730f9a8743e931b915c22f806");
-  auto rows = store->recentSync(10);
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0], (AuditStore::Entry{1, Date{784926483.5}, "c", "t", "o", "ok", 12.0, "x",
-                                        std::string(AuditStore::kGenesisHash), hash}));
-}
-
-TEST_F(AuditStoreTest, TimestampRenderingAlwaysShowsAFraction) {
-  const std::pair<double, const char*> cases[] = {{784926483.0, "784926483.0"},
-                                                  {784926483.123456, "784926483.123456"},
-                                                  {0.0, "0.0"},
-                                                  {-12.5, "-12.5"},
-                                                  {0.00001, "1e-05"},
-                                                  {1.5e16, "1.5e+16"}};
-  for (const auto& [value, text] : cases) {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(AuditStore::renderTimestamp(Date{value}), text);
-  }
+  EXPECT_EQ(store->recentSync(10),
+            (std::vector{AuditStore::Entry{1, Date{784926483.5}, "c", "t", "o", "ok", 12.0, "x",
+                                           std::string(AuditStore::kGenesisHash), hash}}));
 }
 
 // Regression: a NUL in a client's op was hashed whole but stored cut, and the
