@@ -6,6 +6,7 @@
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
+#include "tarskel/testing/Hex.hpp"
 
 namespace tarskel {
 namespace {
@@ -20,15 +21,12 @@ HashManifest sampleManifest() {
                       std::nullopt};
 }
 
-TEST(HashManifestTest, CanonicalBytesSortKeysEscapeSlashAndLeaveOutAbsentMetadata) {
+TEST(HashManifestTest, CanonicalBytesLeaveOutAbsentMetadataAndRoundTrip) {
   EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(sampleManifest()),
             R"({"artifactId":"net.example.app","artifactType":"platform",)"
             R"("expires":"2026-01-02T03:04:05Z","files":[{"path":"App.app\/Contents\/Info.plist",)"
             R"("sha256":")" +
                 std::string(64, 'a') + R"("}],"monotonicVersion":42,"version":"1.2.3"})");
-}
-
-TEST(HashManifestTest, RoundTripsWithMetadataAndExtremeMonotonicVersion) {
   HashManifest m = sampleManifest();
   m.metadata = std::map<std::string, std::string>{{"channel", "beta"}, {"build", "7"}};
   for (std::int64_t v : {INT64_MAX, INT64_MIN, std::int64_t{9007199254740993}}) {
@@ -58,16 +56,12 @@ TEST(HashManifestTest, DecodingRefusesBadShapes) {
   }
 }
 
-TEST(VendorAllowlistTest, KeyWithIdReturnsTheFirstOfEqualIds) {
+TEST(VendorAllowlistTest, FirstOfEqualIdsAndTheCanonicalSigningPayload) {
   VendorAllowlist list{3, {{"a", "first"}, {"b", "other"}, {"a", "second"}}};
   ASSERT_TRUE(list.key("a").has_value());
   EXPECT_EQ(list.key("a")->publicKey, "first");
   EXPECT_FALSE(list.key("A").has_value());
-}
-
-TEST(VendorAllowlistTest, SigningPayloadIsTheCanonicalEncoding) {
-  VendorAllowlist list{7, {{"k1", "AAAA/+=="}}};
-  EXPECT_EQ(list.signingPayload(),
+  EXPECT_EQ((VendorAllowlist{7, {{"k1", "AAAA/+=="}}}).signingPayload(),
             R"({"keys":[{"keyId":"k1","publicKey":"AAAA\/+=="}],"revision":7})");
 }
 
@@ -75,13 +69,7 @@ TEST(VendorAllowlistTest, SigningPayloadIsTheCanonicalEncoding) {
 // whenever an allowlist is read, naming the key; ordinary keys, and bytes
 // that are no key at all (their signatures simply fail), pass.
 TEST(HashManifestTest, AllowlistRefusesNonCanonicalAndSmallOrderKeys) {
-  auto hex = [](std::string_view digits) {
-    std::string out;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-      out.push_back(static_cast<char>(std::stoi(std::string(digits.substr(i, 2)), nullptr, 16)));
-    }
-    return out;
-  };
+  const auto hex = testing::unhex;
   const std::string ff(60, 'f');
   struct Case {
     std::string name, raw;
