@@ -24,7 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 using testing::readFile;
 using testing::writeFile;
-using Kind = SealError::Kind;
 
 class BundleSealTest : public ::testing::Test {
  protected:
@@ -84,10 +83,8 @@ TEST_F(BundleSealTest, SealWritesCanonicalSortedManifestThatVerifies) {
                                       "README", "lib/a/b/c.txt"}));
   EXPECT_EQ(written.files[2].sha256, VendorHashing::sha256Hex("léame"));
 
-  const std::string onDisk = readFile(root / BundleSeal::manifestFile);
-  EXPECT_EQ(onDisk, TarskelJSON::canonicalEncoder().encode(written));
-  EXPECT_NE(onDisk.back(), '\n');
-  EXPECT_NE(onDisk.find(R"("App.app\/Contents\/Info.plist")"), std::string::npos);
+  EXPECT_EQ(readFile(root / BundleSeal::manifestFile),
+            TarskelJSON::canonicalEncoder().encode(written));
   auto signature =
       TarskelJSON::decoder().decode<VendorSignature>(readFile(root / BundleSeal::signatureFile));
   EXPECT_EQ(signature.keyId, "vendor-2026");
@@ -99,16 +96,16 @@ TEST_F(BundleSealTest, SealWritesCanonicalSortedManifestThatVerifies) {
 
 // Each attack starts from a freshly sealed tree; the texts are the system's own.
 TEST_F(BundleSealTest, AttackTable) {
+  const fs::path manifestFile = root / BundleSeal::manifestFile;
+  const fs::path signatureFile = root / BundleSeal::signatureFile;
+  const std::string unreadable = "hash-manifest ilegible: ";
   const fs::path outside = temp.path() / "outside";
   writeFile(outside, "secret");
-  const auto resign =
-      [&](
-          const Ed25519KeyPair& key,
-          const std::function<void(VendorSignature&)>& spoil = [](VendorSignature&) {}) {
-        VendorSignature sig = key.sign(readFile(root / BundleSeal::manifestFile));
-        spoil(sig);
-        writeFile(root / BundleSeal::signatureFile, TarskelJSON::encoder().encode(sig));
-      };
+  const auto resign = [&](const Ed25519KeyPair& key, bool lineBreak = false) {
+    VendorSignature sig = key.sign(readFile(root / BundleSeal::manifestFile));
+    if (lineBreak) sig.signature.insert(44, "\n");
+    writeFile(root / BundleSeal::signatureFile, TarskelJSON::encoder().encode(sig));
+  };
   const auto listAlso = [&](const std::string& path, const std::string& content) {
     HashManifest m = seal();
     m.files.insert(m.files.begin(), {path, VendorHashing::sha256Hex(content)});
@@ -159,8 +156,7 @@ TEST_F(BundleSealTest, AttackTable) {
        "verificación vendor: keyId 'vendor-2026-b' no está en la allowlist vendor"},
       {"signature from another key under the trusted id",
        [&] { resign(Ed25519KeyPair("vendor-2026")); }, badSignature},
-      {"signature text with a line break",
-       [&] { resign(pair, [](VendorSignature& sig) { sig.signature.insert(44, "\n"); }); },
+      {"signature text with a line break", [&] { resign(pair, true); },
        "verificación vendor: firma malformada (base64 inválido)"},
       {"public key of 31 bytes",
        [&] {
@@ -169,14 +165,40 @@ TEST_F(BundleSealTest, AttackTable) {
        },
        badSignature},
       {"manifest expiring exactly now", [&] { seal(0); },
-       SealError::verification({VendorVerificationError::expired(now, now)}).what()}};
+       SealError::verification({VendorVerificationError::expired(now, now)}).what()},
+      // Seals that can't be read: the text goes on with the cause.
+      {"no vendor directory", [&] { fs::remove_all(root / "vendor"); }, unreadable},
+      {"no signature", [&] { fs::remove(root / BundleSeal::signatureFile); }, unreadable},
+      {"raw bytes as signature", [&] { writeFile(signatureFile, std::string(64, '\x07')); },
+       unreadable},
+      {"invalid JSON manifest", [&] { writeFile(manifestFile, "{\"files\":"); }, unreadable},
+      {"manifest of another shape", [&] { writeFile(manifestFile, "[]"); }, unreadable},
+      {"manifest is a directory",
+       [&] {
+         fs::remove(manifestFile);
+         fs::create_directory(manifestFile);
+       },
+       unreadable},
+      {"manifest is a link",
+       [&] {
+         fs::rename(manifestFile, temp.path() / "m.json");
+         fs::create_symlink(temp.path() / "m.json", manifestFile);
+       },
+       unreadable},
+      {"manifest is a named pipe",
+       [&] {
+         fs::remove(manifestFile);
+         ::mkfifo(manifestFile.c_str(), 0600);
+       },
+       unreadable}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     SetUp();
     allowlist = {1, {pair.vendorKey()}};
     seal();
     c.attack();
-    EXPECT_EQ(verifyError().what(), c.text);
+    const std::string text = verifyError().what();
+    EXPECT_EQ(c.text == unreadable ? text.substr(0, unreadable.size()) : text, c.text);
     fs::remove_all(root);
   }
 }
@@ -194,43 +216,6 @@ TEST_F(BundleSealTest, DowngradeOnlyAgainstAnInstalledVersionAndFindingsAreJoine
   EXPECT_EQ(std::string(e.what()),
             "verificación vendor: keyId 'vendor-2026' no está en la allowlist vendor; " +
                 std::string(e.verificationErrors()[1].what()));
-}
-
-TEST_F(BundleSealTest, UnreadableSeals) {
-  const struct {
-    const char* name;
-    std::function<void()> damage;
-  } cases[] = {
-      {"no vendor directory", [&] { fs::remove_all(root / "vendor"); }},
-      {"no signature", [&] { fs::remove(root / BundleSeal::signatureFile); }},
-      {"raw bytes as signature",
-       [&] { writeFile(root / BundleSeal::signatureFile, std::string(64, '\x07')); }},
-      {"invalid JSON manifest", [&] { writeFile(root / BundleSeal::manifestFile, "{\"files\":"); }},
-      {"manifest of another shape", [&] { writeFile(root / BundleSeal::manifestFile, "[]"); }},
-      {"manifest is a directory",
-       [&] {
-         fs::remove(root / BundleSeal::manifestFile);
-         fs::create_directory(root / BundleSeal::manifestFile);
-       }},
-      {"manifest is a link",
-       [&] {
-         fs::rename(root / BundleSeal::manifestFile, temp.path() / "m.json");
-         fs::create_symlink(temp.path() / "m.json", root / BundleSeal::manifestFile);
-       }},
-      {"manifest is a named pipe", [&] {
-         fs::remove(root / BundleSeal::manifestFile);
-         ::mkfifo((root / BundleSeal::manifestFile).c_str(), 0600);
-       }}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    SetUp();
-    seal();
-    c.damage();
-    const SealError e = verifyError();
-    EXPECT_EQ(e.kind(), Kind::unreadableManifest);
-    EXPECT_TRUE(std::string(e.what()).starts_with("hash-manifest ilegible: ")) << e.what();
-    fs::remove_all(root);
-  }
 }
 
 // Empty directories and anything under vendor/ are no content; a path listed
@@ -286,14 +271,8 @@ TEST_F(BundleSealTest, FirstFaultInManifestOrderWhateverTheThreads) {
 // though its NFC form (U+00EA) comes after "f" and after U+00E9.
 TEST_F(BundleSealTest, ContentIsOrderedByScalarsOfTheNormalisedName) {
   fs::remove_all(root);
-  for (const char* name : {"f", "e\xCC\x82",
-                           "\xC3\xA9"
-                           "b"})
-    writeFile(root / name, name);
-  const std::vector<std::string> expected{"f",
-                                          "\xC3\xA9"
-                                          "b",
-                                          "e\xCC\x82"};
+  const std::vector<std::string> expected{"f", "\u00e9b", "e\u0302"};
+  for (const std::string& name : expected) writeFile(root / name, name);
   EXPECT_EQ(BundleSeal::contentEntries(root), expected);
 
   HashManifest m = seal();
