@@ -137,32 +137,25 @@ TEST(SchemaNodeTest, JSONFormRoundTripsWithItsOwnKeys) {
   EXPECT_EQ(schema(R"({"type":null,"items":null,"format":"uri"})"), SchemaNode{});
 }
 
+// schema | each finding, in order ("d" and "r": description and x-risk missing)
 TEST(SchemaNodeTest, DocumentationCheckCoversEveryDeclaredFieldInKeyOrder) {
-  struct Case {
-    const char* schema;
+  const std::string d = ": [doc.description] todo campo de configuración exige description";
+  const std::string r =
+      ": [doc.x-risk] todo campo de configuración exige x-risk (safe|disruptive|dangerous)";
+  for (const testing::Row& row : testing::rows(R"(
+{}
+{"description":"","items":{}}
+{"properties":{"a":{"description":" \t ","x-risk":"safe"}}} | configSchema.a d
+{"properties":{"a":{"description":"\u3000\u00a0","x-risk":"safe"}}} | configSchema.a d
+{"properties":{"a":{"description":"\n","x-risk":"safe"}}}
+{"properties":{"b":{"description":"x","x-risk":"safe","properties":{"c":{"x-risk":"safe"}}},"a":{}}} | configSchema.a d | configSchema.a r | configSchema.b.c d
+{"properties":{"list":{"description":"d","x-risk":"safe","items":{"properties":{"x":{}}}}}} | configSchema.list[].x d | configSchema.list[].x r
+)")) {
+    SCOPED_TRACE(row.line);
     std::vector<std::string> expected;
-  };
-  const std::string needsDescription =
-      "[doc.description] todo campo de configuración exige description";
-  const std::string needsRisk =
-      "[doc.x-risk] todo campo de configuración exige x-risk (safe|disruptive|dangerous)";
-  const Case cases[] = {
-      {"{}", {}},
-      {R"({"description":"","items":{}})", {}},
-      {R"({"properties":{"a":{"description":" \t ","x-risk":"safe"}}})",
-       {"configSchema.a: " + needsDescription}},
-      {"{\"properties\":{\"a\":{\"description\":\"\xE3\x80\x80\xC2\xA0\",\"x-risk\":\"safe\"}}}",
-       {"configSchema.a: " + needsDescription}},
-      {R"({"properties":{"a":{"description":"\n","x-risk":"safe"}}})", {}},
-      {R"({"properties":{"b":{"description":"x","x-risk":"safe","properties":{"c":{"x-risk":"safe"}}},"a":{}}})",
-       {"configSchema.a: " + needsDescription, "configSchema.a: " + needsRisk,
-        "configSchema.b.c: " + needsDescription}},
-      {R"({"properties":{"list":{"description":"d","x-risk":"safe","items":{"properties":{"x":{}}}}}})",
-       {"configSchema.list[].x: " + needsDescription, "configSchema.list[].x: " + needsRisk}}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.schema);
-    EXPECT_EQ(descriptions(schema(c.schema).configDocumentationViolations("configSchema")),
-              c.expected);
+    for (auto cell = row.cells.begin() + 1; cell != row.cells.end(); ++cell)
+      expected.push_back(cell->substr(0, cell->size() - 2) + (cell->ends_with(" d") ? d : r));
+    EXPECT_EQ(descriptions(schema(row[0]).configDocumentationViolations("configSchema")), expected);
   }
 }
 
