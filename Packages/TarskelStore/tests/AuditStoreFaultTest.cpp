@@ -28,20 +28,12 @@ std::set<std::string> storedHashes(SQLiteDatabase& db) {
   return out;
 }
 
-class RefusingDatabaseTest : public ::testing::Test {
- protected:
-  std::unique_ptr<AuditStore> attach(std::shared_ptr<SQLiteDatabase> db) {
-    return std::make_unique<AuditStore>(std::move(db), io.get_executor());
-  }
-  std::string path() const { return dir.file("audit.db"); }
-
+TEST(RefusingDatabaseTest, AbortingTriggerLeavesAHoleThatARestartCloses) {
   testing::TempDir dir;
   boost::asio::io_context io;
-};
-
-TEST_F(RefusingDatabaseTest, AbortingTriggerLeavesAHoleThatARestartCloses) {
-  auto db = SQLiteDatabase::open(path());
-  auto store = attach(db);
+  auto db = SQLiteDatabase::open(dir.file("audit.db"));
+  const auto attach = [&] { return std::make_unique<AuditStore>(db, io.get_executor()); };
+  auto store = attach();
   store->recordSync("a", "t", "xpc", "ok", 1, "1");
   ASSERT_TRUE(
       db->exec("CREATE TRIGGER refuse BEFORE INSERT ON audit "
@@ -58,7 +50,7 @@ TEST_F(RefusingDatabaseTest, AbortingTriggerLeavesAHoleThatARestartCloses) {
   EXPECT_FALSE(store->verifyChainSync());
   EXPECT_EQ(store->inspectChain().firstBreak->seq, 2);
 
-  store = attach(db);
+  store = attach();
   EXPECT_EQ(store->lastHash(), after);
   store->recordSync("d", "t", "xpc", "ok", 1, "4");
   EXPECT_EQ(store->recentSync(1).at(0).prevHash, after);

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <string>
 
@@ -16,34 +17,31 @@ using testing::canonical;
 using testing::decode;
 using testing::decodingError;
 
+// value | canonical bytes (every layout reads back exactly) | with a fraction
 TEST(JSONNumberLayout, MatchesTheTable) {
-  const std::pair<double, const char*> cases[] = {
-      {0, "0"},
-      {-0.0, "-0"},
-      {-3, "-3"},
-      {1.5, "1.5"},
-      {0.0001, "0.0001"},
-      {0.00001, "1e-05"},
-      {-0.00012, "-0.00012"},
-      {1234567890123, "1234567890123"},
-      {9007199254740992.0, "9007199254740992"},
-      {9007199254740994.0, "9.007199254740994e+15"},
-      {1e16, "1e+16"},
-      {1.5e300, "1.5e+300"},
-      {5e-324, "5e-324"},
-      {std::numeric_limits<double>::max(), "1.7976931348623157e+308"}};
-  for (const auto& [value, bytes] : cases) {
-    SCOPED_TRACE(bytes);
-    EXPECT_EQ(canonical(JSONValue(value)), bytes);
-    EXPECT_EQ(decode(bytes).numberValue(), value);  // every layout reads back exactly
+  for (const testing::Row& row : testing::rows(R"(
+0 | 0 | 0.0
+-0.0 | -0 | -0.0
+-3 | -3 | -3.0
+1.5 | 1.5 | 1.5
+0.0001 | 0.0001 | 0.0001
+0.00001 | 1e-05 | 1e-05
+-0.00012 | -0.00012 | -0.00012
+1234567890123 | 1234567890123 | 1234567890123.0
+784926483.5 | 784926483.5 | 784926483.5
+9007199254740992 | 9007199254740992 | 9007199254740992.0
+9007199254740994 | 9.007199254740994e+15 | 9.007199254740994e+15
+1e16 | 1e+16 | 1e+16
+1.5e300 | 1.5e+300 | 1.5e+300
+5e-324 | 5e-324 | 5e-324
+1.7976931348623157e308 | 1.7976931348623157e+308 | 1.7976931348623157e+308
+)")) {
+    SCOPED_TRACE(row.line);
+    const double value = std::strtod(row[0].c_str(), nullptr);
+    EXPECT_EQ(canonical(JSONValue(value)), row[1]);
+    EXPECT_EQ(decode(row[1]).numberValue(), value);
+    EXPECT_EQ(formatNumberWithFraction(value), row[2]);
   }
-  const std::pair<double, const char*> withFraction[] = {
-      {0, "0.0"},
-      {-3, "-3.0"},
-      {784926483.5, "784926483.5"},
-      {1e-5, "1e-05"},
-      {9007199254740992.0, "9007199254740992.0"}};
-  for (const auto& [value, text] : withFraction) EXPECT_EQ(formatNumberWithFraction(value), text);
 }
 
 // Regression: string bytes were copied unchecked, so a file name that is not
@@ -149,45 +147,47 @@ struct Probe {
   }
 };
 
+// a | b | "=" when equal: numbers by value, strings and keys by canonical
+// equivalence (é precomposed and decomposed), objects in any key order.
 TEST(JSONValueRules, EqualityAndTypeNames) {
-  const double nan = std::nan("");
-  const struct {
-    JSONValue a, b;
-    bool equal;
-  } pairs[] = {
-      {decode("1"), decode("1.0"), true},
-      {JSONValue(0.0), JSONValue(-0.0), true},
-      {JSONValue(nan), JSONValue(nan), false},
-      {JSONValue(1), JSONValue(true), false},
-      {JSONValue("1"), JSONValue(1), false},
-      {JSONValue(nullptr), JSONValue(), true},
-      {JSONValue("\xc3\xa9"), JSONValue("e\xcc\x81"), true},  // é precomposed and decomposed
-      {JSONValue("a"), JSONValue("b"), false},
-      {decode(R"({"a":1,"b":[true,null]})"), decode(R"({"b":[true,null],"a":1.0})"), true},
-      {decode("[1,2]"), decode("[2,1]"), false},
-      {decode("[1]"), decode("[1,1]"), false},
-      {decode(R"({"a":1})"), decode(R"({"a":1,"b":1})"), false},
-      {decode("{\"caf\xc3\xa9\":1}"), decode("{\"cafe\xcc\x81\":1}"), true}};
-  for (const auto& p : pairs) EXPECT_EQ(p.a == p.b, p.equal) << "row " << (&p - pairs);
+  for (const testing::Row& row : testing::rows(R"(
+1 | 1.0 | =
+0.0 | -0.0 | =
+1 | true | ≠
+"1" | 1 | ≠
+"\u00e9" | "e\u0301" | =
+"a" | "b" | ≠
+{"a":1,"b":[true,null]} | {"b":[true,null],"a":1.0} | =
+[1,2] | [2,1] | ≠
+[1] | [1,1] | ≠
+{"a":1} | {"a":1,"b":1} | ≠
+{"caf\u00e9":1} | {"cafe\u0301":1} | =
+)")) {
+    EXPECT_EQ(decode(row[0]) == decode(row[1]), row[2] == "=") << row.line;
+  }
+  EXPECT_FALSE(JSONValue(std::nan("")) == JSONValue(std::nan("")));
+  EXPECT_EQ(JSONValue(nullptr), JSONValue());
   // Keys are told apart by canonical equivalence, in lookups too.
   EXPECT_NE(decode("{\"caf\xc3\xa9\":1}")["cafe\xcc\x81"], nullptr);
   EXPECT_NE(decode("{\"\xe2\x84\xaa\":1}")["K"], nullptr);  // KELVIN SIGN decomposes to K
   EXPECT_EQ(decode("{\"K\":1,\"\xe2\x84\xaa\":2}").objectValue()->size(), 1u);
 
-  const std::pair<JSONValue, const char*> names[] = {
-      {JSONValue(0.5), "number"},
-      {JSONValue(3), "integer"},
-      {JSONValue(-0.0), "integer"},
-      {JSONValue(1e300), "number"},
-      {JSONValue(9007199254740992.0), "number"},
-      {JSONValue(9007199254740991.0), "integer"},
-      {JSONValue(true), "boolean"},
-      {JSONValue("x"), "string"},
-      {JSONValue(JSONValue::Array{}), "array"},
-      {JSONValue(JSONObject{}), "object"},
-      {JSONValue(), "null"},
-      {JSONValue(std::numeric_limits<double>::infinity()), "number"}};
-  for (const auto& [value, type] : names) EXPECT_STREQ(value.typeName(), type);
+  for (const testing::Row& row : testing::rows(R"(
+0.5 | number
+3 | integer
+-0.0 | integer
+1e300 | number
+9007199254740992 | number
+9007199254740991 | integer
+true | boolean
+"x" | string
+[] | array
+{} | object
+null | null
+)")) {
+    EXPECT_EQ(decode(row[0]).typeName(), row[1]) << row.line;
+  }
+  EXPECT_STREQ(JSONValue(std::numeric_limits<double>::infinity()).typeName(), "number");
 }
 
 TEST(JSONValueRules, Subscript) {
