@@ -12,7 +12,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "tarskel/protocol/bus/BusConnection.hpp"
@@ -214,22 +213,18 @@ TEST_F(BusConnectionTest, RefusedHelloClosesBothEnds) {
                            return JSONRPCError(RPCErrorCode::accessDenied, "desconocido");
                          return std::nullopt;
                        }};
-  const std::vector<std::tuple<HelloRequest, std::int64_t, const char*>> cases = {
-      {helloFrom("old", "2.0.0"), RPCErrorCode::incompatibleProtocol,
-       "protocolo 2.0.0 incompatible con 1.1.0"},
-      {helloFrom("intruso"), RPCErrorCode::accessDenied, "desconocido"}};
-  for (const auto& [hello, code, reason] : cases) {
+  const std::pair<HelloRequest, std::string> cases[] = {
+      {helloFrom("old", "2.0.0"), "protocolo 2.0.0 incompatible con 1.1.0"},
+      {helloFrom("intruso"), "desconocido"}};
+  for (const auto& [hello, reason] : cases) {
     SCOPED_TRACE(reason);
     serverClosed = {};
     connect(hello, picky);
     start();
     Outcome got = call(std::string(BusMethod::healthPing));
     EXPECT_EQ(got.connection, BusConnectionError::Reason::handshakeRefused);
-    EXPECT_EQ(
-        got.said,
-        std::string(
-            "la conexión se cerró con la llamada a health.ping pendiente: saludo rechazado: ") +
-            reason);
+    EXPECT_EQ(got.said, "la conexión se cerró con la llamada a health.ping pendiente: " +
+                            ("saludo rechazado: " + reason));
     EXPECT_EQ(serverClosed.get_future().get(), BusConnectionError::Reason::handshakeRefused);
     EXPECT_FALSE(client->session());
   }
