@@ -113,28 +113,28 @@ TEST_F(AuditStoreTest, EditingACoveredColumnBreaksTheChain) {
   }
 }
 
-TEST_F(AuditStoreTest, ACutTailShowsInTheTablesSequence) {
-  for (int i = 0; i < 4; ++i) record("c");
+// A cut tail shows in the table's sequence; verifying from a seq takes that
+// row's prev_hash as the anchor.
+TEST_F(AuditStoreTest, ChainReportsOfACutTailAndFromASeq) {
+  for (int i = 0; i < 5; ++i) record("c");
   AuditStore::ChainReport whole = store->inspectChain();
   EXPECT_TRUE(whole.holds());
-  EXPECT_EQ(whole.headSeq, 4);
+  EXPECT_EQ(whole.headSeq, 5);
   EXPECT_EQ(whole.headHash, store->lastHash());
-
-  sql("DELETE FROM audit WHERE seq = 4;");
+  sql("DELETE FROM audit WHERE seq = 5;");
   AuditStore::ChainReport cut = store->inspectChain();
   ASSERT_FALSE(cut.holds());
   EXPECT_EQ(cut.firstBreak->kind, Kind::cut);
-  EXPECT_EQ(cut.firstBreak->seq, 3);
-  EXPECT_EQ(cut.firstBreak->reason, "the table's sequence stands at 4");
+  EXPECT_EQ(cut.firstBreak->seq, 4);
+  EXPECT_EQ(cut.firstBreak->reason, "the table's sequence stands at 5");
   sql("DELETE FROM sqlite_sequence;");
   EXPECT_EQ(store->inspectChain().firstBreak->reason, "the table's sequence has no record of it");
-}
 
-TEST_F(AuditStoreTest, VerifyingFromASeqTakesThatRowsPrevHashAsTheAnchor) {
+  sql("DELETE FROM audit; DELETE FROM sqlite_sequence;");
+  reopen();
   for (int i = 0; i < 5; ++i) record("c");
   sql("UPDATE audit SET caller = 'mallory' WHERE seq = 2;");
   EXPECT_EQ(store->inspectChain().firstBreak->seq, 2);
-
   AuditStore::ChainReport from = store->inspectChain(3);
   EXPECT_TRUE(from.holds());
   EXPECT_EQ(from.rowsChecked, 3);

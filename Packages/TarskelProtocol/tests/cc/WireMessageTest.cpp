@@ -62,14 +62,8 @@ heartbeat | dataCorrupted en <raíz>:
 TEST(WireMessageTest, ExtraKeysAreIgnoredAndFractionsOfASecondLost) {
   EXPECT_EQ(WireMessage::decode(R"({"type":"ack","data":{"cmdId":"c","status":"acked"},"x":1})"),
             WireMessage{CCAck("c", CCAck::Status::acked)});
-  const WireMessage beat{Heartbeat{"d",
-                                   std::nullopt,
-                                   true,
-                                   "1",
-                                   Date{kTs.secondsSinceReferenceDate + 0.25},
-                                   {},
-                                   {},
-                                   std::nullopt}};
+  const Date late{kTs.secondsSinceReferenceDate + 0.25};
+  const WireMessage beat{Heartbeat{"d", std::nullopt, true, "1", late, {}, {}, std::nullopt}};
   const WireMessage back = WireMessage::decode(beat.encodedString());
   EXPECT_NE(back, beat);
   EXPECT_EQ(back.get<Heartbeat>()->ts, kTs);
