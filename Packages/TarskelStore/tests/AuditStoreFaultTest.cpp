@@ -2,17 +2,12 @@
 // writes, a writer killed mid-stream, and many writers at once.
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_future.hpp>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -33,20 +28,12 @@ std::set<std::string> storedHashes(SQLiteDatabase& db) {
   return out;
 }
 
-class RefusingDatabaseTest : public ::testing::Test {
- protected:
-  std::unique_ptr<AuditStore> attach(std::shared_ptr<SQLiteDatabase> db) {
-    return std::make_unique<AuditStore>(std::move(db), io.get_executor());
-  }
-  std::string path() const { return dir.file("audit.db"); }
-
+TEST(RefusingDatabaseTest, AbortingTriggerLeavesAHoleThatARestartCloses) {
   testing::TempDir dir;
   boost::asio::io_context io;
-};
-
-TEST_F(RefusingDatabaseTest, AbortingTriggerLeavesAHoleThatARestartCloses) {
-  auto db = SQLiteDatabase::open(path());
-  auto store = attach(db);
+  auto db = SQLiteDatabase::open(dir.file("audit.db"));
+  const auto attach = [&] { return std::make_unique<AuditStore>(db, io.get_executor()); };
+  auto store = attach();
   store->recordSync("a", "t", "xpc", "ok", 1, "1");
   ASSERT_TRUE(
       db->exec("CREATE TRIGGER refuse BEFORE INSERT ON audit "
@@ -63,7 +50,7 @@ TEST_F(RefusingDatabaseTest, AbortingTriggerLeavesAHoleThatARestartCloses) {
   EXPECT_FALSE(store->verifyChainSync());
   EXPECT_EQ(store->inspectChain().firstBreak->seq, 2);
 
-  store = attach(db);
+  store = attach();
   EXPECT_EQ(store->lastHash(), after);
   store->recordSync("d", "t", "xpc", "ok", 1, "4");
   EXPECT_EQ(store->recentSync(1).at(0).prevHash, after);
@@ -100,53 +87,22 @@ TEST(DamagedFileTest, AReadThatStopsEarlyIsDamageNotTheEndOfTheChain) {
   EXPECT_EQ(report.firstBreak->reason, "database disk image is malformed");
 }
 
-// The child writes records as fast as it can and reports each returned hash
-// through a pipe; the parent kills it mid-stream.
-[[noreturn]] void writeUntilKilled(const std::string& path, int out) {
-  boost::asio::io_context io;
-  AuditStore store(SQLiteDatabase::open(path), io.get_executor());
-  for (int i = 0; i < 1000000; ++i) {
-    std::string line =
-        store.recordSync("child", "daemon.info", "xpc", "ok", 0.5, std::to_string(i)) + "\n";
-    if (write(out, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(3);
-  }
-  _exit(0);
-}
-
+// Every hash a child's record returned before SIGKILL is in the file.
 TEST(KilledWriterTest, EveryReturnedRecordSurvivesSIGKILL) {
   testing::TempDir dir;
-  std::string path = dir.file("audit.db");
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    close(fds[0]);
-    writeUntilKilled(path, fds[1]);
-  }
-  close(fds[1]);
-
-  FILE* in = fdopen(fds[0], "r");
-  std::vector<std::string> returned;
-  char line[128];
-  while (returned.size() < 2000 && std::fgets(line, sizeof line, in) != nullptr) {
-    returned.emplace_back(line, 64);
-  }
-  kill(child, SIGKILL);
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFSIGNALED(status)) << "the child ended before it was killed";
-  // Lines already in the pipe were written after their record returned too.
-  while (std::fgets(line, sizeof line, in) != nullptr) {
-    if (std::strlen(line) == 65) returned.emplace_back(line, 64);
-  }
-  std::fclose(in);
-
+  const std::string path = dir.file("audit.db");
+  const std::vector<std::string> returned = testing::linesBeforeSIGKILL(2000, [&] {
+    auto io = std::make_shared<boost::asio::io_context>();
+    auto store = std::make_shared<AuditStore>(SQLiteDatabase::open(path), io->get_executor());
+    return [io, store](int i) {
+      return store->recordSync("child", "daemon.info", "xpc", "ok", 0.5, std::to_string(i));
+    };
+  });
   auto db = SQLiteDatabase::open(path);
   boost::asio::io_context io;
   AuditStore store(db, io.get_executor());
   EXPECT_TRUE(store.verifyChainSync());
-  auto stored = storedHashes(*db);
+  const std::set<std::string> stored = storedHashes(*db);
   std::size_t missing = 0;
   for (const auto& hash : returned) missing += stored.count(hash) == 0 ? 1 : 0;
   EXPECT_EQ(missing, 0u) << "of " << returned.size() << " returned records";

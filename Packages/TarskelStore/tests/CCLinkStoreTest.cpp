@@ -3,12 +3,7 @@
 // killed mid-enqueue.
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
 #include <regex>
 #include <set>
 #include <string>
@@ -95,10 +90,8 @@ TEST_F(CCLinkStoreTest, StoreAckKeepsTheNewestKeepLastEntries) {
     std::int64_t keepLast;
     const char* storedNow;
     std::set<std::string> left;
-  } cases[] = {
-      {2, "new", {"b", "new"}},       {1, "new", {"new"}},           {0, "new", {}},
-      {-1, "new", {"a", "b", "new"}}, {3, "new", {"a", "b", "new"}}, {2, "a", {"b", "a"}},
-  };
+  } cases[] = {{2, "new", {"b", "new"}},       {1, "new", {"new"}},           {0, "new", {}},
+               {-1, "new", {"a", "b", "new"}}, {3, "new", {"a", "b", "new"}}, {2, "a", {"b", "a"}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.keepLast) + " " + c.storedNow);
     ASSERT_TRUE(db->exec("DELETE FROM cc_cmd_dedupe"));
@@ -118,54 +111,24 @@ TEST_F(CCLinkStoreTest, StoreAckKeepsTheNewestKeepLastEntries) {
               Date::now().secondsSinceReferenceDate, 5);
 }
 
-// The child queues events as fast as it can and reports each id once
-// enqueue has returned; the parent kills it mid-stream.
-[[noreturn]] void enqueueUntilKilled(const std::string& path, int out) {
-  CCLinkStore store(SQLiteDatabase::open(path));
-  for (int i = 0; i < 1000000; ++i) {
-    const std::string id = "e" + std::to_string(i);
-    store.enqueue(event(id));
-    const std::string line = id + "\n";
-    if (write(out, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(3);
-  }
-  _exit(0);
-}
-
+// Every event whose enqueue returned before SIGKILL is there, oldest first,
+// and no damaged row is left.
 TEST(KilledLinkTest, EveryEnqueuedEventSurvivesSIGKILLInOrder) {
   testing::TempDir dir;
   const std::string path = dir.file("link.db");
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    close(fds[0]);
-    enqueueUntilKilled(path, fds[1]);
-  }
-  close(fds[1]);
-
-  FILE* in = fdopen(fds[0], "r");
-  std::vector<std::string> returned;  // ids whose enqueue had returned
-  char line[64];
-  while (std::fgets(line, sizeof line, in) != nullptr) {
-    const std::size_t n = std::strlen(line);
-    if (line[n - 1] == '\n') returned.emplace_back(line, n - 1);
-    if (returned.size() == 1500) kill(child, SIGKILL);
-  }
-  std::fclose(in);
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFSIGNALED(status)) << "the child ended before it was killed";
-
+  const std::vector<std::string> returned = testing::linesBeforeSIGKILL(1500, [&] {
+    auto store = std::make_shared<CCLinkStore>(SQLiteDatabase::open(path));
+    return [store](int i) {
+      store->enqueue(event("e" + std::to_string(i)));
+      return "e" + std::to_string(i);
+    };
+  });
   CCLinkStore store(SQLiteDatabase::open(path));
   const std::vector<std::string> stored = ids(store.pendingEvents(-1));
   ASSERT_GE(stored.size(), returned.size());
-  EXPECT_EQ(
-      std::vector<std::string>(stored.begin(), stored.begin() + static_cast<long>(returned.size())),
-      returned)
-      << "every acknowledged event is there, oldest first";
-  EXPECT_EQ(store.pendingCount(), static_cast<std::int64_t>(stored.size()))
-      << "no damaged row was left";
+  EXPECT_EQ(std::vector<std::string>(stored.begin(), stored.begin() + std::ssize(returned)),
+            returned);
+  EXPECT_EQ(store.pendingCount(), std::ssize(stored));
   store.enqueue(event("after"));
   EXPECT_EQ(store.pendingEvents(-1).back().eventId, "after");
 }

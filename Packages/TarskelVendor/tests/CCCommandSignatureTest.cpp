@@ -61,8 +61,7 @@ TEST_F(CCCommandSignatureTest, EachFaultOfTheSigHasItsRefusal) {
       {"k1", Kind::malformedSignature},
       {":" + good, Kind::malformedSignature},
       {"k1:" + good.substr(4), Kind::malformedSignature},
-      {"k1:" + good + "\n", Kind::malformedSignature},
-  };
+      {"k1:" + good + "\n", Kind::malformedSignature}};
   for (const auto& [sig, kind] : cases) {
     CCCommand changed = command;
     changed.sig = sig;

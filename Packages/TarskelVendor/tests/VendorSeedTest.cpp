@@ -21,46 +21,33 @@ class VendorSeedTest : public ::testing::Test {
   fs::path target = temp.path() / "root/vendor/allowlist.json";
 };
 
+// The environment first, then the bundle, whose seed is found only three
+// levels below an app (through a link too).
 TEST_F(VendorSeedTest, ResolvesEnvironmentFirstThenTheBundle) {
-  const fs::path app = temp.path() / "Tarskel.app";
-  writeFile(app / "Contents/MacOS/tarskeld", "");
-  const fs::path bundled = app / "Contents/Resources/vendor/allowlist.json";
-  const fs::path exe = app / "Contents/MacOS/tarskeld";
-  const struct {
-    const char* name;
-    std::map<std::string, std::string> environment;
-    std::optional<fs::path> executable;
-    std::optional<fs::path> expected;
-  } cases[] = {
-      {"environment wins",
-       {{"TARSKEL_VENDOR_SEED", "/no/such/seed"}},
-       exe,
-       fs::path("/no/such/seed")},
-      {"empty value counts", {{"TARSKEL_VENDOR_SEED", ""}}, exe, fs::path("")},
-      {"bundle", {{"OTHER", "x"}}, exe, bundled},
-      {"no executable", {}, std::nullopt, std::nullopt},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(VendorSeed::resolveSeedURL(c.environment, c.executable), c.expected);
-  }
-}
-
-TEST_F(VendorSeedTest, BundledSeedOnlyThreeLevelsBelowAnApp) {
-  writeFile(temp.path() / "Tarskel.app/Contents/MacOS/tarskeld", "");
-  writeFile(temp.path() / "bin/tarskeld", "");
-  writeFile(temp.path() / "Tarskel.app/Contents/MacOS/deeper/tarskeld", "");
-  fs::create_directories(temp.path() / "links");
-  fs::create_symlink(temp.path() / "Tarskel.app/Contents/MacOS/tarskeld",
-                     temp.path() / "links/tarskeld");
   const fs::path contents = temp.path() / "Tarskel.app/Contents";
-  EXPECT_EQ(VendorSeed::bundledSeedURL(contents / "MacOS/tarskeld"),
-            contents / "Resources/vendor/allowlist.json");
-  EXPECT_EQ(VendorSeed::bundledSeedURL(temp.path() / "links/tarskeld"),
-            contents / "Resources/vendor/allowlist.json");
-  EXPECT_EQ(VendorSeed::bundledSeedURL(temp.path() / "bin/tarskeld"), std::nullopt);
-  EXPECT_EQ(VendorSeed::bundledSeedURL(contents / "MacOS/deeper/tarskeld"), std::nullopt);
-  EXPECT_EQ(VendorSeed::bundledSeedURL("/tarskeld"), std::nullopt);
+  const fs::path exe = contents / "MacOS/tarskeld";
+  const fs::path bundled = contents / "Resources/vendor/allowlist.json";
+  for (const fs::path& file :
+       {exe, temp.path() / "bin/tarskeld", contents / "MacOS/deeper/tarskeld"})
+    writeFile(file, "");
+  fs::create_directories(temp.path() / "links");
+  fs::create_symlink(exe, temp.path() / "links/tarskeld");
+  const std::pair<std::optional<fs::path>, std::optional<fs::path>> executables[] = {
+      {exe, bundled},
+      {temp.path() / "links/tarskeld", bundled},
+      {temp.path() / "bin/tarskeld", std::nullopt},
+      {contents / "MacOS/deeper/tarskeld", std::nullopt},
+      {"/tarskeld", std::nullopt},
+      {std::nullopt, std::nullopt}};
+  for (const auto& [executable, expected] : executables) {
+    EXPECT_EQ(VendorSeed::resolveSeedURL({{"OTHER", "x"}}, executable), expected);
+    if (executable) {
+      EXPECT_EQ(VendorSeed::bundledSeedURL(*executable), expected);
+    }
+  }
+  EXPECT_EQ(VendorSeed::resolveSeedURL({{"TARSKEL_VENDOR_SEED", "/no/such/seed"}}, exe),
+            fs::path("/no/such/seed"));
+  EXPECT_EQ(VendorSeed::resolveSeedURL({{"TARSKEL_VENDOR_SEED", ""}}, exe), fs::path(""));
 }
 
 TEST_F(VendorSeedTest, SeedsOnceWithTheSourcePermissions) {

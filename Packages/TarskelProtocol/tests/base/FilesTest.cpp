@@ -38,8 +38,7 @@ TEST(FilesTest, ReadFileRefusesWhatIsNotASmallRegularFile) {
       {"link followed", dir.file("link"), true, std::nullopt},
       {"link refused", dir.file("link"), false, Kind::cannotOpen},
       {"missing", dir.file("missing"), true, Kind::cannotOpen},
-      {"endless kernel file of size 0", "/proc/self/pagemap", true, Kind::tooLarge},
-  };
+      {"endless kernel file of size 0", "/proc/self/pagemap", true, Kind::tooLarge}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     try {

@@ -14,29 +14,6 @@
 namespace tarskel {
 namespace {
 
-// Sets TZ for the life of the object and puts the old value back.
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const char* tz) {
-    if (const char* old = std::getenv("TZ")) old_ = old;
-    ::setenv("TZ", tz, 1);
-    ::tzset();
-  }
-  ~ScopedTimeZone() {
-    if (old_) {
-      ::setenv("TZ", old_->c_str(), 1);
-    } else {
-      ::unsetenv("TZ");
-    }
-    ::tzset();
-  }
-  ScopedTimeZone(const ScopedTimeZone&) = delete;
-  ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
-
- private:
-  std::optional<std::string> old_;
-};
-
 struct CapturedLines {
   std::vector<std::string> lines;
   LogSink sink() {
@@ -49,10 +26,13 @@ TEST(LoggerTest, LineFormsAndTimestamps) {
             "T critical tarskeld : [src] mensaje — ñ\n");
   EXPECT_EQ(formatLogLine("T", LogLevel::warning, "tarskeld", {{"b", "2"}, {"a", "1"}}, "src", "m"),
             "T warning tarskeld : b=2 a=1 [src] m\n");
-  {
-    ScopedTimeZone tz("XXX-5:30");  // fixed offset east of Greenwich, no daylight time
-    EXPECT_EQ(formatLogTimestamp(86400), "1970-01-02T05:30:00+0530");
-  }
+  const char* tz = std::getenv("TZ");
+  const std::optional<std::string> oldTZ = tz ? std::optional<std::string>(tz) : std::nullopt;
+  ::setenv("TZ", "XXX-5:30", 1);  // fixed offset east of Greenwich, no daylight time
+  ::tzset();
+  EXPECT_EQ(formatLogTimestamp(86400), "1970-01-02T05:30:00+0530");
+  oldTZ ? ::setenv("TZ", oldTZ->c_str(), 1) : ::unsetenv("TZ");
+  ::tzset();
   EXPECT_EQ(formatLogTimestamp(std::numeric_limits<std::time_t>::max()), "<unknown>");
 }
 
@@ -93,20 +73,9 @@ TEST(LoggerTest, ConcurrentCopiesSerialiseTheSink) {
 }
 
 TEST(LoggerTest, DefaultSinkWritesToStandardError) {
-  std::FILE* capture = std::tmpfile();
-  ASSERT_NE(capture, nullptr);
-  int saved = ::dup(STDERR_FILENO);
-  ASSERT_GE(saved, 0);
-  ASSERT_GE(::dup2(::fileno(capture), STDERR_FILENO), 0);
+  ::testing::internal::CaptureStderr();
   Logger("tarskeld").warning("al error estándar");
-  ::dup2(saved, STDERR_FILENO);
-  ::close(saved);
-
-  std::rewind(capture);
-  char buffer[256] = {};
-  std::size_t n = std::fread(buffer, 1, sizeof buffer - 1, capture);
-  std::fclose(capture);
-  std::string text(buffer, n);
+  const std::string text = ::testing::internal::GetCapturedStderr();
   EXPECT_NE(text.find(" warning tarskeld : [tarskeld] al error estándar\n"), std::string::npos)
       << text;
 }

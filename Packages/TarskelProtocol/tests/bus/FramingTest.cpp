@@ -12,17 +12,11 @@ using Payloads = std::vector<std::string>;
 using namespace std::string_literals;
 
 TEST(FramingTest, EncodesBigEndianLengthThenPayload) {
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"", "\0\0\0\0"s},
-      {"abc", "\0\0\0\3abc"s},
-      {std::string(0x010203, 'x'), "\0\1\2\3"s},  // header only
-  };
-  for (const auto& [payload, prefix] : cases) {
-    SCOPED_TRACE(payload.size());
-    const std::string frame = Framing::encode(payload);
-    EXPECT_EQ(frame.substr(0, prefix.size()), prefix);
-    EXPECT_EQ(frame.size(), payload.size() + 4);
-  }
+  EXPECT_EQ(Framing::encode(""), "\0\0\0\0"s);
+  EXPECT_EQ(Framing::encode("abc"), "\0\0\0\3abc"s);
+  const std::string big = Framing::encode(std::string(0x010203, 'x'));
+  EXPECT_EQ(big.substr(0, 5), "\0\1\2\3x"s);
+  EXPECT_EQ(big.size(), 0x010207u);
 }
 
 // One stream of frames (empty ones included), cut in two at every byte: the
@@ -78,8 +72,7 @@ TEST(FramingTest, OversizeHeaderIsRefusedForGood) {
       {Framing::defaultMaxFrameLength, "", "\xFF\xFF\xFF\xFF"s, 4294967295,
        "frame de 4294967295 bytes excede el máximo de 16777216", 4},
       {8, "", Framing::encode("ok") + "\0\0\0\x09zz"s, 9, "frame de 9 bytes excede el máximo de 8",
-       6},
-  };
+       6}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     FrameDecoder decoder(c.max);

@@ -7,6 +7,8 @@
 
 #include "tarskel/protocol/bus/JSONRPC.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/JSONTesting.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
@@ -19,111 +21,69 @@ void PrintTo(const JSONRPCMessage& m, std::ostream* os) { *os << JSONRPC::encode
 
 namespace {
 
-JSONValue json(std::string_view text) { return TarskelJSON::decoder().decode<JSONValue>(text); }
+using testing::json;
 
-struct Failure {
-  DecodingError::Kind kind;
-  const char* path;
-  const char* text;
-};
-
-struct DecodeCase {
-  const char* input;
-  std::optional<M> expected;
-  std::optional<Failure> failure = std::nullopt;
-};
-
-const DecodingError::Kind kCorrupt = DecodingError::Kind::dataCorrupted;
+// What decoding `text` gives: the message, as it encodes, or the error's text.
+std::string decoded(const std::string& text) {
+  try {
+    return JSONRPC::encode(JSONRPC::decode(text));
+  } catch (const DecodingError& e) {
+    return e.what();
+  }
+}
 
 // Precedence (method over error over result), null as absent, the id rule and
-// the exact texts of every refusal.
+// the exact texts of every refusal: input | what it decodes to.
 TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
-  const std::vector<DecodeCase> cases = {
-      {R"({"jsonrpc":"2.0","method":"m"})", M::notification("m")},
-      {R"({"jsonrpc":"2.0","id":"a","method":"m","result":5})", M::request("a", "m")},
-      {R"({"jsonrpc":"2.0","id":7,"method":"m","params":[1,"x"],"extra":{}})",
-       M::request(7, "m", json(R"([1,"x"])"))},
-      {R"({"jsonrpc":"2.0","method":"m","params":"s"})", M::notification("m", JSONValue("s"))},
-      {R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"x"},"result":1})",
-       M::errorResponse(std::nullopt, {-32600, "x"})},
-      {R"({"jsonrpc":"2.0","method":"m","error":17})", M::notification("m")},
-      {R"({"jsonrpc":"2.0","id":1,"method":"m","error":{"code":"x"},"result":null})",
-       M::request(1, "m")},
-      {R"({"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":{"k":[]}}})",
-       M::errorResponse(3, {5, "y", json(R"({"k":[]})")})},
-      {R"({"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":null}})",
-       M::errorResponse(3, {5, "y"})},
-      {R"({"jsonrpc":"2.0","id":2,"result":{"ok":true}})", M::response(2, json(R"({"ok":true})"))},
-      // null reads as absent: its four consequences
-      {R"({"jsonrpc":"2.0","id":1,"result":null})", std::nullopt,
-       Failure{kCorrupt, "method", "mensaje sin method, result ni error — no es JSON-RPC válido"}},
-      {R"({"jsonrpc":"2.0","id":null,"error":{"code":1,"message":"x"}})",
-       M::errorResponse(std::nullopt, {1, "x"})},
-      {R"({"jsonrpc":"2.0","id":null,"method":"m"})", M::notification("m")},
-      {R"({"jsonrpc":"2.0","id":1,"method":"m","params":null})", M::request(1, "m")},
-      {R"({"jsonrpc":"2.0","id":1,"error":null,"result":3})", M::response(1, JSONValue(3))},
-      // refusals
-      {R"({"jsonrpc":"2.0","id":1,"error":{"code":1}})", std::nullopt,
-       Failure{DecodingError::Kind::keyNotFound, "error", "falta la clave \"message\""}},
-      {R"({"jsonrpc":"1.0","id":1,"result":2})", std::nullopt,
-       Failure{kCorrupt, "jsonrpc", "jsonrpc debe ser \"2.0\", llegó 1.0"}},
-      {R"({"id":1,"result":2})", std::nullopt,
-       Failure{DecodingError::Kind::keyNotFound, "", "falta la clave \"jsonrpc\""}},
-      {R"({"jsonrpc":2,"id":1,"result":2})", std::nullopt,
-       Failure{DecodingError::Kind::typeMismatch, "jsonrpc", "se esperaba string, llegó number"}},
-      {R"({"jsonrpc":"2.0"})", std::nullopt,
-       Failure{kCorrupt, "method", "mensaje sin method, result ni error — no es JSON-RPC válido"}},
-      {R"({"jsonrpc":"2.0","result":1})", std::nullopt,
-       Failure{kCorrupt, "id", "una response exige id"}},
-      {R"({"jsonrpc":"2.0","method":5})", std::nullopt,
-       Failure{DecodingError::Kind::typeMismatch, "method", "se esperaba string, llegó number"}},
-      {R"([{"jsonrpc":"2.0","method":"m"}])", std::nullopt,
-       Failure{DecodingError::Kind::typeMismatch, "", "se esperaba object, llegó array"}},
-      {R"({"jsonrpc":"2.0","method":"m","params":[1e999]})", std::nullopt,
-       Failure{kCorrupt, "params", "Valor JSON no reconocido"}},
-  };
-  for (const DecodeCase& c : cases) {
-    SCOPED_TRACE(c.input);
-    if (c.expected) {
-      EXPECT_EQ(JSONRPC::decode(c.input), *c.expected);
-      continue;
-    }
-    try {
-      JSONRPC::decode(c.input);
-      ADD_FAILURE() << "decoded";
-    } catch (const DecodingError& e) {
-      EXPECT_EQ(e.kind(), c.failure->kind);
-      EXPECT_EQ(e.codingPath(), c.failure->path);
-      EXPECT_EQ(e.debugDescription(), c.failure->text);
-    }
+  for (const testing::Row& row : testing::rows(R"(
+{"jsonrpc":"2.0","method":"m"} | {"jsonrpc":"2.0","method":"m"}
+{"jsonrpc":"2.0","id":"a","method":"m","result":5} | {"jsonrpc":"2.0","id":"a","method":"m"}
+{"jsonrpc":"2.0","id":7,"method":"m","params":[1,"x"],"extra":{}} | {"jsonrpc":"2.0","id":7,"method":"m","params":[1,"x"]}
+{"jsonrpc":"2.0","method":"m","params":"s"} | {"jsonrpc":"2.0","method":"m","params":"s"}
+{"jsonrpc":"2.0","error":{"code":-32600,"message":"x"},"result":1} | {"jsonrpc":"2.0","error":{"code":-32600,"message":"x"}}
+{"jsonrpc":"2.0","method":"m","error":17} | {"jsonrpc":"2.0","method":"m"}
+{"jsonrpc":"2.0","id":1,"method":"m","error":{"code":"x"},"result":null} | {"jsonrpc":"2.0","id":1,"method":"m"}
+{"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":{"k":[]}}} | {"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":{"k":[]}}}
+{"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":null}} | {"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y"}}
+{"jsonrpc":"2.0","id":2,"result":{"ok":true}} | {"jsonrpc":"2.0","id":2,"result":{"ok":true}}
+# null reads as absent: its four consequences
+{"jsonrpc":"2.0","id":1,"result":null} | dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido
+{"jsonrpc":"2.0","id":null,"error":{"code":1,"message":"x"}} | {"jsonrpc":"2.0","error":{"code":1,"message":"x"}}
+{"jsonrpc":"2.0","id":null,"method":"m"} | {"jsonrpc":"2.0","method":"m"}
+{"jsonrpc":"2.0","id":1,"method":"m","params":null} | {"jsonrpc":"2.0","id":1,"method":"m"}
+{"jsonrpc":"2.0","id":1,"error":null,"result":3} | {"jsonrpc":"2.0","id":1,"result":3}
+# refusals
+{"jsonrpc":"2.0","id":1,"error":{"code":1}} | keyNotFound en error: falta la clave "message"
+{"jsonrpc":"1.0","id":1,"result":2} | dataCorrupted en jsonrpc: jsonrpc debe ser "2.0", llegó 1.0
+{"id":1,"result":2} | keyNotFound en <raíz>: falta la clave "jsonrpc"
+{"jsonrpc":2,"id":1,"result":2} | typeMismatch en jsonrpc: se esperaba string, llegó number
+{"jsonrpc":"2.0"} | dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido
+{"jsonrpc":"2.0","result":1} | dataCorrupted en id: una response exige id
+{"jsonrpc":"2.0","method":5} | typeMismatch en method: se esperaba string, llegó number
+[{"jsonrpc":"2.0","method":"m"}] | typeMismatch en <raíz>: se esperaba object, llegó array
+{"jsonrpc":"2.0","method":"m","params":[1e999]} | dataCorrupted en params: Valor JSON no reconocido
+)")) {
+    SCOPED_TRACE(row[0]);
+    EXPECT_EQ(decoded(row[0]), row[1]);
   }
 }
 
 TEST(JSONRPCTest, IdIsAnInt64ThenAStringElseRefused) {
-  const std::vector<std::pair<const char*, std::optional<JSONRPCID>>> cases = {
-      {"1", JSONRPCID(1)},
-      {"1.0", JSONRPCID(1)},
-      {"-9223372036854775808", JSONRPCID(INT64_MIN)},
-      {"9223372036854775807", JSONRPCID(INT64_MAX)},
-      {R"("1")", JSONRPCID(std::string("1"))},
-      {R"("")", JSONRPCID(std::string())},
-      {"9223372036854775808", std::nullopt},
-      {"1.5", std::nullopt},
-      {"1e30", std::nullopt},
-      {"true", std::nullopt},
-      {"{}", std::nullopt},
-      {"[1]", std::nullopt},
+  const auto message = [](const char* id) {
+    return std::string(R"({"jsonrpc":"2.0","method":"m","id":)") + id + "}";
   };
-  for (const auto& [id, expected] : cases) {
-    SCOPED_TRACE(id);
-    const std::string message = std::string(R"({"jsonrpc":"2.0","method":"m","id":)") + id + "}";
-    if (expected) {
-      EXPECT_EQ(JSONRPC::decode(message), M::request(*expected, "m"));
-      continue;
-    }
+  const std::pair<const char*, JSONRPCID> valid[] = {{"1", JSONRPCID(1)},
+                                                     {"1.0", JSONRPCID(1)},
+                                                     {"-9223372036854775808", JSONRPCID(INT64_MIN)},
+                                                     {"9223372036854775807", JSONRPCID(INT64_MAX)},
+                                                     {R"("1")", JSONRPCID(std::string("1"))},
+                                                     {R"("")", JSONRPCID(std::string())}};
+  for (const auto& [id, expected] : valid)
+    EXPECT_EQ(JSONRPC::decode(message(id)), M::request(expected, "m")) << id;
+  for (const char* id : {"9223372036854775808", "1.5", "1e30", "true", "{}", "[1]"}) {
     try {
-      JSONRPC::decode(message);
-      ADD_FAILURE() << "decoded";
+      JSONRPC::decode(message(id));
+      ADD_FAILURE() << "decoded " << id;
     } catch (const DecodingError& e) {
       EXPECT_STREQ(e.what(), "dataCorrupted en id: id debe ser número o string");
     }
@@ -159,8 +119,7 @@ TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
        M::errorResponse(std::nullopt, {-32700, "x"})},
       {M::errorResponse(9, {1, "y", JSONValue(true)}),
        R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})",
-       M::errorResponse(9, {1, "y", JSONValue(true)})},
-  };
+       M::errorResponse(9, {1, "y", JSONValue(true)})}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.bytes);
     EXPECT_EQ(JSONRPC::encode(c.message), c.bytes);

@@ -5,23 +5,16 @@
 #include "tarskel/protocol/cc/CCCommand.hpp"
 #include "tarskel/protocol/cc/CCCommandMethod.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/JSONTesting.hpp"
 
 namespace tarskel {
 namespace {
 
-template <class T>
-T decode(const std::string& json) {
-  return TarskelJSON::decoder().decode<T>(json);
-}
+using testing::decode;
 
 template <class T>
 bool decodes(const std::string& json) {
-  try {
-    decode<T>(json);
-    return true;
-  } catch (const DecodingError&) {
-    return false;
-  }
+  return testing::decodingError<T>(json) == "decoded";
 }
 
 CCCommand plainCommand() {

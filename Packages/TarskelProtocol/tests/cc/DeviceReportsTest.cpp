@@ -5,57 +5,44 @@
 
 #include "tarskel/protocol/cc/DeviceReports.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/JSONTesting.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
 
-// The canonical re-encoding of `json` read as a T; "" when reading fails.
+// The canonical re-encoding of `json` read as a T; "-" when reading fails.
 template <class T>
 std::string reencoded(const std::string& json) {
   try {
-    return TarskelJSON::canonicalEncoder().encode(TarskelJSON::decoder().decode<T>(json));
+    return testing::canonical(testing::decode<T>(json));
   } catch (const DecodingError&) {
-    return "";
+    return "-";
   }
 }
 
-std::string heartbeat(const std::string& members) {
-  return R"({"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z")" + members + "}";
-}
-
+// type | text | canonical re-encoding, or "-"
 TEST(DeviceReportsTest, PresenceRules) {
-  const std::string head = R"({"configEpochs":{},"deviceId":"d",)";
-  const std::string tail =
-      R"("platformVersion":"1","primary":true,"services":[],"ts":"2026-01-02T03:04:05Z"})";
-  const struct {
-    std::string read, expected;
-  } cases[] = {
-      {reencoded<Heartbeat>(heartbeat(R"(,"primary":true,"services":[],"configEpochs":{})")),
-       head + tail},
-      {reencoded<Heartbeat>(heartbeat(
-           R"(,"primary":true,"services":[],"configEpochs":{},"sessionId":null,"metrics":null)")),
-       head + tail},
-      {reencoded<Heartbeat>(
-           heartbeat(R"(,"primary":true,"services":[],"configEpochs":{},"metrics":{})")),
-       head + R"("metrics":{},)" + tail},
-      {reencoded<Heartbeat>(heartbeat(R"(,"primary":true,"configEpochs":{})")), ""},
-      {reencoded<Heartbeat>(heartbeat(R"(,"services":[],"configEpochs":{})")), ""},
-      {reencoded<Heartbeat>(R"({"deviceId":"d","platformVersion":"1","primary":true,)"
-                            R"("ts":"2026-01-02T03:04:05.5Z","services":[],"configEpochs":{}})"),
-       ""},
-      {reencoded<ServiceStatusReport>(
-           R"({"id":"a","version":"1","state":"running","recentRestarts":2,"cpuPercent":0})"),
-       R"({"cpuPercent":0,"id":"a","recentRestarts":2,"state":"running","version":"1"})"},
-      {reencoded<ServiceStatusReport>(
-           R"({"id":"a","version":"1","state":"Running","recentRestarts":2})"),
-       ""},
-      {reencoded<CCEvent>(R"({"eventId":"e","deviceId":"d","ts":"2026-01-02T03:04:05Z",)"
-                          R"("type":"x.custom","payload":[1]})"),
-       R"({"deviceId":"d","eventId":"e","payload":[1],"ts":"2026-01-02T03:04:05Z","type":"x.custom"})"},
-      {reencoded<AuditAnchorReport>(R"({"deviceId":"d","sequence":4,"ts":"2026-01-02T03:04:05Z"})"),
-       ""},
-  };
-  for (const auto& c : cases) EXPECT_EQ(c.read, c.expected);
+  for (const testing::Row& row : testing::rows(R"(
+Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","primary":true,"services":[],"configEpochs":{}} | {"configEpochs":{},"deviceId":"d","platformVersion":"1","primary":true,"services":[],"ts":"2026-01-02T03:04:05Z"}
+Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","primary":true,"services":[],"configEpochs":{},"sessionId":null,"metrics":null} | {"configEpochs":{},"deviceId":"d","platformVersion":"1","primary":true,"services":[],"ts":"2026-01-02T03:04:05Z"}
+Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","primary":true,"services":[],"configEpochs":{},"metrics":{}} | {"configEpochs":{},"deviceId":"d","metrics":{},"platformVersion":"1","primary":true,"services":[],"ts":"2026-01-02T03:04:05Z"}
+Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","primary":true,"configEpochs":{}} | -
+Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","services":[],"configEpochs":{}} | -
+Heartbeat | {"deviceId":"d","platformVersion":"1","primary":true,"ts":"2026-01-02T03:04:05.5Z","services":[],"configEpochs":{}} | -
+ServiceStatusReport | {"id":"a","version":"1","state":"running","recentRestarts":2,"cpuPercent":0} | {"cpuPercent":0,"id":"a","recentRestarts":2,"state":"running","version":"1"}
+ServiceStatusReport | {"id":"a","version":"1","state":"Running","recentRestarts":2} | -
+CCEvent | {"eventId":"e","deviceId":"d","ts":"2026-01-02T03:04:05Z","type":"x.custom","payload":[1]} | {"deviceId":"d","eventId":"e","payload":[1],"ts":"2026-01-02T03:04:05Z","type":"x.custom"}
+AuditAnchorReport | {"deviceId":"d","sequence":4,"ts":"2026-01-02T03:04:05Z"} | -
+)")) {
+    SCOPED_TRACE(row.line);
+    const std::string& type = row[0];
+    EXPECT_EQ(type == "Heartbeat"             ? reencoded<Heartbeat>(row[1])
+              : type == "ServiceStatusReport" ? reencoded<ServiceStatusReport>(row[1])
+              : type == "CCEvent"             ? reencoded<CCEvent>(row[1])
+                                              : reencoded<AuditAnchorReport>(row[1]),
+              row[2]);
+  }
 }
 
 TEST(DeviceReportsTest, HeartbeatRoundTripsEveryField) {

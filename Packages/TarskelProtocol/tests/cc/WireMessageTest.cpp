@@ -4,6 +4,7 @@
 
 #include "tarskel/protocol/cc/WireMessage.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
@@ -14,15 +15,13 @@ TEST(WireMessageTest, EveryKindRoundTripsUnderItsText) {
   const struct {
     WireMessage message;
     const char* text;
-  } cases[] = {
-      {{Heartbeat{"d", std::nullopt, true, "1", kTs, {}, {}, std::nullopt}}, "heartbeat"},
-      {{CCEvent{"e1", "d", kTs, "service.crashed", JSONValue(3)}}, "event"},
-      {{CCAck("c1", CCAck::Status::nacked)}, "ack"},
-      {{CCCommand("c1", "d", "health.ping", std::nullopt, kTs, "ops", std::nullopt, "s")},
-       "command"},
-      {WireMessage::eventAck("e1"), "event-ack"},
-      {{AuditAnchorReport{"d", 9, "ff", kTs}}, "audit-anchor"},
-  };
+  } cases[] = {{{Heartbeat{"d", std::nullopt, true, "1", kTs, {}, {}, std::nullopt}}, "heartbeat"},
+               {{CCEvent{"e1", "d", kTs, "service.crashed", JSONValue(3)}}, "event"},
+               {{CCAck("c1", CCAck::Status::nacked)}, "ack"},
+               {{CCCommand("c1", "d", "health.ping", std::nullopt, kTs, "ops", std::nullopt, "s")},
+                "command"},
+               {WireMessage::eventAck("e1"), "event-ack"},
+               {{AuditAnchorReport{"d", 9, "ff", kTs}}, "audit-anchor"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     EXPECT_EQ(enumName(c.message.kind()), c.text);
@@ -37,32 +36,25 @@ TEST(WireMessageTest, EveryKindRoundTripsUnderItsText) {
             JSONValue(JSONValue::Object{{"eventId", "e1"}}));
 }
 
+// text | how its error starts (type is read before data)
 TEST(WireMessageTest, DecodingFailuresNameKindAndPath) {
-  using Kind = DecodingError::Kind;
-  const struct {
-    const char* text;
-    Kind kind;
-    const char* path;
-  } cases[] = {
-      {"heartbeat", Kind::dataCorrupted, ""},
-      {"[]", Kind::typeMismatch, ""},
-      {R"({"data":{"eventId":"e1"}})", Kind::keyNotFound, ""},
-      {R"({"type":"heartbeat"})", Kind::keyNotFound, ""},
-      {R"({"type":"nope"})", Kind::dataCorrupted, "type"},  // type is read before data
-      {R"({"type":"event_ack","data":{"eventId":"e1"}})", Kind::dataCorrupted, "type"},
-      {R"({"type":7,"data":{}})", Kind::typeMismatch, "type"},
-      {R"({"type":"ack","data":null})", Kind::valueNotFound, "data"},
-      {R"({"type":"event-ack","data":{}})", Kind::keyNotFound, "data"},
-      {R"({"type":"ack","data":{"cmdId":"c","status":"ok"}})", Kind::dataCorrupted, "data.status"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
+  for (const testing::Row& row : testing::rows(R"(
+heartbeat | dataCorrupted en <raíz>:
+[] | typeMismatch en <raíz>:
+{"data":{"eventId":"e1"}} | keyNotFound en <raíz>:
+{"type":"heartbeat"} | keyNotFound en <raíz>:
+{"type":"nope"} | dataCorrupted en type:
+{"type":"event_ack","data":{"eventId":"e1"}} | dataCorrupted en type:
+{"type":7,"data":{}} | typeMismatch en type:
+{"type":"ack","data":null} | valueNotFound en data:
+{"type":"event-ack","data":{}} | keyNotFound en data:
+{"type":"ack","data":{"cmdId":"c","status":"ok"}} | dataCorrupted en data.status:
+)")) {
     try {
-      WireMessage::decode(c.text);
-      ADD_FAILURE() << "decoded";
+      WireMessage::decode(row[0]);
+      ADD_FAILURE() << "decoded " << row[0];
     } catch (const DecodingError& e) {
-      EXPECT_EQ(e.kind(), c.kind) << e.what();
-      EXPECT_EQ(e.codingPath(), c.path) << e.what();
+      EXPECT_TRUE(std::string(e.what()).starts_with(row[1])) << e.what();
     }
   }
 }
@@ -70,14 +62,8 @@ TEST(WireMessageTest, DecodingFailuresNameKindAndPath) {
 TEST(WireMessageTest, ExtraKeysAreIgnoredAndFractionsOfASecondLost) {
   EXPECT_EQ(WireMessage::decode(R"({"type":"ack","data":{"cmdId":"c","status":"acked"},"x":1})"),
             WireMessage{CCAck("c", CCAck::Status::acked)});
-  const WireMessage beat{Heartbeat{"d",
-                                   std::nullopt,
-                                   true,
-                                   "1",
-                                   Date{kTs.secondsSinceReferenceDate + 0.25},
-                                   {},
-                                   {},
-                                   std::nullopt}};
+  const Date late{kTs.secondsSinceReferenceDate + 0.25};
+  const WireMessage beat{Heartbeat{"d", std::nullopt, true, "1", late, {}, {}, std::nullopt}};
   const WireMessage back = WireMessage::decode(beat.encodedString());
   EXPECT_NE(back, beat);
   EXPECT_EQ(back.get<Heartbeat>()->ts, kTs);

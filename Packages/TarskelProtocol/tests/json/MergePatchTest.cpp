@@ -1,89 +1,77 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <string>
 #include <vector>
 
 #include "tarskel/protocol/json/MergePatch.hpp"
-#include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/JSONTesting.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
 
-JSONValue json(const std::string& text) { return TarskelJSON::decoder().decode<JSONValue>(text); }
+using testing::canonical;
+using testing::json;
 
-std::string canonical(const JSONValue& value) {
-  return TarskelJSON::canonicalEncoder().encode(value);
-}
-
-// target, patch (or from, to), expected
-using Case3 = std::array<const char*, 3>;
-
+// target | patch | result
 TEST(MergePatchTest, ApplyFollowsTheRFCExamplesAndOurEdgeCases) {
-  const Case3 cases[] = {
-      // The worked examples of RFC 7386, appendix A.
-      {R"({"a":"b"})", R"({"a":"c"})", R"({"a":"c"})"},
-      {R"({"a":"b"})", R"({"b":"c"})", R"({"a":"b","b":"c"})"},
-      {R"({"a":"b"})", R"({"a":null})", R"({})"},
-      {R"({"a":["b"]})", R"({"a":"c"})", R"({"a":"c"})"},
-      {R"({"a":{"b":"c"}})", R"({"a":{"b":"d","c":null}})", R"({"a":{"b":"d"}})"},
-      {R"({"a":[{"b":"c"}]})", R"({"a":[1]})", R"({"a":[1]})"},
-      {R"({"a":"b"})", R"(["c"])", R"(["c"])"},
-      {R"({"a":"foo"})", "null", "null"},
-      {R"({"a":"foo"})", R"("bar")", R"("bar")"},
-      {R"({"e":null})", R"({"a":1})", R"({"a":1,"e":null})"},
-      {R"([1,2])", R"({"a":"b","c":null})", R"({"a":"b"})"},
-      {R"({})", R"({"a":{"bb":{"ccc":null}}})", R"({"a":{"bb":{}}})"},
-      // Non-object patches replace, non-object targets are discarded.
-      {R"({"a":7})", R"({"a":{"b":1}})", R"({"a":{"b":1}})"},
-      {"{}", R"({"a":{"b":null}})", R"({"a":{}})"},
-      // Removing an absent key is no change.
-      {R"({"a":1})", R"({"z":null})", R"({"a":1})"},
-  };
-  for (const auto& [target, patch, expected] : cases) {
-    SCOPED_TRACE(std::string(target) + " + " + patch);
-    EXPECT_EQ(canonical(MergePatch::apply(json(patch), json(target))), expected);
+  for (const testing::Row& row : testing::rows(R"(
+# The worked examples of RFC 7386, appendix A.
+{"a":"b"} | {"a":"c"} | {"a":"c"}
+{"a":"b"} | {"b":"c"} | {"a":"b","b":"c"}
+{"a":"b"} | {"a":null} | {}
+{"a":["b"]} | {"a":"c"} | {"a":"c"}
+{"a":{"b":"c"}} | {"a":{"b":"d","c":null}} | {"a":{"b":"d"}}
+{"a":[{"b":"c"}]} | {"a":[1]} | {"a":[1]}
+{"a":"b"} | ["c"] | ["c"]
+{"a":"foo"} | null | null
+{"a":"foo"} | "bar" | "bar"
+{"e":null} | {"a":1} | {"a":1,"e":null}
+[1,2] | {"a":"b","c":null} | {"a":"b"}
+{} | {"a":{"bb":{"ccc":null}}} | {"a":{"bb":{}}}
+# Non-object patches replace, non-object targets are discarded.
+{"a":7} | {"a":{"b":1}} | {"a":{"b":1}}
+{} | {"a":{"b":null}} | {"a":{}}
+# Removing an absent key is no change.
+{"a":1} | {"z":null} | {"a":1}
+)")) {
+    SCOPED_TRACE(row.line);
+    EXPECT_EQ(canonical(MergePatch::apply(json(row[1]), json(row[0]))), row[2]);
   }
 }
 
+// from | to | the smallest patch the format can say
 TEST(MergePatchTest, DiffGivesTheSmallestPatchTheFormatCanSay) {
-  const Case3 cases[] = {
-      {R"({"a":[1,2]})", R"({"a":[1,3]})", R"({"a":[1,3]})"},
-      {R"({"a":1,"b":2})", R"({"a":1})", R"({"b":null})"},
-      {R"({"x":{"y":1,"z":2}})", R"({"x":{"y":1}})", R"({"x":{"z":null}})"},
-      {"1", "1", "{}"},
-      {R"({"a":1})", "null", "null"},
-      {R"({"a":0})", R"({"a":-0.0})", "{}"},
-      {R"({"a":1})", R"({"a":null})", R"({"a":null})"},
-      {R"({"a":1})", R"({"a":{"b":null}})", R"({"a":{"b":null}})"},
-      {R"({"a":{"b":1}})", R"({"a":{"b":1},"c":{}})", R"({"c":{}})"},
-      {R"({"a":"x"})", R"({"a":{"b":1}})", R"({"a":{"b":1}})"},
-      {"{\"caf\xC3\xA9\":1}", "{\"cafe\xCC\x81\":1}", "{}"},
-  };
-  for (const auto& [from, to, expected] : cases) {
-    SCOPED_TRACE(std::string(from) + " -> " + to);
-    EXPECT_EQ(canonical(MergePatch::diff(json(from), json(to))), expected);
+  for (const testing::Row& row : testing::rows(R"(
+{"a":[1,2]} | {"a":[1,3]} | {"a":[1,3]}
+{"a":1,"b":2} | {"a":1} | {"b":null}
+{"x":{"y":1,"z":2}} | {"x":{"y":1}} | {"x":{"z":null}}
+1 | 1 | {}
+{"a":1} | null | null
+{"a":0} | {"a":-0.0} | {}
+{"a":1} | {"a":null} | {"a":null}
+{"a":1} | {"a":{"b":null}} | {"a":{"b":null}}
+{"a":{"b":1}} | {"a":{"b":1},"c":{}} | {"c":{}}
+{"a":"x"} | {"a":{"b":1}} | {"a":{"b":1}}
+{"caf\u00e9":1} | {"cafe\u0301":1} | {}
+)")) {
+    SCOPED_TRACE(row.line);
+    EXPECT_EQ(canonical(MergePatch::diff(json(row[0]), json(row[1]))), row[2]);
   }
 }
 
 TEST(MergePatchTest, AffectedPathsAreDepthFirstInKeyOrder) {
-  struct Case {
-    const char* patch;
-    const char* prefix;
+  const struct {
+    const char *patch, *prefix;
     std::vector<std::string> expected;
-  };
-  const Case cases[] = {
-      {R"({"b":1,"a":{"d":null,"c":[1]}})", "cfg", {"cfg.a.c", "cfg.a.d", "cfg.b"}},
-      {"3", "cfg", {"cfg"}},
-      {"{}", "cfg", {}},
-      {R"({"a":{"b":{}},"c":null})", "cfg", {"cfg.c"}},
-      {R"({"a":1})", "", {".a"}},
-      {R"({"x.y":1,"B":2,"a":3})", "r", {"r.B", "r.a", "r.x.y"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.patch);
-    EXPECT_EQ(MergePatch::affectedPaths(json(c.patch), c.prefix), c.expected);
-  }
+  } cases[] = {{R"({"b":1,"a":{"d":null,"c":[1]}})", "cfg", {"cfg.a.c", "cfg.a.d", "cfg.b"}},
+               {"3", "cfg", {"cfg"}},
+               {"{}", "cfg", {}},
+               {R"({"a":{"b":{}},"c":null})", "cfg", {"cfg.c"}},
+               {R"({"a":1})", "", {".a"}},
+               {R"({"x.y":1,"B":2,"a":3})", "r", {"r.B", "r.a", "r.x.y"}}};
+  for (const auto& c : cases)
+    EXPECT_EQ(MergePatch::affectedPaths(json(c.patch), c.prefix), c.expected) << c.patch;
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/manifest/ServiceManifest.hpp"
 #include "tarskel/protocol/manifest/ServiceState.hpp"
+#include "tarskel/testing/JSONTesting.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
@@ -15,19 +17,22 @@ namespace {
 const char* kBase = R"({"id":"net.example.notes","version":"1.0.0","displayName":"Notes",
                         "executables":{"darwin-arm64":"bin/notes"}})";
 
-JSONValue json(const std::string& text) { return TarskelJSON::decoder().decode<JSONValue>(text); }
+using testing::canonical;
+using testing::decode;
+using testing::json;
 
 // The valid base manifest with a merge patch applied.
 ServiceManifest manifest(const std::string& patch) {
   const std::string text =
       TarskelJSON::encoder().encode(MergePatch::apply(json(patch), json(kBase)));
-  return TarskelJSON::decoder().decode<ServiceManifest>(text);
+  return decode<ServiceManifest>(text);
 }
 
-std::vector<std::string> findings(const ServiceManifest& m, bool full) {
-  std::vector<std::string> out;
+// Each finding as "<path> <code>", or as its whole text, one after another.
+std::string findings(const ServiceManifest& m, bool full, const char* separator) {
+  std::string out;
   for (const ManifestValidationError& e : m.validate()) {
-    out.push_back(full ? e.description() : e.path + " " + e.code);
+    out += (out.empty() ? "" : separator) + (full ? e.description() : e.path + " " + e.code);
   }
   return out;
 }
@@ -42,44 +47,31 @@ const char* kEveryRule =
   "migrations":[{"from":"banana"}],"restartPolicy":{"backoffSeconds":[],"maxFailures":0},
   "resources":{"memoryMaxMB":0,"cpuPercentMax":101},"activation":{"mode":"on-demand","idleStopMinutes":0}})";
 
-const std::vector<std::string> kEveryRuleFindings = {
-    // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): one long text, split by the formatter
-    "id: [id.invalid] 'Net.example' no es un identificador reverse-DNS válido (minúsculas, ≥2 "
-    "segmentos)",
-    "version: [version.invalid] '1.2' no es semver (major.minor.patch)",
-    "displayName: [displayName.empty] displayName no puede estar vacío",
-    "platformApi: [platformApi.invalid] '~1' no es un constraint válido (exacta, >=, ^, N.x)",
-    "executables.darwin-x86_64: [executables.badPath] la ruta debe ser relativa al bundle y sin "
-    "'..'",
-    "executables.macos-arm64: [executables.badKey] 'macos-arm64' no es <os>-<arch> válido "
-    "(darwin|linux|windows - arm64|x86_64)",
-    "executables.macos-arm64: [executables.badPath] la ruta debe ser relativa al bundle y sin '..'",
-    "dependencies[0].service: [dependency.badService] 'notes' no es un id de servicio válido",
-    "dependencies[0].version: [dependency.badConstraint] '1.2.3.4' no es un constraint válido",
-    "schedule[0]: [schedule.badFormat] 'daily@7:00' no es 'daily@HH:MM'",
-    "tools[0].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados "
-    "por punto)",
-    "tools[0].description: [tool.noDescription] toda tool exige description (es el contrato que "
-    "leen "
-    "agentes y humanos)",
-    "tools[1].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados "
-    "por punto)",
-    "tools[1].name: [tool.duplicate] tool 'create' duplicada",
-    "toolAccess[0]: [toolAccess.badEntry] 'net.example.notes/a.b/c' no es '<serviceId>/<tool>' ni "
-    "'<serviceId>/*'",
-    "configSchema.a: [configSchema.undocumented] todo campo de configuración exige x-risk "
-    "(safe|disruptive|dangerous)",
-    "configSchema.b: [configSchema.undocumented] todo campo de configuración exige description",
-    "configSchema.b: [configSchema.undocumented] todo campo de configuración exige x-risk "
-    "(safe|disruptive|dangerous)",
-    "migrations[0].from: [migration.badFrom] 'banana' no es un rango de versión válido",
-    "restartPolicy: [restartPolicy.invalid] maxFailures ≥ 1, window ≥ 1 y backoffSeconds no vacío "
-    "y sin "
-    "negativos",
-    "resources.memoryMaxMB: [resources.invalid] memoryMaxMB debe ser ≥ 1",
-    "resources.cpuPercentMax: [resources.invalid] cpuPercentMax debe estar entre 1 y 100",
-    "activation.idleStopMinutes: [activation.invalid] idleStopMinutes debe ser ≥ 1",
-};
+// One finding per line.
+const char* kEveryRuleFindings =
+    R"(id: [id.invalid] 'Net.example' no es un identificador reverse-DNS válido (minúsculas, ≥2 segmentos)
+version: [version.invalid] '1.2' no es semver (major.minor.patch)
+displayName: [displayName.empty] displayName no puede estar vacío
+platformApi: [platformApi.invalid] '~1' no es un constraint válido (exacta, >=, ^, N.x)
+executables.darwin-x86_64: [executables.badPath] la ruta debe ser relativa al bundle y sin '..'
+executables.macos-arm64: [executables.badKey] 'macos-arm64' no es <os>-<arch> válido (darwin|linux|windows - arm64|x86_64)
+executables.macos-arm64: [executables.badPath] la ruta debe ser relativa al bundle y sin '..'
+dependencies[0].service: [dependency.badService] 'notes' no es un id de servicio válido
+dependencies[0].version: [dependency.badConstraint] '1.2.3.4' no es un constraint válido
+schedule[0]: [schedule.badFormat] 'daily@7:00' no es 'daily@HH:MM'
+tools[0].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados por punto)
+tools[0].description: [tool.noDescription] toda tool exige description (es el contrato que leen agentes y humanos)
+tools[1].name: [tool.badName] 'create' no es un nombre de tool válido (segmentos separados por punto)
+tools[1].name: [tool.duplicate] tool 'create' duplicada
+toolAccess[0]: [toolAccess.badEntry] 'net.example.notes/a.b/c' no es '<serviceId>/<tool>' ni '<serviceId>/*'
+configSchema.a: [configSchema.undocumented] todo campo de configuración exige x-risk (safe|disruptive|dangerous)
+configSchema.b: [configSchema.undocumented] todo campo de configuración exige description
+configSchema.b: [configSchema.undocumented] todo campo de configuración exige x-risk (safe|disruptive|dangerous)
+migrations[0].from: [migration.badFrom] 'banana' no es un rango de versión válido
+restartPolicy: [restartPolicy.invalid] maxFailures ≥ 1, window ≥ 1 y backoffSeconds no vacío y sin negativos
+resources.memoryMaxMB: [resources.invalid] memoryMaxMB debe ser ≥ 1
+resources.cpuPercentMax: [resources.invalid] cpuPercentMax debe estar entre 1 y 100
+activation.idleStopMinutes: [activation.invalid] idleStopMinutes debe ser ≥ 1)";
 
 TEST(ServiceManifestTest, ValidationTable) {
   const std::pair<const char*, const char*> cases[] = {
@@ -103,13 +95,9 @@ TEST(ServiceManifestTest, ValidationTable) {
        "tools[2].name tool.duplicate"},
       {R"({"tools":[{"name":"caf\u00e9.x","description":"x","inputSchema":{}},
                     {"name":"cafe\u0301.x","description":"x","inputSchema":{}}]})",
-       "tools[0].name tool.badName, tools[1].name tool.badName, tools[1].name tool.duplicate"},
-  };
+       "tools[0].name tool.badName, tools[1].name tool.badName, tools[1].name tool.duplicate"}};
   for (const auto& [patch, expected] : cases) {
-    std::string got;
-    for (const std::string& f : findings(manifest(patch), false))
-      got += (got.empty() ? "" : ", ") + f;
-    EXPECT_EQ(got, expected) << patch;
+    EXPECT_EQ(findings(manifest(patch), false, ", "), expected) << patch;
   }
 }
 
@@ -121,56 +109,45 @@ TEST(ServiceManifestTest, PatternsAndToolAccessForms) {
   const Set target = [](ServiceManifest& m, const char* v) { m.executables = {{v, "bin/x"}}; };
   const Set when = [](ServiceManifest& m, const char* v) { m.schedule = {v}; };
   const Set access = [](ServiceManifest& m, const char* v) { m.toolAccess = {v}; };
-  const std::tuple<Set, const char*, bool> cases[] = {
-      {id, "a.b\n", true},
-      {id, "a.b\n\n", false},
-      {id, "a-.b", false},
-      {id, "-a.b", false},
-      {id, "a..b", false},
-      {target, "windows-x86_64", true},
-      {target, "Darwin-arm64", false},
-      {when, "daily@00:00\n", true},
-      {when, "daily@24:00", false},
-      {access, "net.example.notes/notes.create", true},
-      {access, "net.example.notes/*", true},
-      {access, "/net.example.notes/a.b", true},
-      {access, "notes/notes.create", false},
-      {access, "net.example.notes/create", false},
-      {access, "net.example.notes/", false},
-      {access, "", false},
-      {access, "net.example.notes//a.b", false},
-  };
-  for (const auto& [set, value, valid] : cases) {
-    ServiceManifest m = manifest("{}");
-    set(m, value);
-    EXPECT_EQ(m.validate().empty(), valid) << value;
+  const std::tuple<Set, std::vector<const char*>, std::vector<const char*>> cases[] = {
+      {id, {"a.b\n"}, {"a.b\n\n", "a-.b", "-a.b", "a..b"}},
+      {target, {"windows-x86_64"}, {"Darwin-arm64"}},
+      {when, {"daily@00:00\n"}, {"daily@24:00"}},
+      {access,
+       {"net.example.notes/notes.create", "net.example.notes/*", "/net.example.notes/a.b"},
+       {"notes/notes.create", "net.example.notes/create", "net.example.notes/", "",
+        "net.example.notes//a.b"}}};
+  for (const auto& [set, valid, invalid] : cases) {
+    for (const auto& [values, expected] : {std::pair{valid, true}, {invalid, false}}) {
+      for (const char* value : values) {
+        ServiceManifest m = manifest("{}");
+        set(m, value);
+        EXPECT_EQ(m.validate().empty(), expected) << value;
+      }
+    }
   }
 }
 
 // The same list on any thread, several at once: each thread has its own matchers.
 TEST(ServiceManifestTest, ValidationGivesEveryFaultInRuleOrderOnAnyThread) {
-  const ServiceManifest m = TarskelJSON::decoder().decode<ServiceManifest>(kEveryRule);
-  EXPECT_EQ(findings(m, true), kEveryRuleFindings);
+  const ServiceManifest m = decode<ServiceManifest>(kEveryRule);
+  EXPECT_EQ(findings(m, true, "\n"), kEveryRuleFindings);
   std::vector<int> wrong(4);
   std::vector<std::thread> threads;
   for (int& w : wrong) {
     threads.emplace_back([&] {
-      for (int i = 0; i < 50; ++i) w += findings(m, true) != kEveryRuleFindings;
+      for (int i = 0; i < 50; ++i) w += findings(m, true, "\n") != kEveryRuleFindings;
     });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, std::vector<int>(4));
 }
 
-std::string canonical(const ServiceManifest& m) {
-  return TarskelJSON::canonicalEncoder().encode(m);
-}
-
 TEST(ServiceManifestTest, WritingFillsEveryDefaultAndLeavesOutOnlyTheOptionalRecords) {
   const std::string minimal =
       R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{}})";
   EXPECT_EQ(
-      canonical(TarskelJSON::decoder().decode<ServiceManifest>(minimal)),
+      canonical(decode<ServiceManifest>(minimal)),
       R"({"activation":{"mode":"always"},"dependencies":[],"displayName":"X",)"
       R"("events":{"publishes":[],"subscribes":[]},"executables":{},"id":"a.b","migrations":[],)"
       R"("permissions":{},"platformApi":"1.x","privileges":{"privilegedOps":[]},)"
@@ -192,65 +169,48 @@ TEST(ServiceManifestTest, WritingFillsEveryDefaultAndLeavesOutOnlyTheOptionalRec
         R"("tray":{"ownTrayIcon":false,"section")"}) {
     EXPECT_NE(written.find(part), std::string::npos) << part << " in " << written;
   }
-  EXPECT_EQ(TarskelJSON::decoder().decode<ServiceManifest>(written), m);
+  EXPECT_EQ(decode<ServiceManifest>(written), m);
   // A null is absent and takes the default; unknown keys are ignored.
-  auto nulls = TarskelJSON::decoder().decode<ServiceManifest>(
+  auto nulls = decode<ServiceManifest>(
       R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{},"scope":null,"platformApi":null,
           "restartPolicy":null,"activation":{"mode":null,"idleStopMinutes":null},"tools":null,"x-unknown":[1],
           "tray":{"section":[{"type":"action","title":"a","tool":"t","args":null}]}})");
   EXPECT_EQ(std::get<TrayItem::Action>(nulls.tray->section.at(0).item).args, std::nullopt);
   nulls.tray.reset();
-  EXPECT_EQ(canonical(nulls), canonical(TarskelJSON::decoder().decode<ServiceManifest>(minimal)));
+  EXPECT_EQ(canonical(nulls), canonical(decode<ServiceManifest>(minimal)));
 }
 
 // A fragment completes a minimal manifest (the last of two equal keys wins);
 // a whole document stands as it is.
 std::string readError(const std::string& fragment) {
-  const std::string text =
-      fragment[0] == '{'
-          ? fragment
-          : R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{},)" + fragment + "}";
-  try {
-    TarskelJSON::decoder().decode<ServiceManifest>(text);
-    return "read";
-  } catch (const DecodingError& e) {
-    return e.what();
-  }
+  return testing::decodingError<ServiceManifest>(
+      fragment[0] == '{' ? fragment
+                         : R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{},)" +
+                               fragment + "}");
 }
 
+// fragment or whole document | the error
 TEST(ServiceManifestTest, ReadingFailsWholeAndNamesTheKeyPath) {
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"id":"a.b","version":"1","displayName":"X"})",
-       R"(keyNotFound en <raíz>: falta la clave "executables")"},
-      {R"("energy":{})", R"(keyNotFound en energy: falta la clave "deferrable")"},
-      {R"("tools":[{"name":"x","description":"y"}])",
-       R"(keyNotFound en tools[0]: falta la clave "inputSchema")"},
-      {R"("dependencies":[{"service":"a.b"}])",
-       R"(keyNotFound en dependencies[0]: falta la clave "version")"},
-      {R"("tray":{"section":[{"bind":"x"}]})",
-       R"(keyNotFound en tray.section[0]: falta la clave "type")"},
-      {R"("tray":{"section":[{"type":"separator"}]})",
-       "dataCorrupted en tray.section[0].type: Tipo de tray item desconocido: separator"},
-      {R"("scope":"global")", R"(dataCorrupted en scope: valor desconocido: "global")"},
-      {R"("activation":{"mode":"sometimes"})",
-       R"(dataCorrupted en activation.mode: valor desconocido: "sometimes")"},
-      {R"("restartPolicy":{"mode":"on_failure"})",
-       R"(dataCorrupted en restartPolicy.mode: valor desconocido: "on_failure")"},
-      {R"("restartPolicy":{"maxFailures":1.5})",
-       "dataCorrupted en restartPolicy.maxFailures: se esperaba un entero, llegó 1.5"},
-      {R"("configSchema":{"type":"text"})",
-       R"(dataCorrupted en configSchema.type: valor desconocido: "text")"},
-      {R"("executables":{"darwin-arm64":1})",
-       "typeMismatch en executables.darwin-arm64: se esperaba string, llegó number"},
-      {R"("permissions":{"files":"x"})",
-       "typeMismatch en permissions.files: se esperaba array, llegó string"},
-      {R"("privileges":{"privilegedOps":[true]})",
-       "typeMismatch en privileges.privilegedOps[0]: se esperaba string, llegó boolean"},
-      {R"("restartPolicy":[])", "typeMismatch en restartPolicy: se esperaba object, llegó array"},
-      {R"("id":null)", "valueNotFound en id: se esperaba un valor, llegó null"},
-  };
-  for (const auto& [fragment, expected] : cases)
-    EXPECT_EQ(readError(fragment), expected) << fragment;
+  for (const testing::Row& row : testing::rows(R"(
+{"id":"a.b","version":"1","displayName":"X"} | keyNotFound en <raíz>: falta la clave "executables"
+"energy":{} | keyNotFound en energy: falta la clave "deferrable"
+"tools":[{"name":"x","description":"y"}] | keyNotFound en tools[0]: falta la clave "inputSchema"
+"dependencies":[{"service":"a.b"}] | keyNotFound en dependencies[0]: falta la clave "version"
+"tray":{"section":[{"bind":"x"}]} | keyNotFound en tray.section[0]: falta la clave "type"
+"tray":{"section":[{"type":"separator"}]} | dataCorrupted en tray.section[0].type: Tipo de tray item desconocido: separator
+"scope":"global" | dataCorrupted en scope: valor desconocido: "global"
+"activation":{"mode":"sometimes"} | dataCorrupted en activation.mode: valor desconocido: "sometimes"
+"restartPolicy":{"mode":"on_failure"} | dataCorrupted en restartPolicy.mode: valor desconocido: "on_failure"
+"restartPolicy":{"maxFailures":1.5} | dataCorrupted en restartPolicy.maxFailures: se esperaba un entero, llegó 1.5
+"configSchema":{"type":"text"} | dataCorrupted en configSchema.type: valor desconocido: "text"
+"executables":{"darwin-arm64":1} | typeMismatch en executables.darwin-arm64: se esperaba string, llegó number
+"permissions":{"files":"x"} | typeMismatch en permissions.files: se esperaba array, llegó string
+"privileges":{"privilegedOps":[true]} | typeMismatch en privileges.privilegedOps[0]: se esperaba string, llegó boolean
+"restartPolicy":[] | typeMismatch en restartPolicy: se esperaba object, llegó array
+"id":null | valueNotFound en id: se esperaba un valor, llegó null
+)")) {
+    EXPECT_EQ(readError(row[0]), row[1]) << row[0];
+  }
 }
 
 TEST(ServiceStateTest, ElevenExactCasesInOrder) {
@@ -262,12 +222,11 @@ TEST(ServiceStateTest, ElevenExactCasesInOrder) {
     EXPECT_EQ(serviceStateFromRawValue(rawValue(s)), s);
     const std::string text = TarskelJSON::encoder().encode(s);
     EXPECT_EQ(text, "\"" + std::string(rawValue(s)) + "\"");
-    EXPECT_EQ(TarskelJSON::decoder().decode<ServiceState>(text), s);
+    EXPECT_EQ(decode<ServiceState>(text), s);
   }
-  for (const char* text : {"Running", " running", "running ", ""}) {
+  for (const char* text : {"Running", " running", "running ", ""})
     EXPECT_EQ(serviceStateFromRawValue(text), std::nullopt) << text;
-  }
-  EXPECT_THROW(TarskelJSON::decoder().decode<ServiceState>("\"Running\""), DecodingError);
+  EXPECT_THROW(decode<ServiceState>("\"Running\""), DecodingError);
 }
 
 }  // namespace

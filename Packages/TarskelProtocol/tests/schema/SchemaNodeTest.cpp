@@ -6,6 +6,7 @@
 
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/schema/SchemaNode.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
@@ -25,89 +26,61 @@ std::vector<std::string> findings(const std::string& schemaText, const std::stri
       schema(schemaText).validate(TarskelJSON::decoder().decode<JSONValue>(valueText), "$"));
 }
 
+// schema | value | each finding, in order. JSON escapes spell the characters
+// that matter: é precomposed (\u00e9) or combining (e\u0301), a flag, a ZWJ pair;
+// a path names a key as the value spells it ("café" below ends in U+0301).
 TEST(SchemaNodeTest, ValidateRules) {
-  const std::string typeInteger = "$: [type] se esperaba integer, llegó number";
-  const std::string noMatch = "$: [pattern] no coincide con /^b$/";
-  struct Case {
-    const char* schema;
-    const char* value;
-    std::vector<std::string> expected;
-  };
-  const Case cases[] = {
-      {"{}", "null", {}},
-      // A type mismatch is the only finding for its value.
-      {R"({"type":"object","required":["a"]})",
-       "[]",
-       {"$: [type] se esperaba object, llegó array"}},
-      {R"({"type":"integer","minimum":1})", "1.5", {typeInteger}},
-      {R"({"type":"integer"})", "1e300", {typeInteger}},
-      {R"({"type":"integer"})", "9007199254740992", {typeInteger}},
-      {R"({"type":"integer"})", "1.0", {}},
-      {R"({"type":"number"})", "3", {}},
-      {R"({"type":"string","enum":["x"]})", "null", {"$: [type] se esperaba string, llegó null"}},
-      {R"({"type":"object"})", "3", {"$: [type] se esperaba object, llegó integer"}},
-      // Enum compares JSON values and does not stop the check.
-      {R"({"enum":[1,"a"]})", "1.0", {}},
-      {R"({"enum":[1,"a"]})", "2", {"$: [enum] valor fuera del conjunto admitido (2 opciones)"}},
-      {"{\"enum\":[\"caf\xC3\xA9\"]}", "\"cafe\xCC\x81\"", {}},
-      {R"({"type":"string","enum":["a"],"minLength":2})",
-       "\"b\"",
-       {"$: [enum] valor fuera del conjunto admitido (1 opciones)",
-        "$: [minLength] largo 1 < mínimo 2"}},
-      // Inclusive bounds, numbers shown with a fraction.
-      {R"({"type":"integer","minimum":1})", "0", {"$: [minimum] 0.0 < mínimo 1.0"}},
-      {R"({"minimum":1,"maximum":1})", "1", {}},
-      {R"({"maximum":10})", "12.5", {"$: [maximum] 12.5 > máximo 10.0"}},
-      {R"({"minimum":0.5,"maximum":0.25})",
-       "0.3",
-       {"$: [minimum] 0.3 < mínimo 0.5", "$: [maximum] 0.3 > máximo 0.25"}},
-      // Objects: missing and undeclared members.
-      {R"({"required":["a"]})", R"({"a":null})", {}},
-      {R"({"required":["a","b","a"]})",
-       R"({"b":1})",
-       {"$.a: [required] campo requerido ausente", "$.a: [required] campo requerido ausente"}},
-      {R"({"required":["a"]})", "5", {}},
-      {R"({"additionalProperties":false})", R"({"a":1})", {}},
-      {R"({"properties":{},"additionalProperties":false})",
-       R"({"a":1})",
-       {"$.a: [additionalProperties] campo no declarado en el schema"}},
-      {"{\"properties\":{\"caf\xC3\xA9\":{\"type\":\"string\"}},\"additionalProperties\":false}",
-       "{\"cafe\xCC\x81\":1}",
-       {"$.cafe\xCC\x81: [type] se esperaba string, llegó integer"}},
-      // Paths of members and elements.
-      {R"({"properties":{"t":{"items":{"properties":{"name":{"type":"string"}}}}}})",
-       R"({"t":[{"name":"a"},{"name":3}]})",
-       {"$.t[1].name: [type] se esperaba string, llegó integer"}},
-      {R"({"items":{"items":{"maximum":1}}})",
-       "[[0],[0,2]]",
-       {"$[1][1]: [maximum] 2.0 > máximo 1.0"}},
-      // Patterns: ICU syntax, unanchored search, and ICU's $ before one final line terminator.
-      {R"({"pattern":"b"})", R"("abc")", {}},
-      {R"({"pattern":"^b$"})", R"("abc")", {noMatch}},
-      {R"({"pattern":"("})", R"("abc")", {"$: [pattern] el pattern del schema es inválido: /(/"}},
-      {R"({"pattern":"("})", "5", {}},
-      {R"({"pattern":"^\\p{Lu}\\w+$"})", "\"\xC3\x81rbol\"", {}},
-      {R"({"pattern":"^b$"})", R"("b\n")", {}},
-      {R"({"pattern":"^b$"})", R"("b\n\n")", {noMatch}},
-      // Lengths in user-perceived characters: precomposed or combining, a flag, a ZWJ pair, CR LF.
-      {R"({"maxLength":0})", "\"\xC3\xA9\"", {"$: [maxLength] largo 1 > máximo 0"}},
-      {R"({"maxLength":0})", "\"e\xCC\x81\"", {"$: [maxLength] largo 1 > máximo 0"}},
-      {R"({"maxLength":0})",
-       "\"\xF0\x9F\x87\xAA\xF0\x9F\x87\xB8\"",
-       {"$: [maxLength] largo 1 > máximo 0"}},
-      {R"({"maxLength":0})",
-       "\"\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\"",
-       {"$: [maxLength] largo 1 > máximo 0"}},
-      {R"({"maxLength":0})", R"("a\r\nb")", {"$: [maxLength] largo 3 > máximo 0"}},
-      {R"({"maxLength":0})", R"("\n\r")", {"$: [maxLength] largo 2 > máximo 0"}},
-      {R"({"minLength":5,"maxLength":1,"pattern":"z"})",
-       R"("abc")",
-       {"$: [minLength] largo 3 < mínimo 5", "$: [maxLength] largo 3 > máximo 1",
-        "$: [pattern] no coincide con /z/"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.schema) + " against " + c.value);
-    EXPECT_EQ(findings(c.schema, c.value), c.expected);
+  for (const testing::Row& row : testing::rows(R"(
+{} | null
+# A type mismatch is the only finding for its value.
+{"type":"object","required":["a"]} | [] | $: [type] se esperaba object, llegó array
+{"type":"integer","minimum":1} | 1.5 | $: [type] se esperaba integer, llegó number
+{"type":"integer"} | 1e300 | $: [type] se esperaba integer, llegó number
+{"type":"integer"} | 9007199254740992 | $: [type] se esperaba integer, llegó number
+{"type":"integer"} | 1.0
+{"type":"number"} | 3
+{"type":"string","enum":["x"]} | null | $: [type] se esperaba string, llegó null
+{"type":"object"} | 3 | $: [type] se esperaba object, llegó integer
+# Enum compares JSON values and does not stop the check.
+{"enum":[1,"a"]} | 1.0
+{"enum":[1,"a"]} | 2 | $: [enum] valor fuera del conjunto admitido (2 opciones)
+{"enum":["caf\u00e9"]} | "cafe\u0301"
+{"type":"string","enum":["a"],"minLength":2} | "b" | $: [enum] valor fuera del conjunto admitido (1 opciones) | $: [minLength] largo 1 < mínimo 2
+# Inclusive bounds, numbers shown with a fraction.
+{"type":"integer","minimum":1} | 0 | $: [minimum] 0.0 < mínimo 1.0
+{"minimum":1,"maximum":1} | 1
+{"maximum":10} | 12.5 | $: [maximum] 12.5 > máximo 10.0
+{"minimum":0.5,"maximum":0.25} | 0.3 | $: [minimum] 0.3 < mínimo 0.5 | $: [maximum] 0.3 > máximo 0.25
+# Objects: missing and undeclared members.
+{"required":["a"]} | {"a":null}
+{"required":["a","b","a"]} | {"b":1} | $.a: [required] campo requerido ausente | $.a: [required] campo requerido ausente
+{"required":["a"]} | 5
+{"additionalProperties":false} | {"a":1}
+{"properties":{},"additionalProperties":false} | {"a":1} | $.a: [additionalProperties] campo no declarado en el schema
+{"properties":{"caf\u00e9":{"type":"string"}},"additionalProperties":false} | {"cafe\u0301":1} | $.café: [type] se esperaba string, llegó integer
+# Paths of members and elements.
+{"properties":{"t":{"items":{"properties":{"name":{"type":"string"}}}}}} | {"t":[{"name":"a"},{"name":3}]} | $.t[1].name: [type] se esperaba string, llegó integer
+{"items":{"items":{"maximum":1}}} | [[0],[0,2]] | $[1][1]: [maximum] 2.0 > máximo 1.0
+# Patterns: ICU syntax, unanchored search, and ICU's $ before one final line terminator.
+{"pattern":"b"} | "abc"
+{"pattern":"^b$"} | "abc" | $: [pattern] no coincide con /^b$/
+{"pattern":"("} | "abc" | $: [pattern] el pattern del schema es inválido: /(/
+{"pattern":"("} | 5
+{"pattern":"^\\p{Lu}\\w+$"} | "\u00c1rbol"
+{"pattern":"^b$"} | "b\n"
+{"pattern":"^b$"} | "b\n\n" | $: [pattern] no coincide con /^b$/
+# Lengths in user-perceived characters.
+{"maxLength":0} | "\u00e9" | $: [maxLength] largo 1 > máximo 0
+{"maxLength":0} | "e\u0301" | $: [maxLength] largo 1 > máximo 0
+{"maxLength":0} | "\ud83c\uddea\ud83c\uddf8" | $: [maxLength] largo 1 > máximo 0
+{"maxLength":0} | "\ud83d\udc68\u200d\ud83d\udc69" | $: [maxLength] largo 1 > máximo 0
+{"maxLength":0} | "a\r\nb" | $: [maxLength] largo 3 > máximo 0
+{"maxLength":0} | "\n\r" | $: [maxLength] largo 2 > máximo 0
+{"minLength":5,"maxLength":1,"pattern":"z"} | "abc" | $: [minLength] largo 3 < mínimo 5 | $: [maxLength] largo 3 > máximo 1 | $: [pattern] no coincide con /z/
+)")) {
+    SCOPED_TRACE(row.line);
+    EXPECT_EQ(findings(row[0], row[1]),
+              std::vector<std::string>(row.cells.begin() + 2, row.cells.end()));
   }
 }
 
@@ -164,33 +137,25 @@ TEST(SchemaNodeTest, JSONFormRoundTripsWithItsOwnKeys) {
   EXPECT_EQ(schema(R"({"type":null,"items":null,"format":"uri"})"), SchemaNode{});
 }
 
+// schema | each finding, in order ("d" and "r": description and x-risk missing)
 TEST(SchemaNodeTest, DocumentationCheckCoversEveryDeclaredFieldInKeyOrder) {
-  struct Case {
-    const char* schema;
+  const std::string d = ": [doc.description] todo campo de configuración exige description";
+  const std::string r =
+      ": [doc.x-risk] todo campo de configuración exige x-risk (safe|disruptive|dangerous)";
+  for (const testing::Row& row : testing::rows(R"(
+{}
+{"description":"","items":{}}
+{"properties":{"a":{"description":" \t ","x-risk":"safe"}}} | configSchema.a d
+{"properties":{"a":{"description":"\u3000\u00a0","x-risk":"safe"}}} | configSchema.a d
+{"properties":{"a":{"description":"\n","x-risk":"safe"}}}
+{"properties":{"b":{"description":"x","x-risk":"safe","properties":{"c":{"x-risk":"safe"}}},"a":{}}} | configSchema.a d | configSchema.a r | configSchema.b.c d
+{"properties":{"list":{"description":"d","x-risk":"safe","items":{"properties":{"x":{}}}}}} | configSchema.list[].x d | configSchema.list[].x r
+)")) {
+    SCOPED_TRACE(row.line);
     std::vector<std::string> expected;
-  };
-  const std::string needsDescription =
-      "[doc.description] todo campo de configuración exige description";
-  const std::string needsRisk =
-      "[doc.x-risk] todo campo de configuración exige x-risk (safe|disruptive|dangerous)";
-  const Case cases[] = {
-      {"{}", {}},
-      {R"({"description":"","items":{}})", {}},
-      {R"({"properties":{"a":{"description":" \t ","x-risk":"safe"}}})",
-       {"configSchema.a: " + needsDescription}},
-      {"{\"properties\":{\"a\":{\"description\":\"\xE3\x80\x80\xC2\xA0\",\"x-risk\":\"safe\"}}}",
-       {"configSchema.a: " + needsDescription}},
-      {R"({"properties":{"a":{"description":"\n","x-risk":"safe"}}})", {}},
-      {R"({"properties":{"b":{"description":"x","x-risk":"safe","properties":{"c":{"x-risk":"safe"}}},"a":{}}})",
-       {"configSchema.a: " + needsDescription, "configSchema.a: " + needsRisk,
-        "configSchema.b.c: " + needsDescription}},
-      {R"({"properties":{"list":{"description":"d","x-risk":"safe","items":{"properties":{"x":{}}}}}})",
-       {"configSchema.list[].x: " + needsDescription, "configSchema.list[].x: " + needsRisk}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.schema);
-    EXPECT_EQ(descriptions(schema(c.schema).configDocumentationViolations("configSchema")),
-              c.expected);
+    for (auto cell = row.cells.begin() + 1; cell != row.cells.end(); ++cell)
+      expected.push_back(cell->substr(0, cell->size() - 2) + (cell->ends_with(" d") ? d : r));
+    EXPECT_EQ(descriptions(schema(row[0]).configDocumentationViolations("configSchema")), expected);
   }
 }
 

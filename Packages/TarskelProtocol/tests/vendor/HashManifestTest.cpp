@@ -6,6 +6,7 @@
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
+#include "tarskel/testing/Hex.hpp"
 
 namespace tarskel {
 namespace {
@@ -20,15 +21,12 @@ HashManifest sampleManifest() {
                       std::nullopt};
 }
 
-TEST(HashManifestTest, CanonicalBytesSortKeysEscapeSlashAndLeaveOutAbsentMetadata) {
+TEST(HashManifestTest, CanonicalBytesLeaveOutAbsentMetadataAndRoundTrip) {
   EXPECT_EQ(TarskelJSON::canonicalEncoder().encode(sampleManifest()),
             R"({"artifactId":"net.example.app","artifactType":"platform",)"
             R"("expires":"2026-01-02T03:04:05Z","files":[{"path":"App.app\/Contents\/Info.plist",)"
             R"("sha256":")" +
                 std::string(64, 'a') + R"("}],"monotonicVersion":42,"version":"1.2.3"})");
-}
-
-TEST(HashManifestTest, RoundTripsWithMetadataAndExtremeMonotonicVersion) {
   HashManifest m = sampleManifest();
   m.metadata = std::map<std::string, std::string>{{"channel", "beta"}, {"build", "7"}};
   for (std::int64_t v : {INT64_MAX, INT64_MIN, std::int64_t{9007199254740993}}) {
@@ -44,14 +42,12 @@ TEST(HashManifestTest, DecodingRefusesBadShapes) {
   const std::string good = R"({"artifactId":"a","artifactType":"service","version":"1",)"
                            R"("monotonicVersion":1,"expires":"2026-01-02T03:04:05Z","files":[]})";
   EXPECT_NO_THROW(TarskelJSON::decoder().decode<HashManifest>(good));
-  const std::pair<std::string, std::string> spoils[] = {
-      {R"("service")", R"("Platform")"},
-      {R"(,"files":[])", ""},
-      {R"(:1,)", R"(:1.5,)"},
-      {R"(:1,)", R"(:9223372036854775808,)"},
-      {R"("2026-01-02T03:04:05Z")", "784926483"},
-      {R"([])", R"([{"path":"x"}])"},
-  };
+  const std::pair<std::string, std::string> spoils[] = {{R"("service")", R"("Platform")"},
+                                                        {R"(,"files":[])", ""},
+                                                        {R"(:1,)", R"(:1.5,)"},
+                                                        {R"(:1,)", R"(:9223372036854775808,)"},
+                                                        {R"("2026-01-02T03:04:05Z")", "784926483"},
+                                                        {R"([])", R"([{"path":"x"}])"}};
   for (const auto& [from, to] : spoils) {
     std::string text = good;
     text.replace(text.find(from), from.size(), to);
@@ -60,16 +56,12 @@ TEST(HashManifestTest, DecodingRefusesBadShapes) {
   }
 }
 
-TEST(VendorAllowlistTest, KeyWithIdReturnsTheFirstOfEqualIds) {
+TEST(VendorAllowlistTest, FirstOfEqualIdsAndTheCanonicalSigningPayload) {
   VendorAllowlist list{3, {{"a", "first"}, {"b", "other"}, {"a", "second"}}};
   ASSERT_TRUE(list.key("a").has_value());
   EXPECT_EQ(list.key("a")->publicKey, "first");
   EXPECT_FALSE(list.key("A").has_value());
-}
-
-TEST(VendorAllowlistTest, SigningPayloadIsTheCanonicalEncoding) {
-  VendorAllowlist list{7, {{"k1", "AAAA/+=="}}};
-  EXPECT_EQ(list.signingPayload(),
+  EXPECT_EQ((VendorAllowlist{7, {{"k1", "AAAA/+=="}}}).signingPayload(),
             R"({"keys":[{"keyId":"k1","publicKey":"AAAA\/+=="}],"revision":7})");
 }
 
@@ -77,13 +69,7 @@ TEST(VendorAllowlistTest, SigningPayloadIsTheCanonicalEncoding) {
 // whenever an allowlist is read, naming the key; ordinary keys, and bytes
 // that are no key at all (their signatures simply fail), pass.
 TEST(HashManifestTest, AllowlistRefusesNonCanonicalAndSmallOrderKeys) {
-  auto hex = [](std::string_view digits) {
-    std::string out;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-      out.push_back(static_cast<char>(std::stoi(std::string(digits.substr(i, 2)), nullptr, 16)));
-    }
-    return out;
-  };
+  const auto hex = testing::unhex;
   const std::string ff(60, 'f');
   struct Case {
     std::string name, raw;
@@ -105,8 +91,7 @@ TEST(HashManifestTest, AllowlistRefusesNonCanonicalAndSmallOrderKeys) {
       {"y = p - 20, canonical", hex("ec" + ff + "7e"), std::nullopt},
       {"RFC 8032 test key", hex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a"),
        std::nullopt},
-      {"31 bytes", std::string(31, '\0'), std::nullopt},
-  };
+      {"31 bytes", std::string(31, '\0'), std::nullopt}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(ed25519KeyWeakness(c.raw), c.why);
