@@ -1,36 +1,147 @@
 #include "E2EFixture.hpp"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <boost/asio/thread_pool.hpp>
+#include <cerrno>
 #include <iostream>
+#include <regex>
 #include <stdexcept>
+#include <system_error>
 
-#include "tarskel/store/SQLiteDatabase.hpp"
+extern char** environ;
 
 namespace tarskel::e2e {
 
-DaemonProcess& E2EFixture::start(Environment environment, const std::filesystem::path& executable) {
-  environment.try_emplace("TARSKEL_VENDOR_SEED", std::nullopt);
-  environment.try_emplace("TARSKEL_INSTALLED_APP", std::nullopt);
-  environment.try_emplace("LISTEN_FDS", std::nullopt);
-  environment.try_emplace("LISTEN_PID", std::nullopt);
-  daemon.reset();
-  daemon = std::make_unique<DaemonProcess>(DaemonProcess::Options{
-      executable, {"--mach-service", socketPath(), "--root", root().string()}, environment});
-  if (!daemon->waitForLine(kServingLine + socketPath())) {
-    std::string log;
-    for (const std::string& line : daemon->lines()) log += line + "\n";
-    throw std::runtime_error("the daemon did not come up:\n" + log);
+DaemonProcess::DaemonProcess(const std::filesystem::path& executable,
+                             const std::vector<std::string>& arguments,
+                             const Environment& environment) {
+  std::map<std::string, std::string> merged;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text(*entry);
+    const std::size_t equals = text.find('=');
+    if (equals != std::string::npos) merged.emplace(text.substr(0, equals), text.substr(equals + 1));
   }
+  for (const auto& [name, value] : environment) {
+    if (value) {
+      merged[name] = *value;
+    } else {
+      merged.erase(name);
+    }
+  }
+  std::vector<std::string> argumentTexts{executable.string()}, environmentTexts;
+  argumentTexts.insert(argumentTexts.end(), arguments.begin(), arguments.end());
+  for (const auto& [name, value] : merged) environmentTexts.push_back(name + "=" + value);
+  auto pointers = [](std::vector<std::string>& texts) {
+    std::vector<char*> out;
+    for (std::string& text : texts) out.push_back(text.data());
+    out.push_back(nullptr);
+    return out;
+  };
+  std::vector<char*> argv = pointers(argumentTexts), envp = pointers(environmentTexts);
+
+  int errors[2];
+  if (::pipe2(errors, O_CLOEXEC) != 0 || (pid_ = ::fork()) < 0)
+    throw std::system_error(errno, std::generic_category(), "pipe2/fork");
+  if (pid_ == 0) {
+    // Only async-signal-safe calls from here on.
+    const int devNull = ::open("/dev/null", O_RDWR);
+    ::dup2(devNull, STDIN_FILENO);
+    ::dup2(devNull, STDOUT_FILENO);
+    ::dup2(errors[1], STDERR_FILENO);
+    ::execve(argv[0], argv.data(), envp.data());
+    ::_exit(127);
+  }
+  ::close(errors[1]);
+  reader_ = std::thread([this, fd = errors[0]] { readErrors(fd); });
+}
+
+DaemonProcess::~DaemonProcess() {
+  if (!status_) kill(SIGKILL);
+  if (reader_.joinable()) reader_.join();
+}
+
+void DaemonProcess::readErrors(int fd) {
+  std::string pending;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    pending.append(buffer, static_cast<std::size_t>(n));
+    std::lock_guard lock(mutex_);
+    for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
+      lines_.push_back(pending.substr(0, end));
+      pending.erase(0, end + 1);
+    }
+    changed_.notify_all();
+  }
+  ::close(fd);
+  std::lock_guard lock(mutex_);
+  if (!pending.empty()) lines_.push_back(pending);
+  closed_ = true;
+  changed_.notify_all();
+}
+
+bool DaemonProcess::waitForLine(const std::string& text, std::chrono::milliseconds limit) {
+  std::unique_lock lock(mutex_);
+  auto found = [&] {
+    for (const std::string& line : lines_) {
+      if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+  };
+  changed_.wait_for(lock, limit, [&] { return found() || closed_; });
+  return found();
+}
+
+std::vector<std::string> DaemonProcess::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+std::string DaemonProcess::log() const {
+  std::string out;
+  for (const std::string& line : lines()) out += line + "\n";
+  return out;
+}
+
+int DaemonProcess::kill(int signal) {
+  if (status_) return *status_;
+  ::kill(pid_, signal);
+  int status = 0;
+  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  status_ = status;
+  if (reader_.joinable()) reader_.join();
+  return status;
+}
+
+std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds limit) {
+  for (auto until = std::chrono::steady_clock::now() + limit;
+       !status_ && std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(5ms)) {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
+  }
+  if (status_ && reader_.joinable()) reader_.join();
+  return status_;
+}
+
+DaemonProcess& E2EFixture::start(Environment environment, const std::filesystem::path& executable) {
+  for (const char* name :
+       {"TARSKEL_VENDOR_SEED", "TARSKEL_INSTALLED_APP", "LISTEN_FDS", "LISTEN_PID"})
+    environment.try_emplace(name, std::nullopt);
+  daemon.reset();
+  daemon = std::make_unique<DaemonProcess>(executable, daemonArguments(), environment);
+  if (!daemon->waitForLine(kServingLine + socketPath()))
+    throw std::runtime_error("the daemon did not come up:\n" + daemon->log());
   return *daemon;
 }
 
 void E2EFixture::TearDown() {
-  if (!HasFailure() || !daemon) return;
-  std::string log;
-  for (const std::string& line : daemon->lines()) log += "  " + line + "\n";
-  std::cerr << "daemon standard error:\n" << log;
+  if (HasFailure() && daemon) std::cerr << "daemon standard error:\n" << daemon->log();
 }
 
 void E2EFixture::stop() {
@@ -40,24 +151,41 @@ void E2EFixture::stop() {
 DaemonResponse E2EFixture::call(const std::string& op, JSONObject args,
                                 std::optional<std::string> serviceId,
                                 std::optional<std::string> correlationId) {
-  DaemonXPCClient client(socketPath());
-  return client.request(
-      DaemonRequest{op, std::move(args), std::move(correlationId), std::move(serviceId)});
+  return DaemonXPCClient(socketPath())
+      .request(DaemonRequest{op, std::move(args), std::move(correlationId), std::move(serviceId)});
 }
 
+// A store of our own on the daemon's file only reads here: no record.
 std::vector<AuditStore::Entry> E2EFixture::auditRows() const {
-  // A store of our own on the daemon's file only reads here: no record.
   boost::asio::thread_pool pool(1);
-  AuditStore store(SQLiteDatabase::open(auditPath().string()), pool.get_executor());
-  return store.recentSync(-1);
+  return AuditStore(SQLiteDatabase::open(auditPath().string()), pool.get_executor())
+      .recentSync(-1);
 }
 
 bool E2EFixture::chainHolds() const {
   boost::asio::thread_pool pool(1);
   AuditStore store(SQLiteDatabase::open(auditPath().string()), pool.get_executor());
-  AuditStore::ChainReport report = store.inspectChain();
+  const AuditStore::ChainReport report = store.inspectChain();
   if (!report.holds()) ADD_FAILURE() << "chain breaks: " << report.firstBreak->reason;
   return report.holds();
+}
+
+std::optional<std::string> logMessage(const std::string& line) {
+  static const std::regex form(
+      R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d{4} ([a-z]+) tarskeld : \[tarskeld\] (.*)$)");
+  std::smatch match;
+  if (!std::regex_match(line, match, form)) return std::nullopt;
+  return match[1].str() + " " + match[2].str();
+}
+
+std::vector<std::string> logMessages(const DaemonProcess& process) {
+  std::vector<std::string> out;
+  for (const std::string& line : process.lines()) {
+    const auto message = logMessage(line);
+    if (!message) ADD_FAILURE() << "not a log line: " << line;
+    out.push_back(message.value_or(line));
+  }
+  return out;
 }
 
 std::string codeOf(const DaemonResponse& response) {
