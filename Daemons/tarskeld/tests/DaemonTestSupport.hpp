@@ -20,6 +20,7 @@
 
 #include "tarskel/daemon/DaemonCore.hpp"
 #include "tarskel/daemon/GrantsStore.hpp"
+#include "tarskel/daemon/PlatformFiles.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/store/AuditStore.hpp"
@@ -51,6 +52,26 @@ T runOn(boost::asio::thread_pool& pool, boost::asio::awaitable<T> task) {
 inline std::string requestBytes(const std::string& op, JSONObject args = {}) {
   return TarskelJSON::encoder().encode(DaemonRequest{op, std::move(args), std::nullopt, std::nullopt});
 }
+
+// The system's file calls, but for the executable's path, who the daemon
+// runs as, and an owner change refused for paths ending in `refusedSuffix`.
+class ScriptedPlatformFiles final : public PlatformFiles {
+ public:
+  using Path = std::filesystem::path;
+  int exchange(const Path& a, const Path& b) const override { return system()->exchange(a, b); }
+  std::optional<Path> executablePath() const override { return executable; }
+  uid_t effectiveUserId() const override { return euid; }
+  int changeOwnerToRootWheel(const Path& path) const override {
+    changed.push_back(path);
+    if (!refusedSuffix.empty() && path.string().ends_with(refusedSuffix)) return EPERM;
+    return system()->changeOwnerToRootWheel(path);
+  }
+
+  std::optional<Path> executable;
+  uid_t euid = 0;
+  std::string refusedSuffix;
+  mutable std::vector<Path> changed;  // one operation at a time in these tests
+};
 
 // A hand-driven client connection: raw frames out, envelopes in.
 class RawConnection {

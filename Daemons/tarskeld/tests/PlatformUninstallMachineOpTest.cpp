@@ -15,19 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The real system, but for the executable's path and who the daemon runs as.
-class ScriptedPlatform final : public PlatformFiles {
- public:
-  int exchange(const fs::path& a, const fs::path& b) const override {
-    return PlatformFiles::system()->exchange(a, b);
-  }
-  std::optional<fs::path> executablePath() const override { return executable; }
-  uid_t effectiveUserId() const override { return euid; }
-
-  std::optional<fs::path> executable;
-  uid_t euid = 0;
-};
-
 class PlatformUninstallTest : public testing::DaemonFixture {
  protected:
   void SetUp() override {
@@ -58,7 +45,8 @@ class PlatformUninstallTest : public testing::DaemonFixture {
   }
 
   fs::path dataRoot, bundle;
-  std::shared_ptr<ScriptedPlatform> platform = std::make_shared<ScriptedPlatform>();
+  std::shared_ptr<testing::ScriptedPlatformFiles> platform =
+      std::make_shared<testing::ScriptedPlatformFiles>();
 };
 
 TEST_F(PlatformUninstallTest, DerivesTheBundleFromTheVariableOrTheExecutable) {
@@ -140,20 +128,17 @@ TEST_F(PlatformUninstallTest, ThroughTheCoreFromTheVariable) {
       dataRoot, platform);
   platform->euid = ::geteuid() == 0 ? 0 : 501;
   const DaemonCore core(DaemonCore::OpList{op}, audit, grants);
-  auto handle = [&](JSONObject args) {
-    return testing::runOn(
-        pool, core.handle(DaemonRequest{"platform.uninstallMachine", std::move(args), std::nullopt,
-                                        std::nullopt},
-                          DaemonPeerVerdict::unverified("t")));
+  auto viaCore = [&](JSONObject args) {
+    return handle(core, {"platform.uninstallMachine", std::move(args), std::nullopt, std::nullopt});
   };
 
   // No argument can point root at another path.
-  DaemonResponse refused = handle(JSONObject{{"path", "/"}});
+  DaemonResponse refused = viaCore(JSONObject{{"path", "/"}});
   ASSERT_TRUE(refused.error);
   EXPECT_EQ(refused.error->code, "invalidArgs");
   EXPECT_TRUE(fs::exists(bundle));
 
-  DaemonResponse removed = handle({});
+  DaemonResponse removed = viaCore({});
   ASSERT_TRUE(removed.ok) << removed.error->message;
   EXPECT_EQ(*removed.result, removedResult());
   EXPECT_FALSE(fs::exists(bundle));
