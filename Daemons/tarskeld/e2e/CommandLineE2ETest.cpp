@@ -3,9 +3,8 @@
 
 #include <pwd.h>
 #include <stdlib.h>
-#include <sys/wait.h>
-
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cstdio>
 #include <functional>
@@ -44,8 +43,9 @@ std::string daemonCommand(const std::string& arguments) {
 TEST(CommandLineTest, HelpVersionAndCompletionScripts) {
   const Output help = runShell(daemonCommand("--help"));
   EXPECT_EQ(help.status, 0);
-  for (const char* expected : {"Tarskel — daemon de operaciones privilegiadas (catálogo cerrado)",
-                               "net.hollowick.tarskel.daemon", "/Library/Application Support/Tarskel"})
+  for (const char* expected :
+       {"Tarskel — daemon de operaciones privilegiadas (catálogo cerrado)",
+        "net.hollowick.tarskel.daemon", "/Library/Application Support/Tarskel"})
     EXPECT_NE(help.text.find(expected), std::string::npos) << expected << "\n" << help.text;
   EXPECT_EQ(runShell(daemonCommand("--version")).text, "0.1.0\n");
 
@@ -197,7 +197,8 @@ TEST_F(StartupTest, TildeRootLandsUnderHome) {
   const std::filesystem::path home = dir / "home";
   std::filesystem::create_directory(home);
   daemon = std::make_unique<DaemonProcess>(
-      TARSKELD_PATH, std::vector<std::string>{"--mach-service", socketPath(), "--root", "~/state/deep"},
+      TARSKELD_PATH,
+      std::vector<std::string>{"--mach-service", socketPath(), "--root", "~/state/deep"},
       Environment{{"HOME", home.string()}});
   ASSERT_TRUE(daemon->waitForLine(kServingLine));
   EXPECT_TRUE(std::filesystem::exists(home / "state/deep/daemon/audit.db"));

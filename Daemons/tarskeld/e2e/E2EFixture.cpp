@@ -22,7 +22,8 @@ DaemonProcess::DaemonProcess(const std::filesystem::path& executable,
   for (char** entry = environ; *entry != nullptr; ++entry) {
     const std::string text(*entry);
     const std::size_t equals = text.find('=');
-    if (equals != std::string::npos) merged.emplace(text.substr(0, equals), text.substr(equals + 1));
+    if (equals != std::string::npos)
+      merged.emplace(text.substr(0, equals), text.substr(equals + 1));
   }
   for (const auto& [name, value] : environment) {
     if (value) {
@@ -158,8 +159,7 @@ DaemonResponse E2EFixture::call(const std::string& op, JSONObject args,
 // A store of our own on the daemon's file only reads here: no record.
 std::vector<AuditStore::Entry> E2EFixture::auditRows() const {
   boost::asio::thread_pool pool(1);
-  return AuditStore(SQLiteDatabase::open(auditPath().string()), pool.get_executor())
-      .recentSync(-1);
+  return AuditStore(SQLiteDatabase::open(auditPath().string()), pool.get_executor()).recentSync(-1);
 }
 
 bool E2EFixture::chainHolds() const {

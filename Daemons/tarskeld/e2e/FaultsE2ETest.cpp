@@ -18,8 +18,8 @@ TEST_F(FaultTest, KilledUnderLoadEveryAcknowledgedRequestHasItsRowAndTheChainHol
   DaemonProcess& first = start();
   // Regression: two daemons on one root each wrote from their own head and
   // forked the chain at the second row.
-  DaemonProcess second(TARSKELD_PATH,
-                       {"--mach-service", (dir / "other.sock").string(), "--root", root().string()});
+  DaemonProcess second(
+      TARSKELD_PATH, {"--mach-service", (dir / "other.sock").string(), "--root", root().string()});
   const std::optional<int> status = second.waitForExit(5s);
   ASSERT_TRUE(status) << "the second daemon kept running";
   EXPECT_NE(*status, 0);

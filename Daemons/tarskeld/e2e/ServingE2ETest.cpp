@@ -45,10 +45,10 @@ int connectErrnoAsNobody(const std::string& path) {
 TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
   ::chmod(dir.path().c_str(), 0755);  // anyone may pass: only the socket's own mode stops them
   start();
-  EXPECT_EQ(logMessages(*daemon),
-            (std::vector<std::string>{
-                "warning gate XPC sin provisionar — clientes pasan como unverified",
-                "info tarskeld v0.1.0 sirviendo " + socketPath()}));
+  EXPECT_EQ(
+      logMessages(*daemon),
+      (std::vector<std::string>{"warning gate XPC sin provisionar — clientes pasan como unverified",
+                                "info tarskeld v0.1.0 sirviendo " + socketPath()}));
   EXPECT_EQ(fs::status(root() / "daemon").permissions(), fs::perms(0755));
 
   const DaemonResponse info = call("daemon.info", {}, std::nullopt, "corr-info");
@@ -72,12 +72,15 @@ TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
   EXPECT_EQ(rows[0].outcome, "ok");
   EXPECT_EQ(rows[0].correlationId, "corr-info");
   EXPECT_EQ(rows[1].outcome, "denied");
-  EXPECT_EQ(rows[2].tool, "a\xEF\xBF\xBD" "b");
+  EXPECT_EQ(rows[2].tool,
+            "a\xEF\xBF\xBD"
+            "b");
   EXPECT_EQ(rows[2].correlationId, rows[2].tool);
   EXPECT_EQ(rows[3].tool.size(), AuditStore::kMaxTextBytes);
   EXPECT_LE(rows[3].caller.size(), AuditStore::kMaxTextBytes);
   EXPECT_TRUE(chainHolds());
-  EXPECT_EQ(independentVerdict(auditPath()).substr(0, 5), "ok 4 ") << independentVerdict(auditPath());
+  EXPECT_EQ(independentVerdict(auditPath()).substr(0, 5), "ok 4 ")
+      << independentVerdict(auditPath());
 
   // Regression: audit.db, -wal and -shm were 0644: any user read every row.
   for (const std::string& file : {auditPath().string(), auditPath().string() + "-wal",

@@ -63,22 +63,29 @@ TEST_F(DaemonCoreTest, EachOutcomeIsAnsweredAndRecordedOnce) {
   };
   const Case cases[] = {
       // A rejected peer is refused before the catalogue is looked at.
-      {DaemonPeerVerdict::rejected("firma rota"), {"no.such.op", {}, "c1", "svc.x"},
+      {DaemonPeerVerdict::rejected("firma rota"),
+       {"no.such.op", {}, "c1", "svc.x"},
        "unauthorizedClient: cliente XPC rechazado: firma rota",
        "denied rejected:firma rota svc:svc.x"},
-      {kUnverified, {"no.such.op", {}, "c2", std::nullopt},
-       "unknownOp: op fuera del catálogo: no.such.op", "denied unverified:sin lista"},
+      {kUnverified,
+       {"no.such.op", {}, "c2", std::nullopt},
+       "unknownOp: op fuera del catálogo: no.such.op",
+       "denied unverified:sin lista"},
       // Without a service the arguments are not looked at.
-      {kUnverified, {"fs.readProtectedPath", {{"bogus", 1}}, "c3", std::nullopt},
+      {kUnverified,
+       {"fs.readProtectedPath", {{"bogus", 1}}, "c3", std::nullopt},
        "notGranted: sin concesión para fs.readProtectedPath (service: ninguno)",
        "denied unverified:sin lista"},
       {DaemonPeerVerdict::trusted("TEAM1"),
        {"fs.readProtectedPath", {{"path", folder}}, "c4", "svc.other"},
        "notGranted: sin concesión para fs.readProtectedPath (service: svc.other)",
        "denied team:TEAM1 svc:svc.other"},
-      {kUnverified, {"fs.readProtectedPath", {{"path", ""}, {"extra", 1}}, "c5", "svc.reader"},
-       "invalidArgs: args fuera del schema: *", "denied unverified:sin lista svc:svc.reader"},
-      {kUnverified, {"fs.readProtectedPath", {{"path", folder}}, "c6", "svc.reader"},
+      {kUnverified,
+       {"fs.readProtectedPath", {{"path", ""}, {"extra", 1}}, "c5", "svc.reader"},
+       "invalidArgs: args fuera del schema: *",
+       "denied unverified:sin lista svc:svc.reader"},
+      {kUnverified,
+       {"fs.readProtectedPath", {{"path", folder}}, "c6", "svc.reader"},
        "opFailed: fs.readProtectedPath falló: no es un archivo regular: " + folder,
        "error unverified:sin lista svc:svc.reader"},
       {kUnverified, {"daemon.info", {}, "c7", std::nullopt}, "ok", "ok unverified:sin lista"},
@@ -148,8 +155,8 @@ TEST_F(DaemonCoreTest, CorrelationIdIsMadeOnlyWhenAbsent) {
 }
 
 TEST_F(DaemonCoreTest, UnreadableBytesAnswerMalformedWithoutARow) {
-  const std::vector<std::string> inputs = {
-      "", "\xff\xfe", "[]", R"({"op":"daemon.info"})", R"({"op":"daemon.info","args":{}}})"};
+  const std::vector<std::string> inputs = {"", "\xff\xfe", "[]", R"({"op":"daemon.info"})",
+                                           R"({"op":"daemon.info","args":{}}})"};
   for (const std::string& bytes : inputs) {
     SCOPED_TRACE(bytes);
     // A rejected peer learns that its bytes are bad, not that it is rejected.

@@ -50,7 +50,8 @@ T runOn(boost::asio::thread_pool& pool, boost::asio::awaitable<T> task) {
 }
 
 inline std::string requestBytes(const std::string& op, JSONObject args = {}) {
-  return TarskelJSON::encoder().encode(DaemonRequest{op, std::move(args), std::nullopt, std::nullopt});
+  return TarskelJSON::encoder().encode(
+      DaemonRequest{op, std::move(args), std::nullopt, std::nullopt});
 }
 
 // The system's file calls, but for the executable's path, who the daemon
@@ -108,7 +109,8 @@ class RawConnection {
   }
 
   // The next reply, or nothing when the connection closes or `limit` passes.
-  std::optional<TransportEnvelope> next(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  std::optional<TransportEnvelope> next(
+      std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     while (pending_.empty()) {
       char buffer[4096];
       if (!readable(limit)) return std::nullopt;

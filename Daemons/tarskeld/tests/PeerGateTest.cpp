@@ -32,10 +32,25 @@ TEST(PeerGateTest, Verdicts) {
   };
   const Case cases[] = {
       {std::nullopt, [](auto&) {}, "unverified:gate SO sin provisionar (sin vendor/teams.json)"},
-      {team, [](auto& p) { p.guestCodeForPidAnswer = {-67065, false}; }, noCode + "(-67065)"},
-      {team, [](auto& p) { p.guestCodeForPidAnswer = {0, false}; }, noCode + "(0)"},
-      {team, [](auto& p) { p.guestCodeForPidAnswer = {-1, true}; }, noCode + "(-1)"},
-      {team, [](auto& p) { p.staticCodeOfAnswer = {-67068, false}; },
+      {team,
+       [](auto& p) {
+         p.guestCodeForPidAnswer = {-67065, false};
+       },
+       noCode + "(-67065)"},
+      {team,
+       [](auto& p) {
+         p.guestCodeForPidAnswer = {0, false};
+       },
+       noCode + "(0)"},
+      {team,
+       [](auto& p) {
+         p.guestCodeForPidAnswer = {-1, true};
+       },
+       noCode + "(-1)"},
+      {team,
+       [](auto& p) {
+         p.staticCodeOfAnswer = {-67068, false};
+       },
        "rejected:sin static code del cliente xpc (-67068)"},
       {team, [](auto& p) { p.validityStatus = -67062; },
        "rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)"},

@@ -221,7 +221,8 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
          testing::writeFile(staged / "Tarskel.app/Contents/MacOS/tarskel", "binary evil");
        },
        SealError::hashMismatch("Tarskel.app/Contents/MacOS/tarskel").description()},
-      {"added file", [](auto& staged) { testing::writeFile(staged / "Tarskel.app/Contents/extra", "x"); },
+      {"added file",
+       [](auto& staged) { testing::writeFile(staged / "Tarskel.app/Contents/extra", "x"); },
        SealError::unexpectedFile("Tarskel.app/Contents/extra").description()},
       {"expired seal", restage(ArtifactType::platform, -10), "manifest vencido: expiró ",
        "Tarskel.app", false},
@@ -239,14 +240,16 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
   };
   // An appName that is not one name of the sealed content never reaches the
   // seal: the seal's own directory, or a climb out of the tree.
-  for (const std::string name : {"vendor/Evil.app", "../Evil.app", "vendor", ".", "..", "a/b.app"}) {
+  for (const std::string name :
+       {"vendor/Evil.app", "../Evil.app", "vendor", ".", "..", "a/b.app"}) {
     cases.push_back({"appName " + name,
                      [](auto& staged) {
                        makeApp(staged / "vendor/Evil.app", "6.6.6");
                        makeApp(staged / "../Evil.app", "6.6.6");
                      },
                      "appName debe ser un solo componente de ruta del contenido sellado (ni "
-                     "vendor, ni ., ni ..): " + name,
+                     "vendor, ni ., ni ..): " +
+                         name,
                      name});
   }
   for (const Case& tc : cases) {
