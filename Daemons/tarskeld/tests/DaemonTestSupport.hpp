@@ -38,6 +38,8 @@ inline boost::asio::awaitable<std::string> failureOf(const DaemonOp& op, JSONObj
   const DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
   try {
     JSONValue ignored = co_await op.execute(args, context);
+  } catch (const Error& e) {
+    co_return e.description();  // whole, past any NUL
   } catch (const std::exception& e) {
     co_return std::string(e.what());
   }
