@@ -8,6 +8,8 @@
 #include "tarskel/daemon/FsReadProtectedPathOp.hpp"
 #include "tarskel/daemon/GrantsSyncOp.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
+#include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
+#include "tarskel/daemon/PlatformUninstallMachineOp.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 
 namespace tarskel {
@@ -78,6 +80,13 @@ TEST(OpSchemasTest, RefuseWhatTheOperationsDoNotTake) {
   InfoOp info;
   FsReadProtectedPathOp read;
   GrantsSyncOp sync(nullptr);
+  PlatformApplyUpdateOp update("/nonexistent", PlatformFiles::system());
+  PlatformUninstallMachineOp uninstall(std::nullopt, "/nonexistent", PlatformFiles::system());
+  JSONObject swap{{"action", "swap"},
+                  {"stagedRoot", "/s"},
+                  {"appName", "T.app"},
+                  {"installedApp", "/A/T.app"},
+                  {"previousPath", "/p"}};
   struct Case {
     const DaemonOp& op;
     JSONObject args;
@@ -95,6 +104,17 @@ TEST(OpSchemasTest, RefuseWhatTheOperationsDoNotTake) {
       {sync, {{"grants", JSONValue::Array{}}}, false},
       {sync, {{"grants", JSONObject{}}, {"x", 1}}, false},
       {sync, {}, false},
+      {update, swap, true},
+      {update,
+       [&] {
+         auto more = swap;
+         more.set("force", true);
+         return more;
+       }(),
+       false},
+      // No argument can point root at another path.
+      {uninstall, {}, true},
+      {uninstall, {{"path", "/"}}, false},
   };
   for (const Case& tc : cases) {
     EXPECT_EQ(tc.op.argsSchema().validate(JSONValue(tc.args), "$").empty(), tc.valid)

@@ -366,34 +366,6 @@ TEST(ChownTreeToRootWheel, UnprivilegedProcessGetsTheSystemsRefusal) {
             "chown de " + tree.string() + " falló: errno 1");
 }
 
-TEST_F(PlatformUpdateTest, ThroughTheCoreTheSchemaComesFirst) {
-  openStores();
-  const DaemonCore core(DaemonCore::OpList{op}, audit, grants);
-  const fs::path staged = stage("2.0.0");
-  auto viaCore = [&](JSONObject args) {
-    return handle(core, {"platform.applyUpdate", std::move(args), std::nullopt, std::nullopt});
-  };
-
-  JSONObject extra = swapArgs(staged);
-  extra.set("force", true);
-  DaemonResponse refused = viaCore(extra);
-  ASSERT_TRUE(refused.error);
-  EXPECT_EQ(refused.error->code, "invalidArgs");
-
-  EXPECT_EQ(versionAt(installed), "1.0.0");
-
-  DaemonResponse swapped = viaCore(swapArgs(staged));
-  ASSERT_TRUE(swapped.ok);
-  EXPECT_EQ(*swapped.result, JSONValue(JSONObject{{"swapped", true}, {"to", "2.0.0"}}));
-
-  DaemonResponse refusedOp = viaCore(rollbackArgs());
-  refusedOp = viaCore(rollbackArgs());  // the second in a row finds nothing kept
-  ASSERT_TRUE(refusedOp.error);
-  EXPECT_EQ(refusedOp.error->code, "opFailed");
-  EXPECT_EQ(refusedOp.error->message.rfind("platform.applyUpdate falló: ", 0), 0u);
-  EXPECT_EQ(auditRows(), 4);
-}
-
 // A stager that keeps changing its tree while updates run: renames an
 // unverified bundle in and out, swaps a file for a link to a file outside,
 // opens every mode. Whatever the timing, only the sealed bytes are ever

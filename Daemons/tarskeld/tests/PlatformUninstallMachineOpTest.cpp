@@ -120,30 +120,5 @@ TEST_F(PlatformUninstallTest, RemovesTheBundleOnceAndKeepsTheData) {
   }
 }
 
-TEST_F(PlatformUninstallTest, ThroughTheCoreFromTheVariable) {
-  openStores();
-  auto op = std::make_shared<PlatformUninstallMachineOp>(
-      PlatformUninstallMachineOp::derivedInstalledApp({{"TARSKEL_INSTALLED_APP", bundle.string()}},
-                                                      std::nullopt),
-      dataRoot, platform);
-  platform->euid = ::geteuid() == 0 ? 0 : 501;
-  const DaemonCore core(DaemonCore::OpList{op}, audit, grants);
-  auto viaCore = [&](JSONObject args) {
-    return handle(core, {"platform.uninstallMachine", std::move(args), std::nullopt, std::nullopt});
-  };
-
-  // No argument can point root at another path.
-  DaemonResponse refused = viaCore(JSONObject{{"path", "/"}});
-  ASSERT_TRUE(refused.error);
-  EXPECT_EQ(refused.error->code, "invalidArgs");
-  EXPECT_TRUE(fs::exists(bundle));
-
-  DaemonResponse removed = viaCore({});
-  ASSERT_TRUE(removed.ok) << removed.error->message;
-  EXPECT_EQ(*removed.result, removedResult());
-  EXPECT_FALSE(fs::exists(bundle));
-  EXPECT_TRUE(fs::exists(dataRoot));
-}
-
 }  // namespace
 }  // namespace tarskel
