@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <iostream>
 #include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 
 extern char** environ;
 
@@ -43,69 +45,37 @@ DaemonProcess::DaemonProcess(const std::filesystem::path& executable,
   };
   std::vector<char*> argv = pointers(argumentTexts), envp = pointers(environmentTexts);
 
-  int errors[2];
-  if (::pipe2(errors, O_CLOEXEC) != 0 || (pid_ = ::fork()) < 0)
-    throw std::system_error(errno, std::generic_category(), "pipe2/fork");
+  const std::string errors = logFile_.file("stderr").string();
+  if ((pid_ = ::fork()) < 0) throw std::system_error(errno, std::generic_category(), "fork");
   if (pid_ == 0) {
     // Only async-signal-safe calls from here on.
     const int devNull = ::open("/dev/null", O_RDWR);
     ::dup2(devNull, STDIN_FILENO);
     ::dup2(devNull, STDOUT_FILENO);
-    ::dup2(errors[1], STDERR_FILENO);
+    ::dup2(::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
     ::execve(argv[0], argv.data(), envp.data());
     ::_exit(127);
   }
-  ::close(errors[1]);
-  reader_ = std::thread([this, fd = errors[0]] { readErrors(fd); });
 }
 
 DaemonProcess::~DaemonProcess() {
   if (!status_) kill(SIGKILL);
-  if (reader_.joinable()) reader_.join();
-}
-
-void DaemonProcess::readErrors(int fd) {
-  std::string pending;
-  char buffer[4096];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    pending.append(buffer, static_cast<std::size_t>(n));
-    std::lock_guard lock(mutex_);
-    for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
-      lines_.push_back(pending.substr(0, end));
-      pending.erase(0, end + 1);
-    }
-    changed_.notify_all();
-  }
-  ::close(fd);
-  std::lock_guard lock(mutex_);
-  if (!pending.empty()) lines_.push_back(pending);
-  closed_ = true;
-  changed_.notify_all();
 }
 
 bool DaemonProcess::waitForLine(const std::string& text, std::chrono::milliseconds limit) {
-  std::unique_lock lock(mutex_);
-  auto found = [&] {
-    for (const std::string& line : lines_) {
-      if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
-  };
-  changed_.wait_for(lock, limit, [&] { return found() || closed_; });
-  return found();
+  for (auto until = std::chrono::steady_clock::now() + limit;
+       std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(5ms)) {
+    const bool ended = waitForExit(0ms).has_value();
+    if (log().find(text) != std::string::npos) return true;
+    if (ended) return false;
+  }
+  return false;
 }
 
 std::vector<std::string> DaemonProcess::lines() const {
-  std::lock_guard lock(mutex_);
-  return lines_;
-}
-
-std::string DaemonProcess::log() const {
-  std::string out;
-  for (const std::string& line : lines()) out += line + "\n";
+  std::vector<std::string> out;
+  std::istringstream in(log());
+  for (std::string line; std::getline(in, line);) out.push_back(line);
   return out;
 }
 
@@ -116,17 +86,16 @@ int DaemonProcess::kill(int signal) {
   while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
   }
   status_ = status;
-  if (reader_.joinable()) reader_.join();
   return status;
 }
 
 std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds limit) {
-  for (auto until = std::chrono::steady_clock::now() + limit;
-       !status_ && std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(5ms)) {
+  for (auto until = std::chrono::steady_clock::now() + limit; !status_;
+       std::this_thread::sleep_for(5ms)) {
     int status = 0;
     if (::waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
+    if (std::chrono::steady_clock::now() >= until) break;
   }
-  if (status_ && reader_.joinable()) reader_.join();
   return status_;
 }
 

@@ -7,13 +7,10 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "DaemonTestSupport.hpp"
@@ -38,8 +35,8 @@ class TempDir : public testing::TempDirectory {
   std::filesystem::path operator/(const std::string& name) const { return path() / name; }
 };
 
-// One started process; standard output is discarded. The destructor kills
-// what is still running.
+// One started process; its standard error goes to a file of its own,
+// standard output nowhere. The destructor kills what is still running.
 class DaemonProcess {
  public:
   using Environment = std::map<std::string, std::optional<std::string>>;  // nothing: unset
@@ -50,26 +47,20 @@ class DaemonProcess {
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
   pid_t pid() const { return pid_; }
-  // Waits until a line of standard error contains `text`; false at the time
-  // limit or when the process ends first.
+  // Waits until standard error holds `text`; false at the time limit or when
+  // the process ends first.
   bool waitForLine(const std::string& text, std::chrono::milliseconds limit = 10s);
+  std::string log() const { return readFile(logFile_.file("stderr")); }
   std::vector<std::string> lines() const;
-  std::string log() const;
   // Sends `signal` and reaps the process; its wait status.
   int kill(int signal);
   // Its wait status once it ends by itself, or nothing at the time limit.
   std::optional<int> waitForExit(std::chrono::milliseconds limit = 10s);
 
  private:
-  void readErrors(int fd);
-
+  testing::TempDirectory logFile_{"tarskeld-e2e-log"};
   pid_t pid_ = -1;
   std::optional<int> status_;
-  std::thread reader_;
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> lines_;
-  bool closed_ = false;
 };
 
 class E2EFixture : public ::testing::Test {
