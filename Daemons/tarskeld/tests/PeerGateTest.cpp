@@ -54,6 +54,8 @@ TEST(PeerGateTest, Verdicts) {
        "rejected:sin static code del cliente xpc (-67068)"},
       {team, [](auto& p) { p.validityStatus = -67062; },
        "rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)"},
+      {team, [](auto& p) { p.signingInformation.team = SigningInformation::Team::absent; },
+       "rejected:gate SO: sin Team ID (¿ad-hoc?) en cliente xpc"},
       {std::vector<std::string>{"OTHERTEAM1"}, [](auto&) {}, otherTeam},
       {std::vector<std::string>{}, [](auto&) {}, otherTeam},  // an empty list trusts no one
       {team, [](auto&) {}, "team:TEAMID0001"},

@@ -88,6 +88,7 @@ TEST(DaemonWireTest, DocumentsThatFailToDecode) {
       R"({"op":"daemon.info"})",                // args has no default
       R"({"op":"x","args":[]})",                // args must be an object
       R"({"op":"x","args":null})",              // required means non-null
+      R"({"args":{}})",                         // no op
       R"({"op":7,"args":{}})",                  // op of the wrong type
       R"({"op":"x","args":{},"serviceId":3})",  // a present optional is still typed
       R"(["op","x"])",
@@ -96,6 +97,7 @@ TEST(DaemonWireTest, DocumentsThatFailToDecode) {
   for (const char* json : requests)
     EXPECT_THROW(decode<DaemonRequest>(json), DecodingError) << json;
   const char* responses[] = {
+      R"({})",
       R"({"ok":"true"})",
       R"({"ok":false,"error":{"code":"c"}})",
       R"({"ok":false,"error":"opFailed"})",
