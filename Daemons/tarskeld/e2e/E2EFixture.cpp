@@ -13,37 +13,24 @@
 #include <system_error>
 #include <thread>
 
-extern char** environ;
-
 namespace tarskel::e2e {
 
 DaemonProcess::DaemonProcess(const std::filesystem::path& executable,
                              const std::vector<std::string>& arguments,
                              const Environment& environment) {
-  std::map<std::string, std::string> merged;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text(*entry);
-    const std::size_t equals = text.find('=');
-    if (equals != std::string::npos)
-      merged.emplace(text.substr(0, equals), text.substr(equals + 1));
+  // env(1) sets and unsets the variables, then becomes the executable.
+  std::vector<std::string> texts{"/usr/bin/env"};
+  for (const auto& [name, value] : environment) {
+    if (!value) texts.insert(texts.end(), {"-u", name});
   }
   for (const auto& [name, value] : environment) {
-    if (value) {
-      merged[name] = *value;
-    } else {
-      merged.erase(name);
-    }
+    if (value) texts.push_back(name + "=" + *value);
   }
-  std::vector<std::string> argumentTexts{executable.string()}, environmentTexts;
-  argumentTexts.insert(argumentTexts.end(), arguments.begin(), arguments.end());
-  for (const auto& [name, value] : merged) environmentTexts.push_back(name + "=" + value);
-  auto pointers = [](std::vector<std::string>& texts) {
-    std::vector<char*> out;
-    for (std::string& text : texts) out.push_back(text.data());
-    out.push_back(nullptr);
-    return out;
-  };
-  std::vector<char*> argv = pointers(argumentTexts), envp = pointers(environmentTexts);
+  texts.push_back(executable.string());
+  texts.insert(texts.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (std::string& text : texts) argv.push_back(text.data());
+  argv.push_back(nullptr);
 
   const std::string errors = logFile_.file("stderr").string();
   if ((pid_ = ::fork()) < 0) throw std::system_error(errno, std::generic_category(), "fork");
@@ -53,7 +40,7 @@ DaemonProcess::DaemonProcess(const std::filesystem::path& executable,
     ::dup2(devNull, STDIN_FILENO);
     ::dup2(devNull, STDOUT_FILENO);
     ::dup2(::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-    ::execve(argv[0], argv.data(), envp.data());
+    ::execv(argv[0], argv.data());
     ::_exit(127);
   }
 }
