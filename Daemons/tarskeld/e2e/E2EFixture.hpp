@@ -1,8 +1,8 @@
 #pragma once
 
 // The end-to-end harness: the built tarskeld as a process on a temporary
-// root and socket, its standard error read line by line, reached with the
-// real client or a raw connection.
+// root and socket, its standard error kept in a file, reached with the real
+// client or a raw connection.
 
 #include <sys/types.h>
 
