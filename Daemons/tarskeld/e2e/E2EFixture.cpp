@@ -1,36 +1,104 @@
 #include "E2EFixture.hpp"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <boost/asio/thread_pool.hpp>
+#include <cerrno>
 #include <iostream>
+#include <regex>
+#include <sstream>
 #include <stdexcept>
-
-#include "tarskel/store/SQLiteDatabase.hpp"
+#include <system_error>
+#include <thread>
 
 namespace tarskel::e2e {
 
-DaemonProcess& E2EFixture::start(Environment environment, const std::filesystem::path& executable) {
-  environment.try_emplace("TARSKEL_VENDOR_SEED", std::nullopt);
-  environment.try_emplace("TARSKEL_INSTALLED_APP", std::nullopt);
-  environment.try_emplace("LISTEN_FDS", std::nullopt);
-  environment.try_emplace("LISTEN_PID", std::nullopt);
-  daemon.reset();
-  daemon = std::make_unique<DaemonProcess>(DaemonProcess::Options{
-      executable, {"--mach-service", socketPath(), "--root", root().string()}, environment});
-  if (!daemon->waitForLine(kServingLine + socketPath())) {
-    std::string log;
-    for (const std::string& line : daemon->lines()) log += line + "\n";
-    throw std::runtime_error("the daemon did not come up:\n" + log);
+DaemonProcess::DaemonProcess(const std::filesystem::path& executable,
+                             const std::vector<std::string>& arguments,
+                             const Environment& environment) {
+  // env(1) sets and unsets the variables, then becomes the executable.
+  std::vector<std::string> texts{"/usr/bin/env"};
+  for (const auto& [name, value] : environment) {
+    if (!value) texts.insert(texts.end(), {"-u", name});
   }
+  for (const auto& [name, value] : environment) {
+    if (value) texts.push_back(name + "=" + *value);
+  }
+  texts.push_back(executable.string());
+  texts.insert(texts.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (std::string& text : texts) argv.push_back(text.data());
+  argv.push_back(nullptr);
+
+  const std::string errors = logFile_.file("stderr").string();
+  if ((pid_ = ::fork()) < 0) throw std::system_error(errno, std::generic_category(), "fork");
+  if (pid_ == 0) {
+    // Only async-signal-safe calls from here on.
+    const int devNull = ::open("/dev/null", O_RDWR);
+    ::dup2(devNull, STDIN_FILENO);
+    ::dup2(devNull, STDOUT_FILENO);
+    ::dup2(::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+    ::execv(argv[0], argv.data());
+    ::_exit(127);
+  }
+}
+
+DaemonProcess::~DaemonProcess() {
+  if (!status_) kill(SIGKILL);
+}
+
+bool DaemonProcess::waitForLine(const std::string& text, std::chrono::milliseconds limit) {
+  for (auto until = std::chrono::steady_clock::now() + limit;
+       std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(5ms)) {
+    const bool ended = waitForExit(0ms).has_value();
+    if (log().find(text) != std::string::npos) return true;
+    if (ended) return false;
+  }
+  return false;
+}
+
+std::vector<std::string> DaemonProcess::lines() const {
+  std::vector<std::string> out;
+  std::istringstream in(log());
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+int DaemonProcess::kill(int signal) {
+  if (status_) return *status_;
+  ::kill(pid_, signal);
+  int status = 0;
+  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  status_ = status;
+  return status;
+}
+
+std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds limit) {
+  for (auto until = std::chrono::steady_clock::now() + limit; !status_;
+       std::this_thread::sleep_for(5ms)) {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
+    if (std::chrono::steady_clock::now() >= until) break;
+  }
+  return status_;
+}
+
+DaemonProcess& E2EFixture::start(Environment environment, const std::filesystem::path& executable) {
+  for (const char* name :
+       {"TARSKEL_VENDOR_SEED", "TARSKEL_INSTALLED_APP", "LISTEN_FDS", "LISTEN_PID"})
+    environment.try_emplace(name, std::nullopt);
+  daemon.reset();
+  daemon = std::make_unique<DaemonProcess>(executable, daemonArguments(), environment);
+  if (!daemon->waitForLine(kServingLine + socketPath()))
+    throw std::runtime_error("the daemon did not come up:\n" + daemon->log());
   return *daemon;
 }
 
 void E2EFixture::TearDown() {
-  if (!HasFailure() || !daemon) return;
-  std::string log;
-  for (const std::string& line : daemon->lines()) log += "  " + line + "\n";
-  std::cerr << "daemon standard error:\n" << log;
+  if (HasFailure() && daemon) std::cerr << "daemon standard error:\n" << daemon->log();
 }
 
 void E2EFixture::stop() {
@@ -40,24 +108,40 @@ void E2EFixture::stop() {
 DaemonResponse E2EFixture::call(const std::string& op, JSONObject args,
                                 std::optional<std::string> serviceId,
                                 std::optional<std::string> correlationId) {
-  DaemonXPCClient client(socketPath());
-  return client.request(
-      DaemonRequest{op, std::move(args), std::move(correlationId), std::move(serviceId)});
+  return DaemonXPCClient(socketPath())
+      .request(DaemonRequest{op, std::move(args), std::move(correlationId), std::move(serviceId)});
 }
 
+// A store of our own on the daemon's file only reads here: no record.
 std::vector<AuditStore::Entry> E2EFixture::auditRows() const {
-  // A store of our own on the daemon's file only reads here: no record.
   boost::asio::thread_pool pool(1);
-  AuditStore store(SQLiteDatabase::open(auditPath().string()), pool.get_executor());
-  return store.recentSync(-1);
+  return AuditStore(SQLiteDatabase::open(auditPath().string()), pool.get_executor()).recentSync(-1);
 }
 
 bool E2EFixture::chainHolds() const {
   boost::asio::thread_pool pool(1);
   AuditStore store(SQLiteDatabase::open(auditPath().string()), pool.get_executor());
-  AuditStore::ChainReport report = store.inspectChain();
+  const AuditStore::ChainReport report = store.inspectChain();
   if (!report.holds()) ADD_FAILURE() << "chain breaks: " << report.firstBreak->reason;
   return report.holds();
+}
+
+std::optional<std::string> logMessage(const std::string& line) {
+  static const std::regex form(
+      R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d{4} ([a-z]+) tarskeld : \[tarskeld\] (.*)$)");
+  std::smatch match;
+  if (!std::regex_match(line, match, form)) return std::nullopt;
+  return match[1].str() + " " + match[2].str();
+}
+
+std::vector<std::string> logMessages(const DaemonProcess& process) {
+  std::vector<std::string> out;
+  for (const std::string& line : process.lines()) {
+    const auto message = logMessage(line);
+    if (!message) ADD_FAILURE() << "not a log line: " << line;
+    out.push_back(message.value_or(line));
+  }
+  return out;
 }
 
 std::string codeOf(const DaemonResponse& response) {

@@ -1,7 +1,6 @@
-// The information and protected-read operations, run directly and through
-// the core.
+// The information and protected-read operations, and the schemas of the
+// operations.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,91 +8,57 @@
 #include "tarskel/daemon/FsReadProtectedPathOp.hpp"
 #include "tarskel/daemon/GrantsSyncOp.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
+#include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
+#include "tarskel/daemon/PlatformUninstallMachineOp.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 
 namespace tarskel {
 namespace {
 
-class FsReadTest : public ::testing::Test {
- protected:
-  JSONValue read(const std::string& path) {
-    DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
-    return testing::runOn(pool, op.execute(JSONObject{{"path", path}}, context));
-  }
-
-  // The DaemonOpError text of reading `path`, or "" when it succeeds.
-  std::string refusal(const std::string& path) {
-    try {
-      read(path);
-      return "";
-    } catch (const DaemonOpError& e) {
-      return e.description();
-    }
-  }
-
-  std::string sizedFile(const std::string& name, std::size_t size) {
-    std::string bytes(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 7 + 3);
-    testing::writeFile(dir.file(name), bytes);
-    return dir.file(name).string();
-  }
-
+// Only a regular file, up to and including the cap, is read; a link before
+// the last component is followed, a final link is not.
+TEST(FsReadTest, WhatIsReadAndWhatIsRefused) {
   testing::TempDir dir;
   boost::asio::thread_pool pool{2};
   FsReadProtectedPathOp op;
-};
-
-TEST_F(FsReadTest, CapIsInclusive) {
-  const std::string cap = "archivo supera el tope de 1048576 bytes: ";
-  struct Case {
-    std::size_t size;
-    bool refused;
+  auto sized = [&](std::size_t size) {
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 7 + 3);
+    testing::writeFile(dir.file(std::to_string(size)), bytes);
+    return dir.file(std::to_string(size)).string();
   };
-  for (const Case& tc :
-       std::vector<Case>{{0, false}, {1, false}, {1048576, false}, {1048577, true}}) {
-    SCOPED_TRACE(tc.size);
-    std::string path = sizedFile("f" + std::to_string(tc.size), tc.size);
-    if (tc.refused) {
-      EXPECT_EQ(refusal(path), cap + path);
-      continue;
-    }
-    if (tc.size == 0) {
-      // Passes the size check with size 0, then never ends: refused at the
-      // cap rather than read until memory runs out.
-      EXPECT_EQ(refusal("/proc/self/pagemap"), cap + "/proc/self/pagemap");
-    }
-    JSONValue result = read(path);
-    EXPECT_EQ(*result["path"], JSONValue(path));
-    EXPECT_EQ(result["size"]->numberValue(), static_cast<double>(tc.size));
-    EXPECT_EQ(base64Decode(*result["contentsBase64"]->stringValue()), testing::readFile(path));
-  }
-}
-
-TEST_F(FsReadTest, OnlyTheEntryItselfCountsAsRegular) {
-  const std::string target = sizedFile("target", 10);
+  const std::string target = sized(10);
   std::filesystem::create_directory(dir.file("sub"));
   std::filesystem::create_symlink(target, dir.file("link"));
   std::filesystem::create_directory_symlink(dir.file("sub"), dir.file("sublink"));
   std::filesystem::copy_file(target, dir.file("sub/inner"));
   ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0600), 0);
-
+  const std::string cap = "archivo supera el tope de 1048576 bytes: ";
   const std::string notRegular = "no es un archivo regular: ";
-  struct Case {
-    std::string path, refusal;
-  };
-  const std::vector<Case> cases = {
+  const std::pair<std::string, std::string> cases[] = {
+      {sized(0), ""},
+      {sized(1048576), ""},
+      {target, ""},
+      {dir.file("sublink/inner").string(), ""},
+      {sized(1048577), cap + dir.file("1048577").string()},
+      // Passes the size check with size 0, then never ends.
+      {"/proc/self/pagemap", cap + "/proc/self/pagemap"},
       {dir.file("link").string(), notRegular + dir.file("link").string()},
       {dir.file("sub").string(), notRegular + dir.file("sub").string()},
       {dir.file("missing").string(), notRegular + dir.file("missing").string()},
       {dir.file("fifo").string(), notRegular + dir.file("fifo").string()},
-      {std::string("/dev/null"), notRegular + "/dev/null"},
+      {"/dev/null", notRegular + "/dev/null"},
       {target + std::string(1, '\0') + "x", notRegular + target + std::string(1, '\0') + "x"},
-      {dir.file("sublink/inner").string(), ""},  // a link before the last component is followed
-      {target, ""},
   };
-  for (const Case& tc : cases) {
-    SCOPED_TRACE(tc.path);
-    EXPECT_EQ(refusal(tc.path), tc.refusal);
+  for (const auto& [path, refusal] : cases) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(testing::runOn(pool, testing::failureOf(op, {{"path", path}})), refusal);
+    if (!refusal.empty()) continue;
+    const DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
+    const JSONValue result = testing::runOn(pool, op.execute(JSONObject{{"path", path}}, context));
+    EXPECT_EQ(*result["path"], JSONValue(path));
+    EXPECT_EQ(result["size"]->numberValue(), static_cast<double>(std::filesystem::file_size(path)));
+    EXPECT_EQ(base64Decode(*result["contentsBase64"]->stringValue()), testing::readFile(path));
   }
 }
 
@@ -115,6 +80,13 @@ TEST(OpSchemasTest, RefuseWhatTheOperationsDoNotTake) {
   InfoOp info;
   FsReadProtectedPathOp read;
   GrantsSyncOp sync(nullptr);
+  PlatformApplyUpdateOp update("/nonexistent", PlatformFiles::system());
+  PlatformUninstallMachineOp uninstall(std::nullopt, "/nonexistent", PlatformFiles::system());
+  JSONObject swap{{"action", "swap"},
+                  {"stagedRoot", "/s"},
+                  {"appName", "T.app"},
+                  {"installedApp", "/A/T.app"},
+                  {"previousPath", "/p"}};
   struct Case {
     const DaemonOp& op;
     JSONObject args;
@@ -132,11 +104,21 @@ TEST(OpSchemasTest, RefuseWhatTheOperationsDoNotTake) {
       {sync, {{"grants", JSONValue::Array{}}}, false},
       {sync, {{"grants", JSONObject{}}, {"x", 1}}, false},
       {sync, {}, false},
+      {update, swap, true},
+      {update,
+       [&] {
+         auto more = swap;
+         more.set("force", true);
+         return more;
+       }(),
+       false},
+      // No argument can point root at another path.
+      {uninstall, {}, true},
+      {uninstall, {{"path", "/"}}, false},
   };
-  for (std::size_t i = 0; i < cases.size(); ++i) {
-    SCOPED_TRACE(i);
-    const Case& tc = cases[i];
-    EXPECT_EQ(tc.op.argsSchema().validate(JSONValue(tc.args), "$").empty(), tc.valid);
+  for (const Case& tc : cases) {
+    EXPECT_EQ(tc.op.argsSchema().validate(JSONValue(tc.args), "$").empty(), tc.valid)
+        << tc.op.name() << " " << TarskelJSON::encoder().encode(JSONValue(tc.args));
   }
   EXPECT_FALSE(info.requiresGrant());
   EXPECT_FALSE(sync.requiresGrant());

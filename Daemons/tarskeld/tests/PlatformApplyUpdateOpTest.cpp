@@ -25,26 +25,6 @@ namespace fs = std::filesystem;
 
 constexpr uid_t kStagingUser = 4321;
 
-// The system's calls, except for who the daemon runs as and, for one path,
-// an owner change that fails.
-class ScriptedPlatform final : public PlatformFiles {
- public:
-  int exchange(const fs::path& a, const fs::path& b) const override {
-    return PlatformFiles::system()->exchange(a, b);
-  }
-  std::optional<fs::path> executablePath() const override { return std::nullopt; }
-  uid_t effectiveUserId() const override { return euid; }
-  int changeOwnerToRootWheel(const fs::path& path) const override {
-    changed.push_back(path);
-    if (!refusedSuffix.empty() && path.string().ends_with(refusedSuffix)) return EPERM;
-    return PlatformFiles::system()->changeOwnerToRootWheel(path);
-  }
-
-  uid_t euid = 0;
-  std::string refusedSuffix;
-  mutable std::vector<fs::path> changed;  // one swap at a time in these tests
-};
-
 // What the decoder says of `bytes` as an allowlist.
 std::string decodingFailure(const std::string& bytes) {
   try {
@@ -99,6 +79,11 @@ class PlatformUpdateTest : public testing::DaemonFixture {
 
   fs::path allowlistPath() const { return root / "vendor/allowlist.json"; }
 
+  std::size_t entriesBesideInstalled() const {
+    const fs::directory_iterator entries(installed.parent_path());
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+  }
+
   // A staged tree holding Tarskel.app at `version`, sealed, with its files
   // owned by an unprivileged user as a staging process would leave them.
   fs::path stage(const std::string& version, ArtifactType type = ArtifactType::platform,
@@ -140,7 +125,8 @@ class PlatformUpdateTest : public testing::DaemonFixture {
 
   Ed25519KeyPair key{"vendor-test"};
   fs::path root, installed, previous, failed;
-  std::shared_ptr<ScriptedPlatform> platform = std::make_shared<ScriptedPlatform>();
+  std::shared_ptr<testing::ScriptedPlatformFiles> platform =
+      std::make_shared<testing::ScriptedPlatformFiles>();
   std::vector<std::string> logged;
   std::shared_ptr<PlatformApplyUpdateOp> op = std::make_shared<PlatformApplyUpdateOp>(
       dir.file("state"), platform,
@@ -170,14 +156,15 @@ TEST_F(PlatformUpdateTest, SwapInstallsAResetCopyAndKeepsTheOldOne) {
     EXPECT_EQ(ownerOf(entry.path()), 0u) << entry.path();
   }
   EXPECT_EQ(ownerOf(installed), 0u);
-  // Nothing but the bundles is left beside them.
-  std::size_t entries = 0;
-  for ([[maybe_unused]] const auto& e : fs::directory_iterator(installed.parent_path())) ++entries;
-  EXPECT_EQ(entries, 1u);
+  EXPECT_EQ(entriesBesideInstalled(), 1u) << "nothing but the bundle is left beside it";
 }
 
+// A daemon that is not root skips the owner change and still swaps.
 TEST_F(PlatformUpdateTest, RollbackSwapsBackOnceEvenWithoutAnAllowlist) {
+  platform->euid = 501;
   ASSERT_EQ(failure(swapArgs(stage("2.0.0"))), "");
+  EXPECT_TRUE(platform->changed.empty());
+  EXPECT_EQ(versionAt(installed), "2.0.0");
   // A rollback verifies nothing, so a damaged allowlist does not stop it.
   testing::writeFile(allowlistPath(), "{");
 
@@ -193,7 +180,7 @@ TEST_F(PlatformUpdateTest, RollbackSwapsBackOnceEvenWithoutAnAllowlist) {
 TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
   struct Case {
     std::string name;
-    std::function<fs::path()> prepare;  // returns the staged root
+    std::function<void(const fs::path& staged)> tamper;  // after staging 2.0.0
     std::string expected;
     std::string appName = "Tarskel.app";
     bool exact = true;  // otherwise `expected` need only appear in the text
@@ -201,90 +188,74 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
   const std::string unprovisioned = "gate vendor del daemon sin provisionar (" +
                                     allowlistPath().string() +
                                     ") — root no intercambia lo que no puede verificar";
+  auto restage = [&](ArtifactType type, double expiresIn) {
+    return [=, this](const fs::path&) { stage("2.0.0", type, expiresIn); };
+  };
   std::vector<Case> cases = {
-      {"no allowlist",
-       [&] {
-         fs::remove(allowlistPath());
-         return stage("2.0.0");
-       },
-       unprovisioned},
+      {"no allowlist", [&](auto&) { fs::remove(allowlistPath()); }, unprovisioned},
       {"allowlist is a directory",
-       [&] {
+       [&](auto&) {
          fs::remove(allowlistPath());
          fs::create_directory(allowlistPath());
-         return stage("2.0.0");
        },
        unprovisioned},
-      {"tampered file",
-       [&] {
-         fs::path staged = stage("2.0.0");
-         testing::writeFile(staged / "Tarskel.app/Contents/MacOS/tarskel", "binary evil");
-         return staged;
-       },
-       SealError::hashMismatch("Tarskel.app/Contents/MacOS/tarskel").description()},
-      {"added file",
-       [&] {
-         fs::path staged = stage("2.0.0");
-         testing::writeFile(staged / "Tarskel.app/Contents/extra", "x");
-         return staged;
-       },
-       SealError::unexpectedFile("Tarskel.app/Contents/extra").description()},
-      {"sealed by an unknown key",
-       [&] {
-         fs::path staged = stage("2.0.0");
-         key = Ed25519KeyPair("other");
-         provision();
-         return staged;
-       },
-       SealError::verification({VendorVerificationError::unknownKey("vendor-test")}).description()},
-      {"expired seal", [&] { return stage("2.0.0", ArtifactType::platform, -10); },
-       "manifest vencido: expiró ", "Tarskel.app", false},
-      {"allowlist that does not decode, not unprovisioned",
-       [&] {
-         testing::writeFile(allowlistPath(), R"({"revision":1})");
-         return stage("2.0.0");
-       },
-       decodingFailure(R"({"revision":1})")},
-      {"service artefact", [&] { return stage("2.0.0", ArtifactType::service); },
-       "el artefacto staged no es de plataforma"},
-      {"app name without .app",
-       [&] {
-         fs::path staged = stage("2.0.0");
-         testing::writeFile(staged / "Tarskel", "x");
-         BundleSeal::seal(staged, "a", ArtifactType::platform, "2.0.0", 1,
-                          Date{Date::now().secondsSinceReferenceDate + 60}, key, std::nullopt);
-         return staged;
-       },
-       "el artefacto verificado no trae Tarskel", "Tarskel"},
-      {"app not in the tree", [&] { return stage("2.0.0"); },
-       "el artefacto verificado no trae Other.app", "Other.app"},
       {"allowlist is a FIFO, which must not block",
-       [&] {
+       [&](auto&) {
          fs::remove(allowlistPath());
          ::mkfifo(allowlistPath().c_str(), 0600);
-         return stage("2.0.0");
        },
        unprovisioned},
+      {"allowlist that does not decode, not unprovisioned",
+       [&](auto&) { testing::writeFile(allowlistPath(), R"({"revision":1})"); },
+       decodingFailure(R"({"revision":1})")},
+      // The identity point: every signature verifies under it.
       {"allowlist key of small order",
-       [&] {
-         // The identity point: every signature verifies under it.
+       [&](auto&) {
          testing::writeFile(
              allowlistPath(),
              R"({"keys":[{"keyId":"weak","publicKey":"AQAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA="}],"revision":1})");
-         return stage("2.0.0");
        },
        "clave vendor 'weak'", "Tarskel.app", false},
+      {"sealed by an unknown key",
+       [&](auto&) {
+         key = Ed25519KeyPair("other");
+         provision();
+       },
+       SealError::verification({VendorVerificationError::unknownKey("vendor-test")}).description()},
+      {"tampered file",
+       [](auto& staged) {
+         testing::writeFile(staged / "Tarskel.app/Contents/MacOS/tarskel", "binary evil");
+       },
+       SealError::hashMismatch("Tarskel.app/Contents/MacOS/tarskel").description()},
+      {"added file",
+       [](auto& staged) { testing::writeFile(staged / "Tarskel.app/Contents/extra", "x"); },
+       SealError::unexpectedFile("Tarskel.app/Contents/extra").description()},
+      {"expired seal", restage(ArtifactType::platform, -10), "manifest vencido: expiró ",
+       "Tarskel.app", false},
+      {"service artefact", restage(ArtifactType::service, 3600),
+       "el artefacto staged no es de plataforma"},
+      {"app name without .app",
+       [&](auto& staged) {
+         testing::writeFile(staged / "Tarskel", "x");
+         BundleSeal::seal(staged, "a", ArtifactType::platform, "2.0.0", 1,
+                          Date{Date::now().secondsSinceReferenceDate + 60}, key, std::nullopt);
+       },
+       "el artefacto verificado no trae Tarskel", "Tarskel"},
+      {"app not in the tree", [](auto&) {}, "el artefacto verificado no trae Other.app",
+       "Other.app"},
+      // The walk runs on the copy, and a refusal mid-tree installs nothing.
+      {"owner change refused",
+       [&](auto&) { platform->refusedSuffix = "/Tarskel.app/Contents/MacOS"; },
+       "/Contents/MacOS falló: errno 1", "Tarskel.app", false},
   };
   // An appName that is not one name of the sealed content never reaches the
   // seal: the seal's own directory, or a climb out of the tree.
   for (const std::string name :
        {"vendor/Evil.app", "../Evil.app", "vendor", ".", "..", "a/b.app"}) {
     cases.push_back({"appName " + name,
-                     [&] {
-                       fs::path staged = stage("2.0.0");
+                     [](auto& staged) {
                        makeApp(staged / "vendor/Evil.app", "6.6.6");
                        makeApp(staged / "../Evil.app", "6.6.6");
-                       return staged;
                      },
                      "appName debe ser un solo componente de ruta del contenido sellado (ni "
                      "vendor, ni ., ni ..): " +
@@ -294,8 +265,10 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
   for (const Case& tc : cases) {
     SCOPED_TRACE(tc.name);
     SetUp();
+    platform->refusedSuffix.clear();
     makeApp(previous, "0.9.0");
-    const fs::path staged = tc.prepare();
+    const fs::path staged = stage("2.0.0");
+    tc.tamper(staged);
 
     const std::string text = failure(swapArgs(staged, tc.appName));
     if (tc.exact) {
@@ -307,10 +280,7 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
     EXPECT_EQ(versionAt(previous), "0.9.0");
     EXPECT_EQ(versionAt(staged / "Tarskel.app"), "2.0.0");
     EXPECT_EQ(ownerOf(staged / "Tarskel.app"), kStagingUser);
-    std::size_t besideInstalled = 0;
-    for ([[maybe_unused]] const auto& e : fs::directory_iterator(installed.parent_path()))
-      ++besideInstalled;
-    EXPECT_EQ(besideInstalled, 1u);  // no workspace left behind
+    EXPECT_EQ(entriesBesideInstalled(), 1u) << "no workspace left behind";
     fs::remove_all(dir.path());
     fs::create_directory(dir.path());
   }
@@ -326,52 +296,24 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
 }
 
 TEST_F(PlatformUpdateTest, ArgumentsThatNameNoAction) {
-  struct Case {
-    JSONObject args;
-    std::string expected;
-  };
-  const std::string bundleText = "installedApp debe ser un bundle .app: ";
-  const std::vector<Case> cases = {
-      {{{"action", "rollback"}, {"installedApp", "/Applications/Tarskel"}, {"previousPath", "/p"}},
-       bundleText + "/Applications/Tarskel"},
-      {{{"action", "swap"}, {"installedApp", "/Applications/Tarskel.APP"}, {"previousPath", "/p"}},
-       bundleText + "/Applications/Tarskel.APP"},
-      {{{"action", "rollback"}, {"installedApp", "Tarskel.app/"}, {"previousPath", "/p"}},
+  const std::pair<const char*, std::string> cases[] = {
+      {R"({"action":"rollback","installedApp":"/Applications/Tarskel","previousPath":"/p"})",
+       "installedApp debe ser un bundle .app: /Applications/Tarskel"},
+      {R"({"action":"swap","installedApp":"/Applications/Tarskel.APP","previousPath":"/p"})",
+       "installedApp debe ser un bundle .app: /Applications/Tarskel.APP"},
+      {R"({"action":"rollback","installedApp":"Tarskel.app/","previousPath":"/p"})",
        "rollback exige failedPath"},
-      {{{"action", "swap"},
-        {"installedApp", "/A/T.app"},
-        {"previousPath", "/p"},
-        {"appName", "T.app"}},
+      {R"({"action":"swap","installedApp":"/A/T.app","previousPath":"/p","appName":"T.app"})",
        "swap exige stagedRoot y appName"},
-      {{{"action", "swap"},
-        {"installedApp", "/A/T.app"},
-        {"previousPath", "/p"},
-        {"stagedRoot", "/s"},
-        {"appName", 3}},
+      {R"({"action":"swap","installedApp":"/A/T.app","previousPath":"/p","stagedRoot":"/s","appName":3})",
        "swap exige stagedRoot y appName"},
-      {{{"action", "Swap"}, {"installedApp", "/A/T.app"}, {"previousPath", "/p"}},
-       "action desconocida"},
-      {{{"installedApp", "/A/T.app"}, {"previousPath", "/p"}}, "action desconocida"},
+      {R"({"action":"Swap","installedApp":"/A/T.app","previousPath":"/p"})", "action desconocida"},
+      {R"({"installedApp":"/A/T.app","previousPath":"/p"})", "action desconocida"},
   };
-  for (const Case& tc : cases) {
-    SCOPED_TRACE(TarskelJSON::canonicalEncoder().encode(JSONValue(tc.args)));
-    EXPECT_EQ(failure(tc.args), tc.expected);
+  for (const auto& [args, expected] : cases) {
+    SCOPED_TRACE(args);
+    EXPECT_EQ(failure(TarskelJSON::decoder().decode<JSONObject>(args)), expected);
   }
-}
-
-// What a failure leaves after each step of a swap: the installed bundle is
-// whole in every row.
-TEST_F(PlatformUpdateTest, ChownRefusedMidTreeInstallsNothing) {
-  makeApp(previous, "0.9.0");
-  const fs::path staged = stage("2.0.0");
-  platform->refusedSuffix = "/Tarskel.app/Contents/MacOS";
-
-  const std::string text = failure(swapArgs(staged));
-  EXPECT_TRUE(text.starts_with("chown de ") && text.ends_with("/Contents/MacOS falló: errno 1"))
-      << text;
-  EXPECT_EQ(versionAt(installed), "1.0.0");
-  EXPECT_EQ(versionAt(previous), "0.9.0");
-  EXPECT_EQ(ownerOf(staged / "Tarskel.app"), kStagingUser);  // the walk ran on the copy
 }
 
 TEST_F(PlatformUpdateTest, MissingInstallationIsRefusedByTheExchange) {
@@ -398,15 +340,6 @@ TEST_F(PlatformUpdateTest, UnkeptOldVersionStillSucceedsButCannotBeRolledBack) {
   EXPECT_EQ(run(swapArgs(staged)), JSONValue(JSONObject{{"swapped", true}, {"to", "2.0.0"}}));
   EXPECT_EQ(versionAt(installed), "2.0.0");
   EXPECT_EQ(failure(rollbackArgs()), "sin versión anterior cacheada en " + previous.string());
-}
-
-TEST_F(PlatformUpdateTest, NotRootSkipsTheOwnerChangeAndStillSwaps) {
-  platform->euid = 501;
-  const fs::path staged = stage("2.0.0");
-
-  EXPECT_EQ(failure(swapArgs(staged)), "");
-  EXPECT_TRUE(platform->changed.empty());
-  EXPECT_EQ(versionAt(installed), "2.0.0");
 }
 
 // The real lchown, refused to a process that is not root.
@@ -442,36 +375,6 @@ TEST(ChownTreeToRootWheel, UnprivilegedProcessGetsTheSystemsRefusal) {
   ASSERT_GT(n, 0);
   EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(n)),
             "chown de " + tree.string() + " falló: errno 1");
-}
-
-TEST_F(PlatformUpdateTest, ThroughTheCoreTheSchemaComesFirst) {
-  openStores();
-  const DaemonCore core(DaemonCore::OpList{op}, audit, grants);
-  const fs::path staged = stage("2.0.0");
-  auto handle = [&](JSONObject args) {
-    return testing::runOn(pool, core.handle(DaemonRequest{"platform.applyUpdate", std::move(args),
-                                                          std::nullopt, std::nullopt},
-                                            DaemonPeerVerdict::unverified("t")));
-  };
-
-  JSONObject extra = swapArgs(staged);
-  extra.set("force", true);
-  DaemonResponse refused = handle(extra);
-  ASSERT_TRUE(refused.error);
-  EXPECT_EQ(refused.error->code, "invalidArgs");
-
-  EXPECT_EQ(versionAt(installed), "1.0.0");
-
-  DaemonResponse swapped = handle(swapArgs(staged));
-  ASSERT_TRUE(swapped.ok);
-  EXPECT_EQ(*swapped.result, JSONValue(JSONObject{{"swapped", true}, {"to", "2.0.0"}}));
-
-  DaemonResponse refusedOp = handle(rollbackArgs());
-  refusedOp = handle(rollbackArgs());  // the second in a row finds nothing kept
-  ASSERT_TRUE(refusedOp.error);
-  EXPECT_EQ(refusedOp.error->code, "opFailed");
-  EXPECT_EQ(refusedOp.error->message.rfind("platform.applyUpdate falló: ", 0), 0u);
-  EXPECT_EQ(auditRows(), 4);
 }
 
 // A stager that keeps changing its tree while updates run: renames an

@@ -1,23 +1,15 @@
 // The daemon's socket server, in-process on a real socket with a real core
 // and audit database, spoken to by the real client or by hand.
 
-#include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <chrono>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -25,10 +17,7 @@
 #include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
-#include "tarskel/protocol/bus/Framing.hpp"
-#include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
-#include "tarskel/xpc/Transport.hpp"
 
 namespace tarskel {
 namespace {
@@ -37,139 +26,53 @@ namespace fs = std::filesystem;
 using boost::asio::awaitable;
 using namespace std::string_literals;
 
-// What the test operations share with the test.
-struct Rendezvous {
-  std::atomic<bool> released{false};
-  std::atomic<int> counted{0};
-};
-
 // "test.wait" answers "released" once "test.release" has run, or "timeout"
-// after ten seconds: it only answers "released" if the two overlapped.
-class WaitOp final : public DaemonOp {
+// after ten seconds, so it only answers "released" if the two overlapped;
+// "test.block" waits the same way but holds its thread, as a long file read
+// would; "test.count" counts its runs.
+class TestOp final : public DaemonOp {
  public:
-  explicit WaitOp(std::shared_ptr<Rendezvous> r)
-      : DaemonOp("test.wait", {}, false), r_(std::move(r)) {}
+  struct Shared {
+    std::atomic<bool> released{false};
+    std::atomic<int> counted{0};
+  };
+  TestOp(const char* name, std::shared_ptr<Shared> s)
+      : DaemonOp(std::string("test.") + name, {}, false), s_(std::move(s)) {}
   awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
+    if (name() == "test.release") s_->released = true;
+    if (name() == "test.count") ++s_->counted;
     auto executor = co_await boost::asio::this_coro::executor;
     boost::asio::steady_timer timer(executor);
-    for (int i = 0; i < 10000 && !r_->released; ++i) {
+    for (int i = 0; i < 10000 && !s_->released; ++i) {
+      if (name() == "test.block") {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        continue;
+      }
       timer.expires_after(std::chrono::milliseconds(1));
       co_await timer.async_wait(boost::asio::use_awaitable);
     }
-    co_return JSONValue(r_->released ? "released" : "timeout");
+    co_return JSONValue(s_->released ? "released" : "timeout");
   }
 
  private:
-  std::shared_ptr<Rendezvous> r_;
+  std::shared_ptr<Shared> s_;
 };
 
-class ReleaseOp final : public DaemonOp {
- public:
-  explicit ReleaseOp(std::shared_ptr<Rendezvous> r)
-      : DaemonOp("test.release", {}, false), r_(std::move(r)) {}
-  awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
-    r_->released = true;
-    co_return JSONValue("done");
+using testing::RawConnection;
+using testing::requestBytes;
+
+// A socket bound at `path`; listening when `backlog` is given.
+int boundSocket(const fs::path& path, std::optional<int> backlog = std::nullopt) {
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, path.c_str());
+  EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  if (backlog) {
+    EXPECT_EQ(::listen(fd, *backlog), 0);
   }
-
- private:
-  std::shared_ptr<Rendezvous> r_;
-};
-
-// "test.block" holds its thread (as a long file read or update would) until
-// "test.release" has run, for at most ten seconds.
-class BlockOp final : public DaemonOp {
- public:
-  explicit BlockOp(std::shared_ptr<Rendezvous> r)
-      : DaemonOp("test.block", {}, false), r_(std::move(r)) {}
-  awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
-    for (int i = 0; i < 10000 && !r_->released; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    co_return JSONValue(r_->released ? "released" : "timeout");
-  }
-
- private:
-  std::shared_ptr<Rendezvous> r_;
-};
-
-class CountOp final : public DaemonOp {
- public:
-  explicit CountOp(std::shared_ptr<Rendezvous> r)
-      : DaemonOp("test.count", {}, false), r_(std::move(r)) {}
-  awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
-    ++r_->counted;
-    co_return JSONValue(true);
-  }
-
- private:
-  std::shared_ptr<Rendezvous> r_;
-};
-
-std::string requestBytes(const std::string& op) {
-  return TarskelJSON::encoder().encode(DaemonRequest{op, {}, std::nullopt, std::nullopt});
+  return fd;
 }
-
-// A hand-driven connection: raw frames out, envelopes in.
-class RawConnection {
- public:
-  explicit RawConnection(int fd) : fd_(fd) {}
-  explicit RawConnection(const std::string& path) {
-    fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
-    timeval timeout{10, 0};  // a hung server fails the test rather than the run
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  }
-  ~RawConnection() { ::close(fd_); }
-
-  void sendRaw(const std::string& bytes) {
-    EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
-  }
-  void send(std::uint64_t id, bool expectsReply, std::optional<std::string> body) {
-    sendRaw(Transport::encodeFrame({id, expectsReply, std::move(body)}));
-  }
-
-  int fd() const { return fd_; }
-
-  // Whether the server closed the connection: true once a read, past
-  // whatever replies were waiting, finds the end of the stream.
-  bool closedByServer() {
-    char buffer[4096];
-    for (;;) {
-      const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-      if (n == 0) return true;
-      if (n < 0) return false;  // the receive time-out: still open
-    }
-  }
-
-  // The next reply, or nothing when the server closed the connection.
-  std::optional<TransportEnvelope> next() {
-    while (pending_.empty()) {
-      char buffer[4096];
-      const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-      if (n <= 0) return std::nullopt;
-      for (auto& p : decoder_.append({buffer, static_cast<std::size_t>(n)})) pending_.push_back(p);
-    }
-    TransportEnvelope e = Transport::decodeEnvelope(pending_.front());
-    pending_.erase(pending_.begin());
-    return e;
-  }
-
-  DaemonResponse nextResponse() {
-    auto reply = next();
-    EXPECT_TRUE(reply && reply->body);
-    if (!reply || !reply->body) return {};
-    return TarskelJSON::decoder().decode<DaemonResponse>(*reply->body);
-  }
-
- private:
-  int fd_ = -1;
-  FrameDecoder decoder_;
-  std::vector<std::string> pending_;
-};
 
 class XPCServerTest : public testing::DaemonFixture {
  protected:
@@ -185,10 +88,9 @@ class XPCServerTest : public testing::DaemonFixture {
   void startServer(DaemonPeerGate gate = {}, std::string name = "",
                    DaemonServerLimits limits = {}) {
     if (name.empty()) name = dir.file("run/d.sock").string();
-    auto ops = DaemonCore::OpList{std::make_shared<InfoOp>(), std::make_shared<WaitOp>(rendezvous),
-                                  std::make_shared<ReleaseOp>(rendezvous),
-                                  std::make_shared<CountOp>(rendezvous),
-                                  std::make_shared<BlockOp>(rendezvous)};
+    DaemonCore::OpList ops{std::make_shared<InfoOp>()};
+    for (const char* op : {"wait", "release", "count", "block"})
+      ops.push_back(std::make_shared<TestOp>(op, rendezvous));
     server = std::make_unique<DaemonXPCServer>(name, DaemonCore(std::move(ops), audit, grants),
                                                std::move(gate), longOps.get_executor(), limits);
     server->start();
@@ -204,46 +106,46 @@ class XPCServerTest : public testing::DaemonFixture {
     return out;
   }
 
-  std::shared_ptr<Rendezvous> rendezvous = std::make_shared<Rendezvous>();
+  std::shared_ptr<TestOp::Shared> rendezvous = std::make_shared<TestOp::Shared>();
   boost::asio::thread_pool longOps{1};
   std::unique_ptr<DaemonXPCServer> server;
 };
 
-TEST_F(XPCServerTest, ClientCallIsAnsweredAndAudited) {
+TEST_F(XPCServerTest, ClientCallIsAnsweredAndAuditedOnASocketForItsOwnerOnly) {
   startServer();
+  struct stat st {};
+  ASSERT_EQ(::stat(socketPath().c_str(), &st), 0);
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  ASSERT_EQ(::stat(dir.file("run").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0755u);
   DaemonXPCClient client(socketPath());
   const DaemonResponse response = client.request({"daemon.info", {}, "corr-1", std::nullopt});
   ASSERT_TRUE(response.ok);
-  ASSERT_TRUE(response.result->objectValue());
   EXPECT_EQ(*response.result->objectValue()->find("pid"), JSONValue::integer(::getpid()));
   EXPECT_EQ(callers(),
             std::vector<std::string>{"unverified:gate SO sin provisionar (sin vendor/teams.json)"});
+  server->stop();
+  EXPECT_FALSE(fs::exists(dir.file("run/d.sock")));
+  EXPECT_THROW(client.request({"daemon.info", {}, std::nullopt, std::nullopt}), DaemonClientError);
 }
 
-TEST_F(XPCServerTest, MessagesOfOneConnectionOverlapAndRepliesLeaveInAnyOrder) {
-  startServer();
-  RawConnection c(socketPath());
-  c.send(1, true, requestBytes("test.wait"));
-  c.send(2, true, requestBytes("test.release"));
-  auto first = c.next();
-  auto second = c.next();
-  ASSERT_TRUE(first && second);
-  EXPECT_EQ(first->id, 2u) << "the release must not wait behind the wait";
-  EXPECT_EQ(second->id, 1u);
-  EXPECT_EQ(TarskelJSON::decoder().decode<DaemonResponse>(*second->body).result,
-            JSONValue("released"));
-}
-
-TEST_F(XPCServerTest, MessageThatExpectsNoReplyNeverRuns) {
+// Replies leave in any order, and a message that expects none never runs.
+TEST_F(XPCServerTest, MessagesOfOneConnectionOverlap) {
   startServer();
   RawConnection c(socketPath());
   c.send(1, false, requestBytes("test.count"));
-  c.send(2, true, requestBytes("daemon.info"));
-  auto reply = c.next();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(reply->id, 2u);
+  c.send(2, true, requestBytes("test.wait"));
+  c.send(3, true, requestBytes("test.release"));
+  auto first = c.next();
+  auto second = c.next();
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(first->id, 3u) << "the release must not wait behind the wait";
+  EXPECT_EQ(second->id, 2u);
+  EXPECT_EQ(TarskelJSON::decoder().decode<DaemonResponse>(*second->body).result,
+            JSONValue("released"));
   EXPECT_EQ(rendezvous->counted, 0);
-  EXPECT_EQ(auditRows(), 1);
+  EXPECT_EQ(auditRows(), 2);
 }
 
 TEST_F(XPCServerTest, UnreadableRequestsAreMalformedAndLeaveNoRow) {
@@ -270,7 +172,7 @@ TEST_F(XPCServerTest, UnreadableRequestsAreMalformedAndLeaveNoRow) {
 TEST_F(XPCServerTest, BadFrameClosesOnlyItsConnection) {
   startServer();
   const std::vector<std::pair<const char*, std::string>> cases = {
-      {"frame over the limit", "\x01\x00\x00\x01"s},
+      {"header over 1 MiB, closed without waiting for the rest", "\x00\x10\x00\x01"s},
       {"envelope too short", Framing::encode("\0\0\0\1"s)},
       {"unknown flag", Framing::encode("\0\0\0\0\0\0\0\1\x10"s)},
   };
@@ -282,10 +184,16 @@ TEST_F(XPCServerTest, BadFrameClosesOnlyItsConnection) {
     offender.send(1, true, requestBytes("daemon.info"));
     EXPECT_TRUE(offender.next()) << "answered before the bad frame";
     offender.sendRaw(bytes);
-    EXPECT_FALSE(offender.next()) << "closed after it";
+    EXPECT_TRUE(offender.closedByServer(std::chrono::seconds(4)));
     bystander.send(++id, true, requestBytes("daemon.info"));
     EXPECT_TRUE(bystander.nextResponse().ok);
   }
+  // A client that has stopped writing still gets every reply.
+  for (int i = 0; i < 20; ++i) bystander.send(++id, true, requestBytes("daemon.info"));
+  bystander.shutdownWrite();
+  int replies = 0;
+  while (bystander.next(std::chrono::seconds(5))) ++replies;
+  EXPECT_EQ(replies, 20);
 }
 
 // The gate behind the socket, asked anew for every message: a scripted
@@ -322,32 +230,9 @@ TEST_F(XPCServerTest, GateVerdictsOfEveryMessage) {
   EXPECT_EQ(std::count(calls.begin(), calls.end(), asked), 2) << "once per message";
 }
 
-TEST_F(XPCServerTest, SocketIsItsOwnersOnlyInA0755DirectoryAndGoesAtStop) {
-  startServer();
-  struct stat st {};
-  ASSERT_EQ(::stat(socketPath().c_str(), &st), 0);
-  EXPECT_TRUE(S_ISSOCK(st.st_mode));
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-  ASSERT_EQ(::stat(dir.file("run").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0755u);
-  DaemonXPCClient client(socketPath());
-  EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
-  server->stop();
-  EXPECT_FALSE(fs::exists(dir.file("run/d.sock")));
-  EXPECT_THROW(client.request({"daemon.info", {}, std::nullopt, std::nullopt}), DaemonClientError);
-}
-
 TEST_F(XPCServerTest, WhatMayStandAtTheSocketPath) {
   const fs::path path = dir.file("d.sock");
-  // A socket nobody listens on is stale and replaced.
-  {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path.c_str());
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ::close(fd);
-  }
+  ::close(boundSocket(path));  // a socket nobody listens on is stale and replaced
   startServer({}, path.string());
   DaemonXPCClient client(path.string());
   EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
@@ -366,12 +251,7 @@ TEST_F(XPCServerTest, WhatMayStandAtTheSocketPath) {
 
 TEST_F(XPCServerTest, AdoptsTheSocketOfSocketActivation) {
   const fs::path path = dir.file("activated.sock");
-  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, path.c_str());
-  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(listener, 8), 0);
+  const int listener = boundSocket(path, 8);
   const int saved = ::dup(3);  // whatever the test runner keeps at 3
   ASSERT_EQ(::dup2(listener, 3), 3);
   ::close(listener);

@@ -1,14 +1,10 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "tarskel/codesign/CodeSignVerifier.hpp"
 #include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 
 namespace tarskel {
 namespace {
@@ -76,45 +72,30 @@ TEST(CodeSignVerifierTest, CheckStopsAtTheFirstFailureInOrder) {
 }
 
 TEST(CodeSignVerifierTest, WrappersNameTheFileOrTheProcess) {
-  using Answer = FakeCodeSignPlatform::Answer;
+  using F = FakeCodeSignPlatform;
   struct Case {
-    Script script;
     bool pid;
+    F::Answer F::*answer;  // the one platform answer scripted, if any
+    F::Answer value;
+    OSStatus validity;
     std::string expected;
   };
   const Case cases[] = {
-      {[](auto&) {}, false, "ok TEAMID0001"},
-      {[](auto& p) {
-         p.staticCodeForPathAnswer = Answer{-67068, true};
-       },
-       false, kBad + "/opt/a b/x (-67068)"},
-      {[](auto& p) {
-         p.staticCodeForPathAnswer = Answer{0, false};
-       },
-       false, kBad + "/opt/a b/x (0)"},
-      {[](auto&) {}, true, "ok TEAMID0001"},
-      {[](auto& p) {
-         p.guestCodeForPidAnswer = Answer{-67065, false};
-       },
-       true, kBad + "pid 4242 (-67065)"},
-      {[](auto& p) {
-         p.guestCodeForPidAnswer = Answer{0, false};
-       },
-       true, kBad + "pid 4242 (0)"},
-      {[](auto& p) {
-         p.staticCodeOfAnswer = Answer{-67068, true};
-       },
-       true, kBad + "pid 4242 (-67068)"},
-      {[](auto& p) {
-         p.staticCodeOfAnswer = Answer{0, false};
-       },
-       true, kBad + "pid 4242 (0)"},
-      {[](auto& p) { p.validityStatus = -67062; }, true, kBad + "pid 4242 (-67062)"},
+      {false, nullptr, {}, 0, "ok TEAMID0001"},
+      {false, &F::staticCodeForPathAnswer, {-67068, true}, 0, kBad + "/opt/a b/x (-67068)"},
+      {false, &F::staticCodeForPathAnswer, {0, false}, 0, kBad + "/opt/a b/x (0)"},
+      {true, nullptr, {}, 0, "ok TEAMID0001"},
+      {true, &F::guestCodeForPidAnswer, {-67065, false}, 0, kBad + "pid 4242 (-67065)"},
+      {true, &F::guestCodeForPidAnswer, {0, false}, 0, kBad + "pid 4242 (0)"},
+      {true, &F::staticCodeOfAnswer, {-67068, true}, 0, kBad + "pid 4242 (-67068)"},
+      {true, &F::staticCodeOfAnswer, {0, false}, 0, kBad + "pid 4242 (0)"},
+      {true, nullptr, {}, -67062, kBad + "pid 4242 (-67062)"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.expected);
-    FakeCodeSignPlatform platform;
-    c.script(platform);
+    F platform;
+    if (c.answer != nullptr) platform.*c.answer = c.value;
+    platform.validityStatus = c.validity;
     EXPECT_EQ(outcome([&] {
                 return c.pid ? CodeSignVerifier::verifyPid(4242, kAllowed, platform)
                              : CodeSignVerifier::verifyExecutable("/opt/a b/x", kAllowed, platform);
@@ -126,11 +107,9 @@ TEST(CodeSignVerifierTest, WrappersNameTheFileOrTheProcess) {
 // The executables of a manifest: distinct paths in ascending order, absent
 // files skipped, never a path outside the bundle.
 TEST(CodeSignVerifierTest, VerifyGoesThroughTheManifestsExecutables) {
-  namespace fs = std::filesystem;
-  const fs::path bundle =
-      fs::temp_directory_path() / ("tarskel-verify-" + std::to_string(::getpid()));
-  fs::create_directories(bundle / "bin");
-  for (const char* name : {"bin/a", "bin/z"}) std::ofstream(bundle / name) << "x";
+  const testing::TempDirectory dir;
+  const std::filesystem::path& bundle = dir.path();
+  for (const char* name : {"bin/a", "bin/z"}) testing::writeFile(bundle / name, "x");
   const std::string root = bundle.string();
   struct Case {
     std::map<std::string, std::string> executables;
@@ -168,7 +147,6 @@ TEST(CodeSignVerifierTest, VerifyGoesThroughTheManifestsExecutables) {
     }
     EXPECT_EQ(checked, c.checked);
   }
-  fs::remove_all(bundle);
 }
 
 }  // namespace

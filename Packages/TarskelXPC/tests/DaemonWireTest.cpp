@@ -22,37 +22,19 @@ std::string encode(const T& value) {
 // Key order is not part of the wire, so compare documents as trees.
 JSONValue tree(std::string_view text) { return TarskelJSON::decoder().decode<JSONValue>(text); }
 
-TEST(DaemonWireTest, ErrorFactories) {
-  struct Case {
-    DaemonWireError error;
-    const char* code;
-    const char* message;
-  };
-  const Case cases[] = {
-      {DaemonWireError::unknownOp("x.y"), "unknownOp", "op fuera del catálogo: x.y"},
-      {DaemonWireError::malformedRequest("bytes raros: ñ"), "malformedRequest", "bytes raros: ñ"},
-      {DaemonWireError::malformedRequest(""), "malformedRequest", ""},
-      {DaemonWireError::unauthorizedClient("gate SO: sin Team ID (¿ad-hoc?) en cliente xpc"),
-       "unauthorizedClient",
-       "cliente XPC rechazado: gate SO: sin Team ID (¿ad-hoc?) en cliente xpc"},
-      {DaemonWireError::invalidArgs({"a", "b"}), "invalidArgs", "args fuera del schema: a; b"},
-      {DaemonWireError::invalidArgs({"solo"}), "invalidArgs", "args fuera del schema: solo"},
-      {DaemonWireError::invalidArgs({}), "invalidArgs", "args fuera del schema: "},
-      {DaemonWireError::opFailed("daemon.grants.sync", "x"), "opFailed",
-       "daemon.grants.sync falló: x"},
-      {DaemonWireError::notGranted("fs.readProtectedPath", std::nullopt), "notGranted",
-       "sin concesión para fs.readProtectedPath (service: ninguno)"},
-      {DaemonWireError::notGranted("fs.readProtectedPath", "svc.a"), "notGranted",
-       "sin concesión para fs.readProtectedPath (service: svc.a)"},
+// The texts the core sends are checked where it sends them; here, what is
+// built from several parts.
+TEST(DaemonWireTest, ErrorTexts) {
+  const std::pair<DaemonWireError, const char*> cases[] = {
+      {DaemonWireError::malformedRequest("bytes raros: ñ"), "malformedRequest: bytes raros: ñ"},
+      {DaemonWireError::invalidArgs({"a", "b"}), "invalidArgs: args fuera del schema: a; b"},
+      {DaemonWireError::invalidArgs({}), "invalidArgs: args fuera del schema: "},
       // An empty id is present, not absent.
-      {DaemonWireError::notGranted("op", std::string()), "notGranted",
-       "sin concesión para op (service: )"},
+      {DaemonWireError::notGranted("op", std::string()),
+       "notGranted: sin concesión para op (service: )"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.message);
-    EXPECT_EQ(c.error.code, c.code);
-    EXPECT_EQ(c.error.message, c.message);
-  }
+  for (const auto& [error, expected] : cases)
+    EXPECT_EQ(error.code + ": " + error.message, expected);
 }
 
 TEST(DaemonWireTest, RequestsThatDecode) {
@@ -74,25 +56,6 @@ TEST(DaemonWireTest, RequestsThatDecode) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.json);
     EXPECT_EQ(decode<DaemonRequest>(c.json), c.expected);
-  }
-}
-
-TEST(DaemonWireTest, RequestsThatFailToDecode) {
-  const char* cases[] = {
-      R"({"op":"daemon.info"})",                // args has no default
-      R"({"op":"x","args":[]})",                // args must be an object
-      R"({"op":"x","args":null})",              // required means non-null
-      R"({"args":{}})",                         // no op
-      R"({"op":7,"args":{}})",                  // op of the wrong type
-      R"({"op":"x","args":{},"serviceId":3})",  // a present optional is still typed
-      R"({"op":"x","args":{},"correlationId":{}})",
-      R"(["op","x"])",
-      R"({"op":"x","args":{}} trailing)",
-      "",
-  };
-  for (const char* json : cases) {
-    SCOPED_TRACE(json);
-    EXPECT_THROW(decode<DaemonRequest>(json), DecodingError);
   }
 }
 
@@ -120,19 +83,28 @@ TEST(DaemonWireTest, ResponsesDecodeWithoutCheckingOk) {
   }
 }
 
-TEST(DaemonWireTest, ResponsesThatFailToDecode) {
-  const char* cases[] = {
+TEST(DaemonWireTest, DocumentsThatFailToDecode) {
+  const char* requests[] = {
+      R"({"op":"daemon.info"})",                // args has no default
+      R"({"op":"x","args":[]})",                // args must be an object
+      R"({"op":"x","args":null})",              // required means non-null
+      R"({"args":{}})",                         // no op
+      R"({"op":7,"args":{}})",                  // op of the wrong type
+      R"({"op":"x","args":{},"serviceId":3})",  // a present optional is still typed
+      R"(["op","x"])",
+      R"({"op":"x","args":{}} trailing)",
+  };
+  for (const char* json : requests)
+    EXPECT_THROW(decode<DaemonRequest>(json), DecodingError) << json;
+  const char* responses[] = {
       R"({})",
       R"({"ok":"true"})",
-      R"({"ok":1})",
       R"({"ok":false,"error":{"code":"c"}})",
       R"({"ok":false,"error":"opFailed"})",
       R"({"ok":true,"result":1e999})",
   };
-  for (const char* json : cases) {
-    SCOPED_TRACE(json);
-    EXPECT_THROW(decode<DaemonResponse>(json), DecodingError);
-  }
+  for (const char* json : responses)
+    EXPECT_THROW(decode<DaemonResponse>(json), DecodingError) << json;
 }
 
 TEST(DaemonWireTest, EncodedForms) {
@@ -156,15 +128,6 @@ TEST(DaemonWireTest, EncodedForms) {
     // Compact: the same length as the hand-written form, which has no white space.
     EXPECT_EQ(c.encoded.size(), std::string_view(c.expected).size()) << c.encoded;
   }
-}
-
-TEST(DaemonWireTest, RequestRoundTrip) {
-  DaemonRequest request{"platform.applyUpdate",
-                        JSONObject{{"stagedPath", JSONValue("/tmp/a b")},
-                                   {"n", JSONValue(-0.5)},
-                                   {"nested", JSONValue(JSONObject{{"é", JSONValue(false)}})}},
-                        "corr-1", std::nullopt};
-  EXPECT_EQ(decode<DaemonRequest>(encode(request)), request);
 }
 
 }  // namespace

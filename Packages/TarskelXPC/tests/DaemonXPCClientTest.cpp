@@ -22,6 +22,7 @@
 
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
@@ -36,9 +37,6 @@ class ScriptedDaemon {
   using Script = std::function<void(ScriptedDaemon&, int fd, const TransportEnvelope&)>;
 
   explicit ScriptedDaemon(Script script) : script_(std::move(script)) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tarskel-xpc-XXXXXX").string();
-    dir_ = ::mkdtemp(pattern.data());
-    path_ = dir_ + "/d.sock";
     listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -56,7 +54,6 @@ class ScriptedDaemon {
     }
     thread_.join();
     ::close(listenFd_);
-    std::filesystem::remove_all(dir_);
   }
 
   const std::string& path() const { return path_; }
@@ -103,8 +100,8 @@ class ScriptedDaemon {
   }
 
   Script script_;
-  std::string dir_;
-  std::string path_;
+  testing::TempDirectory dir_{"tarskel-xpc"};
+  std::string path_ = dir_.file("d.sock").string();
   int listenFd_ = -1;
   std::thread thread_;
   std::mutex mutex_;
@@ -114,10 +111,13 @@ class ScriptedDaemon {
 
 DaemonRequest infoRequest() { return {"daemon.info", {}, std::nullopt, std::nullopt}; }
 
-// Answers each request with its own op as the result.
+// Answers each request with its own op as the result; refuses "refuse".
 void echoOp(ScriptedDaemon&, int fd, const TransportEnvelope& e) {
   auto request = TarskelJSON::decoder().decode<DaemonRequest>(*e.body);
-  ScriptedDaemon::replyWith(fd, e.id, DaemonResponse::success(JSONValue(request.op)));
+  ScriptedDaemon::replyWith(fd, e.id,
+                            request.op == "refuse"
+                                ? DaemonResponse::failure(DaemonWireError::unknownOp("refuse"))
+                                : DaemonResponse::success(JSONValue(request.op)));
 }
 
 std::string transportText(const std::function<void()>& call) {
@@ -129,7 +129,7 @@ std::string transportText(const std::function<void()>& call) {
   return "(no transport error)";
 }
 
-TEST(DaemonXPCClientTest, SendsTheRequestAsABodyThatExpectsAReply) {
+TEST(DaemonXPCClientTest, SendsTheRequestAsABodyThatExpectsAReplyAndReturnsRefusals) {
   ScriptedDaemon daemon(echoOp);
   DaemonXPCClient client(daemon.path());
   DaemonRequest request{"fs.readProtectedPath", JSONObject{{"path", JSONValue("/x")}}, "c-1",
@@ -139,16 +139,7 @@ TEST(DaemonXPCClientTest, SendsTheRequestAsABodyThatExpectsAReply) {
   ASSERT_EQ(got.size(), 1u);
   EXPECT_TRUE(got[0].expectsReply);
   EXPECT_EQ(TarskelJSON::decoder().decode<DaemonRequest>(*got[0].body), request);
-}
-
-TEST(DaemonXPCClientTest, RefusalsAreNormalReturns) {
-  ScriptedDaemon daemon([](ScriptedDaemon&, int fd, const TransportEnvelope& e) {
-    ScriptedDaemon::replyWith(fd, e.id, DaemonResponse::failure(DaemonWireError::unknownOp("x")));
-  });
-  DaemonXPCClient client(daemon.path());
-  const DaemonResponse response = client.request(infoRequest());
-  EXPECT_FALSE(response.ok);
-  EXPECT_EQ(response.error->code, "unknownOp");
+  EXPECT_EQ(client.request({"refuse", {}, std::nullopt, std::nullopt}).error->code, "unknownOp");
 }
 
 TEST(DaemonXPCClientTest, WhatARepliesBodyTurnsInto) {
@@ -177,19 +168,16 @@ TEST(DaemonXPCClientTest, WhatARepliesBodyTurnsInto) {
   }
 }
 
-TEST(DaemonXPCClientTest, AbsentDaemonIsATransportErrorAtTheFirstRequest) {
-  DaemonXPCClient client("/nonexistent-dir-tarskel/d.sock");
-  EXPECT_EQ(transportText([&] { client.request(infoRequest()); }),
-            "daemon no disponible: connect /nonexistent-dir-tarskel/d.sock: No such file or "
-            "directory");
-}
-
 // On a plain service name the client talks only to a server that listened
 // as root; another user's socket at that path is refused before any byte is
-// sent. An empty name never reaches a socket at all.
+// sent. An empty name never reaches a socket at all, nor is an absent
+// daemon more than a transport error.
 TEST(DaemonXPCClientTest, TheSystemDaemonsPathIsServedByRootOnly) {
   EXPECT_EQ(transportText([&] { DaemonXPCClient("").request(infoRequest()); }),
             "daemon no disponible: nombre de servicio vacío");
+  EXPECT_EQ(
+      transportText([&] { DaemonXPCClient("/nonexistent-tarskel/d.sock").request(infoRequest()); }),
+      "daemon no disponible: connect /nonexistent-tarskel/d.sock: No such file or directory");
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to listen as another user";
   std::filesystem::create_directories("/run/tarskel");
   const std::string name = "tarskel-client-test-" + std::to_string(::getpid());
