@@ -237,6 +237,9 @@ awaitable<std::string> recordOnStrand(AuditStore& store, std::string caller, std
 awaitable<std::string> AuditStore::record(std::string caller, std::string tool, std::string origin,
                                           std::string outcome, double durationMs,
                                           std::string correlationId) {
+  if (owner_ == std::this_thread::get_id()) {
+    co_return recordSync(caller, tool, origin, outcome, durationMs, correlationId);
+  }
   std::string hash = co_await boost::asio::co_spawn(
       strand_,
       recordOnStrand(*this, std::move(caller), std::move(tool), std::move(origin),

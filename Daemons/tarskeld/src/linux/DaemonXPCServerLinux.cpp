@@ -72,8 +72,13 @@ struct ServerState {
   std::size_t answering = 0;
   // Group commit: while requests of several clients are being handled
   // together, their audit rows share one transaction, and their replies wait
-  // for its commit (a reply never leaves before its row is stored).
+  // for its commit (a reply never leaves before its row is stored). A turn
+  // is what the loop handles before it comes back to a marker posted by the
+  // first request of the turn: the requests of every client that was ready
+  // at once. The first request of a turn writes its row on its own and
+  // answers at once; a second one opens the shared transaction.
   std::shared_ptr<SQLiteDatabase> auditDb;
+  bool turnOpen = false;
   bool inTransaction = false;
   int commitPasses = 0;
   std::vector<std::shared_ptr<PeerConnection>> held;  // kept alive until the commit
@@ -215,6 +220,10 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     // Descriptors a client passes are closed even on the last, empty read.
     if (state_->judgeSenders || message.msg_controllen > 0) {
       sender = PeerSocketIdentity::fromControl(message);
+      // Kept until the next read has its own: while one pidfd of a process
+      // stays open the kernel hands out the next one cheaply, where closing
+      // the last makes it build the next afresh (about 8 us per message).
+      lastSender_ = sender;
     }
     if (n == 0) return 0;
     lastRead_ = lastActivity_ = Clock::now();
@@ -324,20 +333,31 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     wake();
   }
 
-  // Opens a shared transaction when another request is already being
-  // handled: under load, rows go to disk together.
+  // Opens a shared transaction when another request was handled in this
+  // turn of the loop, or is still being handled: under load, rows go to disk
+  // together. A lone client's request is always the first of its turn.
   void beginGroupIfBusy() {
-    if (!state_->auditDb || state_->inTransaction || state_->answering == 0) return;
+    if (!state_->auditDb || state_->inTransaction) return;
+    if (!state_->turnOpen) {
+      state_->turnOpen = true;
+      asio::post(socket_.get_executor(), [state = state_] { endTurn(state); });
+      if (state_->answering == 0) return;
+    }
     if (!state_->auditDb->exec("BEGIN")) return;
     state_->inTransaction = true;
     state_->commitPasses = 0;
-    asio::post(socket_.get_executor(), [state = state_] { commitGroup(state); });
+  }
+
+  static void endTurn(const std::shared_ptr<ServerState>& state) {
+    state->turnOpen = false;
+    if (state->inTransaction) commitGroup(state);
   }
 
   // Commits once the requests handled together have written their rows (or
   // after a few turns of the loop, when some wait on long operations), then
   // lets the held replies go.
   static void commitGroup(const std::shared_ptr<ServerState>& state) {
+    if (!state->inTransaction) return;  // committed already by an earlier pass
     if (state->answering > 0 && state->commitPasses < 4) {
       ++state->commitPasses;
       asio::post(state->acceptorExecutor, [state] { commitGroup(state); });
@@ -398,6 +418,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   const std::shared_ptr<ServerState> state_;
   FrameDecoder decoder_;
   std::shared_ptr<PeerSocketIdentity> carrySender_;  // of the frame begun and not finished
+  std::shared_ptr<PeerSocketIdentity> lastSender_;   // of the last read
   std::deque<PendingMessage> pending_;
   std::size_t inFlight_ = 0;
   std::deque<std::string> outbox_;

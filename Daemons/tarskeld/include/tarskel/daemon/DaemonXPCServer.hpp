@@ -85,6 +85,9 @@ class DaemonEventLoop {
 
   boost::asio::any_io_executor executor() { return context_.get_executor(); }
 
+  // The loop's one thread: whatever serialises on executor() runs there.
+  std::thread::id threadId() const { return thread_.get_id(); }
+
  private:
   boost::asio::io_context context_{1};
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
