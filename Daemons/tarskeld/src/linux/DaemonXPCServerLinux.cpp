@@ -95,10 +95,12 @@ struct PendingMessage {
 // handlers of its messages; the server holds it only weakly.
 class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
  public:
-  PeerConnection(Local::socket socket, uid_t uid, std::shared_ptr<ServerState> state)
+  PeerConnection(Local::socket socket, uid_t uid, std::shared_ptr<ServerState> state,
+                 std::shared_ptr<const PinnedPeer> pinned)
       : socket_(std::move(socket)),
         uid_(uid),
         state_(std::move(state)),
+        pinned_(std::move(pinned)),
         decoder_(state_->limits.maxFrameLength),
         resume_(socket_.get_executor()),
         lastActivity_(Clock::now()) {
@@ -219,7 +221,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     std::shared_ptr<PeerSocketIdentity> sender;
     // Descriptors a client passes are closed even on the last, empty read.
     if (state_->judgeSenders || message.msg_controllen > 0) {
-      sender = PeerSocketIdentity::fromControl(message);
+      sender = PeerSocketIdentity::fromControl(message, pinned_);
       // Kept until the next read has its own: while one pidfd of a process
       // stays open the kernel hands out the next one cheaply, where closing
       // the last makes it build the next afresh (about 8 us per message).
@@ -416,6 +418,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   Local::socket socket_;
   const uid_t uid_;
   const std::shared_ptr<ServerState> state_;
+  const std::shared_ptr<const PinnedPeer> pinned_;  // the process that connected, when judged
   FrameDecoder decoder_;
   std::shared_ptr<PeerSocketIdentity> carrySender_;  // of the frame begun and not finished
   std::shared_ptr<PeerSocketIdentity> lastSender_;   // of the last read
@@ -585,7 +588,10 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
     }
     boost::system::error_code ignored;
     socket.non_blocking(true, ignored);
-    auto connection = std::make_shared<PeerConnection>(std::move(socket), peer.uid, state);
+    std::shared_ptr<const PinnedPeer> pinned;
+    if (state->judgeSenders) pinned = PinnedPeer::of(socket.native_handle(), peer.pid);
+    auto connection =
+        std::make_shared<PeerConnection>(std::move(socket), peer.uid, state, std::move(pinned));
     std::erase_if(connections, [](const auto& weak) { return weak.expired(); });
     connections.push_back(connection);
     asio::co_spawn(loop, PeerConnection::readLoop(connection), asio::detached);
