@@ -248,7 +248,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     for (std::size_t i = 0; i < payloads.size(); ++i) {
       PendingMessage pending;
       try {
-        pending.envelope = Transport::decodeEnvelope(payloads[i]);
+        pending.envelope = Transport::decodeEnvelope(std::move(payloads[i]));
       } catch (const TransportError&) {
         return false;
       }
@@ -320,7 +320,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     --state_->answering;
     if (closed_) return;
     const bool idle = outbox_.empty();
-    outbox_.push_back(Transport::encodeFrame({id, false, response}));
+    outbox_.push_back(Transport::encodeReplyFrame(id, response));
     outboxBytes_ += outbox_.back().size();
     if (idle) lastWrite_ = Clock::now();
     if (state_->inTransaction) {
