@@ -1,8 +1,8 @@
 // What the gate really answers on Linux, against real files and processes.
 #if defined(__linux__)
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -163,8 +163,7 @@ AuditStore::AuditStore(std::shared_ptr<SQLiteDatabase> db, boost::asio::any_io_e
 
 std::string AuditStore::storedText(std::string_view text) {
   // Short ASCII without a NUL, the common case, is stored as it stands.
-  if (text.size() <= kMaxTextBytes &&
-      std::all_of(text.begin(), text.end(), [](char c) {
+  if (text.size() <= kMaxTextBytes && std::all_of(text.begin(), text.end(), [](char c) {
         const auto byte = static_cast<unsigned char>(c);
         return byte != 0 && byte < 0x80;
       })) {

@@ -80,9 +80,8 @@ std::shared_ptr<PeerSocketIdentity> PeerSocketIdentity::fromControl(
     }
   }
   if (pidfd < 0 && pid > 0) pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  return std::make_shared<PeerSocketIdentity>(pid, pidfd < 0 ? -1 : pidfd,
-                                              pinned && pid > 0 && pinned->pid == pid ? pinned
-                                                                                      : nullptr);
+  return std::make_shared<PeerSocketIdentity>(
+      pid, pidfd < 0 ? -1 : pidfd, pinned && pid > 0 && pinned->pid == pid ? pinned : nullptr);
 }
 
 CodeResult PeerSocketIdentity::senderCode(const CodeSignPlatform& platform) const {

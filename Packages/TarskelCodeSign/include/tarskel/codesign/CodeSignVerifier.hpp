@@ -50,8 +50,8 @@ struct CodeSignVerifier {
   // failure into a value anyway (the daemon's gate, once per message): the
   // team on success, otherwise the very CodeSignError check() would throw.
   static std::variant<std::string, CodeSignError> judge(
-      const CodeObject& code, std::string_view path,
-      const std::vector<std::string>& allowedTeamIds, const CodeSignPlatform& platform);
+      const CodeObject& code, std::string_view path, const std::vector<std::string>& allowedTeamIds,
+      const CodeSignPlatform& platform);
 
   // The file at `at`: failing to make its static code (nonzero status or no
   // object) is signatureInvalid(<path>, status); otherwise check() under the
