@@ -76,9 +76,12 @@ struct ServerState {
   // is what the loop handles before it comes back to a marker posted by the
   // first request of the turn: the requests of every client that was ready
   // at once. The first request of a turn writes its row on its own and
-  // answers at once; a second one opens the shared transaction.
+  // answers at once, unless the turn before held several (the loop is busy);
+  // a second one opens the shared transaction.
   std::shared_ptr<SQLiteDatabase> auditDb;
   bool turnOpen = false;
+  std::size_t turnRequests = 0;
+  bool lastTurnBusy = false;
   bool inTransaction = false;
   int commitPasses = 0;
   std::vector<std::shared_ptr<PeerConnection>> held;  // kept alive until the commit
@@ -336,15 +339,18 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   }
 
   // Opens a shared transaction when another request was handled in this
-  // turn of the loop, or is still being handled: under load, rows go to disk
-  // together. A lone client's request is always the first of its turn.
+  // turn of the loop or the one before, or is still being handled: under
+  // load, rows go to disk together. A lone client's request is always the
+  // first of its turn, after a turn of one.
   void beginGroupIfBusy() {
-    if (!state_->auditDb || state_->inTransaction) return;
+    if (!state_->auditDb) return;
+    ++state_->turnRequests;
     if (!state_->turnOpen) {
       state_->turnOpen = true;
       asio::post(socket_.get_executor(), [state = state_] { endTurn(state); });
-      if (state_->answering == 0) return;
+      if (state_->answering == 0 && !state_->lastTurnBusy) return;
     }
+    if (state_->inTransaction) return;
     if (!state_->auditDb->exec("BEGIN")) return;
     state_->inTransaction = true;
     state_->commitPasses = 0;
@@ -352,6 +358,8 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
 
   static void endTurn(const std::shared_ptr<ServerState>& state) {
     state->turnOpen = false;
+    state->lastTurnBusy = state->turnRequests > 1;
+    state->turnRequests = 0;
     if (state->inTransaction) commitGroup(state);
   }
 
