@@ -25,6 +25,9 @@ class TrustOneExecutable final : public CodeSignPlatform {
   CodeResult guestCodeForPid(std::int32_t pid) const override {
     return linux_.guestCodeForPid(pid);
   }
+  std::optional<CodeResult> guestCodeInProcDirectory(int dir, std::int32_t pid) const override {
+    return linux_.guestCodeInProcDirectory(dir, pid);
+  }
   CodeResult staticCodeOf(const CodeObject& c) const override { return linux_.staticCodeOf(c); }
   CodeRef compileRequirement(std::string_view t) const override {
     return linux_.compileRequirement(t);

@@ -27,10 +27,12 @@ DaemonPeerVerdict DaemonPeerGate::verdict(const DaemonMessageSender& message) co
                                        std::to_string(onDisk.status) + ")");
   }
   try {
-    return DaemonPeerVerdict::trusted(
-        CodeSignVerifier::check(*onDisk.code, kClientName, *teamIds, services));
-  } catch (const CodeSignError& e) {
-    return DaemonPeerVerdict::rejected(e.description());
+    // The verifier's failure as a value: a refused sender costs no throw.
+    auto judged = CodeSignVerifier::judge(*onDisk.code, kClientName, *teamIds, services);
+    if (auto* failure = std::get_if<CodeSignError>(&judged)) {
+      return DaemonPeerVerdict::rejected(failure->description());
+    }
+    return DaemonPeerVerdict::trusted(std::get<std::string>(std::move(judged)));
   } catch (const std::exception& e) {
     // The verifier throws nothing else; a platform that does still must not
     // take the message down with it.

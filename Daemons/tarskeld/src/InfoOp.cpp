@@ -17,7 +17,10 @@ SchemaNode noArgumentsSchema() {
 
 }  // namespace
 
-InfoOp::InfoOp() : DaemonOp("daemon.info", noArgumentsSchema(), false) {}
+InfoOp::InfoOp()
+    : DaemonOp("daemon.info", noArgumentsSchema(), false),
+      uid_(static_cast<std::int64_t>(::getuid())),
+      pid_(static_cast<std::int64_t>(::getpid())) {}
 
 boost::asio::awaitable<JSONValue> InfoOp::execute(const JSONObject& /*args*/,
                                                   const DaemonOpContext& context) const {
@@ -25,8 +28,8 @@ boost::asio::awaitable<JSONValue> InfoOp::execute(const JSONObject& /*args*/,
   co_return JSONValue(JSONObject{
       {"daemonVersion", JSONValue(DaemonCore::daemonVersion)},
       {"protocolVersion", JSONValue(TarskelProtocolInfo::protocolVersion)},
-      {"uid", JSONValue::integer(static_cast<std::int64_t>(::getuid()))},
-      {"pid", JSONValue::integer(static_cast<std::int64_t>(::getpid()))},
+      {"uid", JSONValue::integer(uid_)},
+      {"pid", JSONValue::integer(pid_)},
       {"ops", JSONValue(std::move(ops))},
   });
 }

@@ -124,6 +124,7 @@ std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
   // The stores serialise on the event loop, where requests are handled: a
   // short request's audit row is written without waking another thread.
   deps->audit_ = std::make_shared<AuditStore>(deps->db_, deps->loop_->executor());
+  deps->audit_->serialisedByThread(deps->loop_->threadId());
 
   seedVendorAllowlist(rootURL, seams, logger);
   std::optional<std::vector<std::string>> teamIds = loadGateTeams(rootURL, logger);

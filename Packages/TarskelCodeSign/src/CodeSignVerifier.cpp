@@ -6,25 +6,33 @@
 
 namespace tarskel {
 
-std::string CodeSignVerifier::check(const CodeObject& code, std::string_view path,
-                                    const std::vector<std::string>& allowedTeamIds,
-                                    const CodeSignPlatform& platform) {
+std::variant<std::string, CodeSignError> CodeSignVerifier::judge(
+    const CodeObject& code, std::string_view path, const std::vector<std::string>& allowedTeamIds,
+    const CodeSignPlatform& platform) {
   CodeRef requirement = platform.compileRequirement(appleAnchorRequirement);
 
   OSStatus validity = platform.checkValidity(code, kSecCSCheckAllArchitectures, requirement.get());
-  if (validity != 0) throw CodeSignError::signatureInvalid(path, validity);
+  if (validity != 0) return CodeSignError::signatureInvalid(path, validity);
 
   SigningInformation info = platform.copySigningInformation(code, kSecCSSigningInformation);
   if (info.status != 0 || info.result != SigningInformation::Result::dictionary) {
-    throw CodeSignError::signatureInvalid(path, info.status);
+    return CodeSignError::signatureInvalid(path, info.status);
   }
-  if (info.team != SigningInformation::Team::string) throw CodeSignError::teamMissing(path);
+  if (info.team != SigningInformation::Team::string) return CodeSignError::teamMissing(path);
 
   if (std::find(allowedTeamIds.begin(), allowedTeamIds.end(), info.teamIdentifier) ==
       allowedTeamIds.end()) {
-    throw CodeSignError::teamNotAllowed(path, info.teamIdentifier);
+    return CodeSignError::teamNotAllowed(path, info.teamIdentifier);
   }
-  return info.teamIdentifier;
+  return std::move(info.teamIdentifier);
+}
+
+std::string CodeSignVerifier::check(const CodeObject& code, std::string_view path,
+                                    const std::vector<std::string>& allowedTeamIds,
+                                    const CodeSignPlatform& platform) {
+  auto verdict = judge(code, path, allowedTeamIds, platform);
+  if (auto* failure = std::get_if<CodeSignError>(&verdict)) throw std::move(*failure);
+  return std::get<std::string>(std::move(verdict));
 }
 
 std::string CodeSignVerifier::verifyExecutable(const std::filesystem::path& at,

@@ -1,6 +1,7 @@
 // What the gate really answers on Linux, against real files and processes.
 #if defined(__linux__)
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -9,6 +10,7 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "tarskel/codesign/CodeSignVerifier.hpp"
@@ -102,6 +104,36 @@ TEST(LinuxCodeSignPlatformTest, PidfdResolvesWhileItsProcessLives) {
   EXPECT_EQ(platform.guestCodeForPidfd(notPidfd).status, errSecCSInvalidObjectRef);
   ::close(notPidfd);
   EXPECT_EQ(platform.guestCodeForPidfd(-1).status, errSecCSInvalidObjectRef);
+}
+
+// The gate's shortcut for a connection's own sender: a /proc directory
+// opened for a process reads that process's executable, and once the process
+// has gone it reads nothing, never a later holder of the pid.
+TEST(LinuxCodeSignPlatformTest, ProcDirectoryResolvesOnlyItsOwnProcess) {
+  LinuxCodeSignPlatform platform;
+  pid_t child = ::fork();
+  if (child == 0) {
+    ::pause();
+    ::_exit(0);
+  }
+  const std::string path = "/proc/" + std::to_string(child);
+  int dir = ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_GE(dir, 0);
+  std::optional<CodeResult> alive = platform.guestCodeInProcDirectory(dir, child);
+  ASSERT_TRUE(alive && alive->status == 0 && alive->code);
+  EXPECT_EQ(LinuxCodeSignPlatform::executablePath(*alive->code), selfExecutable());
+  ::kill(child, SIGKILL);
+  siginfo_t info{};
+  ::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT);  // a zombie, not reaped
+  std::optional<CodeResult> zombie = platform.guestCodeInProcDirectory(dir, child);
+  ::waitpid(child, nullptr, 0);
+  std::optional<CodeResult> reaped = platform.guestCodeInProcDirectory(dir, child);
+  ::close(dir);
+  for (const auto& gone : {zombie, reaped}) {
+    ASSERT_TRUE(gone);
+    EXPECT_EQ(gone->status, errSecCSNoSuchCode);
+    EXPECT_FALSE(gone->code);
+  }
 }
 
 }  // namespace

@@ -162,6 +162,13 @@ AuditStore::AuditStore(std::shared_ptr<SQLiteDatabase> db, boost::asio::any_io_e
 }
 
 std::string AuditStore::storedText(std::string_view text) {
+  // Short ASCII without a NUL, the common case, is stored as it stands.
+  if (text.size() <= kMaxTextBytes && std::all_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte != 0 && byte < 0x80;
+      })) {
+    return std::string(text);
+  }
   std::string out;
   out.reserve(std::min(text.size(), kMaxTextBytes));
   std::size_t i = 0;
@@ -204,18 +211,28 @@ std::string AuditStore::recordSync(const std::string& callerText, const std::str
   // The texts as the row will hold them, so that the hash covers what is
   // stored: SQLite would cut a text at a NUL, and a client's bytes may be
   // anything, of any length.
-  const std::string caller = storedText(callerText);
-  const std::string tool = storedText(toolText);
-  const std::string origin = storedText(originText);
-  const std::string outcome = storedText(outcomeText);
-  const std::string correlationId = storedText(correlationText);
+  std::string caller = storedText(callerText);
+  std::string tool = storedText(toolText);
+  std::string origin = storedText(originText);
+  std::string outcome = storedText(outcomeText);
+  std::string correlationId = storedText(correlationText);
   Date ts = now_();  // one reading serves the preimage and the column
   std::string hash = chainHash(lastHash_, ts, caller, tool, origin, outcome, correlationId);
+  // Built in place: an initializer list would copy every text once more.
+  std::vector<Value> params;
+  params.reserve(9);
+  params.push_back(Value::real(ts.secondsSinceReferenceDate));
+  params.push_back(Value::text(std::move(caller)));
+  params.push_back(Value::text(std::move(tool)));
+  params.push_back(Value::text(std::move(origin)));
+  params.push_back(Value::text(std::move(outcome)));
+  params.push_back(Value::real(durationMs));
+  params.push_back(Value::text(std::move(correlationId)));
+  params.push_back(Value::text(lastHash_));
+  params.push_back(Value::text(hash));
+  static const std::string insert(kInsert);  // not a new string per row
   try {
-    db_->execute(kInsert,
-                 {Value::real(ts.secondsSinceReferenceDate), Value::text(caller), Value::text(tool),
-                  Value::text(origin), Value::text(outcome), Value::real(durationMs),
-                  Value::text(correlationId), Value::text(lastHash_), Value::text(hash)});
+    db_->execute(insert, params);
   } catch (const SQLiteDatabase::DBError&) {
     // Recording never fails its caller. The head moves anyway, so the lost
     // row shows as a break in the chain instead of vanishing unseen.
@@ -237,6 +254,9 @@ awaitable<std::string> recordOnStrand(AuditStore& store, std::string caller, std
 awaitable<std::string> AuditStore::record(std::string caller, std::string tool, std::string origin,
                                           std::string outcome, double durationMs,
                                           std::string correlationId) {
+  if (owner_ == std::this_thread::get_id()) {
+    co_return recordSync(caller, tool, origin, outcome, durationMs, correlationId);
+  }
   std::string hash = co_await boost::asio::co_spawn(
       strand_,
       recordOnStrand(*this, std::move(caller), std::move(tool), std::move(origin),

@@ -1,5 +1,7 @@
 #include "tarskel/xpc/Transport.hpp"
 
+#include <limits>
+
 #include "tarskel/protocol/bus/Framing.hpp"
 
 namespace tarskel {
@@ -40,6 +42,33 @@ TransportEnvelope Transport::decodeEnvelope(std::string_view payload) {
     throw TransportError("sobre de transporte con datos tras un cuerpo ausente");
   }
   return envelope;
+}
+
+TransportEnvelope Transport::decodeEnvelope(std::string&& payload) {
+  TransportEnvelope envelope = decodeEnvelope(std::string_view(payload));
+  if (envelope.body) {
+    payload.erase(0, envelopeHeadLength);
+    envelope.body = std::move(payload);
+  }
+  return envelope;
+}
+
+std::string Transport::encodeReplyFrame(std::uint64_t id, std::string_view response) {
+  const std::size_t length = envelopeHeadLength + response.size();
+  if (length > std::numeric_limits<std::uint32_t>::max()) {
+    return encodeFrame({id, false, std::string(response)});  // Framing refuses it there
+  }
+  std::string frame;
+  frame.reserve(4 + length);  // the frame's length, then the envelope
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    frame.push_back(static_cast<char>((length >> shift) & 0xFF));
+  }
+  for (int shift = 56; shift >= 0; shift -= 8) {
+    frame.push_back(static_cast<char>((id >> shift) & 0xFF));
+  }
+  frame.push_back(static_cast<char>(bodyPresentFlag));
+  frame.append(response);
+  return frame;
 }
 
 std::string Transport::encodeFrame(const TransportEnvelope& envelope) {

@@ -31,6 +31,11 @@ TEST(TransportTest, EnvelopeBytes) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(Transport::encodeEnvelope(c.envelope), c.bytes);
     EXPECT_EQ(Transport::decodeEnvelope(c.bytes), c.envelope);
+    EXPECT_EQ(Transport::decodeEnvelope(std::string(c.bytes)), c.envelope);
+    if (!c.envelope.expectsReply && c.envelope.body) {
+      EXPECT_EQ(Transport::encodeReplyFrame(c.envelope.id, *c.envelope.body),
+                Transport::encodeFrame(c.envelope));
+    }
   }
   EXPECT_EQ(Transport::encodeFrame({2, true, ""}), Framing::encode("\0\0\0\0\0\0\0\2\3"s));
 }

@@ -72,8 +72,16 @@ struct ServerState {
   std::size_t answering = 0;
   // Group commit: while requests of several clients are being handled
   // together, their audit rows share one transaction, and their replies wait
-  // for its commit (a reply never leaves before its row is stored).
+  // for its commit (a reply never leaves before its row is stored). A turn
+  // is what the loop handles before it comes back to a marker posted by the
+  // first request of the turn: the requests of every client that was ready
+  // at once. The first request of a turn writes its row on its own and
+  // answers at once, unless the turn before held several (the loop is busy);
+  // a second one opens the shared transaction.
   std::shared_ptr<SQLiteDatabase> auditDb;
+  bool turnOpen = false;
+  std::size_t turnRequests = 0;
+  bool lastTurnBusy = false;
   bool inTransaction = false;
   int commitPasses = 0;
   std::vector<std::shared_ptr<PeerConnection>> held;  // kept alive until the commit
@@ -90,10 +98,12 @@ struct PendingMessage {
 // handlers of its messages; the server holds it only weakly.
 class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
  public:
-  PeerConnection(Local::socket socket, uid_t uid, std::shared_ptr<ServerState> state)
+  PeerConnection(Local::socket socket, uid_t uid, std::shared_ptr<ServerState> state,
+                 std::shared_ptr<const PinnedPeer> pinned)
       : socket_(std::move(socket)),
         uid_(uid),
         state_(std::move(state)),
+        pinned_(std::move(pinned)),
         decoder_(state_->limits.maxFrameLength),
         resume_(socket_.get_executor()),
         lastActivity_(Clock::now()) {
@@ -214,7 +224,11 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     std::shared_ptr<PeerSocketIdentity> sender;
     // Descriptors a client passes are closed even on the last, empty read.
     if (state_->judgeSenders || message.msg_controllen > 0) {
-      sender = PeerSocketIdentity::fromControl(message);
+      sender = PeerSocketIdentity::fromControl(message, pinned_);
+      // Kept until the next read has its own: while one pidfd of a process
+      // stays open the kernel hands out the next one cheaply, where closing
+      // the last makes it build the next afresh (about 8 us per message).
+      lastSender_ = sender;
     }
     if (n == 0) return 0;
     lastRead_ = lastActivity_ = Clock::now();
@@ -237,7 +251,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     for (std::size_t i = 0; i < payloads.size(); ++i) {
       PendingMessage pending;
       try {
-        pending.envelope = Transport::decodeEnvelope(payloads[i]);
+        pending.envelope = Transport::decodeEnvelope(std::move(payloads[i]));
       } catch (const TransportError&) {
         return false;
       }
@@ -309,7 +323,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     --state_->answering;
     if (closed_) return;
     const bool idle = outbox_.empty();
-    outbox_.push_back(Transport::encodeFrame({id, false, response}));
+    outbox_.push_back(Transport::encodeReplyFrame(id, response));
     outboxBytes_ += outbox_.back().size();
     if (idle) lastWrite_ = Clock::now();
     if (state_->inTransaction) {
@@ -324,20 +338,36 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     wake();
   }
 
-  // Opens a shared transaction when another request is already being
-  // handled: under load, rows go to disk together.
+  // Opens a shared transaction when another request was handled in this
+  // turn of the loop or the one before, or is still being handled: under
+  // load, rows go to disk together. A lone client's request is always the
+  // first of its turn, after a turn of one.
   void beginGroupIfBusy() {
-    if (!state_->auditDb || state_->inTransaction || state_->answering == 0) return;
+    if (!state_->auditDb) return;
+    ++state_->turnRequests;
+    if (!state_->turnOpen) {
+      state_->turnOpen = true;
+      asio::post(socket_.get_executor(), [state = state_] { endTurn(state); });
+      if (state_->answering == 0 && !state_->lastTurnBusy) return;
+    }
+    if (state_->inTransaction) return;
     if (!state_->auditDb->exec("BEGIN")) return;
     state_->inTransaction = true;
     state_->commitPasses = 0;
-    asio::post(socket_.get_executor(), [state = state_] { commitGroup(state); });
+  }
+
+  static void endTurn(const std::shared_ptr<ServerState>& state) {
+    state->turnOpen = false;
+    state->lastTurnBusy = state->turnRequests > 1;
+    state->turnRequests = 0;
+    if (state->inTransaction) commitGroup(state);
   }
 
   // Commits once the requests handled together have written their rows (or
   // after a few turns of the loop, when some wait on long operations), then
   // lets the held replies go.
   static void commitGroup(const std::shared_ptr<ServerState>& state) {
+    if (!state->inTransaction) return;  // committed already by an earlier pass
     if (state->answering > 0 && state->commitPasses < 4) {
       ++state->commitPasses;
       asio::post(state->acceptorExecutor, [state] { commitGroup(state); });
@@ -396,8 +426,10 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   Local::socket socket_;
   const uid_t uid_;
   const std::shared_ptr<ServerState> state_;
+  const std::shared_ptr<const PinnedPeer> pinned_;  // the process that connected, when judged
   FrameDecoder decoder_;
   std::shared_ptr<PeerSocketIdentity> carrySender_;  // of the frame begun and not finished
+  std::shared_ptr<PeerSocketIdentity> lastSender_;   // of the last read
   std::deque<PendingMessage> pending_;
   std::size_t inFlight_ = 0;
   std::deque<std::string> outbox_;
@@ -564,7 +596,10 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
     }
     boost::system::error_code ignored;
     socket.non_blocking(true, ignored);
-    auto connection = std::make_shared<PeerConnection>(std::move(socket), peer.uid, state);
+    std::shared_ptr<const PinnedPeer> pinned;
+    if (state->judgeSenders) pinned = PinnedPeer::of(socket.native_handle(), peer.pid);
+    auto connection =
+        std::make_shared<PeerConnection>(std::move(socket), peer.uid, state, std::move(pinned));
     std::erase_if(connections, [](const auto& weak) { return weak.expired(); });
     connections.push_back(connection);
     asio::co_spawn(loop, PeerConnection::readLoop(connection), asio::detached);

@@ -20,11 +20,37 @@
 
 namespace tarskel {
 
+// The process that connected, pinned when the connection was accepted: its
+// /proc directory, opened while its pidfd (SO_PEERPIDFD) showed it alive, so
+// the directory stands for that process and never for a later holder of its
+// pid. A message whose sender has the pinned pid was written by the pinned
+// process if the directory still reads: that process then held the pid from
+// the pinning until now, so no other process could have had it when the
+// message was sent. The executable is then read through the directory, and
+// no liveness check is needed. Owns the descriptor; the pidfd is closed once
+// it has done its part, so a connection costs one descriptor more.
+struct PinnedPeer {
+  pid_t pid = 0;
+  int procDir = -1;
+
+  PinnedPeer() = default;
+  PinnedPeer(const PinnedPeer&) = delete;
+  PinnedPeer& operator=(const PinnedPeer&) = delete;
+  ~PinnedPeer();
+
+  // The peer of the accepted socket `socketFd`, whose SO_PEERCRED pid is
+  // `pid`; nothing when the kernel has no SO_PEERPIDFD, the pid is unknown,
+  // or the peer has already gone.
+  static std::shared_ptr<const PinnedPeer> of(int socketFd, pid_t pid);
+};
+
 class PeerSocketIdentity final : public DaemonMessageSender {
  public:
   // `pidfd` is owned (-1: none); `pid` 0 or less means no sender is known
   // (bytes of two senders in one frame, a sender in another pid namespace).
-  PeerSocketIdentity(pid_t pid, int pidfd) : pid_(pid), pidfd_(pidfd) {}
+  // `pinned` is the connection's pinned peer, if any.
+  PeerSocketIdentity(pid_t pid, int pidfd, std::shared_ptr<const PinnedPeer> pinned = nullptr)
+      : pid_(pid), pidfd_(pidfd), pinned_(std::move(pinned)) {}
   PeerSocketIdentity(const PeerSocketIdentity&) = delete;
   PeerSocketIdentity& operator=(const PeerSocketIdentity&) = delete;
   ~PeerSocketIdentity() override;
@@ -34,7 +60,8 @@ class PeerSocketIdentity final : public DaemonMessageSender {
   // SCM_RIGHTS never stays open here). Without a SCM_PIDFD the pidfd is
   // opened from the pid now, which a pid reused in between could defeat:
   // only kernels before 6.5 take that path.
-  static std::shared_ptr<PeerSocketIdentity> fromControl(msghdr& message);
+  static std::shared_ptr<PeerSocketIdentity> fromControl(
+      msghdr& message, const std::shared_ptr<const PinnedPeer>& pinned = nullptr);
 
   // Asks the socket to carry its senders' credentials and pidfds with every
   // message (set on the listener, accepted sockets inherit it); false when
@@ -43,6 +70,10 @@ class PeerSocketIdentity final : public DaemonMessageSender {
 
   // The guest code of the pid through `platform`; errSecCSNoSuchCode when
   // there is no pid or its process ended before the executable was read.
+  // Through the pinned peer's directory when the pid is the pinned one, the
+  // platform reads through it and the read succeeds; otherwise
+  // /proc/<pid>/exe, then the message's pidfd proves the pid still named the
+  // sender. Both give the same answer where both apply.
   CodeResult senderCode(const CodeSignPlatform& platform) const override;
 
   pid_t pid() const { return pid_; }
@@ -55,6 +86,7 @@ class PeerSocketIdentity final : public DaemonMessageSender {
  private:
   pid_t pid_;
   int pidfd_;
+  std::shared_ptr<const PinnedPeer> pinned_;  // kept only when its pid is pid_
 };
 
 // Control space for SCM_CREDENTIALS and SCM_PIDFD, with room for a client's

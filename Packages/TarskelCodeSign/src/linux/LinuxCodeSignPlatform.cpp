@@ -1,5 +1,6 @@
 #include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -39,11 +40,12 @@ struct LinuxRequirement final : CodeObject {
   std::string text;
 };
 
-// The target of a symbolic link such as /proc/<pid>/exe, or the errno.
-std::string readLink(const std::string& link, int& error) {
+// The target of a symbolic link such as /proc/<pid>/exe (relative to
+// `dir`, a directory descriptor, or AT_FDCWD), or the errno.
+std::string readLink(const char* link, int& error, int dir = AT_FDCWD) {
   std::string target(256, '\0');
   for (;;) {
-    ssize_t n = ::readlink(link.c_str(), target.data(), target.size());
+    ssize_t n = ::readlinkat(dir, link, target.data(), target.size());
     if (n < 0) {
       error = errno;
       return {};
@@ -95,11 +97,23 @@ CodeResult LinuxCodeSignPlatform::staticCodeForPath(const std::string& path) con
 CodeResult LinuxCodeSignPlatform::guestCodeForPid(std::int32_t pid) const {
   if (pid <= 0) return {errSecCSNoSuchCode, {}};
   int error = 0;
-  std::string exe = readLink("/proc/" + std::to_string(pid) + "/exe", error);
+  std::string exe = readLink(("/proc/" + std::to_string(pid) + "/exe").c_str(), error);
   // A zombie or a kernel thread has no executable; to us it is no code.
   if (error == ENOENT || error == ESRCH) return {errSecCSNoSuchCode, {}};
   if (error != 0) return {errSecCSGuestInvalid, {}};
   return {0, std::make_shared<LinuxRunningCode>(static_cast<pid_t>(pid), std::move(exe))};
+}
+
+std::optional<CodeResult> LinuxCodeSignPlatform::guestCodeInProcDirectory(int procDir,
+                                                                          std::int32_t pid) const {
+  if (procDir < 0 || pid <= 0) return CodeResult{errSecCSNoSuchCode, {}};
+  int error = 0;
+  // The directory stands for the process it was opened for, not for its
+  // number: once that process has gone (reaped or a zombie) "exe" is ENOENT.
+  std::string exe = readLink("exe", error, procDir);
+  if (error == ENOENT || error == ESRCH) return CodeResult{errSecCSNoSuchCode, {}};
+  if (error != 0) return CodeResult{errSecCSGuestInvalid, {}};
+  return CodeResult{0, std::make_shared<LinuxRunningCode>(static_cast<pid_t>(pid), std::move(exe))};
 }
 
 CodeResult LinuxCodeSignPlatform::guestCodeForPidfd(int pidfd) const {

@@ -4,6 +4,7 @@
 // finds nobody reading becomes the reader, handing every reply it reads to
 // the thread waiting for that id, until its own has come.
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -149,6 +150,13 @@ void DaemonXPCClient::Connection::readUntil(std::unique_lock<std::mutex>& lock, 
     char buffer[64 * 1024];
     ssize_t n;
     do {
+      // Wait for data with poll first: a thread asleep in recv() is woken
+      // each time the daemon takes a request off the socket (the kernel
+      // signals room to write on the same queue), and runs for nothing;
+      // poll wakes for data only. Shutdown (cancel) still wakes it.
+      pollfd ready{socket, POLLIN, 0};
+      while (::poll(&ready, 1, -1) < 0 && errno == EINTR) {
+      }
       n = ::recv(socket, buffer, sizeof buffer, 0);
     } while (n < 0 && errno == EINTR);
     const int error = errno;

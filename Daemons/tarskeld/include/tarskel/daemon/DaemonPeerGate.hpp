@@ -11,6 +11,14 @@
 // (CodeSignPlatform, the system's own unless a test build hands in a fake).
 // It never fails.
 //
+// Nothing is cached: every message is judged from its own sender, and no
+// verdict, nor the result of a signature check keyed by the executable
+// file's identity, outlives the message (a peer may exec another program
+// between two messages; on macOS the check reads the file by path, so an
+// identity read through a descriptor would not be tied to the bytes
+// checked). Only the transport's way to the sender is made cheap (Linux:
+// docs/security.md, "The socket and the sender").
+//
 // Threads: a DaemonPeerGate is an immutable value, copied into each
 // connection's handler; verdict() may run on any thread, and blocks while the
 // platform reads files and checks signatures.

@@ -85,6 +85,9 @@ class DaemonEventLoop {
 
   boost::asio::any_io_executor executor() { return context_.get_executor(); }
 
+  // The loop's one thread: whatever serialises on executor() runs there.
+  std::thread::id threadId() const { return thread_.get_id(); }
+
  private:
   boost::asio::io_context context_{1};
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
@@ -126,9 +129,12 @@ class DaemonXPCServer {
   // Lets the audit rows of requests handled together (several clients at
   // once) share one transaction of `auditDatabase`, the audit store's own
   // database: each reply then waits for the commit of the transaction that
-  // may hold its row, so no reply ever leaves before its row is stored. A
-  // lone request writes its row on its own, as before. Call before start();
-  // the database must be used on the server's loop only. macOS: no effect.
+  // may hold its row, so no reply ever leaves before its row is stored.
+  // Requests handled together are those of one turn of the loop (the
+  // clients that were ready at once): the first of a turn writes its row on
+  // its own and answers at once, so a lone client never waits for a group.
+  // Call before start(); the database must be used on the server's loop
+  // only. macOS: no effect.
   void groupAuditCommits(std::shared_ptr<SQLiteDatabase> auditDatabase);
 
   // Where clients reach the server: the socket path on Linux (the adopted

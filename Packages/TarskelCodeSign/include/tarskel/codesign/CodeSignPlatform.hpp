@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -103,6 +104,17 @@ class CodeSignPlatform {
   // guestCodeForPid(origin.pid).
   virtual CodeResult senderCode(const MessageOrigin& origin) const {
     return guestCodeForPid(origin.pid);
+  }
+
+  // The running code of the process whose /proc directory `procDir` is (a
+  // descriptor of it, Linux), read through that descriptor: a process that
+  // has gone fails there (errSecCSNoSuchCode) and is never mistaken for one
+  // that took its pid since. `pid` is that process's id. Nothing when the
+  // platform has no such way (macOS, a test's fake): the caller then goes by
+  // guestCodeForPid and proves the pid itself.
+  virtual std::optional<CodeResult> guestCodeInProcDirectory(int /*procDir*/,
+                                                             std::int32_t /*pid*/) const {
+    return std::nullopt;
   }
 
   // SecCodeCopyStaticCode(running code, flags 0): the code on disk behind it.

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "tarskel/codesign/CodeSignError.hpp"
@@ -44,6 +45,13 @@ struct CodeSignVerifier {
   static std::string check(const CodeObject& code, std::string_view path,
                            const std::vector<std::string>& allowedTeamIds,
                            const CodeSignPlatform& platform);
+
+  // check() without the throw, for a caller on a hot path that turns the
+  // failure into a value anyway (the daemon's gate, once per message): the
+  // team on success, otherwise the very CodeSignError check() would throw.
+  static std::variant<std::string, CodeSignError> judge(
+      const CodeObject& code, std::string_view path, const std::vector<std::string>& allowedTeamIds,
+      const CodeSignPlatform& platform);
 
   // The file at `at`: failing to make its static code (nonzero status or no
   // object) is signatureInvalid(<path>, status); otherwise check() under the

@@ -23,6 +23,8 @@ class LinuxCodeSignPlatform final : public CodeSignPlatform {
  public:
   CodeResult staticCodeForPath(const std::string& path) const override;
   CodeResult guestCodeForPid(std::int32_t pid) const override;
+  // readlinkat(procDir, "exe"): no liveness check is needed afterwards.
+  std::optional<CodeResult> guestCodeInProcDirectory(int procDir, std::int32_t pid) const override;
   CodeResult staticCodeOf(const CodeObject& runningCode) const override;
   CodeRef compileRequirement(std::string_view text) const override;
   OSStatus checkValidity(const CodeObject& staticCode, std::uint32_t flags,

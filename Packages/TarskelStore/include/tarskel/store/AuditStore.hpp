@@ -34,6 +34,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "tarskel/protocol/base/Date.hpp"
@@ -109,6 +110,13 @@ class AuditStore {
 
   AuditStore(const AuditStore&) = delete;
   AuditStore& operator=(const AuditStore&) = delete;
+
+  // Tells the store that the executor it was given is run by `thread` alone
+  // (a one-thread event loop). A record() awaited on that thread then writes
+  // its row at once, without the hop through the strand and back: every
+  // handler of the strand runs on that thread too, so none can be running
+  // meanwhile. Call before the first asynchronous call.
+  void serialisedByThread(std::thread::id thread) { owner_ = thread; }
 
   // Appends one row and returns its hash. Never fails: when the insert does
   // not reach the file the error is dropped and the head still moves to the
@@ -191,6 +199,7 @@ class AuditStore {
   boost::asio::strand<boost::asio::any_io_executor> strand_;
   Clock now_;
   std::string lastHash_;
+  std::thread::id owner_;  // the one thread the strand's executor runs on, if known
 };
 
 }  // namespace tarskel

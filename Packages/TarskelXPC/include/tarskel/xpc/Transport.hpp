@@ -59,9 +59,15 @@ std::string encodeEnvelope(const TransportEnvelope& envelope);
 
 // Reads one frame payload; throws TransportError.
 TransportEnvelope decodeEnvelope(std::string_view payload);
+// The same, taking the body out of `payload`'s own storage (no copy).
+TransportEnvelope decodeEnvelope(std::string&& payload);
 
 // The whole frame of an envelope: Framing::encode(encodeEnvelope(e)).
 std::string encodeFrame(const TransportEnvelope& envelope);
+
+// The frame of a reply carrying `response`: the bytes of
+// encodeFrame({id, false, response}), built in one allocation.
+std::string encodeReplyFrame(std::uint64_t id, std::string_view response);
 
 }  // namespace Transport
 
