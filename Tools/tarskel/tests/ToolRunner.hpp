@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <map>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -103,33 +102,5 @@ class ToolFiles : public ::testing::Test {
 
   TempDirectory scratch{"tarskel-tool"};
 };
-
-// Until every file reads its cases from text tables.
-inline std::string readWhole(const fs::path& p) { return readFile(p); }
-inline std::string shellQuote(const std::string& s) { return quote(s); }
-struct Expected {
-  Expected(std::vector<std::string> a, int code, std::string e,
-           std::optional<std::string> o = std::nullopt, std::string in = "")
-      : args(std::move(a)),
-        exitCode(code),
-        err(std::move(e)),
-        out(std::move(o)),
-        input(std::move(in)) {}
-  std::vector<std::string> args;
-  int exitCode;
-  std::string err;
-  std::optional<std::string> out;
-  std::string input;
-};
-inline void expectRuns(const std::vector<Expected>& cases) {
-  for (const Expected& c : cases) {
-    const ToolRun run = runTool(c.args, c.input);
-    EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
-    if (c.out) {
-      EXPECT_EQ(run.out, *c.out);
-    }
-    EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
-  }
-}
 
 }  // namespace tarskel::tool::testing
