@@ -5,16 +5,22 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <optional>
+#include <map>
+#include <sstream>
 #include <string>
-#include <utility>
+#include <string_view>
 #include <vector>
 
+#include "tarskel/testing/Table.hpp"
+#include "tarskel/testing/TempDirectory.hpp"
+
 namespace tarskel::tool::testing {
+
+namespace fs = std::filesystem;
+using tarskel::testing::readFile;
+using tarskel::testing::TempDirectory;
+using tarskel::testing::writeFile;
 
 struct ToolRun {
   int exitCode = -1;
@@ -22,20 +28,9 @@ struct ToolRun {
   std::string err;
 };
 
-inline std::string readWhole(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-inline std::string shellQuote(const std::string& s) {
+inline std::string quote(const std::string& s) {
   std::string out = "'";
-  for (char c : s) {
-    if (c == '\'') {
-      out += "'\\''";
-    } else {
-      out += c;
-    }
-  }
+  for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return out + "'";
 }
 
@@ -43,61 +38,69 @@ inline std::string shellQuote(const std::string& s) {
 // standard output goes to `stdoutTo` when given (then `out` stays empty).
 inline ToolRun runShell(const std::string& command, const std::string& input = "",
                         const std::string& stdoutTo = "") {
-  namespace fs = std::filesystem;
-  static int counter = 0;
-  const fs::path dir = fs::temp_directory_path() / ("tarskel-tool-" + std::to_string(::getpid()) +
-                                                    "-" + std::to_string(counter++));
-  fs::create_directories(dir);
-  std::ofstream(dir / "in", std::ios::binary) << input;
-  const int status = std::system((command + " <" + shellQuote((dir / "in").string()) + " >" +
-                                  shellQuote(stdoutTo.empty() ? (dir / "out").string() : stdoutTo) +
-                                  " 2>" + shellQuote((dir / "err").string()))
-                                     .c_str());
-  ToolRun run;
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  run.out = readWhole(dir / "out");
-  run.err = readWhole(dir / "err");
-  fs::remove_all(dir);
-  return run;
+  const TempDirectory io("tarskel-tool-io");
+  writeFile(io.file("in"), input);
+  const std::string out = stdoutTo.empty() ? io.file("out").string() : stdoutTo;
+  const int status = std::system(
+      (command + " <" + quote(io.file("in")) + " >" + quote(out) + " 2>" + quote(io.file("err")))
+          .c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, stdoutTo.empty() ? readFile(out) : "",
+          readFile(io.file("err"))};
 }
 
-// Runs `tarskel args...` the same way.
 inline ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "",
                        const std::string& stdoutTo = "") {
-  std::string command = shellQuote(TARSKEL_TOOL_PATH);
-  for (const auto& a : args) command += " " + shellQuote(a);
+  std::string command = quote(TARSKEL_TOOL_PATH);
+  for (const auto& a : args) command += " " + quote(a);
   return runShell(command, input, stdoutTo);
 }
 
-// One run of the tool and what it must give.
-struct Expected {
-  Expected(std::vector<std::string> a, int code, std::string e,
-           std::optional<std::string> o = std::nullopt, std::string in = "")
-      : args(std::move(a)),
-        exitCode(code),
-        err(std::move(e)),
-        out(std::move(o)),
-        input(std::move(in)) {}
-
-  std::vector<std::string> args;
-  int exitCode;
-  std::string err;                 // a part of standard error
-  std::optional<std::string> out;  // all of standard output, when given
-  std::string input;
-};
-
-inline void expectRuns(const std::vector<Expected>& cases) {
-  for (const Expected& c : cases) {
-    std::string line;
-    for (const auto& a : c.args) line += a + " ";
-    SCOPED_TRACE(line);
-    const ToolRun run = runTool(c.args, c.input);
-    EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
-    if (c.out) {
-      EXPECT_EQ(run.out, *c.out);
+// Runs each row of `table`, "ARGS | EXIT CODE", then optionally " | a part of
+// standard error", " | all of standard output" and " | standard input". In
+// every cell "\n" stands for a newline and then each key of `vars` for its
+// value; ARGS are then cut at spaces. A cell or argument written '' is empty.
+inline void expectRuns(std::string_view table,
+                       const std::map<std::string, std::string>& vars = {}) {
+  const auto expand = [&](std::string s) {
+    if (s == "''") return std::string();
+    for (auto at = s.find("\\n"); at != std::string::npos; at = s.find("\\n", at + 1))
+      s.replace(at, 2, "\n");
+    for (const auto& [key, value] : vars) {
+      for (auto at = s.find(key); at != std::string::npos; at = s.find(key, at + value.size()))
+        s.replace(at, key.size(), value);
     }
-    EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
+    return s;
+  };
+  for (const tarskel::testing::Row& row : tarskel::testing::rows(table)) {
+    SCOPED_TRACE(row.line);
+    std::vector<std::string> args;
+    std::istringstream words(expand(row[0]));
+    for (std::string word; words >> word;) args.push_back(word == "''" ? "" : word);
+    const ToolRun run = runTool(args, row.cells.size() > 4 ? expand(row[4]) : "");
+    EXPECT_EQ(run.exitCode, std::stoi(row[1])) << run.err;
+    if (row.cells.size() > 2) {
+      EXPECT_NE(run.err.find(expand(row[2])), std::string::npos) << run.err;
+    }
+    if (row.cells.size() > 3) {
+      EXPECT_EQ(run.out, expand(row[3]));
+    }
   }
 }
+
+// A fresh directory for each test.
+class ToolFiles : public ::testing::Test {
+ protected:
+  std::string path(const std::string& name) const { return scratch.file(name).string(); }
+  std::string write(const std::string& name, std::string_view content) const {
+    writeFile(scratch.file(name), content);
+    return path(name);
+  }
+  // Runs SQL on `db` through the sqlite3 shell, outside our own code.
+  static void sql(const std::string& db, const std::string& text) {
+    ASSERT_EQ(std::system(("sqlite3 " + quote(db) + " " + quote(text)).c_str()), 0) << text;
+  }
+
+  TempDirectory scratch{"tarskel-tool"};
+};
 
 }  // namespace tarskel::tool::testing
