@@ -150,7 +150,6 @@ TEST(DaemonXPCClientTest, WhatARepliesBodyTurnsInto) {
   };
   const std::vector<Case> cases = {
       {"absent response key", std::nullopt, true},
-      {"zero bytes", "", false},
       {"not a response", "[1]", false},
   };
   for (const Case& c : cases) {
