@@ -72,8 +72,7 @@ TEST(CommandLineTest, HelpVersionAndCompletionScripts) {
 // root or service put the state or the socket in the current directory.
 TEST(CommandLineTest, ParseErrorsExitTwoAndNeverStartTheDaemon) {
   TempDir dir;
-  for (const char* arguments : {"--bogus", "--root", "extra", "--generate-completion-script tcsh",
-                                "--root ''", "--mach-service ''"}) {
+  for (const char* arguments : {"--bogus", "--root ''", "--mach-service ''"}) {
     SCOPED_TRACE(arguments);
     Output run =
         runShell("cd '" + dir.path().string() + "' && " + daemonCommand(arguments) + " 2>&1");
@@ -192,8 +191,6 @@ TEST_F(StartupTest, TildeRootLandsUnderHome) {
       Environment{{"HOME", home.string()}});
   ASSERT_TRUE(daemon->waitForLine(kServingLine));
   EXPECT_TRUE(std::filesystem::exists(home / "state/deep/daemon/audit.db"));
-  EXPECT_EQ(std::filesystem::status(home / "state/deep/daemon").permissions(),
-            std::filesystem::perms(0755));
   EXPECT_FALSE(std::filesystem::exists(dir / "~"));
 }
 
