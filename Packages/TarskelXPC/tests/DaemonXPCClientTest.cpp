@@ -64,10 +64,6 @@ class ScriptedDaemon {
               static_cast<ssize_t>(frame.size()));
   }
 
-  static void replyWith(int fd, std::uint64_t id, const DaemonResponse& response) {
-    reply(fd, id, TarskelJSON::encoder().encode(response));
-  }
-
   std::vector<TransportEnvelope> received() {
     std::lock_guard lock(mutex_);
     return received_;
@@ -114,10 +110,11 @@ DaemonRequest infoRequest() { return {"daemon.info", {}, std::nullopt, std::null
 // Answers each request with its own op as the result; refuses "refuse".
 void echoOp(ScriptedDaemon&, int fd, const TransportEnvelope& e) {
   auto request = TarskelJSON::decoder().decode<DaemonRequest>(*e.body);
-  ScriptedDaemon::replyWith(fd, e.id,
-                            request.op == "refuse"
-                                ? DaemonResponse::failure(DaemonWireError::unknownOp("refuse"))
-                                : DaemonResponse::success(JSONValue(request.op)));
+  ScriptedDaemon::reply(
+      fd, e.id,
+      TarskelJSON::encoder().encode(
+          request.op == "refuse" ? DaemonResponse::failure(DaemonWireError::unknownOp("refuse"))
+                                 : DaemonResponse::success(JSONValue(request.op))));
 }
 
 std::string transportText(const std::function<void()>& call) {
