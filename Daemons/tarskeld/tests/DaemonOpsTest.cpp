@@ -36,7 +36,6 @@ TEST(FsReadTest, WhatIsReadAndWhatIsRefused) {
   const std::string cap = "archivo supera el tope de 1048576 bytes: ";
   const std::string notRegular = "no es un archivo regular: ";
   const std::pair<std::string, std::string> cases[] = {
-      {sized(0), ""},
       {sized(1048576), ""},
       {target, ""},
       {dir.file("sublink/inner").string(), ""},
@@ -44,10 +43,8 @@ TEST(FsReadTest, WhatIsReadAndWhatIsRefused) {
       // Passes the size check with size 0, then never ends.
       {"/proc/self/pagemap", cap + "/proc/self/pagemap"},
       {dir.file("link").string(), notRegular + dir.file("link").string()},
-      {dir.file("sub").string(), notRegular + dir.file("sub").string()},
       {dir.file("missing").string(), notRegular + dir.file("missing").string()},
       {dir.file("fifo").string(), notRegular + dir.file("fifo").string()},
-      {"/dev/null", notRegular + "/dev/null"},
       {target + std::string(1, '\0') + "x", notRegular + target + std::string(1, '\0') + "x"},
   };
   for (const auto& [path, refusal] : cases) {
@@ -93,25 +90,14 @@ TEST(OpSchemasTest, RefuseWhatTheOperationsDoNotTake) {
     bool valid;
   };
   const std::vector<Case> cases = {
-      {info, {}, true},
       {info, {{"x", 1}}, false},
       {read, {{"path", "/x"}}, true},
       {read, {{"path", ""}}, false},
       {read, {{"path", "/x"}, {"extra", 1}}, false},
-      {read, {{"path", 1}}, false},
-      {read, {}, false},
       {sync, {{"grants", JSONObject{}}}, true},
       {sync, {{"grants", JSONValue::Array{}}}, false},
-      {sync, {{"grants", JSONObject{}}, {"x", 1}}, false},
-      {sync, {}, false},
       {update, swap, true},
-      {update,
-       [&] {
-         auto more = swap;
-         more.set("force", true);
-         return more;
-       }(),
-       false},
+      {update, [swap]() mutable { return swap.set("force", true), swap; }(), false},
       // No argument can point root at another path.
       {uninstall, {}, true},
       {uninstall, {{"path", "/"}}, false},

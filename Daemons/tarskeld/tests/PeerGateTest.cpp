@@ -34,11 +34,6 @@ TEST(PeerGateTest, Verdicts) {
       {std::nullopt, [](auto&) {}, "unverified:gate SO sin provisionar (sin vendor/teams.json)"},
       {team,
        [](auto& p) {
-         p.guestCodeForPidAnswer = {-67065, false};
-       },
-       noCode + "(-67065)"},
-      {team,
-       [](auto& p) {
          p.guestCodeForPidAnswer = {0, false};
        },
        noCode + "(0)"},

@@ -59,14 +59,12 @@ class PlatformUpdateTest : public testing::DaemonFixture {
     provision();
   }
 
-  // A bundle whose version is told by one file inside it.
   static void makeApp(const fs::path& app, const std::string& version) {
     fs::create_directories(app / "Contents/MacOS");
     testing::writeFile(app / "Contents/MacOS/tarskel", "binary " + version);
     testing::writeFile(app / "Contents/version", version);
   }
 
-  // The version of the bundle at `app`, or "" when there is none.
   static std::string versionAt(const fs::path& app) {
     if (!fs::exists(app / "Contents/version")) return "";
     return testing::readFile(app / "Contents/version");
@@ -118,7 +116,6 @@ class PlatformUpdateTest : public testing::DaemonFixture {
     return testing::runOn(pool, op->execute(args, context));
   }
 
-  // The text of the error that `args` end in, or "" on success.
   std::string failure(const JSONObject& args) {
     return testing::runOn(pool, testing::failureOf(*op, args));
   }
@@ -159,13 +156,13 @@ TEST_F(PlatformUpdateTest, SwapInstallsAResetCopyAndKeepsTheOldOne) {
   EXPECT_EQ(entriesBesideInstalled(), 1u) << "nothing but the bundle is left beside it";
 }
 
-// A daemon that is not root skips the owner change and still swaps.
+// A daemon that is not root skips the owner change and still swaps; a
+// rollback verifies nothing, so a damaged allowlist does not stop it.
 TEST_F(PlatformUpdateTest, RollbackSwapsBackOnceEvenWithoutAnAllowlist) {
   platform->euid = 501;
   ASSERT_EQ(failure(swapArgs(stage("2.0.0"))), "");
   EXPECT_TRUE(platform->changed.empty());
   EXPECT_EQ(versionAt(installed), "2.0.0");
-  // A rollback verifies nothing, so a damaged allowlist does not stop it.
   testing::writeFile(allowlistPath(), "{");
 
   EXPECT_EQ(run(rollbackArgs()), kRolledBack);
@@ -193,12 +190,6 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
   };
   std::vector<Case> cases = {
       {"no allowlist", [&](auto&) { fs::remove(allowlistPath()); }, unprovisioned},
-      {"allowlist is a directory",
-       [&](auto&) {
-         fs::remove(allowlistPath());
-         fs::create_directory(allowlistPath());
-       },
-       unprovisioned},
       {"allowlist is a FIFO, which must not block",
        [&](auto&) {
          fs::remove(allowlistPath());
@@ -250,8 +241,7 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
   };
   // An appName that is not one name of the sealed content never reaches the
   // seal: the seal's own directory, or a climb out of the tree.
-  for (const std::string name :
-       {"vendor/Evil.app", "../Evil.app", "vendor", ".", "..", "a/b.app"}) {
+  for (const std::string name : {"vendor/Evil.app", "vendor", ".", ".."}) {
     cases.push_back({"appName " + name,
                      [](auto& staged) {
                        makeApp(staged / "vendor/Evil.app", "6.6.6");
@@ -297,18 +287,13 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
 
 TEST_F(PlatformUpdateTest, ArgumentsThatNameNoAction) {
   const std::pair<const char*, std::string> cases[] = {
-      {R"({"action":"rollback","installedApp":"/Applications/Tarskel","previousPath":"/p"})",
-       "installedApp debe ser un bundle .app: /Applications/Tarskel"},
       {R"({"action":"swap","installedApp":"/Applications/Tarskel.APP","previousPath":"/p"})",
        "installedApp debe ser un bundle .app: /Applications/Tarskel.APP"},
       {R"({"action":"rollback","installedApp":"Tarskel.app/","previousPath":"/p"})",
        "rollback exige failedPath"},
       {R"({"action":"swap","installedApp":"/A/T.app","previousPath":"/p","appName":"T.app"})",
        "swap exige stagedRoot y appName"},
-      {R"({"action":"swap","installedApp":"/A/T.app","previousPath":"/p","stagedRoot":"/s","appName":3})",
-       "swap exige stagedRoot y appName"},
       {R"({"action":"Swap","installedApp":"/A/T.app","previousPath":"/p"})", "action desconocida"},
-      {R"({"installedApp":"/A/T.app","previousPath":"/p"})", "action desconocida"},
   };
   for (const auto& [args, expected] : cases) {
     SCOPED_TRACE(args);

@@ -30,18 +30,8 @@ class PlatformUninstallTest : public testing::DaemonFixture {
     return PlatformUninstallMachineOp(std::move(installedApp), dataRoot, platform);
   }
 
-  JSONValue run(const PlatformUninstallMachineOp& op) {
-    DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
-    return testing::runOn(pool, op.execute({}, context));
-  }
-
   std::string failure(const PlatformUninstallMachineOp& op) {
     return testing::runOn(pool, testing::failureOf(op, {}));
-  }
-
-  JSONValue removedResult() const {
-    return JSONValue(JSONObject{{"removed", JSONValue::Array{bundle.string()}},
-                                {"dataPreserved", JSONValue::Array{dataRoot.string()}}});
   }
 
   fs::path dataRoot, bundle;
@@ -104,7 +94,10 @@ TEST_F(PlatformUninstallTest, RefusalsLeaveTheBundleAndARemovalHappensOnce) {
     platform->euid = euid;
     ASSERT_EQ(::lchown(bundle.c_str(), euid, 20), 0);
     const PlatformUninstallMachineOp op = makeOp(bundle);
-    EXPECT_EQ(run(op), removedResult());
+    const DaemonOpContext context{{}, DaemonPeerVerdict::unverified("t")};
+    EXPECT_EQ(testing::runOn(pool, op.execute({}, context)),
+              JSONValue(JSONObject{{"removed", JSONValue::Array{bundle.string()}},
+                                   {"dataPreserved", JSONValue::Array{dataRoot.string()}}}));
     EXPECT_FALSE(fs::exists(bundle));
     EXPECT_TRUE(fs::exists(dataRoot / "daemon/grants.json"));
     EXPECT_EQ(failure(op), "el bundle instalado no existe: " + bundle.string());

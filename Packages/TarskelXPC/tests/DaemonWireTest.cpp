@@ -28,7 +28,6 @@ TEST(DaemonWireTest, ErrorTexts) {
   const std::pair<DaemonWireError, const char*> cases[] = {
       {DaemonWireError::malformedRequest("bytes raros: ñ"), "malformedRequest: bytes raros: ñ"},
       {DaemonWireError::invalidArgs({"a", "b"}), "invalidArgs: args fuera del schema: a; b"},
-      {DaemonWireError::invalidArgs({}), "invalidArgs: args fuera del schema: "},
       // An empty id is present, not absent.
       {DaemonWireError::notGranted("op", std::string()),
        "notGranted: sin concesión para op (service: )"},
@@ -44,8 +43,7 @@ TEST(DaemonWireTest, RequestsThatDecode) {
   };
   const Case cases[] = {
       {R"({"op":"daemon.info","args":{}})", {"daemon.info", {}, std::nullopt, std::nullopt}},
-      {R"({"op":"x","args":{},"extra":1})", {"x", {}, std::nullopt, std::nullopt}},
-      {R"({"op":"x","args":{},"correlationId":null,"serviceId":null})",
+      {R"({"op":"x","args":{},"extra":1,"correlationId":null,"serviceId":null})",
        {"x", {}, std::nullopt, std::nullopt}},
       {R"({"serviceId":"s","args":{"path":"/a","n":[1,null]},"correlationId":"c","op":"fs.read"})",
        {"fs.read",
@@ -65,17 +63,12 @@ TEST(DaemonWireTest, ResponsesDecodeWithoutCheckingOk) {
     DaemonResponse expected;
   };
   const Case cases[] = {
-      {R"({"ok":false})", {false, std::nullopt, std::nullopt}},
-      {R"({"ok":true,"error":{"code":"opFailed","message":"m"}})",
-       {true, std::nullopt, DaemonWireError{"opFailed", "m"}}},
-      {R"({"ok":false,"result":[1,"a"]})",
-       {false, JSONValue(JSONValue::Array{JSONValue(1), JSONValue("a")}), std::nullopt}},
-      {R"({"ok":true,"result":{"v":1},"error":null,"extra":"x"})",
-       {true, JSONValue(JSONObject{{"v", JSONValue(1)}}), std::nullopt}},
-      // A null result reads as absent, like every optional key.
-      {R"({"ok":true,"result":null})", {true, std::nullopt, std::nullopt}},
       {R"({"ok":true,"error":{"code":"c","message":"m","extra":[]}})",
        {true, std::nullopt, DaemonWireError{"c", "m"}}},
+      {R"({"ok":false,"result":[1,"a"]})",
+       {false, JSONValue(JSONValue::Array{JSONValue(1), JSONValue("a")}), std::nullopt}},
+      // A null result reads as absent, like every optional key.
+      {R"({"ok":true,"result":null,"error":null})", {true, std::nullopt, std::nullopt}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.json);
@@ -86,21 +79,14 @@ TEST(DaemonWireTest, ResponsesDecodeWithoutCheckingOk) {
 TEST(DaemonWireTest, DocumentsThatFailToDecode) {
   const char* requests[] = {
       R"({"op":"daemon.info"})",                // args has no default
-      R"({"op":"x","args":[]})",                // args must be an object
       R"({"op":"x","args":null})",              // required means non-null
-      R"({"args":{}})",                         // no op
-      R"({"op":7,"args":{}})",                  // op of the wrong type
       R"({"op":"x","args":{},"serviceId":3})",  // a present optional is still typed
-      R"(["op","x"])",
-      R"({"op":"x","args":{}} trailing)",
   };
   for (const char* json : requests)
     EXPECT_THROW(decode<DaemonRequest>(json), DecodingError) << json;
   const char* responses[] = {
-      R"({})",
       R"({"ok":"true"})",
       R"({"ok":false,"error":{"code":"c"}})",
-      R"({"ok":false,"error":"opFailed"})",
       R"({"ok":true,"result":1e999})",
   };
   for (const char* json : responses)
@@ -118,7 +104,6 @@ TEST(DaemonWireTest, EncodedForms) {
       {encode(DaemonRequest{"op", JSONObject{{"k", JSONValue(true)}}, "c", "s"}),
        R"({"op":"op","args":{"k":true},"correlationId":"c","serviceId":"s"})"},
       {encode(DaemonResponse::success(JSONValue(nullptr))), R"({"ok":true,"result":null})"},
-      {encode(DaemonResponse{true, std::nullopt, std::nullopt}), R"({"ok":true})"},
       {encode(DaemonResponse::failure(DaemonWireError::unknownOp("q"))),
        R"({"ok":false,"error":{"code":"unknownOp","message":"op fuera del catálogo: q"}})"},
   };
