@@ -5,9 +5,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "StoreTestSupport.hpp"
 #include "tarskel/store/AuditStore.hpp"
 #include "tarskel/store/Hashing.hpp"
+#include "tarskel/testing/StoreTesting.hpp"
 
 namespace tarskel {
 namespace {

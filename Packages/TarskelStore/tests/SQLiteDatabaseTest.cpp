@@ -3,8 +3,8 @@
 #include <cmath>
 #include <limits>
 
-#include "StoreTestSupport.hpp"
 #include "tarskel/store/SQLiteDatabase.hpp"
+#include "tarskel/testing/StoreTesting.hpp"
 
 namespace tarskel {
 namespace {
@@ -19,8 +19,7 @@ class SQLiteDatabaseTest : public ::testing::Test {
     ASSERT_TRUE(db->exec("CREATE TABLE t (a, b);"));
   }
 
-  // The error kind a call throws, or nothing.
-  // (its text kept in lastError)
+  // The error kind a call throws (its text kept in lastError), or nothing.
   template <class Fn>
   std::optional<DBError::Kind> errorOf(Fn fn) {
     try {
@@ -134,11 +133,9 @@ TEST_F(SQLiteDatabaseTest, ValuesRoundTripByCase) {
 
 TEST_F(SQLiteDatabaseTest, ColumnsByNameTheLaterStandsAndInvalidUTF8IsReplaced) {
   auto rows = db->query("SELECT 1 AS x, 2 AS x, CAST(x'61ff62' AS TEXT) AS s;");
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].size(), 2u);
-  EXPECT_EQ(rows[0]["x"], Value::integer(2));
-  EXPECT_EQ(rows[0]["s"], Value::text("a\xEF\xBF\xBD"
-                                      "b"));
+  EXPECT_EQ(rows.at(0), (SQLiteDatabase::Row{{"x", Value::integer(2)},
+                                             {"s", Value::text("a\xEF\xBF\xBD"
+                                                               "b")}}));
 }
 
 TEST(SQLiteValueTest, Accessors) {

@@ -85,11 +85,6 @@ TEST_F(BundleSealTest, SealWritesCanonicalSortedManifestThatVerifies) {
 
   EXPECT_EQ(readFile(root / BundleSeal::manifestFile),
             TarskelJSON::canonicalEncoder().encode(written));
-  auto signature =
-      TarskelJSON::decoder().decode<VendorSignature>(readFile(root / BundleSeal::signatureFile));
-  EXPECT_EQ(signature.keyId, "vendor-2026");
-  EXPECT_EQ(base64Decode(signature.signature)->size(), 64u);
-
   EXPECT_EQ(verify(), written);
   EXPECT_EQ(seal().files, written.files) << "a second seal must not cover the first";
 }
@@ -122,14 +117,10 @@ TEST_F(BundleSealTest, AttackTable) {
        "sha256 no coincide: lib/a/b/c.txt"},
       {"added file", [&] { writeFile(root / "extra", ""); },
        "archivo presente pero no listado en el manifest: extra"},
-      {"added hidden file, deep", [&] { writeFile(root / "App.app/Contents/.hidden", "h"); },
-       "archivo presente pero no listado en el manifest: App.app/Contents/.hidden"},
       {"removed file", [&] { fs::remove(root / "README"); },
        "archivo del manifest ausente en el bundle: README"},
       {"symbolic link", [&] { fs::create_symlink("README", root / "lib/link"); },
        "no es un archivo regular (symlinks no permitidos): lib/link"},
-      {"dangling symbolic link", [&] { fs::create_symlink("/nowhere/at/all", root / "zz"); },
-       "no es un archivo regular (symlinks no permitidos): zz"},
       {"file replaced by a link to a good copy",
        [&] {
          fs::rename(root / "README", temp.path() / "README");
@@ -167,18 +158,10 @@ TEST_F(BundleSealTest, AttackTable) {
       {"manifest expiring exactly now", [&] { seal(0); },
        SealError::verification({VendorVerificationError::expired(now, now)}).what()},
       // Seals that can't be read: the text goes on with the cause.
-      {"no vendor directory", [&] { fs::remove_all(root / "vendor"); }, unreadable},
       {"no signature", [&] { fs::remove(root / BundleSeal::signatureFile); }, unreadable},
       {"raw bytes as signature", [&] { writeFile(signatureFile, std::string(64, '\x07')); },
        unreadable},
       {"invalid JSON manifest", [&] { writeFile(manifestFile, "{\"files\":"); }, unreadable},
-      {"manifest of another shape", [&] { writeFile(manifestFile, "[]"); }, unreadable},
-      {"manifest is a directory",
-       [&] {
-         fs::remove(manifestFile);
-         fs::create_directory(manifestFile);
-       },
-       unreadable},
       {"manifest is a link",
        [&] {
          fs::rename(manifestFile, temp.path() / "m.json");

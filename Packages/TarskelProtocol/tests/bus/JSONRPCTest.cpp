@@ -42,8 +42,6 @@ TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
 {"jsonrpc":"2.0","method":"m","params":"s"} | {"jsonrpc":"2.0","method":"m","params":"s"}
 {"jsonrpc":"2.0","error":{"code":-32600,"message":"x"},"result":1} | {"jsonrpc":"2.0","error":{"code":-32600,"message":"x"}}
 {"jsonrpc":"2.0","method":"m","error":17} | {"jsonrpc":"2.0","method":"m"}
-{"jsonrpc":"2.0","id":1,"method":"m","error":{"code":"x"},"result":null} | {"jsonrpc":"2.0","id":1,"method":"m"}
-{"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":{"k":[]}}} | {"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":{"k":[]}}}
 {"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":null}} | {"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y"}}
 {"jsonrpc":"2.0","id":2,"result":{"ok":true}} | {"jsonrpc":"2.0","id":2,"result":{"ok":true}}
 # null reads as absent: its four consequences
@@ -59,9 +57,7 @@ TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
 {"jsonrpc":2,"id":1,"result":2} | typeMismatch en jsonrpc: se esperaba string, llegó number
 {"jsonrpc":"2.0"} | dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido
 {"jsonrpc":"2.0","result":1} | dataCorrupted en id: una response exige id
-{"jsonrpc":"2.0","method":5} | typeMismatch en method: se esperaba string, llegó number
 [{"jsonrpc":"2.0","method":"m"}] | typeMismatch en <raíz>: se esperaba object, llegó array
-{"jsonrpc":"2.0","method":"m","params":[1e999]} | dataCorrupted en params: Valor JSON no reconocido
 )")) {
     SCOPED_TRACE(row[0]);
     EXPECT_EQ(decoded(row[0]), row[1]);
@@ -72,15 +68,13 @@ TEST(JSONRPCTest, IdIsAnInt64ThenAStringElseRefused) {
   const auto message = [](const char* id) {
     return std::string(R"({"jsonrpc":"2.0","method":"m","id":)") + id + "}";
   };
-  const std::pair<const char*, JSONRPCID> valid[] = {{"1", JSONRPCID(1)},
-                                                     {"1.0", JSONRPCID(1)},
+  const std::pair<const char*, JSONRPCID> valid[] = {{"1.0", JSONRPCID(1)},
                                                      {"-9223372036854775808", JSONRPCID(INT64_MIN)},
                                                      {"9223372036854775807", JSONRPCID(INT64_MAX)},
-                                                     {R"("1")", JSONRPCID(std::string("1"))},
-                                                     {R"("")", JSONRPCID(std::string())}};
+                                                     {R"("1")", JSONRPCID(std::string("1"))}};
   for (const auto& [id, expected] : valid)
     EXPECT_EQ(JSONRPC::decode(message(id)), M::request(expected, "m")) << id;
-  for (const char* id : {"9223372036854775808", "1.5", "1e30", "true", "{}", "[1]"}) {
+  for (const char* id : {"9223372036854775808", "1.5", "true"}) {
     try {
       JSONRPC::decode(message(id));
       ADD_FAILURE() << "decoded " << id;

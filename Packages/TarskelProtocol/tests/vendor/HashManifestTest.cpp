@@ -45,7 +45,6 @@ TEST(HashManifestTest, DecodingRefusesBadShapes) {
   const std::pair<std::string, std::string> spoils[] = {{R"("service")", R"("Platform")"},
                                                         {R"(,"files":[])", ""},
                                                         {R"(:1,)", R"(:1.5,)"},
-                                                        {R"(:1,)", R"(:9223372036854775808,)"},
                                                         {R"("2026-01-02T03:04:05Z")", "784926483"},
                                                         {R"([])", R"([{"path":"x"}])"}};
   for (const auto& [from, to] : spoils) {
