@@ -28,8 +28,6 @@ Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","p
 Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","primary":true,"services":[],"configEpochs":{},"sessionId":null,"metrics":null} | {"configEpochs":{},"deviceId":"d","platformVersion":"1","primary":true,"services":[],"ts":"2026-01-02T03:04:05Z"}
 Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","primary":true,"services":[],"configEpochs":{},"metrics":{}} | {"configEpochs":{},"deviceId":"d","metrics":{},"platformVersion":"1","primary":true,"services":[],"ts":"2026-01-02T03:04:05Z"}
 Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","primary":true,"configEpochs":{}} | -
-Heartbeat | {"deviceId":"d","platformVersion":"1","ts":"2026-01-02T03:04:05Z","services":[],"configEpochs":{}} | -
-Heartbeat | {"deviceId":"d","platformVersion":"1","primary":true,"ts":"2026-01-02T03:04:05.5Z","services":[],"configEpochs":{}} | -
 ServiceStatusReport | {"id":"a","version":"1","state":"running","recentRestarts":2,"cpuPercent":0} | {"cpuPercent":0,"id":"a","recentRestarts":2,"state":"running","version":"1"}
 ServiceStatusReport | {"id":"a","version":"1","state":"Running","recentRestarts":2} | -
 CCEvent | {"eventId":"e","deviceId":"d","ts":"2026-01-02T03:04:05Z","type":"x.custom","payload":[1]} | {"deviceId":"d","eventId":"e","payload":[1],"ts":"2026-01-02T03:04:05Z","type":"x.custom"}

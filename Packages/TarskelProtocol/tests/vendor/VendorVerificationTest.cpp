@@ -3,6 +3,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tarskel/protocol/base/Base64.hpp"
@@ -76,14 +77,11 @@ TEST_F(VendorVerificationTest, AcceptsAGoodSignatureOverTheBytesGiven) {
 // The first signature finding ends the check; its text is the system's own.
 TEST_F(VendorVerificationTest, SignatureFindingsStopAtTheFirst) {
   const VendorAllowlist usual = allowlist;
-  const std::string badSignature = "la firma no verifica bajo la clave 'vendor'";
+  const std::string bad = "la firma no verifica bajo la clave 'vendor'";
   const std::string malformed = "firma malformada (base64 inválido)";
-  const struct {
-    const char* name;
-    VendorSignature signature;
-    VendorAllowlist list;
-    std::string text;
-  } cases[] = {
+  const VendorSignature good = signedBy("vendor", kKey, data);
+  const auto list = [](std::vector<VendorKey> keys) { return VendorAllowlist{1, std::move(keys)}; };
+  const std::tuple<const char*, VendorSignature, VendorAllowlist, std::string> cases[] = {
       {"algorithm in capitals",
        {"vendor", "ED25519", ""},
        usual,
@@ -98,26 +96,17 @@ TEST_F(VendorVerificationTest, SignatureFindingsStopAtTheFirst) {
        {"vendor", "ed25519", base64Encode(kKey + "|") + "\n" + base64Encode(data)},
        usual,
        malformed},
-      {"public key not base64",
-       signedBy("vendor", kKey, data),
-       {1, {{"vendor", "a b="}}},
-       malformed},
-      {"public key of 31 bytes",
-       signedBy("vendor", kKey, data),
-       {1, {{"vendor", base64Encode(kKey.substr(1))}}},
-       badSignature},
-      {"signature by another key", signedBy("vendor", kOtherKey, data), usual, badSignature},
-      {"first of two equal ids decides",
-       signedBy("vendor", kOtherKey, data),
-       {1, {{"vendor", base64Encode(kKey)}, {"vendor", base64Encode(kOtherKey)}}},
-       badSignature},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    allowlist = c.list;
-    const auto findings = verify(data, c.signature);
+      {"public key not base64", good, list({{"vendor", "a b="}}), malformed},
+      {"public key of 31 bytes", good, list({{"vendor", base64Encode(kKey.substr(1))}}), bad},
+      {"signature by another key", signedBy("vendor", kOtherKey, data), usual, bad},
+      {"first of two equal ids decides", signedBy("vendor", kOtherKey, data),
+       list({{"vendor", base64Encode(kKey)}, {"vendor", base64Encode(kOtherKey)}}), bad}};
+  for (const auto& [name, signature, keys, text] : cases) {
+    SCOPED_TRACE(name);
+    allowlist = keys;
+    const auto findings = verify(data, signature);
     ASSERT_EQ(findings.size(), 1u);
-    EXPECT_EQ(findings[0].what(), c.text);
+    EXPECT_EQ(findings[0].what(), text);
   }
 }
 
