@@ -39,13 +39,8 @@ class SQLiteDatabaseTest : public ::testing::Test {
 };
 
 TEST_F(SQLiteDatabaseTest, OpeningFailuresAndReadOnlyOpening) {
-  try {
-    SQLiteDatabase missing(dir.file("no/such/dir/x.db"));
-    ADD_FAILURE() << "opened";
-  } catch (const DBError& e) {
-    EXPECT_EQ(e.kind(), DBError::Kind::open);
-    EXPECT_TRUE(std::string(e.what()).starts_with("sqlite open: ")) << e.what();
-  }
+  EXPECT_EQ(errorOf([&] { SQLiteDatabase(dir.file("no/such/dir/x.db")); }), DBError::Kind::open);
+  EXPECT_TRUE(lastError.starts_with("sqlite open: ")) << lastError;
   EXPECT_EQ(db->query("PRAGMA journal_mode;")[0]["journal_mode"], Value::text("wal"));
   EXPECT_THROW(SQLiteDatabase::openReadOnly(dir.file("absent.db")), DBError);
   EXPECT_FALSE(std::filesystem::exists(dir.file("absent.db")));

@@ -81,7 +81,8 @@ class FramePeer {
       boost::system::error_code ec;
       const std::size_t n = socket_.read_some(boost::asio::buffer(buffer), ec);
       if (ec) return "EOF";
-      for (auto& payload : decoder_.append(std::string_view(buffer, n))) pending_.push_back(payload);
+      for (auto& payload : decoder_.append(std::string_view(buffer, n)))
+        pending_.push_back(payload);
     }
     std::string next = pending_.front();
     pending_.erase(pending_.begin());
