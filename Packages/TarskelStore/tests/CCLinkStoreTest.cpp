@@ -88,8 +88,10 @@ TEST_F(CCLinkStoreTest, StoreAckKeepsTheNewestKeepLastEntries) {
     std::int64_t keepLast;
     const char* storedNow;
     std::set<std::string> left;
-  } cases[] = {{2, "new", {"b", "new"}},       {1, "new", {"new"}},           {0, "new", {}},
-               {-1, "new", {"a", "b", "new"}}, {3, "new", {"a", "b", "new"}}, {2, "a", {"b", "a"}}};
+  } cases[] = {{2, "new", {"b", "new"}},
+               {0, "new", {}},
+               {-1, "new", {"a", "b", "new"}},
+               {2, "a", {"b", "a"}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.keepLast) + " " + c.storedNow);
     ASSERT_TRUE(db->exec("DELETE FROM cc_cmd_dedupe"));

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <tuple>
 #include <unordered_set>
 #include <vector>
 
@@ -87,40 +88,30 @@ TEST(JSONRPCTest, IdsOfTheTwoKindsStayApart) {
   EXPECT_EQ(JSONRPCID(-42).description() + JSONRPCID("a \"b\"").description(), "-42a \"b\"");
 }
 
-// Each message, its bytes, and what those bytes decode to: itself, except
-// where a JSON null stands in an optional place.
+// Each message, its bytes, and what those bytes read back as: the same bytes,
+// except where a JSON null stands in an optional place.
 TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
-  struct Case {
-    M message;
-    const char* bytes;
-    std::optional<M> decoded;
-  };
-  const std::vector<Case> cases = {
+  const std::tuple<M, std::string, std::string> cases[] = {
       {M::request(1, "m", json(R"({"a":1})")),
-       R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":1}})",
-       M::request(1, "m", json(R"({"a":1})"))},
-      {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})",
-       M::request("a/b", "m")},
+       R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":1}})", "="},
+      {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})", "="},
       {M::notification("m", JSONValue(nullptr)), R"({"jsonrpc":"2.0","method":"m","params":null})",
-       M::notification("m")},
+       R"({"jsonrpc":"2.0","method":"m"})"},
       {M::response(INT64_MIN, JSONValue(nullptr)),
-       R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})", std::nullopt},
+       R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})",
+       "dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido"},
       {M::errorResponse(std::nullopt, {-32700, "x"}),
-       R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})",
-       M::errorResponse(std::nullopt, {-32700, "x"})},
+       R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})", "="},
       {M::errorResponse(9, {1, "y", JSONValue(true)}),
-       R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})",
-       M::errorResponse(9, {1, "y", JSONValue(true)})}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.bytes);
-    EXPECT_EQ(JSONRPC::encode(c.message), c.bytes);
+       R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})", "="}};
+  for (const auto& [message, bytes, readBack] : cases) {
+    SCOPED_TRACE(bytes);
+    EXPECT_EQ(JSONRPC::encode(message), bytes);
     // The record coding layer writes the same object.
-    EXPECT_EQ(JSONCoding<M>::encode(c.message), json(c.bytes));
-    if (c.decoded) {
-      EXPECT_EQ(JSONRPC::decode(c.bytes), *c.decoded);
-      EXPECT_EQ(JSONCoding<M>::decode(json(c.bytes), CodingPath()), *c.decoded);
-    } else {
-      EXPECT_THROW(JSONRPC::decode(c.bytes), DecodingError);
+    EXPECT_EQ(JSONCoding<M>::encode(message), json(bytes));
+    EXPECT_EQ(decoded(bytes), readBack == "=" ? bytes : readBack);
+    if (readBack == "=") {
+      EXPECT_EQ(JSONCoding<M>::decode(json(bytes), CodingPath()), message);
     }
   }
 }

@@ -139,17 +139,13 @@ TEST_F(VendorVerificationTest, CollectsEveryFindingInOrder) {
                                  VendorVerificationError::downgrade(11, 10)}));
 }
 
-// Texts with numbers and dates in them (the others are pinned above).
+// Dates in a text are cut to the second, before the epoch too.
 TEST(VendorVerificationErrorTest, Texts) {
   const Date expires = *parseISO8601("2026-01-02T03:04:05Z");
-  const std::pair<VendorVerificationError, const char*> cases[] = {
-      {VendorVerificationError::expired(Date{expires.secondsSinceReferenceDate + 0.9}, Date{-0.5}),
-       "manifest vencido: expiró 2026-01-02 03:04:05 +0000, ahora es 2000-12-31 23:59:59 +0000"},
-      {VendorVerificationError::downgrade(-1, INT64_MIN),
-       "anti-rollback: instalado monotonicVersion=-1, ofrecido -9223372036854775808"},
-      {VendorVerificationError::rotationNotNewer(4, 4),
-       "rotación no monotónica: revision vigente 4, ofrecida 4"}};
-  for (const auto& [error, text] : cases) EXPECT_STREQ(error.what(), text);
+  EXPECT_STREQ(
+      VendorVerificationError::expired(Date{expires.secondsSinceReferenceDate + 0.9}, Date{-0.5})
+          .what(),
+      "manifest vencido: expiró 2026-01-02 03:04:05 +0000, ahora es 2000-12-31 23:59:59 +0000");
 }
 
 class RotationTest : public VendorVerificationTest {
@@ -173,8 +169,6 @@ TEST_F(RotationTest, Outcomes) {
   } cases[] = {{"signed by the current key", rotation(2, "vendor", kKey), std::nullopt},
                {"equal revision, perfect signature", rotation(1, "vendor", kKey),
                 VendorVerificationError::rotationNotNewer(1, 1)},
-               {"lower revision", rotation(0, "vendor", kKey),
-                VendorVerificationError::rotationNotNewer(1, 0)},
                {"signed only by a key of the new list", rotation(2, "next", kOtherKey),
                 VendorVerificationError::unknownKey("next")},
                {"bad signature", rotation(2, "vendor", kOtherKey),
