@@ -30,34 +30,9 @@ using testing::callAsync;
 using testing::json;
 using testing::Outcome;
 
-HelloRequest helloFrom(std::string clientId, std::string version = "1.1.0") {
-  return HelloRequest{std::move(clientId), std::move(version), {"events", "traces"}, std::nullopt};
-}
+using testing::helloFrom;
 
-class BusConnectionTest : public ::testing::Test {
- protected:
-  void connect(HelloRequest hello = helloFrom("probe"),
-               BusServerHello offer = BusServerHello{{"events"}, nullptr}, BusLimits limits = {}) {
-    Local::socket a(pool.get_executor()), b(pool.get_executor());
-    asio::local::connect_pair(a, b);
-    client = BusConnection::client(std::move(a), std::move(hello), limits);
-    server = BusConnection::server(std::move(b), std::move(offer), limits);
-    server->handle(BusMethod::healthPing, [](const auto&) { return json(R"({"ok":true})"); });
-    server->onClose([this](const BusConnectionError& e) { serverClosed.set_value(e.reason()); });
-  }
-  void start() {
-    server->start();
-    client->start();
-  }
-  Outcome call(std::string method, BusConnection::Params params = std::nullopt) {
-    return await(callAsync(*client, std::move(method), std::move(params)));
-  }
-
-  asio::thread_pool pool{2};  // two threads, so that the connections' strands matter
-  std::shared_ptr<BusConnection> client;
-  std::shared_ptr<BusConnection> server;
-  std::promise<BusConnectionError::Reason> serverClosed;
-};
+class BusConnectionTest : public ::testing::Test, protected testing::BusPair {};
 
 TEST_F(BusConnectionTest, HelloOpensASessionAndCallsComeBack) {
   connect();

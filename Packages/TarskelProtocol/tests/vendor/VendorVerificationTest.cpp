@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -8,33 +7,16 @@
 
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/vendor/VendorVerification.hpp"
+#include "tarskel/testing/VendorTesting.hpp"
 
 namespace tarskel {
 namespace {
 
-using Kind = VendorVerificationError::Kind;
-
-// A signature is good when it reads "<publicKey>|<message>": enough to tell
-// which bytes and which key the verifier handed over.
-class FakeAlgorithm : public SignatureAlgorithm {
- public:
-  bool verify(std::string_view signature, std::string_view message,
-              std::string_view publicKey) const override {
-    ++calls;
-    return publicKey.size() == 32 &&
-           signature == std::string(publicKey) + "|" + std::string(message);
-  }
-  mutable std::atomic<int> calls{0};
-};
+const auto signedBy = testing::fakeSignature;
 
 const std::string kKey(32, 'K');
 const std::string kOtherKey(32, 'O');
 const Date kNow{800000000};
-
-VendorSignature signedBy(const std::string& keyId, const std::string& publicKey,
-                         std::string_view message) {
-  return {keyId, "ed25519", base64Encode(publicKey + "|" + std::string(message))};
-}
 
 class VendorVerificationTest : public ::testing::Test {
  protected:
@@ -44,9 +26,8 @@ class VendorVerificationTest : public ::testing::Test {
     return verification.verify(bytes, manifest, sig, allowlist, installed, allowDowngrade);
   }
 
-  std::shared_ptr<FakeAlgorithm> algorithm = std::make_shared<FakeAlgorithm>();
   int clockReads = 0;
-  VendorVerification verification{algorithm, [this] {
+  VendorVerification verification{std::make_shared<testing::FakeSignatureAlgorithm>(), [this] {
                                     ++clockReads;
                                     return kNow;
                                   }};

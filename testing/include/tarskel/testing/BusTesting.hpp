@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/thread_pool.hpp>
 #include <boost/asio/write.hpp>
 #include <chrono>
 #include <exception>
@@ -18,6 +20,7 @@
 #include <vector>
 
 #include "tarskel/protocol/bus/BusConnection.hpp"
+#include "tarskel/protocol/bus/BusMethod.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
 
@@ -93,6 +96,37 @@ class FramePeer {
   Socket socket_;
   FrameDecoder decoder_;
   std::vector<std::string> pending_;
+};
+
+inline HelloRequest helloFrom(std::string clientId, std::string version = "1.1.0") {
+  return HelloRequest{std::move(clientId), std::move(version), {"events", "traces"}, std::nullopt};
+}
+
+// A client and a server connection over a socket pair; the server answers
+// health.ping with {"ok":true} and reports how it closed.
+class BusPair {
+ protected:
+  void connect(HelloRequest hello = helloFrom("probe"),
+               BusServerHello offer = BusServerHello{{"events"}, nullptr}, BusLimits limits = {}) {
+    boost::asio::local::stream_protocol::socket a(pool.get_executor()), b(pool.get_executor());
+    boost::asio::local::connect_pair(a, b);
+    client = BusConnection::client(std::move(a), std::move(hello), limits);
+    server = BusConnection::server(std::move(b), std::move(offer), limits);
+    server->handle(BusMethod::healthPing, [](const auto&) { return json(R"({"ok":true})"); });
+    server->onClose([this](const BusConnectionError& e) { serverClosed.set_value(e.reason()); });
+  }
+  void start() {
+    server->start();
+    client->start();
+  }
+  Outcome call(std::string method, BusConnection::Params params = std::nullopt) {
+    return await(callAsync(*client, std::move(method), std::move(params)));
+  }
+
+  boost::asio::thread_pool pool{2};  // two threads, so that the connections' strands matter
+  std::shared_ptr<BusConnection> client;
+  std::shared_ptr<BusConnection> server;
+  std::promise<BusConnectionError::Reason> serverClosed;
 };
 
 }  // namespace tarskel::testing
