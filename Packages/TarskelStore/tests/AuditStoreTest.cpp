@@ -144,16 +144,6 @@ TEST_F(AuditStoreTest, ChainReportsOfACutTailAndFromASeq) {
   EXPECT_EQ(store->inspectChain(4).firstBreak->reason, "no row has this seq");
 }
 
-TEST_F(AuditStoreTest, ReopeningChainsToTheLastStoredRow) {
-  record("a");
-  std::string head = record("b");
-  reopen();
-  EXPECT_EQ(store->lastHash(), head);
-  record("c");
-  EXPECT_EQ(store->recentSync(1)[0].prevHash, head);
-  EXPECT_TRUE(store->verifyChainSync());
-}
-
 TEST_F(AuditStoreTest, RecentAndCorrelationListings) {
   for (int i = 0; i < 5; ++i) record("c" + std::to_string(i), i % 2 == 0 ? "even" : "odd");
   sql("INSERT INTO audit VALUES (NULL, 1.0, 'c', 't', 'o', 'ok', 1.0, 'odd', 'p', x'00');");
