@@ -5,9 +5,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "StoreTestSupport.hpp"
 #include "tarskel/store/AuditStore.hpp"
 #include "tarskel/store/Hashing.hpp"
+#include "tarskel/testing/StoreTesting.hpp"
 
 namespace tarskel {
 namespace {
@@ -142,16 +142,6 @@ TEST_F(AuditStoreTest, ChainReportsOfACutTailAndFromASeq) {
   EXPECT_TRUE(store->inspectChain(6).holds()) << "nothing issued after the head";
   sql("DELETE FROM audit WHERE seq = 4;");
   EXPECT_EQ(store->inspectChain(4).firstBreak->reason, "no row has this seq");
-}
-
-TEST_F(AuditStoreTest, ReopeningChainsToTheLastStoredRow) {
-  record("a");
-  std::string head = record("b");
-  reopen();
-  EXPECT_EQ(store->lastHash(), head);
-  record("c");
-  EXPECT_EQ(store->recentSync(1)[0].prevHash, head);
-  EXPECT_TRUE(store->verifyChainSync());
 }
 
 TEST_F(AuditStoreTest, RecentAndCorrelationListings) {

@@ -3,8 +3,8 @@
 #include <cmath>
 #include <limits>
 
-#include "StoreTestSupport.hpp"
 #include "tarskel/store/SQLiteDatabase.hpp"
+#include "tarskel/testing/StoreTesting.hpp"
 
 namespace tarskel {
 namespace {
@@ -19,8 +19,7 @@ class SQLiteDatabaseTest : public ::testing::Test {
     ASSERT_TRUE(db->exec("CREATE TABLE t (a, b);"));
   }
 
-  // The error kind a call throws, or nothing.
-  // (its text kept in lastError)
+  // The error kind a call throws (its text kept in lastError), or nothing.
   template <class Fn>
   std::optional<DBError::Kind> errorOf(Fn fn) {
     try {
@@ -40,13 +39,8 @@ class SQLiteDatabaseTest : public ::testing::Test {
 };
 
 TEST_F(SQLiteDatabaseTest, OpeningFailuresAndReadOnlyOpening) {
-  try {
-    SQLiteDatabase missing(dir.file("no/such/dir/x.db"));
-    ADD_FAILURE() << "opened";
-  } catch (const DBError& e) {
-    EXPECT_EQ(e.kind(), DBError::Kind::open);
-    EXPECT_TRUE(std::string(e.what()).starts_with("sqlite open: ")) << e.what();
-  }
+  EXPECT_EQ(errorOf([&] { SQLiteDatabase(dir.file("no/such/dir/x.db")); }), DBError::Kind::open);
+  EXPECT_TRUE(lastError.starts_with("sqlite open: ")) << lastError;
   EXPECT_EQ(db->query("PRAGMA journal_mode;")[0]["journal_mode"], Value::text("wal"));
   EXPECT_THROW(SQLiteDatabase::openReadOnly(dir.file("absent.db")), DBError);
   EXPECT_FALSE(std::filesystem::exists(dir.file("absent.db")));
@@ -112,14 +106,13 @@ TEST_F(SQLiteDatabaseTest, ValuesRoundTripByCase) {
   db->execute("INSERT INTO t VALUES (?, ?);", {Value::text("ñandú"), Value::integer(-7)});
   db->execute("INSERT INTO t VALUES (?, ?);", {Value::real(2.5), Value::null()});
   db->execute("INSERT INTO t VALUES (x'00ff', ?);", {Value::text(std::string("ab\0cd", 5))});
-  // A surplus parameter is dropped; an unbound one reads as NULL.
-  db->execute("INSERT INTO t VALUES (?, ?);", {Value::integer(1)});
+  // A surplus parameter is dropped.
   db->execute("INSERT INTO t VALUES (?, 0);", {Value::integer(2), Value::integer(99)});
   // execute runs only the first statement, exec runs them all.
   db->execute("INSERT INTO t VALUES (7, 7); INSERT INTO t VALUES (8, 8);");
-  EXPECT_EQ(count(), 6);
-  ASSERT_TRUE(db->exec("DELETE FROM t WHERE a = 8; DELETE FROM t WHERE a = 7;"));
   EXPECT_EQ(count(), 5);
+  ASSERT_TRUE(db->exec("DELETE FROM t WHERE a = 8; DELETE FROM t WHERE a = 7;"));
+  EXPECT_EQ(count(), 4);
 
   // A blob reads as null, and text ends at its first NUL.
   std::vector<std::pair<Value, Value>> got;
@@ -128,17 +121,14 @@ TEST_F(SQLiteDatabaseTest, ValuesRoundTripByCase) {
   EXPECT_EQ(got, (std::vector<std::pair<Value, Value>>{{Value::text("ñandú"), Value::integer(-7)},
                                                        {Value::real(2.5), Value::null()},
                                                        {Value::null(), Value::text("ab")},
-                                                       {Value::integer(1), Value::null()},
                                                        {Value::integer(2), Value::integer(0)}}));
 }
 
 TEST_F(SQLiteDatabaseTest, ColumnsByNameTheLaterStandsAndInvalidUTF8IsReplaced) {
   auto rows = db->query("SELECT 1 AS x, 2 AS x, CAST(x'61ff62' AS TEXT) AS s;");
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].size(), 2u);
-  EXPECT_EQ(rows[0]["x"], Value::integer(2));
-  EXPECT_EQ(rows[0]["s"], Value::text("a\xEF\xBF\xBD"
-                                      "b"));
+  EXPECT_EQ(rows.at(0), (SQLiteDatabase::Row{{"x", Value::integer(2)},
+                                             {"s", Value::text("a\xEF\xBF\xBD"
+                                                               "b")}}));
 }
 
 TEST(SQLiteValueTest, Accessors) {

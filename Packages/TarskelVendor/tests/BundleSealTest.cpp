@@ -10,6 +10,7 @@
 
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/Errors.hpp"
 #include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/VendorHashing.hpp"
@@ -85,25 +86,21 @@ TEST_F(BundleSealTest, SealWritesCanonicalSortedManifestThatVerifies) {
 
   EXPECT_EQ(readFile(root / BundleSeal::manifestFile),
             TarskelJSON::canonicalEncoder().encode(written));
-  auto signature =
-      TarskelJSON::decoder().decode<VendorSignature>(readFile(root / BundleSeal::signatureFile));
-  EXPECT_EQ(signature.keyId, "vendor-2026");
-  EXPECT_EQ(base64Decode(signature.signature)->size(), 64u);
-
   EXPECT_EQ(verify(), written);
   EXPECT_EQ(seal().files, written.files) << "a second seal must not cover the first";
 }
 
 // Each attack starts from a freshly sealed tree; the texts are the system's own.
+// The signature's own faults are VendorVerification's and Ed25519's tables;
+// here, that the seal hands over its exact bytes and the allowlist.
 TEST_F(BundleSealTest, AttackTable) {
   const fs::path manifestFile = root / BundleSeal::manifestFile;
   const fs::path signatureFile = root / BundleSeal::signatureFile;
   const std::string unreadable = "hash-manifest ilegible: ";
   const fs::path outside = temp.path() / "outside";
   writeFile(outside, "secret");
-  const auto resign = [&](const Ed25519KeyPair& key, bool lineBreak = false) {
-    VendorSignature sig = key.sign(readFile(root / BundleSeal::manifestFile));
-    if (lineBreak) sig.signature.insert(44, "\n");
+  const auto resign = [&](const Ed25519KeyPair& key) {
+    const VendorSignature sig = key.sign(readFile(root / BundleSeal::manifestFile));
     writeFile(root / BundleSeal::signatureFile, TarskelJSON::encoder().encode(sig));
   };
   const auto listAlso = [&](const std::string& path, const std::string& content) {
@@ -122,14 +119,10 @@ TEST_F(BundleSealTest, AttackTable) {
        "sha256 no coincide: lib/a/b/c.txt"},
       {"added file", [&] { writeFile(root / "extra", ""); },
        "archivo presente pero no listado en el manifest: extra"},
-      {"added hidden file, deep", [&] { writeFile(root / "App.app/Contents/.hidden", "h"); },
-       "archivo presente pero no listado en el manifest: App.app/Contents/.hidden"},
       {"removed file", [&] { fs::remove(root / "README"); },
        "archivo del manifest ausente en el bundle: README"},
       {"symbolic link", [&] { fs::create_symlink("README", root / "lib/link"); },
        "no es un archivo regular (symlinks no permitidos): lib/link"},
-      {"dangling symbolic link", [&] { fs::create_symlink("/nowhere/at/all", root / "zz"); },
-       "no es un archivo regular (symlinks no permitidos): zz"},
       {"file replaced by a link to a good copy",
        [&] {
          fs::rename(root / "README", temp.path() / "README");
@@ -154,31 +147,13 @@ TEST_F(BundleSealTest, AttackTable) {
        badSignature},
       {"signature from an unknown key", [&] { resign(Ed25519KeyPair("vendor-2026-b")); },
        "verificación vendor: keyId 'vendor-2026-b' no está en la allowlist vendor"},
-      {"signature from another key under the trusted id",
-       [&] { resign(Ed25519KeyPair("vendor-2026")); }, badSignature},
-      {"signature text with a line break", [&] { resign(pair, true); },
-       "verificación vendor: firma malformada (base64 inválido)"},
-      {"public key of 31 bytes",
-       [&] {
-         allowlist.keys[0].publicKey =
-             base64Encode(base64Decode(allowlist.keys[0].publicKey)->substr(1));
-       },
-       badSignature},
       {"manifest expiring exactly now", [&] { seal(0); },
        SealError::verification({VendorVerificationError::expired(now, now)}).what()},
       // Seals that can't be read: the text goes on with the cause.
-      {"no vendor directory", [&] { fs::remove_all(root / "vendor"); }, unreadable},
       {"no signature", [&] { fs::remove(root / BundleSeal::signatureFile); }, unreadable},
       {"raw bytes as signature", [&] { writeFile(signatureFile, std::string(64, '\x07')); },
        unreadable},
       {"invalid JSON manifest", [&] { writeFile(manifestFile, "{\"files\":"); }, unreadable},
-      {"manifest of another shape", [&] { writeFile(manifestFile, "[]"); }, unreadable},
-      {"manifest is a directory",
-       [&] {
-         fs::remove(manifestFile);
-         fs::create_directory(manifestFile);
-       },
-       unreadable},
       {"manifest is a link",
        [&] {
          fs::rename(manifestFile, temp.path() / "m.json");
@@ -298,13 +273,7 @@ TEST_F(BundleSealTest, SealRefusesWhatItCannotCoverAndLeavesNoSeal) {
       fs::create_symlink("/nowhere", root / name);
     else
       writeFile(root / name, "x");
-    try {
-      seal();
-      ADD_FAILURE() << "sealed";
-    } catch (const Error& e) {
-      EXPECT_EQ(e.what(), text);
-      EXPECT_EQ(dynamic_cast<const SealError*>(&e) != nullptr, name.starts_with("App"));
-    }
+    EXPECT_EQ(testing::thrownText([&] { seal(); }), text);
     EXPECT_FALSE(fs::exists(root / BundleSeal::manifestFile));
     fs::remove_all(root);
   }

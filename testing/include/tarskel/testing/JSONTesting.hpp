@@ -35,4 +35,15 @@ std::string decodingError(std::string_view text) {
   return "decoded";
 }
 
+// The canonical encoding of `text` read as a T, or the text of the
+// DecodingError that reading throws.
+template <class T>
+std::string reread(std::string_view text) {
+  try {
+    return canonical(decode<T>(text));
+  } catch (const DecodingError& e) {
+    return e.what();
+  }
+}
+
 }  // namespace tarskel::testing

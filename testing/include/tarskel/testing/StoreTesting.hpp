@@ -1,5 +1,8 @@
 #pragma once
 
+// Test support, shipped nowhere: store files in a fresh directory, and a
+// writer killed mid-stream.
+
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
