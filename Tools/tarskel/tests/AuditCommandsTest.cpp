@@ -185,7 +185,7 @@ TEST_F(AuditCommandsTest, TailOfAllRowsStreams) {
   const ToolRun count = runShell("(" + quote(TARSKEL_TOOL_PATH) + " audit tail -n -1 --db " +
                                  quote(db()) + " | wc -l)");
   EXPECT_EQ(std::stol(count.out), 300001);
-#ifndef __SANITIZE_ADDRESS__
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   // AddressSanitizer's shadow memory and quarantine swamp the figure.
   rusage usage{};
   getrusage(RUSAGE_CHILDREN, &usage);
