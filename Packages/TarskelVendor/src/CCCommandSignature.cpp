@@ -45,8 +45,12 @@ CCCommandSignatureError CCCommandSignatureError::expired(Date deadline, Date now
 std::optional<CCCommandSignature> CCCommandSignature::parse(std::string_view sig) {
   const std::size_t colon = sig.rfind(':');
   if (colon == std::string_view::npos || colon == 0) return std::nullopt;
-  std::optional<std::string> raw = base64Decode(sig.substr(colon + 1));
+  const std::string_view text = sig.substr(colon + 1);
+  std::optional<std::string> raw = base64Decode(text);
   if (!raw || raw->size() != kSignatureBytes) return std::nullopt;
+  // Set padding bits decode to the same bytes; refused, so that a command
+  // has one sig text only and text() gives it back as it came.
+  if (base64Encode(*raw) != text) return std::nullopt;
   return CCCommandSignature{std::string(sig.substr(0, colon)), std::move(*raw)};
 }
 

@@ -53,6 +53,10 @@ TEST_F(CCCommandSignatureTest, SignedCommandVerifiesUnderItsKeyAfterAWireRoundTr
 
 TEST_F(CCCommandSignatureTest, EachFaultOfTheSigHasItsRefusal) {
   const std::string good = command.sig.substr(3);
+  std::string loose = good;  // the same bytes, with a padding bit set
+  const std::string_view alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  loose[loose.size() - 3] = alphabet[alphabet.find(loose[loose.size() - 3]) ^ 1];
   const std::pair<std::string, Kind> cases[] = {
       {"ops:2026:" + good, Kind::badSignature},  // another listed key
       {"k1:" + base64Encode(std::string(64, 'x')), Kind::badSignature},
@@ -61,7 +65,8 @@ TEST_F(CCCommandSignatureTest, EachFaultOfTheSigHasItsRefusal) {
       {"k1", Kind::malformedSignature},
       {":" + good, Kind::malformedSignature},
       {"k1:" + good.substr(4), Kind::malformedSignature},
-      {"k1:" + good + "\n", Kind::malformedSignature}};
+      {"k1:" + good + "\n", Kind::malformedSignature},
+      {"k1:" + loose, Kind::malformedSignature}};
   for (const auto& [sig, kind] : cases) {
     CCCommand changed = command;
     changed.sig = sig;
