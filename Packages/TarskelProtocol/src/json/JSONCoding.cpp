@@ -53,12 +53,25 @@ bool holdsUnrepresentable(const JSONValue& v) {
 }  // namespace
 
 std::string CodingPath::toString() const {
-  if (kind_ == Kind::root) return {};
-  std::string prefix = parent_->toString();
-  if (kind_ == Kind::index) return prefix + "[" + std::to_string(index_) + "]";
-  if (!prefix.empty()) prefix += '.';
-  prefix.append(key_);
-  return prefix;
+  std::string out;
+  appendTo(out);
+  return out;
+}
+
+void CodingPath::appendTo(std::string& out) const {
+  if (parent_ != nullptr) parent_->appendTo(out);
+  switch (kind_) {
+    case Kind::root:
+      out.append(text_);
+      break;
+    case Kind::key:
+      if (named_ || !out.empty()) out += '.';
+      out.append(text_);
+      break;
+    case Kind::index:
+      out.append("[").append(std::to_string(index_)).append("]");
+      break;
+  }
 }
 
 DecodingError::DecodingError(Kind kind, const CodingPath& path, std::string debugDescription)

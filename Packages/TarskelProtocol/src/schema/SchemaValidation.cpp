@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "tarskel/protocol/json/JSONCoding.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/schema/SchemaNode.hpp"
 
@@ -25,53 +26,6 @@ namespace {
 // string may well match. Honest patterns backtrack little and stay far below
 // it even on long strings.
 constexpr std::int32_t kPatternTimeLimit = 100;
-
-// Where a value stands. Built on the stack while descending and turned into
-// text only when there is something to report, so a valid document costs no
-// string building.
-class ValuePath {
- public:
-  explicit ValuePath(std::string_view root) : text_(root) {}
-  ValuePath(const ValuePath& parent, std::string_view key)
-      : parent_(&parent), text_(key), kind_(Kind::member) {}
-  ValuePath(const ValuePath& parent, std::size_t index)
-      : parent_(&parent), index_(index), kind_(Kind::element) {}
-
-  std::string toString() const {
-    std::string out;
-    appendTo(out);
-    return out;
-  }
-
-  std::string member(std::string_view key) const {
-    std::string out = toString();
-    out.append(".").append(key);
-    return out;
-  }
-
- private:
-  enum class Kind { root, member, element };
-
-  void appendTo(std::string& out) const {
-    if (parent_ != nullptr) parent_->appendTo(out);
-    switch (kind_) {
-      case Kind::root:
-        out.append(text_);
-        break;
-      case Kind::member:
-        out.append(".").append(text_);
-        break;
-      case Kind::element:
-        out.append("[").append(std::to_string(index_)).append("]");
-        break;
-    }
-  }
-
-  const ValuePath* parent_ = nullptr;
-  std::string_view text_;
-  std::size_t index_ = 0;
-  Kind kind_ = Kind::root;
-};
 
 using Violations = std::vector<SchemaViolation>;
 
@@ -178,24 +132,24 @@ const SchemaNode* declaredProperty(const std::map<std::string, SchemaNode>& prop
   return nullptr;
 }
 
-void check(const SchemaNode& node, const JSONValue& value, const ValuePath& path, Violations& out);
+void check(const SchemaNode& node, const JSONValue& value, const CodingPath& path, Violations& out);
 
-void checkArray(const SchemaNode& node, const JSONValue::Array& elements, const ValuePath& path,
+void checkArray(const SchemaNode& node, const JSONValue::Array& elements, const CodingPath& path,
                 Violations& out) {
   if (!node.items) return;
   const SchemaNode& itemNode = node.items->value();
   for (std::size_t i = 0; i < elements.size(); ++i) {
-    ValuePath elementPath(path, i);
+    CodingPath elementPath(path, i);
     check(itemNode, elements[i], elementPath, out);
   }
 }
 
-void checkObject(const SchemaNode& node, const JSONObject& members, const ValuePath& path,
+void checkObject(const SchemaNode& node, const JSONObject& members, const CodingPath& path,
                  Violations& out) {
   if (node.required) {
     for (const std::string& name : *node.required) {
       if (!members.contains(name)) {
-        out.push_back({path.member(name), "required", "campo requerido ausente"});
+        out.push_back({CodingPath(path, name).toString(), "required", "campo requerido ausente"});
       }
     }
   }
@@ -204,15 +158,15 @@ void checkObject(const SchemaNode& node, const JSONObject& members, const ValueP
   const bool closed = node.additionalProperties == false;
   for (const auto& [key, member] : members) {
     if (const SchemaNode* declared = declaredProperty(*node.properties, key)) {
-      ValuePath memberPath(path, key);
+      CodingPath memberPath(path, key);
       check(*declared, member, memberPath, out);
     } else if (closed) {
-      out.push_back({path.member(key), "additionalProperties", "campo no declarado en el schema"});
+      out.push_back({CodingPath(path, key).toString(), "additionalProperties", "campo no declarado en el schema"});
     }
   }
 }
 
-void checkNumber(const SchemaNode& node, double number, const ValuePath& path, Violations& out) {
+void checkNumber(const SchemaNode& node, double number, const CodingPath& path, Violations& out) {
   if (node.minimum && number < *node.minimum) {
     out.push_back({path.toString(), "minimum",
                    formatNumberWithFraction(number) + " < mínimo " +
@@ -225,7 +179,7 @@ void checkNumber(const SchemaNode& node, double number, const ValuePath& path, V
   }
 }
 
-void checkString(const SchemaNode& node, const std::string& text, const ValuePath& path,
+void checkString(const SchemaNode& node, const std::string& text, const CodingPath& path,
                  Violations& out) {
   if (node.minLength || node.maxLength) {
     const std::int64_t length = graphemeLength(text);
@@ -259,7 +213,7 @@ void checkString(const SchemaNode& node, const std::string& text, const ValuePat
   }
 }
 
-void check(const SchemaNode& node, const JSONValue& value, const ValuePath& path, Violations& out) {
+void check(const SchemaNode& node, const JSONValue& value, const CodingPath& path, Violations& out) {
   if (node.type && !hasType(value, *node.type)) {
     out.push_back(
         {path.toString(), "type",
@@ -288,7 +242,7 @@ void check(const SchemaNode& node, const JSONValue& value, const ValuePath& path
 std::vector<SchemaViolation> SchemaNode::validate(const JSONValue& value,
                                                   std::string_view path) const {
   Violations out;
-  ValuePath root(path);
+  const CodingPath root = CodingPath::named(path);
   check(*this, value, root, out);
   return out;
 }

@@ -34,26 +34,35 @@
 
 namespace tarskel {
 
-// Where a value stands in the document being decoded. Non-owning: a path
-// refers to its parent and to the key's characters, and lives only on the
-// stack of one decode call.
+// Where a value stands in a document, for decoding errors and schema
+// findings alike. Non-owning: a path refers to its parent and to the key's
+// characters, and lives only on the stack of one decode or validation call;
+// text is built only when something is reported.
 class CodingPath {
  public:
+  // The document's own root: members print bare ("args.items[2].name").
   CodingPath() = default;
-  CodingPath(const CodingPath& parent, std::string_view key)
-      : parent_(&parent), key_(key), kind_(Kind::key) {}
-  CodingPath(const CodingPath& parent, std::size_t index)
-      : parent_(&parent), index_(index), kind_(Kind::index) {}
+  // A root with a caller's name ("$", "configSchema", or even ""): every
+  // member follows a dot, so "$.name" and, for an empty name, ".name".
+  static CodingPath named(std::string_view rootName) { return CodingPath(rootName); }
 
-  // "args.items[2].name"; the empty string at the root.
+  CodingPath(const CodingPath& parent, std::string_view key)
+      : parent_(&parent), text_(key), kind_(Kind::key), named_(parent.named_) {}
+  CodingPath(const CodingPath& parent, std::size_t index)
+      : parent_(&parent), index_(index), kind_(Kind::index), named_(parent.named_) {}
+
   std::string toString() const;
 
  private:
   enum class Kind { root, key, index };
+  explicit CodingPath(std::string_view rootName) : text_(rootName), named_(true) {}
+  void appendTo(std::string& out) const;
+
   const CodingPath* parent_ = nullptr;
-  std::string_view key_;
+  std::string_view text_;
   std::size_t index_ = 0;
   Kind kind_ = Kind::root;
+  bool named_ = false;
 };
 
 // Decoding failed. The text names the kind, the path and what was wrong:
