@@ -161,7 +161,8 @@ void checkObject(const SchemaNode& node, const JSONObject& members, const Coding
       CodingPath memberPath(path, key);
       check(*declared, member, memberPath, out);
     } else if (closed) {
-      out.push_back({CodingPath(path, key).toString(), "additionalProperties", "campo no declarado en el schema"});
+      out.push_back({CodingPath(path, key).toString(), "additionalProperties",
+                     "campo no declarado en el schema"});
     }
   }
 }
@@ -213,7 +214,8 @@ void checkString(const SchemaNode& node, const std::string& text, const CodingPa
   }
 }
 
-void check(const SchemaNode& node, const JSONValue& value, const CodingPath& path, Violations& out) {
+void check(const SchemaNode& node, const JSONValue& value, const CodingPath& path,
+           Violations& out) {
   if (node.type && !hasType(value, *node.type)) {
     out.push_back(
         {path.toString(), "type",
