@@ -40,7 +40,7 @@ inline sqlite3* openWithAuditPragmas(const std::string& path) {
 // One row of the shape the daemon writes for a "daemon.info" request.
 inline bool insertAuditRowRaw(sqlite3* db, std::int64_t n) {
   static const char* kHash = "9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08";
-  char correlation[40];
+  char correlation[64];
   std::snprintf(correlation, sizeof correlation, "7d3c1e52-0000-4000-8000-%012lld",
                 static_cast<long long>(n));
   sqlite3_stmt* stmt = nullptr;

@@ -30,7 +30,8 @@ std::string makeManifest() {
   for (int i = 0; i < 20; ++i) {
     const std::string key =
         std::string(os[i % 3]) + "-" + arch[(i / 3) % 2] + (i < 6 ? "" : "-v" + std::to_string(i));
-    m += (i ? "," : "") + ("\"" + key + "\":\"bin/" + key + "/notes\"");
+    if (i) m += ',';
+    m += ("\"" + key + "\":\"bin/" + key + "/notes\"");
   }
   m +=
       R"(},"dependencies":[{"service":"net.example.sync","version":">=1.4"},{"service":"net.example.search","version":"2.x","optional":true}],)"
@@ -38,8 +39,8 @@ std::string makeManifest() {
       R"("activation":{"mode":"on-demand","idleStopMinutes":15},"schedule":["daily@03:30","daily@12:00"],)"
       R"("resources":{"memoryMaxMB":256,"cpuPercentMax":40},"energy":{"deferrable":true},"tools":[)";
   for (int i = 0; i < 30; ++i) {
-    m += (i ? "," : "") +
-         ("{\"name\":\"notes.tool" + std::to_string(i) +
+    if (i) m += ',';
+    m += ("{\"name\":\"notes.tool" + std::to_string(i) +
           "\",\"description\":\"Does the thing number " + std::to_string(i) +
           " to a note\",\"inputSchema\":{\"type\":\"object\",\"required\":[\"noteId\"],"
           "\"properties\":{\"noteId\":{\"type\":\"string\",\"pattern\":\"^[a-f0-9]{8}$\"},"
@@ -48,8 +49,8 @@ std::string makeManifest() {
   m +=
       R"(],"toolAccess":["net.example.sync/sync.push","net.example.search/*"],"configSchema":{"type":"object","properties":{)";
   for (int i = 0; i < 50; ++i) {
-    m += (i ? "," : "") +
-         ("\"field" + std::to_string(i) + "\":{\"type\":\"" + (i % 2 ? "string" : "integer") +
+    if (i) m += ',';
+    m += ("\"field" + std::to_string(i) + "\":{\"type\":\"" + (i % 2 ? "string" : "integer") +
           "\",\"description\":\"Setting " + std::to_string(i) +
           "\",\"x-risk\":\"safe\",\"default\":" + (i % 2 ? "\"x\"" : "1") + "}");
   }

@@ -46,7 +46,9 @@ std::vector<std::uint64_t> fileSizes() {
 }
 
 std::string relativePath(std::size_t i) {
-  return "d" + std::to_string(i % 20) + "/s" + std::to_string(i % 7) + "/f" + std::to_string(i);
+  std::string path = "d";
+  path.append(std::to_string(i % 20)).append("/s").append(std::to_string(i % 7));
+  return path.append("/f").append(std::to_string(i));
 }
 
 void makeTree() {
@@ -75,7 +77,7 @@ void makeTree() {
 // The same files, in one command line, written to nowhere.
 std::string opensslCommand() {
   std::string command = "cd " + kTree.string() + " && openssl dgst -sha256 -r";
-  for (std::size_t i = 0; i < kFiles; ++i) command += " " + relativePath(i);
+  for (std::size_t i = 0; i < kFiles; ++i) command.append(" ").append(relativePath(i));
   return command + " >/dev/null";
 }
 
