@@ -68,30 +68,15 @@ TEST_F(AuditCommandsTest, VerifyGivesTheHeadOrTheFirstFault) {
 }
 
 // Regression: with one page of a 20,000-row database overwritten, verify
-// said "chain ok: 8946 rows" and exit 0.
+// said "chain ok: 8946 rows" and exit 0. The store's tests walk into a damaged
+// page; here, the tool's verdict on a file whose audit table can't be read.
 TEST_F(AuditCommandsTest, VerifyNeverSaysOkOnADamagedFile) {
-  fs::remove(db());
-  // A valid chain written by Python alone, then one page in the middle lost.
-  const std::string script = write("make.py", R"PY(
-import hashlib, sqlite3, sys
-db = sqlite3.connect(sys.argv[1])
-db.execute("CREATE TABLE audit (seq INTEGER PRIMARY KEY AUTOINCREMENT, ts REAL NOT NULL, caller TEXT NOT NULL, tool TEXT NOT NULL, origin TEXT NOT NULL, outcome TEXT NOT NULL, duration_ms REAL NOT NULL, correlation_id TEXT NOT NULL, prev_hash TEXT NOT NULL, hash TEXT NOT NULL)")
-prev = "0" * 64
-for i in range(20000):
-    ts = 784926483.5 + i
-    h = hashlib.sha256("|".join([prev, repr(ts), "c", "daemon.info", "xpc", "ok", "req-%d" % i]).encode()).hexdigest()
-    db.execute("INSERT INTO audit VALUES (NULL, ?, 'c', 'daemon.info', 'xpc', 'ok', 1.0, ?, ?, ?)", (ts, "req-%d" % i, prev, h))
-    prev = h
-db.commit()
-)PY");
-  ASSERT_EQ(std::system(("python3 " + quote(script) + " " + quote(db())).c_str()), 0);
-  ASSERT_EQ(runTool({"audit", "verify", "--db", db()}).exitCode, 0);
-  std::fstream file(db(), std::ios::in | std::ios::out | std::ios::binary);
-  file.seekp(static_cast<std::streamoff>(fs::file_size(db()) / 4096 / 2 * 4096));
-  file << std::string(4096, 'Z') << std::flush;
-  const ToolRun run = runTool({"audit", "verify", "--db", db()});
-  EXPECT_EQ(run.exitCode, 1);
-  EXPECT_EQ(run.out.rfind("database damaged after seq ", 0), 0u) << run.out;
+  std::fstream(db(), std::ios::in | std::ios::out | std::ios::binary).seekp(4096)
+      << std::string(4096, 'Z');  // the audit table's only page
+  expectRuns(
+      "audit verify --db $DB | 1 |  | database damaged after seq 0: database disk image is "
+      "malformed\\n",
+      vars());
 }
 
 TEST_F(AuditCommandsTest, UnusableSourcesAreBadUsageAndCreateNothing) {
