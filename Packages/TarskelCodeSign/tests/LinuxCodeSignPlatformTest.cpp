@@ -15,6 +15,7 @@
 
 #include "tarskel/codesign/CodeSignVerifier.hpp"
 #include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
+#include "tarskel/testing/Errors.hpp"
 
 #ifndef SYS_pidfd_open
 #define SYS_pidfd_open 434
@@ -37,16 +38,6 @@ pid_t pausedChild() {
     ::_exit(0);
   }
   return child;
-}
-
-// The text the gate fails with; the gate must never pass on Linux.
-std::string failure(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const CodeSignError& e) {
-    return e.description();
-  }
-  return "passed";
 }
 
 std::string unsignedText(const std::string& label, OSStatus status) {
@@ -80,7 +71,10 @@ TEST(LinuxCodeSignPlatformTest, EveryPathAndProcessFailsWithItsStatus) {
       {[] { CodeSignVerifier::verifyPid(-1, kAllowed); },
        unsignedText("pid -1", errSecCSNoSuchCode)},
   };
-  for (const auto& [operation, expected] : cases) EXPECT_EQ(failure(operation), expected);
+  // The gate never passes on Linux.
+  for (const auto& [operation, expected] : cases) {
+    EXPECT_EQ(testing::thrownText<CodeSignError>(operation), expected);
+  }
 }
 
 // The peer gate holds a pidfd from accept: it resolves to the executable, and

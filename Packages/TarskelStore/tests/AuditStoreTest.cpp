@@ -2,8 +2,6 @@
 
 #include <boost/asio/io_context.hpp>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 
 #include "tarskel/store/AuditStore.hpp"
 #include "tarskel/store/Hashing.hpp"

@@ -2,43 +2,40 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <boost/asio/io_context.hpp>
 #include <fstream>
 #include <thread>
 
 #include "ToolRunner.hpp"
+#include "tarskel/store/AuditStore.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
 
 namespace tarskel::tool::testing {
 namespace {
 
-// Three rows whose hashes were computed independently of this code base;
-// correlation ids alternate req-0, req-1, req-0.
-constexpr const char* kChain = R"SQL(
-CREATE TABLE audit (
-    seq INTEGER PRIMARY KEY AUTOINCREMENT,
-    ts REAL NOT NULL, caller TEXT NOT NULL, tool TEXT NOT NULL,
-    origin TEXT NOT NULL, outcome TEXT NOT NULL, duration_ms REAL NOT NULL,
-    correlation_id TEXT NOT NULL, prev_hash TEXT NOT NULL, hash TEXT NOT NULL
-);
-INSERT INTO audit VALUES (1, 784926483.5, 'com.example.app', 'daemon.info', 'xpc', 'ok', 1.5, 'req-0',
-  '0000000000000000000000000000000000000000000000000000000000000000',
-  'd58f7d6e83389f2bd41017912bb571d9ded314b835f96c9256a50ec7705153e8');
-INSERT INTO audit VALUES (2, 784926484.0, 'com.example.app', 'daemon.info', 'xpc', 'ok', 1.5, 'req-1',
-  'd58f7d6e83389f2bd41017912bb571d9ded314b835f96c9256a50ec7705153e8',
-  '517b3912bd8cbd7c19145c87f0323620eea4bcefe7b47650e2f1a7d54df26468');
-INSERT INTO audit VALUES (3, 784926490.25, 'com.example.app', 'daemon.info', 'xpc', 'ok', 1.5, 'req-0',
-  '517b3912bd8cbd7c19145c87f0323620eea4bcefe7b47650e2f1a7d54df26468',
-  '630a860e28a251d71b856207e7da1d233c2a14a3183149f4c71ab1c44377374f');
-)SQL";
+// The head of the three rows every test starts from; the store's own tests
+// pin the hash against an outside implementation.
 const std::string kHead = "630a860e28a251d71b856207e7da1d233c2a14a3183149f4c71ab1c44377374f";
 
 class AuditCommandsTest : public ToolFiles {
  protected:
   void SetUp() override { reset(""); }
+  // Three rows as the daemon writes them, correlation ids req-0, req-1,
+  // req-0, then `change` made through the sqlite3 shell.
   void reset(const std::string& change) {
     fs::create_directories(scratch.file("daemon"));
     fs::remove(db());
-    sql(kChain + change);
+    {
+      const double times[] = {784926483.5, 784926484.0, 784926490.25};
+      std::size_t next = 0;
+      boost::asio::io_context io;
+      AuditStore store(SQLiteDatabase::open(db()), io.get_executor(),
+                       [&] { return Date{times[next]}; });
+      for (; next < 3; ++next)
+        store.recordSync("com.example.app", "daemon.info", "xpc", "ok", 1.5,
+                         "req-" + std::to_string(next % 2));
+    }
+    if (!change.empty()) sql(change);
   }
   void sql(const std::string& text) { ToolFiles::sql(db(), text); }
   std::string db() const { return path("daemon/audit.db"); }
