@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <fstream>
-#include <thread>
 
 #include "ToolRunner.hpp"
 #include "tarskel/store/AuditStore.hpp"
@@ -148,13 +147,10 @@ TEST_F(AuditCommandsTest, FiltersSelectRows) {
     -n 1 --op daemon.info | 3
     -n 0 | ''
   )")) {
-    const ToolRun run = runShell(quote(TARSKEL_TOOL_PATH) + " audit tail --json --db " +
-                                 quote(db()) + " " + row[0]);
-    std::string seqs;
-    for (auto at = run.out.find("\"seq\":"); at != std::string::npos;
-         at = run.out.find("\"seq\":", at + 1))
-      seqs += run.out[at + 6];
-    EXPECT_EQ(seqs, row[1] == "''" ? "" : row[1]) << row.line << run.err;
+    // The seq column of every row after the header.
+    const ToolRun run = runShell("(" + quote(TARSKEL_TOOL_PATH) + " audit tail --db " +
+                                 quote(db()) + " " + row[0] + " | awk 'NR > 1 { printf $1 }')");
+    EXPECT_EQ(run.out, row[1] == "''" ? "" : row[1]) << row.line << run.err;
   }
 }
 
@@ -175,17 +171,13 @@ TEST_F(AuditCommandsTest, TailOfAllRowsStreams) {
 }
 
 TEST_F(AuditCommandsTest, TailFollowsNewRows) {
-  std::thread follower([&] {
-    runShell("(" + quote(TARSKEL_TOOL_PATH) + " audit tail -f -n 0 --db " + quote(db()) + " >" +
-             quote(path("out")) + " & sleep 3; kill $!)");
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-  sql("INSERT INTO audit VALUES (4, 784926491.0, 'late', 'daemon.info', 'xpc', 'ok', 1.5, 'req-4', "
-      "'p', 'h');");
-  follower.join();
-  const std::string text = readFile(path("out"));
-  EXPECT_NE(text.find("req-4"), std::string::npos) << text;
-  EXPECT_EQ(text.find("req-1"), std::string::npos) << text;
+  const ToolRun run = runShell(
+      "(" + quote(TARSKEL_TOOL_PATH) + " audit tail -f -n 0 --db " + quote(db()) +
+      " & sleep 1; sqlite3 " + quote(db()) +
+      " \"INSERT INTO audit VALUES (4, 784926491.0, 'late', 'daemon.info', 'xpc', 'ok', 1.5, "
+      "'req-4', 'p', 'h')\"; sleep 2; kill $!)");
+  EXPECT_NE(run.out.find("req-4"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("req-1"), std::string::npos) << run.out;
 }
 
 }  // namespace
