@@ -105,7 +105,8 @@ TEST(CodeSignVerifierTest, VerifyGoesThroughTheManifestsExecutables) {
   const testing::TempDirectory dir;
   const std::filesystem::path& bundle = dir.path();
   for (const char* name : {"bin/a", "bin/z"}) testing::writeFile(bundle / name, "x");
-  const std::string root = bundle.string();
+  const std::string a = (bundle / "bin/a").string();
+  const std::string refusedA = kBad + a + " (-67062)";
   struct Case {
     std::map<std::string, std::string> executables;
     OSStatus validity;
@@ -114,16 +115,10 @@ TEST(CodeSignVerifierTest, VerifyGoesThroughTheManifestsExecutables) {
   };
   const Case cases[] = {
       {{}, -1, "", {}},
-      {{{"darwin-arm64", "bin/a"}, {"linux-arm64", "bin/a"}}, 0, "", {root + "/bin/a"}},
+      {{{"darwin-arm64", "bin/a"}, {"linux-arm64", "bin/a"}}, 0, "", {a}},
       {{{"darwin-arm64", "bin/gone"}, {"linux-arm64", "/bin/sh"}}, -1, "", {}},
-      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "bin/a"}},
-       -67062,
-       kBad + root + "/bin/a (-67062)",
-       {root + "/bin/a"}},
-      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "/bin/a"}},
-       -67062,
-       kBad + root + "/bin/a (-67062)",
-       {root + "/bin/a"}},
+      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "bin/a"}}, -67062, refusedA, {a}},
+      {{{"darwin-arm64", "bin/z"}, {"linux-arm64", "/bin/a"}}, -67062, refusedA, {a}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.expected);

@@ -3,9 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -22,7 +20,7 @@ class TeamTrustTest : public ::testing::Test {
   void SetUp() override { fs::create_directories(root_ / "vendor"); }
 
   void Write(const std::string& content) {
-    std::ofstream(root_ / "vendor/teams.json", std::ios::binary) << content;
+    testing::writeFile(root_ / "vendor/teams.json", content);
   }
 
   std::optional<TeamTrust> Load() {

@@ -2,8 +2,6 @@
 
 #include <boost/asio/io_context.hpp>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 
 #include "tarskel/store/AuditStore.hpp"
 #include "tarskel/store/Hashing.hpp"
@@ -161,9 +159,8 @@ TEST_F(AuditStoreTest, RecentAndCorrelationListings) {
   EXPECT_EQ(store->inspectChain().firstBreak->seq, 6);
 }
 
-TEST(AuditStoreDecodingTest, AnIntegralTimestampDecodesAndRendersWithAFraction) {
-  testing::TempDir dir;
-  auto db = SQLiteDatabase::open(dir.file("audit.db"));
+TEST_F(AuditStoreTest, AnIntegralTimestampDecodesAndRendersWithAFraction) {
+  db = SQLiteDatabase::open(dir.file("plain.db"));
   // A table without column affinities keeps an integer ts as an integer.
   ASSERT_TRUE(
       db->exec("CREATE TABLE audit (seq INTEGER PRIMARY KEY AUTOINCREMENT, ts, caller, tool, "
@@ -173,10 +170,9 @@ TEST(AuditStoreDecodingTest, AnIntegralTimestampDecodesAndRendersWithAFraction) 
       "INSERT INTO audit VALUES (NULL, 100, 'c', 't', 'o', 'ok', 2, 'x', ?, ?);",
       {SQLiteDatabase::Value::text(genesis), SQLiteDatabase::Value::text(AuditStore::chainHash(
                                                  genesis, Date{100.0}, "c", "t", "o", "ok", "x"))});
-  boost::asio::io_context io;
-  AuditStore store(db, io.get_executor());
-  EXPECT_EQ(store.recentSync(1).at(0).ts, Date{100.0});
-  EXPECT_TRUE(store.verifyChainSync());
+  store = std::make_unique<AuditStore>(db, io.get_executor());
+  EXPECT_EQ(store->recentSync(1).at(0).ts, Date{100.0});
+  EXPECT_TRUE(store->verifyChainSync());
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include "tarskel/testing/Hex.hpp"
 #include "tarskel/testing/Table.hpp"
 #include "tarskel/vendor/Ed25519.hpp"
-#include "tarskel/vendor/VendorHashing.hpp"
 
 namespace tarskel {
 namespace {

@@ -7,21 +7,17 @@
 #include <thread>
 
 #include "ToolRunner.hpp"
+#include "tarskel/protocol/bus/Framing.hpp"
 
 namespace tarskel::tool::testing {
 namespace {
 
-std::string frame(const std::string& payload) {
-  const auto n = static_cast<std::uint32_t>(payload.size());
-  return std::string{static_cast<char>(n >> 24), static_cast<char>(n >> 16),
-                     static_cast<char>(n >> 8), static_cast<char>(n)} +
-         payload;
-}
+using Framing::encode;
 
 // Decode goes on past bad payloads and prints every frame ahead of a broken
 // header; encode writes nothing at all when one line is bad.
 TEST(BusCommands, DecodeAndEncode) {
-  const std::string request = frame(R"({"jsonrpc":"2.0","id":1,"method":"m","x":0})");
+  const std::string request = encode(R"({"jsonrpc":"2.0","id":1,"method":"m","x":0})");
   expectRuns(
       R"(
     bus decode | 0 |  | '' | ''
@@ -34,18 +30,18 @@ TEST(BusCommands, DecodeAndEncode) {
     bus call health.ping --socket /nonexistent/bus.sock | 3 | can't connect to /nonexistent/bus.sock
   )",
       {{"$THREE",
-        frame(R"({"jsonrpc":"2.0","id":"a","result":null,"error":{"code":-1,"message":"e"}})") +
-            frame(R"({"jsonrpc":"2.0","id":1.5,"result":true})") +
-            frame(R"({"jsonrpc":"2.0","method":"n","params":[1.0]})")},
+        encode(R"({"jsonrpc":"2.0","id":"a","result":null,"error":{"code":-1,"message":"e"}})") +
+            encode(R"({"jsonrpc":"2.0","id":1.5,"result":true})") +
+            encode(R"({"jsonrpc":"2.0","method":"n","params":[1.0]})")},
        {"$PRINTED",
         "{\"kind\":\"request\",\"message\":{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\"}}\n"},
        {"$REQUEST", request},
        {"$CUT", request.substr(0, 7)},
        {"$OVERSIZE", "\xFF\xFF\xFF\xFFzz"},
        {"$CR", "\r"},
-       {"$ENCODED", frame(R"({"jsonrpc":"2.0","id":1,"method":"p"})") +
-                        frame(R"({"jsonrpc":"2.0","method":"n"})")},
-       {"$RAW", frame("not json")}});
+       {"$ENCODED", encode(R"({"jsonrpc":"2.0","id":1,"method":"p"})") +
+                        encode(R"({"jsonrpc":"2.0","method":"n"})")},
+       {"$RAW", encode("not json")}});
 }
 
 // `tarskel bus serve` in the background, `tarskel bus call` against it: two

@@ -71,14 +71,14 @@ class CannedDaemon {
   std::vector<std::string> requests_;
 };
 
+using CallCommandsTest = ToolFiles;
+
 // Regression (for --args): `-` failed although documented, and large
 // arguments could only go on the command line.
-TEST(CallCommandsTest, CallPrintsTheResponseOnOneLineAndInfoForPeople) {
+TEST_F(CallCommandsTest, CallPrintsTheResponseOnOneLineAndInfoForPeople) {
   CannedDaemon daemon(
       R"({"ok":true,"result":{"daemonVersion":"0.1.0","protocolVersion":"1.1.0","pid":42,"uid":0,)"
       R"( "ops":["daemon.info","fs.readProtectedPath"]}})");
-  const TempDirectory files("tarskel-args");
-  writeFile(files.file("args"), R"({"big":")" + std::string(300000, 'x') + R"("})");
   expectRuns(
       R"(
     call fs.readProtectedPath --args {"path":"/etc/x"} --service-id svc.a --correlation-id c-9 --mach-service $SOCK | 0 |  | $RESPONSE\n
@@ -87,7 +87,7 @@ TEST(CallCommandsTest, CallPrintsTheResponseOnOneLineAndInfoForPeople) {
     call op --args @$ARGS --mach-service $SOCK | 0
   )",
       {{"$SOCK", daemon.path()},
-       {"$ARGS", files.file("args").string()},
+       {"$ARGS", write("args", R"({"big":")" + std::string(300000, 'x') + R"("})")},
        {"$RESPONSE",
         R"({"ok":true,"result":{"daemonVersion":"0.1.0","ops":["daemon.info","fs.readProtectedPath"],"pid":42,"protocolVersion":"1.1.0","uid":0}})"}});
   const std::vector<std::string> requests = daemon.requests();
@@ -100,7 +100,7 @@ TEST(CallCommandsTest, CallPrintsTheResponseOnOneLineAndInfoForPeople) {
   EXPECT_GT(requests[3].size(), 300000u);
 }
 
-TEST(CallCommandsTest, ExitCodes) {
+TEST_F(CallCommandsTest, ExitCodes) {
   CannedDaemon refusing(
       R"({"ok":false,"error":{"code":"unknownOp","message":"op fuera del catálogo: x"}})");
   CannedDaemon garbled("not json");

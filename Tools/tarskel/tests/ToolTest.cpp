@@ -41,7 +41,6 @@ TEST(ToolTest, UnknownWordsAreNamedWithTheNearestOne) {
     vendor seal d --key k --verison 1.0.0 | 2 | unknown option '--verison' for 'tarskel vendor seal'; did you mean '--version'?\nRun 'tarskel vendor seal --help' for more.
     vendor seal d --key k --version | 2 | Here --version is the artifact's version; 'tarskel --version'
     --version | 0 |  | 0.1.0\n
-    vendor --version | 0 |  | 0.1.0\n
     json canonical --version | 0 |  | 0.1.0\n
   )");
   const ToolRun help = runTool({"help"});

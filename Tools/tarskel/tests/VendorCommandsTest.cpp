@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include "ToolRunner.hpp"
 
@@ -31,9 +30,8 @@ class VendorCommandsTest : public ToolFiles {
 };
 
 TEST_F(VendorCommandsTest, KeygenWritesAPrivateKeyFileOnceWithAUsableId) {
-  struct stat info {};
-  ASSERT_EQ(::stat(path("k1.json").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_EQ(fs::status(path("k1.json")).permissions(),
+            fs::perms::owner_read | fs::perms::owner_write);
   const std::string key = readFile(path("k1.json"));
   EXPECT_NE(key.find(R"("keyId":"k1","privateKey":")"), std::string::npos) << key;
   // Regression: an empty or non-UTF-8 key id made a key nothing could use.
@@ -58,7 +56,6 @@ TEST_F(VendorCommandsTest, SealedTreeVerifiesAndFailsAfterAChange) {
     vendor verify $DIR/tree --allowlist $DIR/al1.json | 0 |  | verified: $DIR/tree\n  artifact: net.example 1.0.0 (platform)\n  monotonicVersion: 7\n  files: 2\n  expires: 2099-01-01T00:00:00Z\n
     vendor verify $DIR/tree --allowlist $DIR/al1.json --installed-monotonic 8 | 1 | anti-rollback: instalado monotonicVersion=8, ofrecido 7
     vendor verify $DIR/tree --allowlist $DIR/al1.json --installed-monotonic 8 --allow-downgrade | 0
-    vendor verify $DIR/tree --allowlist $DIR/none.json | 2 | $DIR/none.json: No such file or directory
     vendor verify $DIR/none --allowlist $DIR/al1.json | 2 | $DIR/none: No such file or directory
   )",
              vars());
