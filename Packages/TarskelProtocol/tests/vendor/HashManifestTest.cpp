@@ -7,6 +7,7 @@
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 #include "tarskel/testing/Hex.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
@@ -64,44 +65,39 @@ TEST(VendorAllowlistTest, FirstOfEqualIdsAndTheCanonicalSigningPayload) {
 // Keys under which a forged signature verifies for any message are refused
 // whenever an allowlist is read, naming the key; ordinary keys, and bytes
 // that are no key at all (their signatures simply fail), pass.
+// key in hex | why it is refused, or "-"
 TEST(HashManifestTest, AllowlistRefusesNonCanonicalAndSmallOrderKeys) {
-  const auto hex = testing::unhex;
-  const std::string ff(60, 'f');
-  struct Case {
-    std::string name, raw;
-    std::optional<std::string> why;
-  };
-  const std::string nonCanonical = "codificación no canónica (y ≥ p)";
-  const std::string smallOrder = "punto de orden pequeño";
-  const Case cases[] = {
-      {"y = p", hex("ed" + ff + "7f"), nonCanonical},
-      {"y = 2^255 - 1 with the sign bit", hex("ff" + ff + "ff"), nonCanonical},
-      {"identity", hex("01" + std::string(62, '0')), smallOrder},
-      {"identity, negative zero", hex("01" + std::string(60, '0') + "80"), smallOrder},
-      {"order 2", hex("ec" + ff + "7f"), smallOrder},
-      {"order 4", std::string(32, '\0'), smallOrder},
-      {"order 8", hex("26e8958fc2b227b045c3f489f2ef98f0d5dfac05d3c63339b13802886d53fc05"),
-       smallOrder},
-      {"order 8, other sign",
-       hex("c7176a703d4dd84fba3c0b760d10670f2a2053fa2c39ccc64ec7fd7792ac03fa"), smallOrder},
-      {"y = p - 20, canonical", hex("ec" + ff + "7e"), std::nullopt},
-      {"RFC 8032 test key", hex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a"),
-       std::nullopt},
-      {"31 bytes", std::string(31, '\0'), std::nullopt}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(ed25519KeyWeakness(c.raw), c.why);
-    const std::string json =
-        R"({"revision":1,"keys":[{"keyId":"good","publicKey":")" +
-        base64Encode(hex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a")) +
-        R"("},{"keyId":"k1","publicKey":")" + base64Encode(c.raw) + R"("}]})";
+  const std::string good = base64Encode(
+      testing::unhex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a"));
+  for (const testing::Row& row : testing::rows(R"(
+# y = p, and y = 2^255 - 1 with the sign bit
+edffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff7f | codificación no canónica (y ≥ p)
+ffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff | codificación no canónica (y ≥ p)
+# The identity (also with the sign bit), and points of order 2, 4 and 8 (both signs).
+0100000000000000000000000000000000000000000000000000000000000000 | punto de orden pequeño
+0100000000000000000000000000000000000000000000000000000000000080 | punto de orden pequeño
+ecffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff7f | punto de orden pequeño
+0000000000000000000000000000000000000000000000000000000000000000 | punto de orden pequeño
+26e8958fc2b227b045c3f489f2ef98f0d5dfac05d3c63339b13802886d53fc05 | punto de orden pequeño
+c7176a703d4dd84fba3c0b760d10670f2a2053fa2c39ccc64ec7fd7792ac03fa | punto de orden pequeño
+# y = p - 20 is canonical; the RFC 8032 test key; 31 bytes are no key at all.
+ecffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff7e | -
+d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a | -
+00000000000000000000000000000000000000000000000000000000000000 | -
+)")) {
+    SCOPED_TRACE(row.line);
+    const std::string raw = testing::unhex(row[0]);
+    const std::optional<std::string> why = row[1] == "-" ? std::nullopt : std::optional(row[1]);
+    EXPECT_EQ(ed25519KeyWeakness(raw), why);
+    const std::string json = R"({"revision":1,"keys":[{"keyId":"good","publicKey":")" + good +
+                             R"("},{"keyId":"k1","publicKey":")" + base64Encode(raw) + R"("}]})";
     try {
       EXPECT_EQ(TarskelJSON::decoder().decode<VendorAllowlist>(json).keys.size(), 2u);
-      EXPECT_FALSE(c.why);
+      EXPECT_FALSE(why);
     } catch (const DecodingError& e) {
-      ASSERT_TRUE(c.why) << e.what();
+      ASSERT_TRUE(why) << e.what();
       EXPECT_EQ(e.codingPath(), "keys[1].publicKey");
-      EXPECT_EQ(e.debugDescription(), "clave vendor 'k1' rechazada: " + *c.why);
+      EXPECT_EQ(e.debugDescription(), "clave vendor 'k1' rechazada: " + *why);
     }
   }
 }
