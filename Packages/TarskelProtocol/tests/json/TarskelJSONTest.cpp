@@ -4,8 +4,10 @@
 #include <cstdlib>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "tarskel/protocol/base/Base64.hpp"
+#include "tarskel/protocol/json/MergePatch.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
 #include "tarskel/testing/Table.hpp"
@@ -16,6 +18,7 @@ namespace {
 using testing::canonical;
 using testing::decode;
 using testing::decodingError;
+using testing::json;
 
 // value | canonical bytes (every layout reads back exactly) | with a fraction
 TEST(JSONNumberLayout, MatchesTheTable) {
@@ -97,7 +100,8 @@ TEST(JSONEncoding, CanonicalBytes) {
 TEST(JSONDecoding, RefusesWhatIsNotOneDocument) {
   const char* bad[] = {"",        "[1,]",        R"({"a":1}})", "01",           "+1",
                        "tru",     R"({a:1})",    "\"abc",       "{\"a\" 1}",    "\"a\x01\"",
-                       "\"\\x\"", "\"\\ud800\"", "\"\\udc00\"", "\"\xc3\x28\"", "\xef\xbb\xbf{}"};
+                       "\"\\x\"", "\"\\ud800\"", "\"\\udc00\"", "\"\xc3\x28\"", "\xef\xbb\xbf{}",
+                       "1e999"};
   for (const char* text : bad) {
     SCOPED_TRACE(text);
     EXPECT_TRUE(decodingError(text).starts_with("dataCorrupted")) << decodingError(text);
@@ -111,13 +115,6 @@ TEST(JSONDecoding, NestingBeyondTheLimitIsAnError) {
   std::string deep = std::string(limit + 1, '[') + std::string(limit + 1, ']');
   EXPECT_NE(decodingError(deep).find("anidamiento"), std::string::npos);
   EXPECT_NE(decodingError(std::string(1 << 20, '[')), "decoded");  // no stack overflow, no hang
-}
-
-TEST(JSONDecoding, OutOfRangeNumberIsUnrecognisedAtTheOutermostValue) {
-  for (const char* text : {"1e999", "[1,{\"a\":[-1e400]}]", R"({"x":{"y":1e999}})"}) {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(decodingError(text), "dataCorrupted en <raíz>: Valor JSON no reconocido");
-  }
 }
 
 struct Probe {
@@ -199,12 +196,9 @@ TEST(JSONRecordCoding, RequiredOptionalNullAndUnknownKeys) {
 
 TEST(JSONRecordCoding, SixtyFourBitIntegersAreExact) {
   const JSONDecoder decoder = TarskelJSON::decoder();
-  for (std::int64_t v :
-       {INT64_MAX, INT64_MIN, std::int64_t{9007199254740993}, std::int64_t{-1}, std::int64_t{0}}) {
-    Probe p{"n", JSONValue(), v};
-    const std::string bytes = canonical(p);
-    EXPECT_EQ(bytes, R"({"count":)" + std::to_string(v) + R"(,"name":"n","payload":null})");
-    EXPECT_EQ(decoder.decode<Probe>(bytes).count, v);
+  for (const char* text :
+       {"9223372036854775807", "-9223372036854775808", "9007199254740993", "-1", "0"}) {
+    EXPECT_EQ(canonical(decoder.decode<std::int64_t>(text)), text);
   }
   EXPECT_EQ(decoder.decode<Probe>(R"({"name":"n","payload":0,"count":1e2})").count, 100);
   EXPECT_EQ(decoder.decode<std::uint64_t>("18446744073709551615"), UINT64_MAX);
@@ -247,6 +241,59 @@ TEST(Base64, StrictDecoding) {
     EXPECT_EQ(base64Decode(text), bytes);
     EXPECT_EQ(base64Decode(base64Encode(bytes.value_or(text))), bytes.value_or(text));
   }
+}
+
+// target | patch | result
+TEST(MergePatchTest, ApplyFollowsTheRFCExamplesAndOurEdgeCases) {
+  for (const testing::Row& row : testing::rows(R"(
+# The worked examples of RFC 7386, appendix A.
+{"a":"b"} | {"a":"c"} | {"a":"c"}
+{"a":"b"} | {"b":"c"} | {"a":"b","b":"c"}
+{"a":"b"} | {"a":null} | {}
+{"a":{"b":"c"}} | {"a":{"b":"d","c":null}} | {"a":{"b":"d"}}
+{"a":"b"} | ["c"] | ["c"]
+{"a":"foo"} | null | null
+{"e":null} | {"a":1} | {"a":1,"e":null}
+[1,2] | {"a":"b","c":null} | {"a":"b"}
+{} | {"a":{"bb":{"ccc":null}}} | {"a":{"bb":{}}}
+# Removing an absent key is no change.
+{"a":1} | {"z":null} | {"a":1}
+)")) {
+    SCOPED_TRACE(row.line);
+    EXPECT_EQ(canonical(MergePatch::apply(json(row[1]), json(row[0]))), row[2]);
+  }
+}
+
+// from | to | the smallest patch the format can say
+TEST(MergePatchTest, DiffGivesTheSmallestPatchTheFormatCanSay) {
+  for (const testing::Row& row : testing::rows(R"(
+{"a":[1,2]} | {"a":[1,3]} | {"a":[1,3]}
+{"a":1,"b":2} | {"a":1} | {"b":null}
+{"x":{"y":1,"z":2}} | {"x":{"y":1}} | {"x":{"z":null}}
+1 | 1 | {}
+{"a":1} | null | null
+{"a":0} | {"a":-0.0} | {}
+{"a":1} | {"a":null} | {"a":null}
+{"a":1} | {"a":{"b":null}} | {"a":{"b":null}}
+{"a":{"b":1}} | {"a":{"b":1},"c":{}} | {"c":{}}
+{"caf\u00e9":1} | {"cafe\u0301":1} | {}
+)")) {
+    SCOPED_TRACE(row.line);
+    EXPECT_EQ(canonical(MergePatch::diff(json(row[0]), json(row[1]))), row[2]);
+  }
+}
+
+TEST(MergePatchTest, AffectedPathsAreDepthFirstInKeyOrder) {
+  const struct {
+    const char *patch, *prefix;
+    std::vector<std::string> expected;
+  } cases[] = {{R"({"b":1,"a":{"d":null,"c":[1]}})", "cfg", {"cfg.a.c", "cfg.a.d", "cfg.b"}},
+               {"3", "cfg", {"cfg"}},
+               {R"({"a":{"b":{}},"c":null})", "cfg", {"cfg.c"}},
+               {R"({"a":1})", "", {".a"}},
+               {R"({"x.y":1,"B":2,"a":3})", "r", {"r.B", "r.a", "r.x.y"}}};
+  for (const auto& c : cases)
+    EXPECT_EQ(MergePatch::affectedPaths(json(c.patch), c.prefix), c.expected) << c.patch;
 }
 
 }  // namespace

@@ -170,14 +170,6 @@ TEST(ServiceManifestTest, WritingFillsEveryDefaultAndLeavesOutOnlyTheOptionalRec
     EXPECT_NE(written.find(part), std::string::npos) << part << " in " << written;
   }
   EXPECT_EQ(decode<ServiceManifest>(written), m);
-  // A null is absent and takes the default; unknown keys are ignored.
-  auto nulls = decode<ServiceManifest>(
-      R"({"id":"a.b","version":"1.0.0","displayName":"X","executables":{},"scope":null,"platformApi":null,
-          "restartPolicy":null,"activation":{"mode":null,"idleStopMinutes":null},"tools":null,"x-unknown":[1],
-          "tray":{"section":[{"type":"action","title":"a","tool":"t","args":null}]}})");
-  EXPECT_EQ(std::get<TrayItem::Action>(nulls.tray->section.at(0).item).args, std::nullopt);
-  nulls.tray.reset();
-  EXPECT_EQ(canonical(nulls), canonical(decode<ServiceManifest>(minimal)));
 }
 
 // A fragment completes a minimal manifest (the last of two equal keys wins);
