@@ -82,28 +82,28 @@ TEST(JSONRPCTest, IdsOfTheTwoKindsStayApart) {
 
 // Each message, its bytes, and what those bytes read back as: the same bytes,
 // except where a JSON null stands in an optional place.
+// Each message and its bytes; those without a null in an optional place read
+// back as the same message (what a null reads as is in the decoding table).
 TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
-  const std::tuple<M, std::string, std::string> cases[] = {
+  const std::tuple<M, std::string, bool> cases[] = {
       {M::request(1, "m", json(R"({"a":1})")),
-       R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":1}})", "="},
-      {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})", "="},
+       R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":1}})", true},
+      {M::request("a/b", "m"), R"({"jsonrpc":"2.0","id":"a\/b","method":"m"})", true},
       {M::notification("m", JSONValue(nullptr)), R"({"jsonrpc":"2.0","method":"m","params":null})",
-       R"({"jsonrpc":"2.0","method":"m"})"},
+       false},
       {M::response(INT64_MIN, JSONValue(nullptr)),
-       R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})",
-       "dataCorrupted en method: mensaje sin method, result ni error — no es JSON-RPC válido"},
+       R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":null})", false},
       {M::errorResponse(std::nullopt, {-32700, "x"}),
-       R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})", "="},
+       R"({"jsonrpc":"2.0","error":{"code":-32700,"message":"x"}})", true},
       {M::errorResponse(9, {1, "y", JSONValue(true)}),
-       R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})", "="}};
-  for (const auto& [message, bytes, readBack] : cases) {
+       R"({"jsonrpc":"2.0","id":9,"error":{"code":1,"message":"y","data":true}})", true}};
+  for (const auto& [message, bytes, readsBack] : cases) {
     SCOPED_TRACE(bytes);
     EXPECT_EQ(JSONRPC::encode(message), bytes);
     // The record coding layer writes the same object.
     EXPECT_EQ(JSONCoding<M>::encode(message), json(bytes));
-    EXPECT_EQ(decoded(bytes), readBack == "=" ? bytes : readBack);
-    if (readBack == "=") {
-      EXPECT_EQ(JSONCoding<M>::decode(json(bytes), CodingPath()), message);
+    if (readsBack) {
+      EXPECT_EQ(JSONRPC::decode(bytes), message);
     }
   }
 }
