@@ -80,8 +80,6 @@ TEST(JSONRPCTest, IdsOfTheTwoKindsStayApart) {
   EXPECT_EQ(JSONRPCID(-42).description() + JSONRPCID("a \"b\"").description(), "-42a \"b\"");
 }
 
-// Each message, its bytes, and what those bytes read back as: the same bytes,
-// except where a JSON null stands in an optional place.
 // Each message and its bytes; those without a null in an optional place read
 // back as the same message (what a null reads as is in the decoding table).
 TEST(JSONRPCTest, EncodesTheKeysOfEachCaseAndLeavesAbsentOnesOut) {
@@ -132,7 +130,6 @@ TEST(HandshakeTest, CompatibleExactlyWhenMajorsAgree) {
 TEST(HandshakeTest, ReadingAndWriting) {
   for (const testing::Row& row : testing::rows(R"(
 request | {"clientId":"a","protocolVersion":"1.1.0"} | {"capabilities":[],"clientId":"a","protocolVersion":"1.1.0"}
-request | {"clientId":"a","protocolVersion":"1.1.0","capabilities":null,"sessionId":null} | {"capabilities":[],"clientId":"a","protocolVersion":"1.1.0"}
 request | {"clientId":"a","protocolVersion":"9","capabilities":["events","no-such"],"sessionId":"s","x":1} | {"capabilities":["events","no-such"],"clientId":"a","protocolVersion":"9","sessionId":"s"}
 request | {"protocolVersion":"1.1.0"} | keyNotFound en <raíz>: falta la clave "clientId"
 request | {"clientId":"a","protocolVersion":"1.1.0","capabilities":[1]} | typeMismatch en capabilities[0]: se esperaba string, llegó number

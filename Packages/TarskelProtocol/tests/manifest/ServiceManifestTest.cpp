@@ -43,7 +43,7 @@ const char* kEveryRule =
   "executables":{"macos-arm64":"/usr/bin/x","darwin-x86_64":"bin/a..b","linux-arm64":"./bin/x"},
   "dependencies":[{"service":"notes","version":"1.2.3.4"}],"schedule":["daily@7:00"],
   "tools":[{"name":"create","description":"\t","inputSchema":{}},{"name":"create","description":"d","inputSchema":{}}],
-  "toolAccess":["net.example.notes/a.b/c"],"configSchema":{"properties":{"b":{},"a":{"description":"d"}}},
+  "toolAccess":["net.example.notes/a.b/c"],"configSchema":{"properties":{"a":{"description":"d"}}},
   "migrations":[{"from":"banana"}],"restartPolicy":{"backoffSeconds":[],"maxFailures":0},
   "resources":{"memoryMaxMB":0,"cpuPercentMax":101},"activation":{"mode":"on-demand","idleStopMinutes":0}})";
 
@@ -65,8 +65,6 @@ tools[1].name: [tool.badName] 'create' no es un nombre de tool válido (segmento
 tools[1].name: [tool.duplicate] tool 'create' duplicada
 toolAccess[0]: [toolAccess.badEntry] 'net.example.notes/a.b/c' no es '<serviceId>/<tool>' ni '<serviceId>/*'
 configSchema.a: [configSchema.undocumented] todo campo de configuración exige x-risk (safe|disruptive|dangerous)
-configSchema.b: [configSchema.undocumented] todo campo de configuración exige description
-configSchema.b: [configSchema.undocumented] todo campo de configuración exige x-risk (safe|disruptive|dangerous)
 migrations[0].from: [migration.badFrom] 'banana' no es un rango de versión válido
 restartPolicy: [restartPolicy.invalid] maxFailures ≥ 1, window ≥ 1 y backoffSeconds no vacío y sin negativos
 resources.memoryMaxMB: [resources.invalid] memoryMaxMB debe ser ≥ 1
