@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/json/MergePatch.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
@@ -222,25 +221,6 @@ TEST(JSONRecordCoding, DatesAndBytes) {
 
   EXPECT_EQ(canonical(Bytes{"hi?"}), "\"aGk\\/\"");
   EXPECT_EQ(decoder.decode<Bytes>("\"aGk\\/\"").data, "hi?");
-}
-
-TEST(Base64, StrictDecoding) {
-  // White space, foreign characters and misplaced padding are refused; the
-  // unused bits of the last symbol are not looked at ("Zh==" is "f").
-  const std::pair<const char*, std::optional<std::string>> cases[] = {{"", ""},
-                                                                      {"Zg==", "f"},
-                                                                      {"Zm8=", "fo"},
-                                                                      {"Zm9vYg==", "foob"},
-                                                                      {"Zh==", "f"},
-                                                                      {"Zg", std::nullopt},
-                                                                      {"Zm 9v", std::nullopt},
-                                                                      {"Z===", std::nullopt},
-                                                                      {"Zg==Zg==", std::nullopt}};
-  for (const auto& [text, bytes] : cases) {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(base64Decode(text), bytes);
-    EXPECT_EQ(base64Decode(base64Encode(bytes.value_or(text))), bytes.value_or(text));
-  }
 }
 
 // target | patch | result
