@@ -93,9 +93,9 @@ null | - | -32603 el resultado es null, que el otro extremo no puede leer
 drop | - | -32603 sin respuesta del manejador de drop
 nadie | - | -32601 método desconocido: nadie
 )")) {
-    SCOPED_TRACE(row.line);
     EXPECT_EQ(call(row[0], row[1] == "-" ? std::nullopt : BusConnection::Params(json(row[1]))).said,
-              row[2]);
+              row[2])
+        << row.line;
   }
 }
 

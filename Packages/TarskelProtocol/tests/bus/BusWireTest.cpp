@@ -70,8 +70,7 @@ TEST(JSONRPCTest, DecodesByPrecedenceWithNullAsAbsent) {
 {"jsonrpc":"2.0","method":"m","id":1.5} | dataCorrupted en id: id debe ser número o string
 {"jsonrpc":"2.0","method":"m","id":true} | dataCorrupted en id: id debe ser número o string
 )")) {
-    SCOPED_TRACE(row[0]);
-    EXPECT_EQ(decoded(row[0]), row[1]);
+    EXPECT_EQ(decoded(row[0]), row[1]) << row[0];
   }
 }
 
@@ -138,10 +137,10 @@ response | {"accepted":true,"protocolVersion":"1.1.0"} | {"accepted":true,"capab
 response | {"accepted":false,"protocolVersion":"1.1.0","capabilities":["ui-push"],"reason":"no","sessionId":"s"} | {"accepted":false,"capabilities":["ui-push"],"protocolVersion":"1.1.0","reason":"no","sessionId":"s"}
 response | {"protocolVersion":"1.1.0"} | keyNotFound en <raíz>: falta la clave "accepted"
 )")) {
-    SCOPED_TRACE(row.line);
     EXPECT_EQ(row[0] == "request" ? testing::reread<HelloRequest>(row[1])
                                   : testing::reread<HelloResponse>(row[1]),
-              row[2]);
+              row[2])
+        << row.line;
   }
 }
 

@@ -49,8 +49,7 @@ CCAck | {"cmdId":"c","status":"acked","configEpoch":1.5} | dataCorrupted en conf
 DualControl | {"required":true} | =
 DualControl | {"approvedBy":"x"} | keyNotFound en <raíz>: falta la clave "required"
 )")) {
-    SCOPED_TRACE(row.line);
-    EXPECT_EQ(reread(row[0], row[1]), row[2] == "=" ? row[1] : row[2]);
+    EXPECT_EQ(reread(row[0], row[1]), row[2] == "=" ? row[1] : row[2]) << row.line;
   }
 }
 
@@ -72,9 +71,6 @@ TEST(CCCommandTest, SigningPayloadIsTheCanonicalBodyWithoutSig) {
   EXPECT_EQ(c.signingPayload(),
             R"({"cmdId":"c1","deadline":"2026-01-02T03:04:05Z","issuedBy":"ops",)"
             R"("method":"service.start","target":"dev1"})");
-  const std::string plain = c.signingPayload();
-  c.sig = "other";
-  EXPECT_EQ(c.signingPayload(), plain);
   c.params = decode<JSONValue>(R"({"z":1,"a":{"y":null,"b":"/"}})");
   c.dualControl = DualControl{true, "ana"};
   c.deadline.secondsSinceReferenceDate += 0.999;

@@ -187,11 +187,9 @@ TEST(ServiceManifestTest, ReadingFailsWholeAndNamesTheKeyPath) {
 "tray":{"section":[{"bind":"x"}]} | keyNotFound en tray.section[0]: falta la clave "type"
 "tray":{"section":[{"type":"separator"}]} | dataCorrupted en tray.section[0].type: Tipo de tray item desconocido: separator
 "activation":{"mode":"sometimes"} | dataCorrupted en activation.mode: valor desconocido: "sometimes"
-"restartPolicy":{"maxFailures":1.5} | dataCorrupted en restartPolicy.maxFailures: se esperaba un entero, llegó 1.5
 "configSchema":{"type":"text"} | dataCorrupted en configSchema.type: valor desconocido: "text"
 "executables":{"darwin-arm64":1} | typeMismatch en executables.darwin-arm64: se esperaba string, llegó number
 "privileges":{"privilegedOps":[true]} | typeMismatch en privileges.privilegedOps[0]: se esperaba string, llegó boolean
-"id":null | valueNotFound en id: se esperaba un valor, llegó null
 )")) {
     EXPECT_EQ(readError(row[0]), row[1]) << row[0];
   }

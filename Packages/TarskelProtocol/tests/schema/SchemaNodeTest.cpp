@@ -75,9 +75,9 @@ TEST(SchemaNodeTest, ValidateRules) {
 {"maxLength":0} | "\n\r" | $: [maxLength] largo 2 > máximo 0
 {"minLength":5,"maxLength":1,"pattern":"z"} | "abc" | $: [minLength] largo 3 < mínimo 5 | $: [maxLength] largo 3 > máximo 1 | $: [pattern] no coincide con /z/
 )")) {
-    SCOPED_TRACE(row.line);
     EXPECT_EQ(findings(row[0], row[1]),
-              std::vector<std::string>(row.cells.begin() + 2, row.cells.end()));
+              std::vector<std::string>(row.cells.begin() + 2, row.cells.end()))
+        << row.line;
   }
 }
 

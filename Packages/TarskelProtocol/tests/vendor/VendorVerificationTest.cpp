@@ -159,10 +159,10 @@ TEST_F(RotationTest, Outcomes) {
                {"a key added after signing", withIntruder(rotation(2, "vendor", kKey)),
                 VendorVerificationError::badSignature("vendor")}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
     EXPECT_EQ(verification.applyRotation(c.rotation, allowlist),
               c.failure ? VendorVerification::RotationResult(*c.failure)
-                        : VendorVerification::RotationResult(c.rotation.newAllowlist));
+                        : VendorVerification::RotationResult(c.rotation.newAllowlist))
+        << c.name;
   }
 }
 
@@ -179,8 +179,7 @@ TEST(HashManifestTest, ReadingAndCanonicalBytes) {
 {"artifactId":"a","artifactType":"service","version":"1","monotonicVersion":1,"expires":784926483,"files":[]} | typeMismatch en expires: se esperaba string, llegó number
 {"artifactId":"a","artifactType":"service","version":"1","monotonicVersion":1,"expires":"2026-01-02T03:04:05Z","files":[{"path":"x"}]} | keyNotFound en files[0]: falta la clave "sha256"
 )")) {
-    SCOPED_TRACE(row.line);
-    EXPECT_EQ(testing::reread<HashManifest>(row[0]), row[1] == "=" ? row[0] : row[1]);
+    EXPECT_EQ(testing::reread<HashManifest>(row[0]), row[1] == "=" ? row[0] : row[1]) << row.line;
   }
 }
 
