@@ -23,9 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Local::socket peer(io), ours(io);
   asio::local::connect_pair(peer, ours);
 
-  tarskel::BusLimits limits;
-  limits.maxFrameLength = 2048;
-  limits.closeGrace = std::chrono::milliseconds(10);
+  const tarskel::BusLimits limits{.maxFrameLength = 2048,
+                                  .closeGrace = std::chrono::milliseconds(10)};
   auto connection = tarskel::BusConnection::server(std::move(ours), {}, limits);
   connection->handle(tarskel::BusMethod::healthPing,
                      [](const auto& params) { return params.value_or(nullptr); });

@@ -158,10 +158,7 @@ TEST_F(BusConnectionTest, RefusedHelloClosesBothEnds) {
 }
 
 TEST_F(BusConnectionTest, QueueLimitRefusesCallsAndMessageLimitRefusesBigOnes) {
-  BusLimits limits;
-  limits.maxQueuedBytes = 4096;
-  limits.maxFrameLength = 1 << 20;
-  connect(helloFrom("probe"), {}, limits);
+  connect(helloFrom("probe"), {}, BusLimits{.maxFrameLength = 1 << 20, .maxQueuedBytes = 4096});
   server->handle("echo", [](const auto& params) { return *params; });
   start();
   EXPECT_EQ(call("echo", JSONValue(std::string(8000, 'q'))).connection,
@@ -179,9 +176,7 @@ class RawPeerTest : public ::testing::Test {
   void SetUp() override {
     Local::socket b(pool.get_executor());
     asio::local::connect_pair(peer.socket(), b);
-    BusLimits limits;
-    limits.maxFrameLength = 1024;
-    server = BusConnection::server(std::move(b), {}, limits);
+    server = BusConnection::server(std::move(b), {}, BusLimits{.maxFrameLength = 1024});
     server->handle(BusMethod::healthPing, [](const auto&) { return JSONValue("pong"); });
     server->start();
   }

