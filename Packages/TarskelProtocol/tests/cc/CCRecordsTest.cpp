@@ -84,9 +84,8 @@ TEST(CCCommandMethodTest, LookUpsAreExactAndUninstallIsTheServicesOwn) {
   using namespace CCCommandMethod;
   EXPECT_EQ(spec("platform.enable"),
             Spec("platform.enable", Direction::ccToDevice, Dispatch::platform));
-  for (const char* missing : {"service.nothing", "Service.Start", " service.start"}) {
+  for (const char* missing : {"service.nothing", "Service.Start", " service.start"})
     EXPECT_FALSE(spec(missing).has_value()) << missing;
-  }
   EXPECT_EQ(platformDispatchedNames().count("service.uninstall"), 0u);
 }
 

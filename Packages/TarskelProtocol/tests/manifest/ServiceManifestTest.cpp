@@ -189,7 +189,6 @@ TEST(ServiceManifestTest, ReadingFailsWholeAndNamesTheKeyPath) {
 "activation":{"mode":"sometimes"} | dataCorrupted en activation.mode: valor desconocido: "sometimes"
 "configSchema":{"type":"text"} | dataCorrupted en configSchema.type: valor desconocido: "text"
 "executables":{"darwin-arm64":1} | typeMismatch en executables.darwin-arm64: se esperaba string, llegó number
-"privileges":{"privilegedOps":[true]} | typeMismatch en privileges.privilegedOps[0]: se esperaba string, llegó boolean
 )")) {
     EXPECT_EQ(readError(row[0]), row[1]) << row[0];
   }
