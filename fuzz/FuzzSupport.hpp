@@ -38,7 +38,8 @@ std::optional<T> tryDecode(std::string_view bytes) {
 
 // What `encoder` writes of `value` reads back as an equal value.
 template <class T>
-void requireRoundTrip(const T& value, const JSONEncoder& encoder = TarskelJSON::canonicalEncoder()) {
+void requireRoundTrip(const T& value,
+                      const JSONEncoder& encoder = TarskelJSON::canonicalEncoder()) {
   require(TarskelJSON::decoder().decode<T>(encoder.encode(value)) == value);
 }
 
