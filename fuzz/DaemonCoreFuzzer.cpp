@@ -53,10 +53,8 @@ struct Daemon {
 };
 
 Daemon& daemon() {
-  static Daemon* instance = new Daemon();  // outlives every input; removed at exit
-  static const int registered = std::atexit([] { delete instance; });
-  static_cast<void>(registered);
-  return *instance;
+  static Daemon instance;  // outlives every input; removed at exit
+  return instance;
 }
 
 }  // namespace
