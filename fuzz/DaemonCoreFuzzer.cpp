@@ -1,20 +1,13 @@
 // Arbitrary bytes as a request: DaemonCore.handleEncoded must answer every
 // input with bytes that decode as a DaemonResponse, and must never crash.
 
-#include <stdlib.h>
-
 #include <boost/asio/co_spawn.hpp>
-#include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <string>
 
+#include "FuzzSupport.hpp"
 #include "tarskel/daemon/DaemonCore.hpp"
-#include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace {
 
@@ -22,22 +15,11 @@ using namespace tarskel;
 
 struct Daemon {
   Daemon() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tarskel-fuzz-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) std::abort();
-    dir = pattern;
-    db = SQLiteDatabase::open((dir / "audit.db").string());
+    db = SQLiteDatabase::open((dir.path / "audit.db").string());
     audit = std::make_shared<AuditStore>(db, io.get_executor());
-    grants = std::make_shared<GrantsStore>(dir / "grants.json", io.get_executor());
+    grants = std::make_shared<GrantsStore>(dir.path / "grants.json", io.get_executor());
     grants->replaceSync({{"svc", {"fs.readProtectedPath"}}});
     core = std::make_unique<DaemonCore>(std::nullopt, audit, grants);
-  }
-  ~Daemon() {
-    core.reset();
-    audit.reset();
-    grants.reset();
-    db.reset();
-    std::error_code ignored;
-    std::filesystem::remove_all(dir, ignored);
   }
 
   std::string answer(std::string bytes, DaemonPeerVerdict peer) {
@@ -45,13 +27,13 @@ struct Daemon {
     bool done = false;
     boost::asio::co_spawn(io, core->handleEncoded(std::move(bytes), std::move(peer)),
                           [&](std::exception_ptr error, std::string reply) {
-                            if (error) std::abort();  // handleEncoded never throws
+                            fuzz::require(!error);  // handleEncoded never throws
                             out = std::move(reply);
                             done = true;
                           });
     io.restart();
     io.run();
-    if (!done) std::abort();
+    fuzz::require(done);
     return out;
   }
 
@@ -60,7 +42,8 @@ struct Daemon {
     if (++calls % 20000 == 0) db->exec("DELETE FROM audit;");
   }
 
-  std::filesystem::path dir;
+  // Declared first, so that it is removed after everything that uses it.
+  fuzz::ScratchDirectory dir;
   boost::asio::io_context io;
   std::shared_ptr<SQLiteDatabase> db;
   std::shared_ptr<AuditStore> audit;
@@ -70,32 +53,24 @@ struct Daemon {
 };
 
 Daemon& daemon() {
-  static Daemon* instance = new Daemon();  // outlives every input; removed at exit
-  static const int registered = std::atexit([] { delete instance; });
-  static_cast<void>(registered);
-  return *instance;
+  static Daemon instance;  // outlives every input; removed at exit
+  return instance;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Daemon& d = daemon();
-  std::string bytes(reinterpret_cast<const char*>(data), size);
   // The input's length picks the verdict, so the refusals are fuzzed too
   // without taking bytes away from the request.
   DaemonPeerVerdict peer = size % 3 == 0   ? DaemonPeerVerdict::rejected("fuzz")
                            : size % 3 == 1 ? DaemonPeerVerdict::unverified("fuzz")
                                            : DaemonPeerVerdict::trusted("FUZZTEAM");
-  std::string reply = d.answer(std::move(bytes), std::move(peer));
-  if (reply.empty()) std::abort();  // none of the built-in operations yields a non-finite number
-  DaemonResponse response;
-  try {
-    response = TarskelJSON::decoder().decode<DaemonResponse>(reply);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "answer does not decode: %s\n%s\n", e.what(), reply.c_str());
-    std::abort();
-  }
-  if (response.ok == response.error.has_value()) std::abort();
+  const std::string reply = d.answer(std::string(fuzz::text(data, size)), std::move(peer));
+  fuzz::require(!reply.empty());  // none of the built-in operations yields a non-finite number
+  // An answer that doesn't read throws out of the target, and so ends the run.
+  const auto response = TarskelJSON::decoder().decode<DaemonResponse>(reply);
+  fuzz::require(response.ok != response.error.has_value());
   d.trimAudit();
   return 0;
 }

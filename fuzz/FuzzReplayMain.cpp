@@ -14,39 +14,30 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-namespace {
-
-bool replay(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) {
-    std::fprintf(stderr, "replay: can't read %s\n", file.c_str());
-    return false;
-  }
-  std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
-  return true;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
-  std::size_t count = 0;
-  bool ok = true;
+  namespace fs = std::filesystem;
+  std::vector<fs::path> files;
   for (int i = 1; i < argc; ++i) {
-    const std::filesystem::path arg(argv[i]);
     std::error_code ec;
-    if (std::filesystem::is_directory(arg, ec)) {
-      for (const auto& entry : std::filesystem::directory_iterator(arg)) {
-        if (entry.is_regular_file()) {
-          ok = replay(entry.path()) && ok;
-          ++count;
-        }
+    if (fs::is_directory(argv[i], ec)) {
+      for (const auto& entry : fs::directory_iterator(argv[i])) {
+        if (entry.is_regular_file()) files.push_back(entry.path());
       }
-    } else if (std::filesystem::exists(arg, ec)) {
-      ok = replay(arg) && ok;
-      ++count;
+    } else if (fs::exists(argv[i], ec)) {
+      files.emplace_back(argv[i]);
     }
   }
-  std::printf("replayed %zu inputs\n", count);
+  bool ok = true;
+  for (const fs::path& file : files) {
+    std::ifstream in(file, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!in) {
+      std::fprintf(stderr, "replay: can't read %s\n", file.c_str());
+      ok = false;
+      continue;
+    }
+    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+  }
+  std::printf("replayed %zu inputs\n", files.size());
   return ok ? 0 : 1;
 }

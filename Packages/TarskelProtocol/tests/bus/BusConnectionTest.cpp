@@ -6,7 +6,6 @@
 #include <boost/asio/use_future.hpp>
 #include <chrono>
 #include <future>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -37,18 +36,16 @@ class BusConnectionTest : public ::testing::Test, protected testing::BusPair {};
 TEST_F(BusConnectionTest, HelloOpensASessionAndCallsComeBack) {
   connect();
   start();
-  Outcome ping = call(std::string(BusMethod::healthPing));
-  EXPECT_EQ(ping.said, R"(= {"ok":true})");
+  // Any completion token: here a future.
+  EXPECT_EQ(
+      client->asyncCall(std::string(BusMethod::healthPing), std::nullopt, asio::use_future).get(),
+      json(R"({"ok":true})"));
   const std::optional<BusSession> theirs = server->session();
   const std::optional<BusSession> ours = client->session();
   ASSERT_TRUE(theirs && ours);
   EXPECT_EQ(theirs->clientId, "probe");
   EXPECT_EQ(ours->capabilities, std::vector<std::string>{"events"});  // asked ∩ offered
   EXPECT_EQ(theirs->sessionId, ours->sessionId);
-  // Any completion token: here a future.
-  EXPECT_EQ(
-      client->asyncCall(std::string(BusMethod::healthPing), std::nullopt, asio::use_future).get(),
-      json(R"({"ok":true})"));
 }
 
 TEST_F(BusConnectionTest, ResponsesCompleteTheirOwnCallsInAnyOrder) {
@@ -62,19 +59,10 @@ TEST_F(BusConnectionTest, ResponsesCompleteTheirOwnCallsInAnyOrder) {
     return JSONValue("fast");
   });
   start();
-  std::mutex mutex;
-  std::vector<std::string> order;
-  std::promise<void> both;
-  const auto record = [&](std::exception_ptr, JSONValue v) {
-    std::lock_guard lock(mutex);
-    order.push_back(*v.stringValue());
-    if (order.size() == 2) both.set_value();
-  };
-  client->asyncCall("slow", std::nullopt, record);
-  client->asyncCall("fast", std::nullopt, record);
-  ASSERT_EQ(both.get_future().wait_for(10s), std::future_status::ready);
-  std::lock_guard lock(mutex);
-  EXPECT_EQ(order, (std::vector<std::string>{"fast", "slow"}));
+  std::future<Outcome> slowCall = callAsync(*client, "slow");
+  std::future<Outcome> fastCall = callAsync(*client, "fast");
+  EXPECT_EQ(await(std::move(fastCall)).said, "= \"fast\"");
+  EXPECT_EQ(await(std::move(slowCall)).said, "= \"slow\"");
 }
 
 TEST_F(BusConnectionTest, HandlerOutcomesBecomeResponses) {
@@ -92,22 +80,22 @@ TEST_F(BusConnectionTest, HandlerOutcomesBecomeResponses) {
     std::thread([r, params] { r.reply(*params); }).detach();
   });
   start();
-  const struct {
-    const char *method, *params, *said;
-  } cases[] = {{"result", "[1,2]", "= [1,2]"},
-               {"result", nullptr, "= \"none\""},
-               {"later", "\"x\"", "= \"x\""},
-               {"refuse", nullptr, "-32001 no"},
-               {"throwRPC", nullptr, "42 propio"},
-               {"throw", nullptr, "-32603 el manejador de throw falló: roto"},
-               {"nan", nullptr, "-32603 el resultado no se puede escribir como JSON"},
-               {"null", nullptr, "-32603 el resultado es null, que el otro extremo no puede leer"},
-               {"drop", nullptr, "-32603 sin respuesta del manejador de drop"},
-               {"nadie", nullptr, "-32601 método desconocido: nadie"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.method);
-    EXPECT_EQ(call(c.method, c.params ? BusConnection::Params(json(c.params)) : std::nullopt).said,
-              c.said);
+  // method | params, or "-" | what the call came back with
+  for (const testing::Row& row : testing::rows(R"(
+result | [1,2] | = [1,2]
+result | - | = "none"
+later | "x" | = "x"
+refuse | - | -32001 no
+throwRPC | - | 42 propio
+throw | - | -32603 el manejador de throw falló: roto
+nan | - | -32603 el resultado no se puede escribir como JSON
+null | - | -32603 el resultado es null, que el otro extremo no puede leer
+drop | - | -32603 sin respuesta del manejador de drop
+nadie | - | -32601 método desconocido: nadie
+)")) {
+    EXPECT_EQ(call(row[0], row[1] == "-" ? std::nullopt : BusConnection::Params(json(row[1]))).said,
+              row[2])
+        << row.line;
   }
 }
 
@@ -170,10 +158,7 @@ TEST_F(BusConnectionTest, RefusedHelloClosesBothEnds) {
 }
 
 TEST_F(BusConnectionTest, QueueLimitRefusesCallsAndMessageLimitRefusesBigOnes) {
-  BusLimits limits;
-  limits.maxQueuedBytes = 4096;
-  limits.maxFrameLength = 1 << 20;
-  connect(helloFrom("probe"), {}, limits);
+  connect(helloFrom("probe"), {}, BusLimits{.maxFrameLength = 1 << 20, .maxQueuedBytes = 4096});
   server->handle("echo", [](const auto& params) { return *params; });
   start();
   EXPECT_EQ(call("echo", JSONValue(std::string(8000, 'q'))).connection,
@@ -191,18 +176,14 @@ class RawPeerTest : public ::testing::Test {
   void SetUp() override {
     Local::socket b(pool.get_executor());
     asio::local::connect_pair(peer.socket(), b);
-    BusLimits limits;
-    limits.maxFrameLength = 1024;
-    server = BusConnection::server(std::move(b), {}, limits);
+    server = BusConnection::server(std::move(b), {}, BusLimits{.maxFrameLength = 1024});
     server->handle(BusMethod::healthPing, [](const auto&) { return JSONValue("pong"); });
     server->start();
   }
-  void send(std::string_view payload) { peer.send(payload); }
-  std::string receive() { return peer.receive(); }
   void hello() {
-    send(
+    peer.send(
         R"({"jsonrpc":"2.0","id":0,"method":"service.hello","params":{"clientId":"raw","protocolVersion":"1.0.0"}})");
-    ASSERT_NE(receive().find(R"("accepted":true)"), std::string::npos);
+    ASSERT_NE(peer.receive().find(R"("accepted":true)"), std::string::npos);
   }
 
   asio::thread_pool pool{2};
@@ -234,12 +215,12 @@ nope | {"jsonrpc":"2.0","error":{"code":-32700,"message":"dataCorrupted en <raí
       hello();
       continue;
     }
-    send(row[0]);
+    peer.send(row[0]);
     if (row[1] == "-") {
-      send(R"({"jsonrpc":"2.0","id":"p","method":"health.ping"})");
-      EXPECT_EQ(receive(), R"({"jsonrpc":"2.0","id":"p","result":"pong"})");
+      peer.send(R"({"jsonrpc":"2.0","id":"p","method":"health.ping"})");
+      EXPECT_EQ(peer.receive(), R"({"jsonrpc":"2.0","id":"p","result":"pong"})");
     } else {
-      const std::string got = receive();
+      const std::string got = peer.receive();
       EXPECT_EQ(row[0] == "nope" ? got.substr(0, row[1].size()) : got, row[1]);
     }
   }
@@ -249,8 +230,8 @@ nope | {"jsonrpc":"2.0","error":{"code":-32700,"message":"dataCorrupted en <raí
 TEST_F(RawPeerTest, UnreadableResponseFailsItsCall) {
   hello();
   std::future<Outcome> answer = callAsync(*server, "ui.push");
-  EXPECT_EQ(receive(), R"({"jsonrpc":"2.0","id":1,"method":"ui.push"})");
-  send(R"({"jsonrpc":"2.0","id":1,"result":null})");
+  EXPECT_EQ(peer.receive(), R"({"jsonrpc":"2.0","id":1,"method":"ui.push"})");
+  peer.send(R"({"jsonrpc":"2.0","id":1,"result":null})");
   Outcome got = await(std::move(answer));
   EXPECT_FALSE(got.connection);
   EXPECT_TRUE(
@@ -263,9 +244,9 @@ TEST_F(RawPeerTest, OversizeFrameGetsPayloadTooLargeThenTheConnectionCloses) {
   hello();
   peer.sendBytes(std::string("\0\0\x04\x01", 4));  // 1025 bytes announced, 1024 allowed
   EXPECT_EQ(
-      receive(),
+      peer.receive(),
       R"({"jsonrpc":"2.0","error":{"code":-32005,"message":"frame de 1025 bytes excede el máximo de 1024"}})");
-  EXPECT_EQ(receive(), "EOF");
+  EXPECT_EQ(peer.receive(), "EOF");
 }
 
 }  // namespace

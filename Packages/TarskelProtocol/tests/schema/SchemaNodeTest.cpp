@@ -6,6 +6,7 @@
 
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/schema/SchemaNode.hpp"
+#include "tarskel/testing/JSONTesting.hpp"
 #include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
@@ -74,9 +75,9 @@ TEST(SchemaNodeTest, ValidateRules) {
 {"maxLength":0} | "\n\r" | $: [maxLength] largo 2 > máximo 0
 {"minLength":5,"maxLength":1,"pattern":"z"} | "abc" | $: [minLength] largo 3 < mínimo 5 | $: [maxLength] largo 3 > máximo 1 | $: [pattern] no coincide con /z/
 )")) {
-    SCOPED_TRACE(row.line);
     EXPECT_EQ(findings(row[0], row[1]),
-              std::vector<std::string>(row.cells.begin() + 2, row.cells.end()));
+              std::vector<std::string>(row.cells.begin() + 2, row.cells.end()))
+        << row.line;
   }
 }
 
@@ -104,17 +105,18 @@ TEST(SchemaNodeTest, PatternSearchIsBoundedAndValidationRunsOnSeveralThreads) {
   for (std::size_t count : counts) EXPECT_EQ(count, 200u);
 }
 
+// schema | the error that reading it gives
 TEST(SchemaNodeTest, DecodingRefusesMalformedSchemas) {
-  const char* bad[] = {R"({"type":"str"})",
-                       R"({"x-risk":"low"})",
-                       R"({"additionalProperties":{}})",
-                       R"({"minLength":1.5})",
-                       R"({"properties":[]})",
-                       R"({"properties":{"a":{"type":"nope"}}})",
-                       "[]"};
-  for (const char* text : bad) {
-    SCOPED_TRACE(text);
-    EXPECT_THROW(schema(text), DecodingError);
+  for (const testing::Row& row : testing::rows(R"(
+{"type":"str"} | dataCorrupted en type: valor desconocido: "str"
+{"x-risk":"low"} | dataCorrupted en x-risk: valor desconocido: "low"
+{"additionalProperties":{}} | typeMismatch en additionalProperties: se esperaba boolean, llegó object
+{"minLength":1.5} | dataCorrupted en minLength: se esperaba un entero, llegó 1.5
+{"properties":[]} | typeMismatch en properties: se esperaba object, llegó array
+{"properties":{"a":{"type":"nope"}}} | dataCorrupted en properties.a.type: valor desconocido: "nope"
+[] | typeMismatch en <raíz>: se esperaba object, llegó array
+)")) {
+    EXPECT_EQ(testing::decodingError<SchemaNode>(row[0]), row[1]) << row[0];
   }
 }
 

@@ -15,13 +15,6 @@ SemVer version(const std::string& text) {
   return parsed.value_or(SemVer{});
 }
 
-std::vector<std::string> words(const char* text) {
-  std::istringstream in(text);
-  std::vector<std::string> out;
-  for (std::string w; in >> w;) out.push_back(w);
-  return out;
-}
-
 TEST(SemVerTest, ParseReadsThreeNumbersAndAnOpaquePrerelease) {
   const std::pair<const char*, const char*> valid[] = {
       {"01.002.3", "1.2.3"},
@@ -53,11 +46,8 @@ TEST(SemVerTest, OrderComparesNumbersThenPrereleasesAsWholeStrings) {
       EXPECT_TRUE(a < b && b > a && !(a == b) && !(b < a) && !(a > b));
     }
   }
-  for (const auto& [a, b] : {std::pair{"1.2.3", "01.2.3"}, {"1.0.0-a", "1.0.0-a"}}) {
-    EXPECT_TRUE(version(a) == version(b) && !(version(a) < version(b)) &&
-                !(version(a) > version(b)))
-        << a;
-  }
+  const SemVer same = version("1.0.0-a");
+  EXPECT_TRUE(same == version("1.0.0-a") && !(same < same) && !(same > same));
 }
 
 TEST(SemVerTest, ConstraintParseTakesTheFirstFormThatApplies) {
@@ -100,7 +90,8 @@ TEST(SemVerTest, ConstraintSatisfactionTable) {
     std::optional<VersionConstraint> constraint = VersionConstraint::parse(c.constraint);
     ASSERT_TRUE(constraint) << c.constraint;
     for (const auto& [list, expected] : {std::pair{c.satisfied, true}, {c.refused, false}}) {
-      for (const std::string& v : words(list)) {
+      std::istringstream versions(list);
+      for (std::string v; versions >> v;) {
         EXPECT_EQ(constraint->isSatisfied(version(v)), expected) << c.constraint << " by " << v;
       }
     }
