@@ -21,11 +21,7 @@ int connectErrnoAsNobody(const std::string& path) {
   const pid_t child = ::fork();
   if (child == 0) {
     if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0) _exit(90);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    _exit(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? 0 : errno);
+    _exit(testing::connectedSocket(path) >= 0 ? 0 : errno);
   }
   int status = 0;
   ::waitpid(child, &status, 0);
@@ -87,37 +83,6 @@ TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
   EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
   stop();
   EXPECT_THROW(client.request({"daemon.info", {}, std::nullopt, std::nullopt}), DaemonClientError);
-}
-
-// The test process connects and is the one trusted executable; a child that
-// inherits the socket and execs cat writes a request of its own on it.
-TEST_F(ServingE2ETest, EachMessageIsJudgedByItsOwnSender) {
-  writeFile(root() / "vendor/teams.json", R"({"revision":1,"teamIds":["TEAMID0001"]})");
-  start({{"TARSKEL_TEST_GATE", "trust=" + fs::read_symlink("/proc/self/exe").string()}},
-        TARSKELD_TESTGATE_PATH);
-  RawConnection connection(socketPath());
-  const fs::path frame = dir / "frame";
-  writeFile(frame, Transport::encodeFrame({7, true, requestBytes("daemon.info")}));
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(connection.fd(), STDOUT_FILENO);
-    ::execl("/bin/cat", "cat", frame.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  std::optional<TransportEnvelope> theirs = connection.next();
-  ::waitpid(child, nullptr, 0);
-  ASSERT_TRUE(theirs && theirs->body);
-  EXPECT_EQ(theirs->id, 7u);
-  const auto refused = TarskelJSON::decoder().decode<DaemonResponse>(*theirs->body);
-  EXPECT_EQ(codeOf(refused), "unauthorizedClient");
-
-  connection.send(8, true, requestBytes("daemon.info"));
-  EXPECT_TRUE(connection.nextResponse().ok);
-  const auto rows = auditRows();
-  ASSERT_EQ(rows.size(), 2u);
-  EXPECT_EQ(rows[0].caller, "rejected:" + messageOf(refused).substr(23));
-  EXPECT_EQ(messageOf(refused).rfind("cliente XPC rechazado: ", 0), 0u);
-  EXPECT_EQ(rows[1].caller, "team:TEAMID0001");
 }
 
 TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheRead) {
