@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <cstdio>
-
 #include "E2EFixture.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 
@@ -37,38 +35,18 @@ TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
                                 "info tarskeld v0.1.0 sirviendo " + socketPath()}));
   EXPECT_EQ(fs::status(root() / "daemon").permissions(), fs::perms(0755));
 
+  // The catalogue, the outcomes and the chain are the core's and the store's
+  // to check; here, that a request reaches them through the real process.
   const DaemonResponse info = call("daemon.info", {}, std::nullopt, "corr-info");
   ASSERT_EQ(codeOf(info), "ok");
-  EXPECT_EQ(resultAt(info, "ops"),
-            JSONValue(JSONValue::Array{"daemon.grants.sync", "daemon.info", "fs.readProtectedPath",
-                                       "platform.applyUpdate", "platform.uninstallMachine"}));
   EXPECT_EQ(resultAt(info, "pid").numberValue(), static_cast<double>(daemon->pid()));
   EXPECT_EQ(codeOf(call("daemon.shutdown")), "unknownOp");
-  // Regression: {"op":"a\u0000b"} from any client broke the chain for good,
-  // and a 15 MiB op name was stored whole.
-  const std::string nul("a\0b", 3);
-  EXPECT_EQ(codeOf(call(nul, {}, nul, nul)), "unknownOp");
-  EXPECT_EQ(codeOf(call(std::string(200000, 'x'), {}, std::string(200000, 's'))), "unknownOp");
-
   const std::vector<AuditStore::Entry> rows = auditRows();
-  ASSERT_EQ(rows.size(), 4u);
+  ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(
       rows[0].caller + " " + rows[0].tool + " " + rows[0].outcome + " " + rows[0].correlationId,
       std::string(kUnprovisionedCaller) + " daemon.info ok corr-info");
-  EXPECT_EQ(rows[2].tool,
-            "a\xEF\xBF\xBD"
-            "b");
-  EXPECT_EQ(rows[2].correlationId, rows[2].tool);
-  EXPECT_EQ(rows[3].tool.size(), AuditStore::kMaxTextBytes);
-  EXPECT_LE(rows[3].caller.size(), AuditStore::kMaxTextBytes);
   EXPECT_TRUE(chainHolds());
-  // The chain as Python's own sqlite3 and hashlib read it from the file.
-  std::string verdict(64, '\0');
-  FILE* pipe =
-      popen(("python3 '" TARSKEL_CHAIN_CHECK "' '" + auditPath().string() + "' 2>&1").c_str(), "r");
-  verdict.resize(std::fread(verdict.data(), 1, verdict.size(), pipe));
-  pclose(pipe);
-  EXPECT_EQ(verdict.substr(0, 5), "ok 4 ") << verdict;
 
   // Regression: audit.db, -wal and -shm were 0644: any user read every row.
   for (const std::string& file : {auditPath().string(), auditPath().string() + "-wal",
@@ -78,11 +56,6 @@ TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
     EXPECT_EQ(st.st_mode & 0777, 0600u) << file;
   }
   EXPECT_EQ(connectErrnoAsNobody(socketPath()), EACCES);
-
-  DaemonXPCClient client(socketPath());
-  EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
-  stop();
-  EXPECT_THROW(client.request({"daemon.info", {}, std::nullopt, std::nullopt}), DaemonClientError);
 }
 
 TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheRead) {
@@ -90,9 +63,7 @@ TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheRead) {
   const JSONObject grants{
       {"grants", JSONObject{{"svc.reader", JSONValue::Array{"fs.readProtectedPath"}},
                             {"svc.other", JSONValue::Array{"daemon.info"}}}}};
-  const DaemonResponse sync = call("daemon.grants.sync", grants);
-  ASSERT_EQ(codeOf(sync), "ok");
-  EXPECT_EQ(resultAt(sync, "services").numberValue(), 2.0);
+  ASSERT_EQ(codeOf(call("daemon.grants.sync", grants)), "ok");
   stop();
   start();
 
@@ -102,11 +73,6 @@ TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheRead) {
   ASSERT_EQ(codeOf(granted), "ok") << messageOf(granted);
   EXPECT_EQ(base64Decode(*resultAt(granted, "contentsBase64").stringValue()), "\xff bytes");
   EXPECT_EQ(codeOf(call("fs.readProtectedPath", args, "svc.other")), "notGranted");
-
-  const std::vector<AuditStore::Entry> rows = auditRows();
-  ASSERT_EQ(rows.size(), 3u);
-  EXPECT_EQ(rows[2].caller, std::string(kUnprovisionedCaller) + " svc:svc.other");
-  EXPECT_TRUE(chainHolds());
 }
 
 // The vendor seed is copied (and logged) only while no allowlist is there,
