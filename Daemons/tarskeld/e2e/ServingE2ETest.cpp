@@ -109,22 +109,5 @@ TEST_F(ServingE2ETest, SeedAndProvisionedGateAcrossThreeStarts) {
             "denied rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)");
 }
 
-// What the systemd units rely on: the listening socket is handed over and
-// adopted, and the service name is not bound.
-TEST_F(ServingE2ETest, SocketActivationAdoptsThePassedSocket) {
-  const fs::path activator = "/usr/bin/systemd-socket-activate";
-  if (!fs::exists(activator)) GTEST_SKIP() << "no systemd-socket-activate here";
-  const std::string unbound = (dir / "unbound.sock").string();
-  daemon = std::make_unique<DaemonProcess>(
-      activator,
-      std::vector<std::string>{"-l", socketPath(), TARSKELD_PATH, "--mach-service", unbound,
-                               "--root", root().string()},
-      Environment{{"LISTEN_FDS", std::nullopt}, {"LISTEN_PID", std::nullopt}});
-  ASSERT_TRUE(daemon->waitForLine("Listening on"));
-  EXPECT_EQ(codeOf(call("daemon.info")), "ok");  // the first connection starts the daemon
-  EXPECT_TRUE(daemon->waitForLine(kServingLine));
-  EXPECT_FALSE(fs::exists(unbound));
-}
-
 }  // namespace
 }  // namespace tarskel::e2e

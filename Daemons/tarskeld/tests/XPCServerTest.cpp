@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <atomic>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
@@ -171,36 +170,6 @@ TEST_F(XPCServerTest, BadFrameClosesOnlyItsConnection) {
   int replies = 0;
   while (bystander.next(std::chrono::seconds(5))) ++replies;
   EXPECT_EQ(replies, 20);
-}
-
-// The gate behind the socket, asked anew for every message: a scripted
-// platform that passes, and the real Linux platform, which fails closed (no
-// code signature exists here).
-TEST_F(XPCServerTest, GateVerdictsOfEveryMessage) {
-  auto passes = std::make_shared<FakeCodeSignPlatform>();
-  struct Case {
-    const char* name;
-    std::shared_ptr<const CodeSignPlatform> platform;
-    std::string caller;
-  };
-  const std::vector<Case> cases = {
-      {"trusted", passes, "team:TEAMID0001"},
-      {"system", DaemonPeerGate::systemPlatform(),
-       "rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}, c.platform});
-    DaemonXPCClient client(socketPath());
-    for (int i = 0; i < 2; ++i) client.request({"daemon.info", {}, std::nullopt, std::nullopt});
-    server->stop();
-    const auto rows = callers();
-    EXPECT_EQ(std::vector<std::string>(rows.end() - 2, rows.end()),
-              std::vector<std::string>(2, c.caller));
-  }
-  const std::string asked = "guestCodeForPid " + std::to_string(::getpid());
-  const auto calls = passes->calls();
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), asked), 2) << "once per message";
 }
 
 TEST_F(XPCServerTest, WhatMayStandAtTheSocketPath) {
