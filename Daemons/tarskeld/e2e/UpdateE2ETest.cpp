@@ -39,10 +39,6 @@ class UpdateTest : public E2EFixture {
             {"previousPath", previousPath().string()}};
   }
 
-  std::string installedVersion() const {
-    return readFile(installedApp() / "Contents/MacOS/tarskel");
-  }
-
   Ed25519KeyPair key{"vendor-e2e"};
 };
 
@@ -55,7 +51,7 @@ TEST_F(UpdateTest, SwapOverlapAndUninstall) {
   const DaemonResponse swapped = call("platform.applyUpdate", swapArgs(staged));
   ASSERT_EQ(codeOf(swapped), "ok") << messageOf(swapped);
   EXPECT_EQ(resultAt(swapped, "to"), JSONValue("2.0.0"));
-  EXPECT_EQ(installedVersion(), "v2.0.0");
+  EXPECT_EQ(readFile(installedApp() / "Contents/MacOS/tarskel"), "v2.0.0");
   EXPECT_EQ(readFile(previousPath() / "Contents/MacOS/tarskel"), "v1");
 
   // A sparse file costs no disk, but every byte is hashed: the quick request

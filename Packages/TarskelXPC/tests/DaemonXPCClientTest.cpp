@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/Errors.hpp"
 #include "tarskel/testing/TempDirectory.hpp"
 #include "tarskel/testing/XPCTesting.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
@@ -95,12 +96,7 @@ void echoOp(ScriptedDaemon::Connection& c, const TransportEnvelope& e) {
 }
 
 std::string transportText(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const DaemonClientError& e) {
-    return e.what();
-  }
-  return "(no transport error)";
+  return testing::thrownText<DaemonClientError>(call);
 }
 
 TEST(DaemonXPCClientTest, SendsTheRequestAsABodyThatExpectsAReplyAndReturnsRefusals) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tarskel/protocol/bus/Framing.hpp"
+#include "tarskel/testing/Errors.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
 namespace tarskel {
@@ -53,13 +54,8 @@ TEST(TransportTest, PayloadsThatAreNoEnvelope) {
       {"\0\0\0\0\0\0\0\1\1x"s, "sobre de transporte con datos tras un cuerpo ausente"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    try {
-      Transport::decodeEnvelope(c.bytes);
-      ADD_FAILURE() << "accepted";
-    } catch (const TransportError& e) {
-      EXPECT_STREQ(e.what(), c.text);
-    }
+    EXPECT_EQ(testing::thrownText<TransportError>([&] { Transport::decodeEnvelope(c.bytes); }),
+              c.text);
   }
 }
 
