@@ -22,12 +22,14 @@ std::string encode(const T& value) {
 // Key order is not part of the wire, so compare documents as trees.
 JSONValue tree(std::string_view text) { return TarskelJSON::decoder().decode<JSONValue>(text); }
 
+// Each document decodes to its value.
+template <class T>
+void expectDecoded(const std::vector<std::pair<const char*, T>>& cases) {
+  for (const auto& [json, expected] : cases) EXPECT_EQ(decode<T>(json), expected) << json;
+}
+
 TEST(DaemonWireTest, RequestsThatDecode) {
-  struct Case {
-    const char* json;
-    DaemonRequest expected;
-  };
-  const Case cases[] = {
+  expectDecoded<DaemonRequest>({
       {R"({"op":"daemon.info","args":{}})", {"daemon.info", {}, std::nullopt, std::nullopt}},
       {R"({"op":"x","args":{},"extra":1,"correlationId":null,"serviceId":null})",
        {"x", {}, std::nullopt, std::nullopt}},
@@ -36,30 +38,18 @@ TEST(DaemonWireTest, RequestsThatDecode) {
         JSONObject{{"path", JSONValue("/a")},
                    {"n", JSONValue(JSONValue::Array{JSONValue(1), JSONValue(nullptr)})}},
         "c", "s"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.json);
-    EXPECT_EQ(decode<DaemonRequest>(c.json), c.expected);
-  }
+  });
 }
 
 TEST(DaemonWireTest, ResponsesDecodeWithoutCheckingOk) {
-  struct Case {
-    const char* json;
-    DaemonResponse expected;
-  };
-  const Case cases[] = {
+  expectDecoded<DaemonResponse>({
       {R"({"ok":true,"error":{"code":"c","message":"m","extra":[]}})",
        {true, std::nullopt, DaemonWireError{"c", "m"}}},
       {R"({"ok":false,"result":[1,"a"]})",
        {false, JSONValue(JSONValue::Array{JSONValue(1), JSONValue("a")}), std::nullopt}},
       // A null result reads as absent, like every optional key.
       {R"({"ok":true,"result":null,"error":null})", {true, std::nullopt, std::nullopt}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.json);
-    EXPECT_EQ(decode<DaemonResponse>(c.json), c.expected);
-  }
+  });
 }
 
 TEST(DaemonWireTest, DocumentsThatFailToDecode) {
