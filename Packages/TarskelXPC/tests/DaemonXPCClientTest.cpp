@@ -25,15 +25,20 @@ namespace {
 
 // Accepts connections one after another on a socket (in a temporary
 // directory unless a path is given) and hands every message to `script`,
-// which answers through its side of the connection (or not at all).
+// which answers through its side of the connection (or not at all). The
+// socket is bound as root but may listen as another user, whose credentials
+// are then the ones a client sees.
 class ScriptedDaemon {
  public:
   using Connection = testing::RawConnection;
   using Script = std::function<void(Connection&, const TransportEnvelope&)>;
 
-  explicit ScriptedDaemon(Script script, std::string path = "")
+  explicit ScriptedDaemon(Script script, std::string path = "", uid_t listensAs = 0)
       : script_(std::move(script)), path_(path.empty() ? dir_.file("d.sock").string() : path) {
-    listenFd_ = testing::boundSocket(path_, 8);
+    listenFd_ = testing::boundSocket(path_);
+    const bool asOther = listensAs != 0 && ::seteuid(listensAs) == 0;
+    EXPECT_EQ(::listen(listenFd_, 8), 0);
+    if (asOther) ::seteuid(0);
     thread_ = std::thread([this] { serve(); });
   }
 
@@ -45,6 +50,7 @@ class ScriptedDaemon {
     }
     thread_.join();
     ::close(listenFd_);
+    ::unlink(path_.c_str());
   }
 
   const std::string& path() const { return path_; }
@@ -139,23 +145,18 @@ TEST(DaemonXPCClientTest, TheSystemDaemonsPathIsServedByRootOnly) {
   std::filesystem::create_directories("/run/tarskel");
   const std::string name = "tarskel-client-test-" + std::to_string(::getpid());
   const std::string path = "/run/tarskel/" + name + ".sock";
-  ::unlink(path.c_str());
-  // Bound as root, listening as another user: the credentials a client sees
-  // are those of listen(). Nobody accepts, so a byte sent would go unread.
-  const int foreign = testing::boundSocket(path);
-  ASSERT_EQ(::seteuid(65534), 0);
-  const int listened = ::listen(foreign, 4);
-  ASSERT_EQ(::seteuid(0), 0);
-  ASSERT_EQ(listened, 0);
-  EXPECT_EQ(transportText([&] { DaemonXPCClient(name).request(infoRequest()); }),
-            "daemon no disponible: el servidor de " + path + " no es root (uid 65534)");
-  ::close(foreign);
-  ::unlink(path.c_str());
-  {
-    ScriptedDaemon root(echoOp, path);
-    EXPECT_TRUE(DaemonXPCClient(name).request(infoRequest()).ok);
+  for (const uid_t listener : {uid_t{65534}, uid_t{0}}) {
+    SCOPED_TRACE(listener);
+    std::atomic<int> received{0};
+    ScriptedDaemon daemon(
+        [&received](auto& c, const TransportEnvelope& e) { ++received, echoOp(c, e); }, path,
+        listener);
+    const std::string text = transportText([&] { DaemonXPCClient(name).request(infoRequest()); });
+    EXPECT_EQ(text, listener == 0 ? "no error"
+                                  : "daemon no disponible: el servidor de " + path +
+                                        " no es root (uid 65534)");
+    EXPECT_EQ(received, listener == 0 ? 1 : 0);
   }
-  ::unlink(path.c_str());
 }
 
 TEST(DaemonXPCClientTest, LostConnectionFailsTheCallAndTheNextOneReconnects) {
