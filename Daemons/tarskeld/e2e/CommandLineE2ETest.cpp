@@ -129,9 +129,8 @@ TEST(CommandLineTest, BashCompletionOffersWhatEachPositionTakes) {
                           "); COMP_WORDS=(" + c.words +
                           "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tarskeld; "
                           "printf '%s' \"${COMPREPLY[*]}\"";
-    std::string quoted;
-    for (char ch : program) quoted += ch == '\'' ? std::string("'\\''") : std::string(1, ch);
-    Output run = runShell("bash -c '" + quoted + "'");
+    writeFile(dir / "complete.sh", program);
+    Output run = runShell("bash '" + (dir / "complete.sh").string() + "'");
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.text, c.expected);
   }

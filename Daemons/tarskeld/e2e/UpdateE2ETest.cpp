@@ -21,7 +21,6 @@ class UpdateTest : public E2EFixture {
   }
 
   fs::path installedApp() const { return dir / "Applications/Tarskel.app"; }
-  fs::path previousPath() const { return dir / "cache/previous/Tarskel.app"; }
 
   fs::path stage(const std::string& version) {
     fs::path staged = dir / ("staged-" + version);
@@ -36,7 +35,7 @@ class UpdateTest : public E2EFixture {
             {"stagedRoot", staged.string()},
             {"appName", "Tarskel.app"},
             {"installedApp", installedApp().string()},
-            {"previousPath", previousPath().string()}};
+            {"previousPath", (dir / "cache/previous/Tarskel.app").string()}};
   }
 
   Ed25519KeyPair key{"vendor-e2e"};
@@ -52,7 +51,7 @@ TEST_F(UpdateTest, SwapOverlapAndUninstall) {
   ASSERT_EQ(codeOf(swapped), "ok") << messageOf(swapped);
   EXPECT_EQ(resultAt(swapped, "to"), JSONValue("2.0.0"));
   EXPECT_EQ(readFile(installedApp() / "Contents/MacOS/tarskel"), "v2.0.0");
-  EXPECT_EQ(readFile(previousPath() / "Contents/MacOS/tarskel"), "v1");
+  EXPECT_EQ(readFile(dir / "cache/previous" / kExecutable), "v1");
 
   // A sparse file costs no disk, but every byte is hashed: the quick request
   // sent after it on the same connection is answered first.
