@@ -82,18 +82,32 @@ TEST(CommandLineTest, ParseErrorsExitTwoAndNeverStartTheDaemon) {
   }
 }
 
-// Regression: the root was used as typed, and a relative or trailing-slash
-// spelling reached clients.
-TEST(CommandLineTest, RootIsAbsoluteAndStandardised) {
+// A leading tilde expands as the shell would. Regression: the root was used
+// as typed, and a relative or trailing-slash spelling reached clients.
+TEST(CommandLineTest, RootIsExpandedMadeAbsoluteAndStandardised) {
+  const std::string savedHome = std::getenv("HOME") != nullptr ? std::getenv("HOME") : "";
+  const std::string rootHome = getpwnam("root")->pw_dir;
   const std::string cwd = std::filesystem::current_path().string();
-  const std::pair<std::string, std::string> cases[] = {
-      {"/srv/./a/../state/", "/srv/state"},
-      {"./state", cwd + "/state"},
-      {"/", "/"},
+  struct Case {
+    std::string home, typed, expanded, resolved;
+  } cases[] = {
+      {"/home/ana", "~", "/home/ana", "/home/ana"},
+      {"/home/ana/", "~/state", "/home/ana/state", "/home/ana/state"},
+      {"/", "~/state", "/state", "/state"},
+      {"/home/ana", "~root/state", rootHome + "/state", rootHome + "/state"},
+      {"/h", "~no-such-user-here/s", "~no-such-user-here/s", cwd + "/~no-such-user-here/s"},
+      {"/h", "state/~", "state/~", cwd + "/state/~"},
+      {"/h", "/srv/./a/../state/", "/srv/./a/../state/", "/srv/state"},
+      {"/h", "./state", "./state", cwd + "/state"},
+      {"/h", "/", "/", "/"},
   };
-  for (const auto& [typed, expected] : cases) {
-    EXPECT_EQ(Tarskeld::resolveRoot(typed).string(), expected) << typed;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.home + " " + c.typed);
+    setenv("HOME", c.home.c_str(), 1);
+    EXPECT_EQ(Tarskeld::expandTilde(c.typed), c.expanded);
+    EXPECT_EQ(Tarskeld::resolveRoot(c.typed).string(), c.resolved);
   }
+  setenv("HOME", savedHome.c_str(), 1);
 }
 
 TEST(CommandLineTest, BashCompletionOffersWhatEachPositionTakes) {
@@ -115,35 +129,11 @@ TEST(CommandLineTest, BashCompletionOffersWhatEachPositionTakes) {
                           "); COMP_WORDS=(" + c.words +
                           "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tarskeld; "
                           "printf '%s' \"${COMPREPLY[*]}\"";
-    std::string quoted;
-    for (char ch : program) quoted += ch == '\'' ? std::string("'\\''") : std::string(1, ch);
-    Output run = runShell("bash -c '" + quoted + "'");
+    writeFile(dir / "complete.sh", program);
+    Output run = runShell("bash '" + (dir / "complete.sh").string() + "'");
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.text, c.expected);
   }
-}
-
-TEST(TildeTest, ExpandsTheLeadingTildeAsTheShellWould) {
-  const std::string savedHome = std::getenv("HOME") != nullptr ? std::getenv("HOME") : "";
-  const std::string rootHome = getpwnam("root")->pw_dir;
-  struct Case {
-    std::string home;
-    std::string path;
-    std::string expected;
-  } cases[] = {
-      {"/home/ana", "~", "/home/ana"},
-      {"/home/ana/", "~/state", "/home/ana/state"},
-      {"/", "~/state", "/state"},
-      {"/home/ana", "~root/state", rootHome + "/state"},
-      {"/home/ana", "~no-such-user-here/state", "~no-such-user-here/state"},
-      {"/home/ana", "state/~", "state/~"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.home + " " + c.path);
-    setenv("HOME", c.home.c_str(), 1);
-    EXPECT_EQ(Tarskeld::expandTilde(c.path), c.expected);
-  }
-  setenv("HOME", savedHome.c_str(), 1);
 }
 
 using StartupTest = E2EFixture;

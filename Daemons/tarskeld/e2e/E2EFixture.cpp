@@ -86,12 +86,12 @@ std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds limit) {
   return status_;
 }
 
-DaemonProcess& E2EFixture::start(Environment environment, const std::filesystem::path& executable) {
+DaemonProcess& E2EFixture::start(Environment environment) {
   for (const char* name :
        {"TARSKEL_VENDOR_SEED", "TARSKEL_INSTALLED_APP", "LISTEN_FDS", "LISTEN_PID"})
     environment.try_emplace(name, std::nullopt);
   daemon.reset();
-  daemon = std::make_unique<DaemonProcess>(executable, daemonArguments(), environment);
+  daemon = std::make_unique<DaemonProcess>(TARSKELD_PATH, daemonArguments(), environment);
   if (!daemon->waitForLine(kServingLine + socketPath()))
     throw std::runtime_error("the daemon did not come up:\n" + daemon->log());
   return *daemon;

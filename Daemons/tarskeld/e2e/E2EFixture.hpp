@@ -77,10 +77,9 @@ class E2EFixture : public ::testing::Test {
     return {"--mach-service", socketPath(), "--root", root().string()};
   }
 
-  // Starts `executable` on root() and socketPath() and waits for its serving
+  // Starts the daemon on root() and socketPath() and waits for its serving
   // line. The variables the daemon reads are cleared unless set here.
-  DaemonProcess& start(Environment environment = {},
-                       const std::filesystem::path& executable = TARSKELD_PATH);
+  DaemonProcess& start(Environment environment = {});
   // Kills the running daemon the hard way, as a service manager would.
   void stop();
 

@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <cstdio>
-
 #include "E2EFixture.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 
@@ -21,11 +19,7 @@ int connectErrnoAsNobody(const std::string& path) {
   const pid_t child = ::fork();
   if (child == 0) {
     if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0) _exit(90);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    _exit(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? 0 : errno);
+    _exit(testing::connectedSocket(path) >= 0 ? 0 : errno);
   }
   int status = 0;
   ::waitpid(child, &status, 0);
@@ -41,38 +35,18 @@ TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
                                 "info tarskeld v0.1.0 sirviendo " + socketPath()}));
   EXPECT_EQ(fs::status(root() / "daemon").permissions(), fs::perms(0755));
 
+  // The catalogue, the outcomes and the chain are the core's and the store's
+  // to check; here, that a request reaches them through the real process.
   const DaemonResponse info = call("daemon.info", {}, std::nullopt, "corr-info");
   ASSERT_EQ(codeOf(info), "ok");
-  EXPECT_EQ(resultAt(info, "ops"),
-            JSONValue(JSONValue::Array{"daemon.grants.sync", "daemon.info", "fs.readProtectedPath",
-                                       "platform.applyUpdate", "platform.uninstallMachine"}));
   EXPECT_EQ(resultAt(info, "pid").numberValue(), static_cast<double>(daemon->pid()));
   EXPECT_EQ(codeOf(call("daemon.shutdown")), "unknownOp");
-  // Regression: {"op":"a\u0000b"} from any client broke the chain for good,
-  // and a 15 MiB op name was stored whole.
-  const std::string nul("a\0b", 3);
-  EXPECT_EQ(codeOf(call(nul, {}, nul, nul)), "unknownOp");
-  EXPECT_EQ(codeOf(call(std::string(200000, 'x'), {}, std::string(200000, 's'))), "unknownOp");
-
   const std::vector<AuditStore::Entry> rows = auditRows();
-  ASSERT_EQ(rows.size(), 4u);
+  ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(
       rows[0].caller + " " + rows[0].tool + " " + rows[0].outcome + " " + rows[0].correlationId,
       std::string(kUnprovisionedCaller) + " daemon.info ok corr-info");
-  EXPECT_EQ(rows[2].tool,
-            "a\xEF\xBF\xBD"
-            "b");
-  EXPECT_EQ(rows[2].correlationId, rows[2].tool);
-  EXPECT_EQ(rows[3].tool.size(), AuditStore::kMaxTextBytes);
-  EXPECT_LE(rows[3].caller.size(), AuditStore::kMaxTextBytes);
   EXPECT_TRUE(chainHolds());
-  // The chain as Python's own sqlite3 and hashlib read it from the file.
-  std::string verdict(64, '\0');
-  FILE* pipe =
-      popen(("python3 '" TARSKEL_CHAIN_CHECK "' '" + auditPath().string() + "' 2>&1").c_str(), "r");
-  verdict.resize(std::fread(verdict.data(), 1, verdict.size(), pipe));
-  pclose(pipe);
-  EXPECT_EQ(verdict.substr(0, 5), "ok 4 ") << verdict;
 
   // Regression: audit.db, -wal and -shm were 0644: any user read every row.
   for (const std::string& file : {auditPath().string(), auditPath().string() + "-wal",
@@ -82,42 +56,6 @@ TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
     EXPECT_EQ(st.st_mode & 0777, 0600u) << file;
   }
   EXPECT_EQ(connectErrnoAsNobody(socketPath()), EACCES);
-
-  DaemonXPCClient client(socketPath());
-  EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
-  stop();
-  EXPECT_THROW(client.request({"daemon.info", {}, std::nullopt, std::nullopt}), DaemonClientError);
-}
-
-// The test process connects and is the one trusted executable; a child that
-// inherits the socket and execs cat writes a request of its own on it.
-TEST_F(ServingE2ETest, EachMessageIsJudgedByItsOwnSender) {
-  writeFile(root() / "vendor/teams.json", R"({"revision":1,"teamIds":["TEAMID0001"]})");
-  start({{"TARSKEL_TEST_GATE", "trust=" + fs::read_symlink("/proc/self/exe").string()}},
-        TARSKELD_TESTGATE_PATH);
-  RawConnection connection(socketPath());
-  const fs::path frame = dir / "frame";
-  writeFile(frame, Transport::encodeFrame({7, true, requestBytes("daemon.info")}));
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(connection.fd(), STDOUT_FILENO);
-    ::execl("/bin/cat", "cat", frame.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  std::optional<TransportEnvelope> theirs = connection.next();
-  ::waitpid(child, nullptr, 0);
-  ASSERT_TRUE(theirs && theirs->body);
-  EXPECT_EQ(theirs->id, 7u);
-  const auto refused = TarskelJSON::decoder().decode<DaemonResponse>(*theirs->body);
-  EXPECT_EQ(codeOf(refused), "unauthorizedClient");
-
-  connection.send(8, true, requestBytes("daemon.info"));
-  EXPECT_TRUE(connection.nextResponse().ok);
-  const auto rows = auditRows();
-  ASSERT_EQ(rows.size(), 2u);
-  EXPECT_EQ(rows[0].caller, "rejected:" + messageOf(refused).substr(23));
-  EXPECT_EQ(messageOf(refused).rfind("cliente XPC rechazado: ", 0), 0u);
-  EXPECT_EQ(rows[1].caller, "team:TEAMID0001");
 }
 
 TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheRead) {
@@ -125,9 +63,7 @@ TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheRead) {
   const JSONObject grants{
       {"grants", JSONObject{{"svc.reader", JSONValue::Array{"fs.readProtectedPath"}},
                             {"svc.other", JSONValue::Array{"daemon.info"}}}}};
-  const DaemonResponse sync = call("daemon.grants.sync", grants);
-  ASSERT_EQ(codeOf(sync), "ok");
-  EXPECT_EQ(resultAt(sync, "services").numberValue(), 2.0);
+  ASSERT_EQ(codeOf(call("daemon.grants.sync", grants)), "ok");
   stop();
   start();
 
@@ -137,11 +73,6 @@ TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheRead) {
   ASSERT_EQ(codeOf(granted), "ok") << messageOf(granted);
   EXPECT_EQ(base64Decode(*resultAt(granted, "contentsBase64").stringValue()), "\xff bytes");
   EXPECT_EQ(codeOf(call("fs.readProtectedPath", args, "svc.other")), "notGranted");
-
-  const std::vector<AuditStore::Entry> rows = auditRows();
-  ASSERT_EQ(rows.size(), 3u);
-  EXPECT_EQ(rows[2].caller, std::string(kUnprovisionedCaller) + " svc:svc.other");
-  EXPECT_TRUE(chainHolds());
 }
 
 // The vendor seed is copied (and logged) only while no allowlist is there,
@@ -176,23 +107,6 @@ TEST_F(ServingE2ETest, SeedAndProvisionedGateAcrossThreeStarts) {
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].outcome + " " + rows[0].caller,
             "denied rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)");
-}
-
-// What the systemd units rely on: the listening socket is handed over and
-// adopted, and the service name is not bound.
-TEST_F(ServingE2ETest, SocketActivationAdoptsThePassedSocket) {
-  const fs::path activator = "/usr/bin/systemd-socket-activate";
-  if (!fs::exists(activator)) GTEST_SKIP() << "no systemd-socket-activate here";
-  const std::string unbound = (dir / "unbound.sock").string();
-  daemon = std::make_unique<DaemonProcess>(
-      activator,
-      std::vector<std::string>{"-l", socketPath(), TARSKELD_PATH, "--mach-service", unbound,
-                               "--root", root().string()},
-      Environment{{"LISTEN_FDS", std::nullopt}, {"LISTEN_PID", std::nullopt}});
-  ASSERT_TRUE(daemon->waitForLine("Listening on"));
-  EXPECT_EQ(codeOf(call("daemon.info")), "ok");  // the first connection starts the daemon
-  EXPECT_TRUE(daemon->waitForLine(kServingLine));
-  EXPECT_FALSE(fs::exists(unbound));
 }
 
 }  // namespace

@@ -21,8 +21,6 @@ class UpdateTest : public E2EFixture {
   }
 
   fs::path installedApp() const { return dir / "Applications/Tarskel.app"; }
-  fs::path previousPath() const { return dir / "cache/previous/Tarskel.app"; }
-  fs::path failedPath() const { return dir / "cache/failed/Tarskel.app"; }
 
   fs::path stage(const std::string& version) {
     fs::path staged = dir / ("staged-" + version);
@@ -37,51 +35,23 @@ class UpdateTest : public E2EFixture {
             {"stagedRoot", staged.string()},
             {"appName", "Tarskel.app"},
             {"installedApp", installedApp().string()},
-            {"previousPath", previousPath().string()}};
-  }
-
-  JSONObject rollbackArgs() const {
-    return {{"action", "rollback"},
-            {"installedApp", installedApp().string()},
-            {"previousPath", previousPath().string()},
-            {"failedPath", failedPath().string()}};
-  }
-
-  std::string installedVersion() const {
-    return readFile(installedApp() / "Contents/MacOS/tarskel");
+            {"previousPath", (dir / "cache/previous/Tarskel.app").string()}};
   }
 
   Ed25519KeyPair key{"vendor-e2e"};
 };
 
-// One daemon: refused trees, a swap, its rollback, a long verification
-// beside a quick request, and the uninstall at the end.
-TEST_F(UpdateTest, RefusalsSwapRollbackOverlapAndUninstall) {
+// One daemon: a swap, a long verification beside a quick request, and the
+// uninstall. The refusals and the rollback are the operations' own to check;
+// here, that a verdict and a refusal reach the caller through the process.
+TEST_F(UpdateTest, SwapOverlapAndUninstall) {
   start({{"TARSKEL_INSTALLED_APP", installedApp().string()}});
-  writeFile(previousPath() / "Contents/MacOS/tarskel", "v0");
-  // Each refusal is the update's own; here, that the daemon's one reaches the caller.
-  const fs::path tampered = stage("3.0.0");
-  writeFile(tampered / kExecutable, "v3.0.0 with a payload");
-  EXPECT_EQ(messageOf(call("platform.applyUpdate", swapArgs(tampered))),
-            "platform.applyUpdate falló: sha256 no coincide: Tarskel.app/Contents/MacOS/tarskel");
-  EXPECT_EQ(installedVersion(), "v1");
-  EXPECT_EQ(readFile(previousPath() / "Contents/MacOS/tarskel"), "v0");
-  fs::remove_all(previousPath());
-
-  fs::create_directories(failedPath().parent_path());
   const fs::path staged = stage("2.0.0");
   const DaemonResponse swapped = call("platform.applyUpdate", swapArgs(staged));
   ASSERT_EQ(codeOf(swapped), "ok") << messageOf(swapped);
   EXPECT_EQ(resultAt(swapped, "to"), JSONValue("2.0.0"));
-  EXPECT_EQ(installedVersion(), "v2.0.0");
-  EXPECT_EQ(readFile(previousPath() / "Contents/MacOS/tarskel"), "v1");
-  EXPECT_EQ(readFile(staged / kExecutable), "v2.0.0");  // a copy was installed; the tree stays
-  const DaemonResponse rolledBack = call("platform.applyUpdate", rollbackArgs());
-  ASSERT_EQ(codeOf(rolledBack), "ok") << messageOf(rolledBack);
-  EXPECT_EQ(installedVersion(), "v1");
-  EXPECT_EQ(readFile(failedPath() / "Contents/MacOS/tarskel"), "v2.0.0");
-  EXPECT_EQ(codeOf(call("platform.applyUpdate", rollbackArgs())), "opFailed");
-  EXPECT_EQ(installedVersion(), "v1");
+  EXPECT_EQ(readFile(installedApp() / "Contents/MacOS/tarskel"), "v2.0.0");
+  EXPECT_EQ(readFile(dir / "cache/previous" / kExecutable), "v1");
 
   // A sparse file costs no disk, but every byte is hashed: the quick request
   // sent after it on the same connection is answered first.
@@ -107,8 +77,7 @@ TEST_F(UpdateTest, RefusalsSwapRollbackOverlapAndUninstall) {
   EXPECT_EQ(resultAt(removed, "removed"), JSONValue(JSONValue::Array{installedApp().string()}));
   EXPECT_EQ(resultAt(removed, "dataPreserved"), JSONValue(JSONValue::Array{root().string()}));
   EXPECT_FALSE(fs::exists(installedApp()));
-  EXPECT_EQ(codeOf(call("platform.uninstallMachine")), "opFailed");
-  EXPECT_EQ(auditRows().size(), 8u);
+  EXPECT_EQ(auditRows().size(), 4u);
   EXPECT_TRUE(chainHolds());
 }
 

@@ -43,11 +43,6 @@ class DaemonCoreTest : public testing::DaemonFixture {
     return DaemonCore(std::move(ops), audit, grants);
   }
 
-  DaemonResponse handleEncoded(const std::string& bytes, DaemonPeerVerdict peer) {
-    return TarskelJSON::decoder().decode<DaemonResponse>(
-        testing::runOn(pool, core().handleEncoded(bytes, std::move(peer))));
-  }
-
   AuditStore::Entry lastRow() const { return audit->recentSync(1).at(0); }
 };
 
@@ -157,7 +152,8 @@ TEST_F(DaemonCoreTest, UnreadableBytesAnswerMalformedWithoutARow) {
   for (const std::string bytes : {"\xff\xfe", R"({"op":"daemon.info"})"}) {
     SCOPED_TRACE(bytes);
     // A rejected peer learns that its bytes are bad, not that it is rejected.
-    DaemonResponse response = handleEncoded(bytes, DaemonPeerVerdict::rejected("x"));
+    const auto response = TarskelJSON::decoder().decode<DaemonResponse>(
+        testing::runOn(pool, core().handleEncoded(bytes, DaemonPeerVerdict::rejected("x"))));
     ASSERT_TRUE(response.error && !response.ok);
     EXPECT_THAT(response.error->code + ": " + response.error->message,
                 StartsWith("malformedRequest: request ilegible: "));

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <atomic>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
@@ -14,6 +13,7 @@
 #include <thread>
 
 #include "DaemonTestSupport.hpp"
+#include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
 #include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
@@ -58,21 +58,9 @@ class TestOp final : public DaemonOp {
   std::shared_ptr<Shared> s_;
 };
 
+using testing::boundSocket;
 using testing::RawConnection;
 using testing::requestBytes;
-
-// A socket bound at `path`; listening when `backlog` is given.
-int boundSocket(const fs::path& path, std::optional<int> backlog = std::nullopt) {
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, path.c_str());
-  EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  if (backlog) {
-    EXPECT_EQ(::listen(fd, *backlog), 0);
-  }
-  return fd;
-}
 
 class XPCServerTest : public testing::DaemonFixture {
  protected:
@@ -184,39 +172,9 @@ TEST_F(XPCServerTest, BadFrameClosesOnlyItsConnection) {
   EXPECT_EQ(replies, 20);
 }
 
-// The gate behind the socket, asked anew for every message: a scripted
-// platform that passes, and the real Linux platform, which fails closed (no
-// code signature exists here).
-TEST_F(XPCServerTest, GateVerdictsOfEveryMessage) {
-  auto passes = std::make_shared<FakeCodeSignPlatform>();
-  struct Case {
-    const char* name;
-    std::shared_ptr<const CodeSignPlatform> platform;
-    std::string caller;
-  };
-  const std::vector<Case> cases = {
-      {"trusted", passes, "team:TEAMID0001"},
-      {"system", DaemonPeerGate::systemPlatform(),
-       "rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}, c.platform});
-    DaemonXPCClient client(socketPath());
-    for (int i = 0; i < 2; ++i) client.request({"daemon.info", {}, std::nullopt, std::nullopt});
-    server->stop();
-    const auto rows = callers();
-    EXPECT_EQ(std::vector<std::string>(rows.end() - 2, rows.end()),
-              std::vector<std::string>(2, c.caller));
-  }
-  const std::string asked = "guestCodeForPid " + std::to_string(::getpid());
-  const auto calls = passes->calls();
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), asked), 2) << "once per message";
-}
-
 TEST_F(XPCServerTest, WhatMayStandAtTheSocketPath) {
   const fs::path path = dir.file("d.sock");
-  ::close(boundSocket(path));  // a socket nobody listens on is stale and replaced
+  ::close(boundSocket(path.string()));  // a socket nobody listens on is stale and replaced
   startServer({}, path.string());
   DaemonXPCClient client(path.string());
   EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
@@ -235,7 +193,7 @@ TEST_F(XPCServerTest, WhatMayStandAtTheSocketPath) {
 
 TEST_F(XPCServerTest, AdoptsTheSocketOfSocketActivation) {
   const fs::path path = dir.file("activated.sock");
-  const int listener = boundSocket(path, 8);
+  const int listener = boundSocket(path.string(), 8);
   const int saved = ::dup(3);  // whatever the test runner keeps at 3
   ASSERT_EQ(::dup2(listener, 3), 3);
   ::close(listener);
@@ -320,49 +278,80 @@ TEST_F(XPCServerTest, ConnectionsPerUserAreCapped) {
   EXPECT_TRUE(fourth.nextResponse().ok) << "a freed place is given again";
 }
 
-// Who wrote a message's bytes is who is judged: a child that inherited the
-// connection, the process that connected, or nobody for a frame that two of
-// them wrote together.
+// The real Linux platform, but for one executable that passes as team
+// TEAMID0001: Linux has no code signature to make a trusted sender from.
+class TrustOneExecutable final : public CodeSignPlatform {
+ public:
+  explicit TrustOneExecutable(std::string path) : trusted_(std::move(path)) {}
+  CodeResult staticCodeForPath(const std::string& p) const override {
+    return linux_.staticCodeForPath(p);
+  }
+  CodeResult guestCodeForPid(std::int32_t pid) const override {
+    return linux_.guestCodeForPid(pid);
+  }
+  std::optional<CodeResult> guestCodeInProcDirectory(int dir, std::int32_t pid) const override {
+    return linux_.guestCodeInProcDirectory(dir, pid);
+  }
+  CodeResult staticCodeOf(const CodeObject& c) const override { return linux_.staticCodeOf(c); }
+  CodeRef compileRequirement(std::string_view t) const override {
+    return linux_.compileRequirement(t);
+  }
+  OSStatus checkValidity(const CodeObject& c, std::uint32_t, const CodeObject*) const override {
+    return LinuxCodeSignPlatform::executablePath(c) == trusted_ ? 0
+                                                                : CodeSignStatus::errSecCSUnsigned;
+  }
+  SigningInformation copySigningInformation(const CodeObject&, std::uint32_t) const override {
+    return {0, SigningInformation::Result::dictionary, SigningInformation::Team::string,
+            "TEAMID0001"};
+  }
+
+ private:
+  LinuxCodeSignPlatform linux_;
+  std::string trusted_;
+};
+
+// Who wrote a message's bytes is who is judged: a cat that inherited the
+// connection, the (trusted) process that connected, or nobody for a frame
+// that the two wrote together.
 TEST_F(XPCServerTest, EachMessageIsJudgedByTheProcessThatWroteIt) {
-  auto fake = std::make_shared<FakeCodeSignPlatform>();
-  startServer(DaemonPeerGate{std::vector<std::string>{"TEAMID0001"}, fake});
+  startServer(DaemonPeerGate{
+      std::vector<std::string>{"TEAMID0001"},
+      std::make_shared<TrustOneExecutable>(fs::read_symlink("/proc/self/exe").string())});
   RawConnection c(socketPath());
   const std::string frame = Transport::encodeFrame({1, true, requestBytes("daemon.info")});
-  // The child writes `part` of the frame, and stays until the reply is read.
-  auto childWrites = [&](const std::string& part) {
-    int done[2];
-    EXPECT_EQ(::pipe(done), 0);
+  // A cat writes `part` on the connection, and stays until the reply is read.
+  auto catWrites = [&](const std::string& part) {
+    int input[2];
+    EXPECT_EQ(::pipe(input), 0);
     const pid_t child = ::fork();
     if (child == 0) {
-      ::close(done[1]);
-      ::write(c.fd(), part.data(), part.size());
-      char byte;
-      ::read(done[0], &byte, 1);
-      _exit(0);
+      ::dup2(input[0], STDIN_FILENO);
+      ::dup2(c.fd(), STDOUT_FILENO);
+      ::close(input[1]);
+      ::execl("/bin/cat", "cat", static_cast<char*>(nullptr));
+      _exit(127);
     }
-    ::close(done[0]);
-    return std::make_tuple(child, done[1]);
+    ::close(input[0]);
+    EXPECT_EQ(::write(input[1], part.data(), part.size()), static_cast<ssize_t>(part.size()));
+    return std::make_tuple(child, input[1]);
   };
 
-  auto [child, release] = childWrites(frame);
-  EXPECT_TRUE(c.nextResponse().ok);
+  auto [cat, release] = catWrites(frame);
+  EXPECT_EQ(c.nextResponse().error.value_or(DaemonWireError{}).code, "unauthorizedClient");
   ::close(release);
-  ::waitpid(child, nullptr, 0);
+  ::waitpid(cat, nullptr, 0);
   c.send(2, true, requestBytes("daemon.info"));
   EXPECT_TRUE(c.nextResponse().ok);
-  const auto calls = fake->calls();
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "guestCodeForPid " + std::to_string(child)), 1);
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "guestCodeForPid " + std::to_string(::getpid())),
-            1);
 
   c.sendRaw(frame.substr(0, 10));
-  auto [helper, letGo] = childWrites(frame.substr(10));
-  const DaemonResponse mixed = c.nextResponse();
+  auto [helper, letGo] = catWrites(frame.substr(10));
+  EXPECT_FALSE(c.nextResponse().ok);
   ::close(letGo);
   ::waitpid(helper, nullptr, 0);
-  ASSERT_TRUE(mixed.error);
-  EXPECT_EQ(mixed.error->message,
-            "cliente XPC rechazado: sin identidad de código en el mensaje xpc (-67065)");
+  EXPECT_EQ(callers(),
+            (std::vector<std::string>{
+                "rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)",
+                "team:TEAMID0001", "rejected:sin identidad de código en el mensaje xpc (-67065)"}));
 }
 
 // Descriptors a client passes with its bytes are closed, not kept.

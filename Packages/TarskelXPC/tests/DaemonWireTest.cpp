@@ -22,26 +22,14 @@ std::string encode(const T& value) {
 // Key order is not part of the wire, so compare documents as trees.
 JSONValue tree(std::string_view text) { return TarskelJSON::decoder().decode<JSONValue>(text); }
 
-// The texts the core sends are checked where it sends them; here, what is
-// built from several parts.
-TEST(DaemonWireTest, ErrorTexts) {
-  const std::pair<DaemonWireError, const char*> cases[] = {
-      {DaemonWireError::malformedRequest("bytes raros: ñ"), "malformedRequest: bytes raros: ñ"},
-      {DaemonWireError::invalidArgs({"a", "b"}), "invalidArgs: args fuera del schema: a; b"},
-      // An empty id is present, not absent.
-      {DaemonWireError::notGranted("op", std::string()),
-       "notGranted: sin concesión para op (service: )"},
-  };
-  for (const auto& [error, expected] : cases)
-    EXPECT_EQ(error.code + ": " + error.message, expected);
+// Each document decodes to its value.
+template <class T>
+void expectDecoded(const std::vector<std::pair<const char*, T>>& cases) {
+  for (const auto& [json, expected] : cases) EXPECT_EQ(decode<T>(json), expected) << json;
 }
 
 TEST(DaemonWireTest, RequestsThatDecode) {
-  struct Case {
-    const char* json;
-    DaemonRequest expected;
-  };
-  const Case cases[] = {
+  expectDecoded<DaemonRequest>({
       {R"({"op":"daemon.info","args":{}})", {"daemon.info", {}, std::nullopt, std::nullopt}},
       {R"({"op":"x","args":{},"extra":1,"correlationId":null,"serviceId":null})",
        {"x", {}, std::nullopt, std::nullopt}},
@@ -50,30 +38,18 @@ TEST(DaemonWireTest, RequestsThatDecode) {
         JSONObject{{"path", JSONValue("/a")},
                    {"n", JSONValue(JSONValue::Array{JSONValue(1), JSONValue(nullptr)})}},
         "c", "s"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.json);
-    EXPECT_EQ(decode<DaemonRequest>(c.json), c.expected);
-  }
+  });
 }
 
 TEST(DaemonWireTest, ResponsesDecodeWithoutCheckingOk) {
-  struct Case {
-    const char* json;
-    DaemonResponse expected;
-  };
-  const Case cases[] = {
+  expectDecoded<DaemonResponse>({
       {R"({"ok":true,"error":{"code":"c","message":"m","extra":[]}})",
        {true, std::nullopt, DaemonWireError{"c", "m"}}},
       {R"({"ok":false,"result":[1,"a"]})",
        {false, JSONValue(JSONValue::Array{JSONValue(1), JSONValue("a")}), std::nullopt}},
       // A null result reads as absent, like every optional key.
       {R"({"ok":true,"result":null,"error":null})", {true, std::nullopt, std::nullopt}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.json);
-    EXPECT_EQ(decode<DaemonResponse>(c.json), c.expected);
-  }
+  });
 }
 
 TEST(DaemonWireTest, DocumentsThatFailToDecode) {
@@ -104,8 +80,13 @@ TEST(DaemonWireTest, EncodedForms) {
       {encode(DaemonRequest{"op", JSONObject{{"k", JSONValue(true)}}, "c", "s"}),
        R"({"op":"op","args":{"k":true},"correlationId":"c","serviceId":"s"})"},
       {encode(DaemonResponse::success(JSONValue(nullptr))), R"({"ok":true,"result":null})"},
-      {encode(DaemonResponse::failure(DaemonWireError::unknownOp("q"))),
-       R"({"ok":false,"error":{"code":"unknownOp","message":"op fuera del catálogo: q"}})"},
+      // The texts the core sends are checked where it sends them; here,
+      // those built from several parts.
+      {encode(DaemonResponse::failure(DaemonWireError::invalidArgs({"a", "b"}))),
+       R"({"ok":false,"error":{"code":"invalidArgs","message":"args fuera del schema: a; b"}})"},
+      // An empty id is present, not absent.
+      {encode(DaemonResponse::failure(DaemonWireError::notGranted("op", std::string()))),
+       R"j({"ok":false,"error":{"code":"notGranted","message":"sin concesión para op (service: )"}})j"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.expected);

@@ -3,15 +3,9 @@
 // the envelope.
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -20,29 +14,31 @@
 #include <thread>
 #include <vector>
 
-#include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/Errors.hpp"
 #include "tarskel/testing/TempDirectory.hpp"
+#include "tarskel/testing/XPCTesting.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
-#include "tarskel/xpc/Transport.hpp"
 
 namespace tarskel {
 namespace {
 
-// Accepts connections one after another on a socket in a temporary
-// directory and hands every message to `script`, which answers through
-// reply() (or not at all).
+// Accepts connections one after another on a socket (in a temporary
+// directory unless a path is given) and hands every message to `script`,
+// which answers through its side of the connection (or not at all). The
+// socket is bound as root but may listen as another user, whose credentials
+// are then the ones a client sees.
 class ScriptedDaemon {
  public:
-  using Script = std::function<void(ScriptedDaemon&, int fd, const TransportEnvelope&)>;
+  using Connection = testing::RawConnection;
+  using Script = std::function<void(Connection&, const TransportEnvelope&)>;
 
-  explicit ScriptedDaemon(Script script) : script_(std::move(script)) {
-    listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path_.c_str());
-    EXPECT_EQ(::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  explicit ScriptedDaemon(Script script, std::string path = "", uid_t listensAs = 0)
+      : script_(std::move(script)), path_(path.empty() ? dir_.file("d.sock").string() : path) {
+    listenFd_ = testing::boundSocket(path_);
+    const bool asOther = listensAs != 0 && ::seteuid(listensAs) == 0;
     EXPECT_EQ(::listen(listenFd_, 8), 0);
+    if (asOther) ::seteuid(0);
     thread_ = std::thread([this] { serve(); });
   }
 
@@ -50,19 +46,14 @@ class ScriptedDaemon {
     ::shutdown(listenFd_, SHUT_RDWR);
     {
       std::lock_guard lock(mutex_);
-      for (int fd : open_) ::shutdown(fd, SHUT_RDWR);
+      if (open_ >= 0) ::shutdown(open_, SHUT_RDWR);
     }
     thread_.join();
     ::close(listenFd_);
+    ::unlink(path_.c_str());
   }
 
   const std::string& path() const { return path_; }
-
-  static void reply(int fd, std::uint64_t id, std::optional<std::string> body) {
-    const std::string frame = Transport::encodeFrame({id, false, std::move(body)});
-    ASSERT_EQ(::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(frame.size()));
-  }
 
   std::vector<TransportEnvelope> received() {
     std::lock_guard lock(mutex_);
@@ -71,59 +62,47 @@ class ScriptedDaemon {
 
  private:
   void serve() {
-    for (;;) {
-      const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd < 0) return;
+    for (int fd; (fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
       {
         std::lock_guard lock(mutex_);
-        open_.push_back(fd);
+        open_ = fd;
       }
-      FrameDecoder decoder;
-      char buffer[4096];
-      ssize_t n;
-      while ((n = ::recv(fd, buffer, sizeof buffer, 0)) > 0) {
-        for (auto& payload : decoder.append({buffer, static_cast<std::size_t>(n)})) {
-          TransportEnvelope envelope = Transport::decodeEnvelope(payload);
-          {
-            std::lock_guard lock(mutex_);
-            received_.push_back(envelope);
-          }
-          script_(*this, fd, envelope);
+      Connection connection(fd);
+      while (auto envelope = connection.next(std::chrono::milliseconds(-1))) {
+        {
+          std::lock_guard lock(mutex_);
+          received_.push_back(*envelope);
         }
+        script_(connection, *envelope);
       }
-      ::close(fd);
+      std::lock_guard lock(mutex_);
+      open_ = -1;
     }
   }
 
   Script script_;
   testing::TempDirectory dir_{"tarskel-xpc"};
-  std::string path_ = dir_.file("d.sock").string();
+  std::string path_;
   int listenFd_ = -1;
   std::thread thread_;
   std::mutex mutex_;
-  std::vector<int> open_;
+  int open_ = -1;  // the connection being served
   std::vector<TransportEnvelope> received_;
 };
 
 DaemonRequest infoRequest() { return {"daemon.info", {}, std::nullopt, std::nullopt}; }
 
 // Answers each request with its own op as the result; refuses "refuse".
-void echoOp(ScriptedDaemon&, int fd, const TransportEnvelope& e) {
+void echoOp(ScriptedDaemon::Connection& c, const TransportEnvelope& e) {
   auto request = TarskelJSON::decoder().decode<DaemonRequest>(*e.body);
-  ScriptedDaemon::reply(
-      fd, e.id,
-      TarskelJSON::encoder().encode(
-          request.op == "refuse" ? DaemonResponse::failure(DaemonWireError::unknownOp("refuse"))
-                                 : DaemonResponse::success(JSONValue(request.op))));
+  c.send(e.id, false,
+         TarskelJSON::encoder().encode(
+             request.op == "refuse" ? DaemonResponse::failure(DaemonWireError::unknownOp("refuse"))
+                                    : DaemonResponse::success(JSONValue(request.op))));
 }
 
 std::string transportText(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const DaemonClientError& e) {
-    return e.what();
-  }
-  return "(no transport error)";
+  return testing::thrownText<DaemonClientError>(call);
 }
 
 TEST(DaemonXPCClientTest, SendsTheRequestAsABodyThatExpectsAReplyAndReturnsRefusals) {
@@ -143,9 +122,8 @@ TEST(DaemonXPCClientTest, SendsTheRequestAsABodyThatExpectsAReplyAndReturnsRefus
 // response is the decoder's.
 TEST(DaemonXPCClientTest, WhatARepliesBodyTurnsInto) {
   std::atomic<int> replies{0};
-  ScriptedDaemon daemon([&replies](ScriptedDaemon&, int fd, const TransportEnvelope& e) {
-    ScriptedDaemon::reply(fd, e.id,
-                          replies++ == 0 ? std::nullopt : std::optional<std::string>("[1]"));
+  ScriptedDaemon daemon([&replies](auto& c, const TransportEnvelope& e) {
+    c.send(e.id, false, replies++ == 0 ? std::nullopt : std::optional<std::string>("[1]"));
   });
   DaemonXPCClient client(daemon.path());
   EXPECT_EQ(transportText([&] { client.request(infoRequest()); }),
@@ -169,52 +147,27 @@ TEST(DaemonXPCClientTest, TheSystemDaemonsPathIsServedByRootOnly) {
   const std::string path = "/run/tarskel/" + name + ".sock";
   for (const uid_t listener : {uid_t{65534}, uid_t{0}}) {
     SCOPED_TRACE(listener);
-    ::unlink(path.c_str());
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-      // Bound as root, listening as `listener`: the credentials a client
-      // sees are those of listen().
-      const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-      sockaddr_un address{};
-      address.sun_family = AF_UNIX;
-      std::strcpy(address.sun_path, path.c_str());
-      if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) _exit(1);
-      if (listener != 0 && ::setuid(listener) != 0) _exit(1);
-      if (::listen(fd, 4) != 0) _exit(1);
-      ::write(ready[1], "r", 1);
-      const int peer = ::accept(fd, nullptr, nullptr);
-      ::close(peer);  // answers nothing
-      _exit(0);
-    }
-    char byte;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    std::atomic<int> received{0};
+    ScriptedDaemon daemon(
+        [&received](auto& c, const TransportEnvelope& e) { ++received, echoOp(c, e); }, path,
+        listener);
     const std::string text = transportText([&] { DaemonXPCClient(name).request(infoRequest()); });
-    ::close(ready[0]);
-    ::close(ready[1]);
-    if (listener != 0) {
-      ::kill(child, SIGKILL);
-      EXPECT_EQ(text, "daemon no disponible: el servidor de " + path + " no es root (uid 65534)");
-    } else {
-      // Past the check: the server's own silence is what fails the call.
-      EXPECT_EQ(text.find("no es root"), std::string::npos) << text;
-      EXPECT_EQ(text.rfind("daemon no disponible: ", 0), 0u) << text;
-    }
-    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(text, listener == 0 ? "no error"
+                                  : "daemon no disponible: el servidor de " + path +
+                                        " no es root (uid 65534)");
+    EXPECT_EQ(received, listener == 0 ? 1 : 0);
   }
-  ::unlink(path.c_str());
 }
 
 TEST(DaemonXPCClientTest, LostConnectionFailsTheCallAndTheNextOneReconnects) {
   std::atomic<int> calls{0};
-  ScriptedDaemon daemon([&calls](ScriptedDaemon& d, int fd, const TransportEnvelope& e) {
+  ScriptedDaemon daemon([&calls](auto& c, const TransportEnvelope& e) {
     // The first message is answered by hanging up.
     if (calls++ == 0) {
-      ::shutdown(fd, SHUT_RDWR);
+      ::shutdown(c.fd(), SHUT_RDWR);
       return;
     }
-    echoOp(d, fd, e);
+    echoOp(c, e);
   });
   DaemonXPCClient client(daemon.path());
   EXPECT_EQ(transportText([&] { client.request(infoRequest()); }),
@@ -224,7 +177,7 @@ TEST(DaemonXPCClientTest, LostConnectionFailsTheCallAndTheNextOneReconnects) {
 
 TEST(DaemonXPCClientTest, ClosedClientFailsEveryCallIncludingOneInFlight) {
   std::promise<void> arrived;
-  ScriptedDaemon daemon([&arrived](ScriptedDaemon&, int, const TransportEnvelope&) {
+  ScriptedDaemon daemon([&arrived](auto&, const TransportEnvelope&) {
     arrived.set_value();  // and never answers
   });
   DaemonXPCClient client(daemon.path());
@@ -241,13 +194,11 @@ TEST(DaemonXPCClientTest, ClosedClientFailsEveryCallIncludingOneInFlight) {
 // each caller its own answer.
 TEST(DaemonXPCClientTest, ConcurrentCallersGetTheirOwnRepliesInAnyOrder) {
   constexpr int kCallers = 6;
-  std::mutex mutex;
-  std::vector<std::pair<int, TransportEnvelope>> held;
-  ScriptedDaemon daemon([&](ScriptedDaemon& d, int fd, const TransportEnvelope& e) {
-    std::lock_guard lock(mutex);
-    held.emplace_back(fd, e);
+  std::vector<TransportEnvelope> held;  // touched by the daemon's thread only
+  ScriptedDaemon daemon([&](auto& c, const TransportEnvelope& e) {
+    held.push_back(e);
     if (held.size() < kCallers) return;
-    for (auto it = held.rbegin(); it != held.rend(); ++it) echoOp(d, it->first, it->second);
+    for (auto it = held.rbegin(); it != held.rend(); ++it) echoOp(c, *it);
     held.clear();
   });
   DaemonXPCClient client(daemon.path());
