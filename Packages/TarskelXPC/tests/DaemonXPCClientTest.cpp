@@ -23,72 +23,7 @@
 namespace tarskel {
 namespace {
 
-// Accepts connections one after another on a socket (in a temporary
-// directory unless a path is given) and hands every message to `script`,
-// which answers through its side of the connection (or not at all). The
-// socket is bound as root but may listen as another user, whose credentials
-// are then the ones a client sees.
-class ScriptedDaemon {
- public:
-  using Connection = testing::RawConnection;
-  using Script = std::function<void(Connection&, const TransportEnvelope&)>;
-
-  explicit ScriptedDaemon(Script script, std::string path = "", uid_t listensAs = 0)
-      : script_(std::move(script)), path_(path.empty() ? dir_.file("d.sock").string() : path) {
-    listenFd_ = testing::boundSocket(path_);
-    const bool asOther = listensAs != 0 && ::seteuid(listensAs) == 0;
-    EXPECT_EQ(::listen(listenFd_, 8), 0);
-    if (asOther) ::seteuid(0);
-    thread_ = std::thread([this] { serve(); });
-  }
-
-  ~ScriptedDaemon() {
-    ::shutdown(listenFd_, SHUT_RDWR);
-    {
-      std::lock_guard lock(mutex_);
-      if (open_ >= 0) ::shutdown(open_, SHUT_RDWR);
-    }
-    thread_.join();
-    ::close(listenFd_);
-    ::unlink(path_.c_str());
-  }
-
-  const std::string& path() const { return path_; }
-
-  std::vector<TransportEnvelope> received() {
-    std::lock_guard lock(mutex_);
-    return received_;
-  }
-
- private:
-  void serve() {
-    for (int fd; (fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-      {
-        std::lock_guard lock(mutex_);
-        open_ = fd;
-      }
-      Connection connection(fd);
-      while (auto envelope = connection.next(std::chrono::milliseconds(-1))) {
-        {
-          std::lock_guard lock(mutex_);
-          received_.push_back(*envelope);
-        }
-        script_(connection, *envelope);
-      }
-      std::lock_guard lock(mutex_);
-      open_ = -1;
-    }
-  }
-
-  Script script_;
-  testing::TempDirectory dir_{"tarskel-xpc"};
-  std::string path_;
-  int listenFd_ = -1;
-  std::thread thread_;
-  std::mutex mutex_;
-  int open_ = -1;  // the connection being served
-  std::vector<TransportEnvelope> received_;
-};
+using testing::ScriptedDaemon;
 
 DaemonRequest infoRequest() { return {"daemon.info", {}, std::nullopt, std::nullopt}; }
 

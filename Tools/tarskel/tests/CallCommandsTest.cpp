@@ -1,84 +1,39 @@
-// tarskel call and tarskel info against a scripted daemon. The daemon side
-// writes the envelope by hand (id: uint64be, flags: uint8, body), which pins
-// the tool's wire format independently of the library that produces it.
+// tarskel call and tarskel info against a scripted daemon.
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <mutex>
-#include <thread>
 
 #include "ToolRunner.hpp"
-#include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
+#include "tarskel/testing/XPCTesting.hpp"
 
 namespace tarskel::tool::testing {
 namespace {
 
-// Answers every request with `response` (or never, when it is empty),
-// remembering the request bodies in canonical form.
-class CannedDaemon {
- public:
-  explicit CannedDaemon(std::string response) : response_(std::move(response)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path().c_str());
-    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(::listen(fd_, 4), 0);
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~CannedDaemon() {
-    ::shutdown(fd_, SHUT_RDWR);
-    thread_.join();
-    ::close(fd_);
-  }
+using tarskel::testing::ScriptedDaemon;
 
-  std::string path() const { return dir_.file("d.sock").string(); }
-  std::vector<std::string> requests() {
-    std::lock_guard lock(mutex_);
-    return requests_;
-  }
+// Answers every request with `response`, or never when it is empty.
+ScriptedDaemon::Script answering(std::string response) {
+  return [response](ScriptedDaemon::Connection& c, const TransportEnvelope& e) {
+    if (!response.empty()) c.send(e.id, false, response);
+  };
+}
 
- private:
-  void serve() {
-    for (int client; (client = ::accept(fd_, nullptr, nullptr)) >= 0; ::close(client)) {
-      FrameDecoder decoder;
-      char buffer[4096];
-      for (ssize_t n; (n = ::recv(client, buffer, sizeof buffer, 0)) > 0;) {
-        for (const std::string& envelope : decoder.append({buffer, static_cast<std::size_t>(n)})) {
-          {
-            std::lock_guard lock(mutex_);
-            requests_.push_back(
-                tarskel::testing::canonical(tarskel::testing::json(envelope.substr(9))));
-          }
-          if (response_.empty()) continue;
-          // Same id, no reply expected, body present.
-          const std::string reply = Framing::encode(envelope.substr(0, 8) + '\x02' + response_);
-          ::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
-        }
-      }
-    }
-  }
-
-  std::string response_;
-  TempDirectory dir_{"tarskel-call"};
-  int fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  std::thread thread_;
-  std::mutex mutex_;
-  std::vector<std::string> requests_;
-};
+// The bodies of the requests the daemon received, in canonical form.
+std::vector<std::string> requestsTo(ScriptedDaemon& daemon) {
+  std::vector<std::string> bodies;
+  for (const TransportEnvelope& e : daemon.received())
+    bodies.push_back(tarskel::testing::canonical(tarskel::testing::json(e.body.value_or(""))));
+  return bodies;
+}
 
 using CallCommandsTest = ToolFiles;
 
 // Regression (for --args): `-` failed although documented, and large
 // arguments could only go on the command line.
 TEST_F(CallCommandsTest, CallPrintsTheResponseOnOneLineAndInfoForPeople) {
-  CannedDaemon daemon(
+  ScriptedDaemon daemon(answering(
       R"({"ok":true,"result":{"daemonVersion":"0.1.0","protocolVersion":"1.1.0","pid":42,"uid":0,)"
-      R"( "ops":["daemon.info","fs.readProtectedPath"]}})");
+      R"( "ops":["daemon.info","fs.readProtectedPath"]}})"));
   expectRuns(
       R"(
     call fs.readProtectedPath --args {"path":"/etc/x"} --service-id svc.a --correlation-id c-9 --mach-service $SOCK | 0 |  | $RESPONSE\n
@@ -90,7 +45,7 @@ TEST_F(CallCommandsTest, CallPrintsTheResponseOnOneLineAndInfoForPeople) {
        {"$ARGS", write("args", R"({"big":")" + std::string(300000, 'x') + R"("})")},
        {"$RESPONSE",
         R"({"ok":true,"result":{"daemonVersion":"0.1.0","ops":["daemon.info","fs.readProtectedPath"],"pid":42,"protocolVersion":"1.1.0","uid":0}})"}});
-  const std::vector<std::string> requests = daemon.requests();
+  const std::vector<std::string> requests = requestsTo(daemon);
   ASSERT_EQ(requests.size(), 4u);
   EXPECT_EQ(requests[0],
             R"({"args":{"path":"\/etc\/x"},"correlationId":"c-9","op":"fs.readProtectedPath",)"
@@ -101,10 +56,10 @@ TEST_F(CallCommandsTest, CallPrintsTheResponseOnOneLineAndInfoForPeople) {
 }
 
 TEST_F(CallCommandsTest, ExitCodes) {
-  CannedDaemon refusing(
-      R"({"ok":false,"error":{"code":"unknownOp","message":"op fuera del catálogo: x"}})");
-  CannedDaemon garbled("not json");
-  CannedDaemon silent("");
+  ScriptedDaemon refusing(answering(
+      R"({"ok":false,"error":{"code":"unknownOp","message":"op fuera del catálogo: x"}})"));
+  ScriptedDaemon garbled(answering("not json"));
+  ScriptedDaemon silent(answering(""));
   // Regressions: an empty name meant the socket /run/tarskel/.sock; a daemon
   // that accepted and never answered was waited on forever.
   expectRuns(
