@@ -1,6 +1,3 @@
-#include "tarskel/daemon/DaemonPeerGate.hpp"
 #include "tarskel/daemon/Tarskeld.hpp"
 
-int main(int argc, char** argv) {
-  return tarskel::Tarskeld::main(argc, argv, tarskel::DaemonPeerGate::systemPlatform());
-}
+int main(int argc, char** argv) { return tarskel::Tarskeld::main(argc, argv); }

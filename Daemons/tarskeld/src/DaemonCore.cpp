@@ -50,9 +50,8 @@ DaemonCore::DaemonCore(std::optional<OpList> ops, std::shared_ptr<AuditStore> au
                        std::shared_ptr<GrantsStore> grants,
                        const std::optional<std::filesystem::path>& rootURL)
     : audit_(std::move(audit)), grants_(std::move(grants)) {
-  OpList list =
-      ops ? std::move(*ops)
-          : TarskeldDeps::operations(grants_, rootURL, TarskeldDeps::Seams::ofProcess(nullptr));
+  OpList list = ops ? std::move(*ops)
+                    : TarskeldDeps::operations(grants_, rootURL, TarskeldDeps::Seams::ofProcess());
   auto map = std::make_shared<OpMap>();
   for (DaemonOpPtr& op : list) {
     std::string name = op->name();

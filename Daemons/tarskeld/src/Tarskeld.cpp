@@ -111,7 +111,7 @@ std::filesystem::path Tarskeld::resolveRoot(std::string_view root) {
   return path;
 }
 
-void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
+void Tarskeld::run() const {
   Logger logger{std::string(commandName)};
   const std::filesystem::path rootURL = resolveRoot(root);
 
@@ -119,7 +119,7 @@ void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
   // first; create() finds it made.
   RootLock lock(TarskeldDeps::makeStateDirectory(rootURL));
 
-  TarskeldDeps::Seams seams = TarskeldDeps::Seams::ofProcess(std::move(gatePlatform));
+  TarskeldDeps::Seams seams = TarskeldDeps::Seams::ofProcess();
   // Held by this frame, which never ends: the listener's handlers and the
   // tasks on the pool reach the stores through it.
   std::unique_ptr<TarskeldDeps> deps;
@@ -137,7 +137,7 @@ void Tarskeld::run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const {
   for (;;) pause();
 }
 
-int Tarskeld::main(int argc, char** argv, std::shared_ptr<const CodeSignPlatform> gatePlatform) {
+int Tarskeld::main(int argc, char** argv) {
   Tarskeld command;
   std::string shell;
 
@@ -166,7 +166,7 @@ int Tarskeld::main(int argc, char** argv, std::shared_ptr<const CodeSignPlatform
   }
 
   try {
-    command.run(std::move(gatePlatform));
+    command.run();
   } catch (const std::exception& e) {
     std::cerr << "tarskeld: error: " << e.what() << std::endl;
   }

@@ -44,11 +44,10 @@ std::map<std::string, std::string> processEnvironment() {
 
 }  // namespace
 
-TarskeldDeps::Seams TarskeldDeps::Seams::ofProcess(
-    std::shared_ptr<const CodeSignPlatform> gatePlatform) {
+TarskeldDeps::Seams TarskeldDeps::Seams::ofProcess() {
   std::shared_ptr<const PlatformFiles> files = PlatformFiles::system();
   std::optional<fs::path> executable = files->executablePath();
-  return Seams{std::move(gatePlatform), std::move(files), processEnvironment(),
+  return Seams{DaemonPeerGate::systemPlatform(), std::move(files), processEnvironment(),
                std::move(executable)};
 }
 

@@ -23,7 +23,6 @@
 #include <string>
 #include <string_view>
 
-#include "tarskel/codesign/CodeSignPlatform.hpp"
 #include "tarskel/protocol/base/Version.hpp"
 #include "tarskel/xpc/DaemonWire.hpp"
 
@@ -48,14 +47,11 @@ struct Tarskeld {
   // --generate-completion-script on standard output with status 0; prints a
   // parse error or an error of run() on standard error and returns a failure
   // status. On success run() never returns, so neither does this.
-  //
-  // `gatePlatform` is what the peer gate judges senders with. The shipped
-  // executable passes the system's own; only test builds pass a fake.
-  static int main(int argc, char** argv, std::shared_ptr<const CodeSignPlatform> gatePlatform);
+  static int main(int argc, char** argv);
 
   // Starts the daemon as configured and never returns. Throws when the state
   // directory or the audit database fails; nothing else stops it.
-  [[noreturn]] void run(std::shared_ptr<const CodeSignPlatform> gatePlatform) const;
+  [[noreturn]] void run() const;
 
   // `path` with a leading "~" or "~user" replaced by that home directory, as
   // the shell would; any other path, or an unknown user, as it stands.

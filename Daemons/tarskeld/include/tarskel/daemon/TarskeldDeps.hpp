@@ -50,11 +50,10 @@ class TarskeldDeps {
     // The running executable: the seed and the installed bundle lie around it.
     std::optional<std::filesystem::path> executableURL;
 
-    // This process's own: `gatePlatform` (the system's in the shipped
-    // daemon), the system's files, the environment as it stands now and the
-    // running executable. Call it on the main thread before other threads
-    // exist: it reads the environment.
-    static Seams ofProcess(std::shared_ptr<const CodeSignPlatform> gatePlatform);
+    // This process's own: the system's code-signing services and files, the
+    // environment as it stands now and the running executable. Call it on
+    // the main thread before other threads exist: it reads the environment.
+    static Seams ofProcess();
   };
 
   // The daemon's catalogue, in order: daemon.info, daemon.grants.sync on
