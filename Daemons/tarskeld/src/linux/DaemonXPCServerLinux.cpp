@@ -91,15 +91,16 @@ struct ServerState {
   // is what the loop handles before it comes back to a marker posted by the
   // first request of the turn: the requests of every client that was ready
   // at once. The first request of a turn writes its row on its own and
-  // answers at once, unless the turn before served several clients (the
-  // loop is busy); a request of another client, or one that comes while
-  // others are still being answered, opens the shared transaction. A lone
-  // client whose next request is already there when its answer has left
-  // (on one CPU it runs as soon as the answer wakes it) stays on its own.
+  // answers at once, unless the turn before was busy. A turn is busy from
+  // the first request that comes from a second client, or was read together
+  // with others of its client, or finds others still being answered: that
+  // request opens the shared transaction. A lone client whose next request
+  // is already there when its answer has left (on one CPU it runs as soon as
+  // the answer wakes it) stays on its own.
   std::shared_ptr<SQLiteDatabase> auditDb;
   bool turnOpen = false;
   const void* turnFirstClient = nullptr;  // compared, never followed
-  bool turnShared = false;                // a second client was served this turn
+  bool turnBusy = false;
   bool lastTurnBusy = false;
   bool inTransaction = false;
   int commitPasses = 0;
@@ -367,20 +368,20 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     wake();
   }
 
-  // Opens a shared transaction when another client was served in this turn
-  // of the loop or the one before, or another request is still being
-  // handled: under load, rows go to disk together.
+  // Opens a shared transaction once this turn or the one before is busy
+  // (see ServerState): under load, rows go to disk together.
   void beginGroupIfBusy() {
     if (!state_->auditDb) return;
     if (!state_->turnOpen) {
       state_->turnOpen = true;
       state_->turnFirstClient = this;
-      state_->turnShared = false;
+      state_->turnBusy = false;
       asio::post(socket_.get_executor(), [state = state_] { endTurn(state); });
-    } else if (this != state_->turnFirstClient) {
-      state_->turnShared = true;
     }
-    if (!state_->turnShared && state_->answering == 0 && !state_->lastTurnBusy) return;
+    if (this != state_->turnFirstClient || !pending_.empty() || state_->answering > 0) {
+      state_->turnBusy = true;
+    }
+    if (!state_->turnBusy && !state_->lastTurnBusy) return;
     if (state_->inTransaction) return;
     if (!run(*state_->auditDb, GroupStatement::begin)) return;
     state_->inTransaction = true;
@@ -389,7 +390,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
 
   static void endTurn(const std::shared_ptr<ServerState>& state) {
     state->turnOpen = false;
-    state->lastTurnBusy = state->turnShared;
+    state->lastTurnBusy = state->turnBusy;
     if (state->inTransaction) commitGroup(state);
   }
 
