@@ -6,16 +6,25 @@
 
 namespace tarskel {
 
+namespace {
+
+// The id, big-endian, then the flags byte.
+void appendEnvelopeHead(std::string& out, std::uint64_t id, std::uint8_t flags) {
+  for (int shift = 56; shift >= 0; shift -= 8) {
+    out.push_back(static_cast<char>((id >> shift) & 0xFF));
+  }
+  out.push_back(static_cast<char>(flags));
+}
+
+}  // namespace
+
 std::string Transport::encodeEnvelope(const TransportEnvelope& envelope) {
   std::string out;
   out.reserve(envelopeHeadLength + (envelope.body ? envelope.body->size() : 0));
-  for (int shift = 56; shift >= 0; shift -= 8) {
-    out.push_back(static_cast<char>((envelope.id >> shift) & 0xFF));
-  }
   std::uint8_t flags = 0;
   if (envelope.expectsReply) flags |= expectsReplyFlag;
   if (envelope.body) flags |= bodyPresentFlag;
-  out.push_back(static_cast<char>(flags));
+  appendEnvelopeHead(out, envelope.id, flags);
   if (envelope.body) out += *envelope.body;
   return out;
 }
@@ -60,13 +69,8 @@ std::string Transport::encodeReplyFrame(std::uint64_t id, std::string_view respo
   }
   std::string frame;
   frame.reserve(4 + length);  // the frame's length, then the envelope
-  for (int shift = 24; shift >= 0; shift -= 8) {
-    frame.push_back(static_cast<char>((length >> shift) & 0xFF));
-  }
-  for (int shift = 56; shift >= 0; shift -= 8) {
-    frame.push_back(static_cast<char>((id >> shift) & 0xFF));
-  }
-  frame.push_back(static_cast<char>(bodyPresentFlag));
+  Framing::appendHeader(frame, static_cast<std::uint32_t>(length));
+  appendEnvelopeHead(frame, id, bodyPresentFlag);
   frame.append(response);
   return frame;
 }

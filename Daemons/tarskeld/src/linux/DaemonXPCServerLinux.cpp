@@ -58,7 +58,7 @@ DaemonServerError cannotListen(const std::string& path, const std::string& reaso
 // statement cache, so that they are compiled once, like the insert.
 enum class GroupStatement { begin, commit, rollback };
 
-bool run(SQLiteDatabase& db, GroupStatement which) {
+bool runGroupStatement(SQLiteDatabase& db, GroupStatement which) {
   static const std::string kTexts[] = {"BEGIN", "COMMIT", "ROLLBACK"};
   try {
     db.execute(kTexts[static_cast<int>(which)]);
@@ -383,7 +383,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     }
     if (!state_->turnBusy && !state_->lastTurnBusy) return;
     if (state_->inTransaction) return;
-    if (!run(*state_->auditDb, GroupStatement::begin)) return;
+    if (!runGroupStatement(*state_->auditDb, GroupStatement::begin)) return;
     state_->inTransaction = true;
     state_->commitPasses = 0;
   }
@@ -406,8 +406,8 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     }
     // A failed commit loses the group's rows as a failed insert loses one:
     // the chain shows the hole from the next stored row on.
-    if (!run(*state->auditDb, GroupStatement::commit)) {
-      run(*state->auditDb, GroupStatement::rollback);
+    if (!runGroupStatement(*state->auditDb, GroupStatement::commit)) {
+      runGroupStatement(*state->auditDb, GroupStatement::rollback);
     }
     state->inTransaction = false;
     std::vector<std::shared_ptr<PeerConnection>> held;

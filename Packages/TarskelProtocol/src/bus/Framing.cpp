@@ -24,15 +24,17 @@ std::string Framing::encode(std::string_view payload) {
     std::fputs("Framing.encode: payload longer than 4294967295 bytes\n", stderr);
     std::abort();
   }
-  const auto length = static_cast<std::uint32_t>(payload.size());
   std::string frame;
   frame.reserve(kHeaderLength + payload.size());
-  frame.push_back(static_cast<char>((length >> 24) & 0xFF));
-  frame.push_back(static_cast<char>((length >> 16) & 0xFF));
-  frame.push_back(static_cast<char>((length >> 8) & 0xFF));
-  frame.push_back(static_cast<char>(length & 0xFF));
+  appendHeader(frame, static_cast<std::uint32_t>(payload.size()));
   frame.append(payload);
   return frame;
+}
+
+void Framing::appendHeader(std::string& frame, std::uint32_t payloadLength) {
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    frame.push_back(static_cast<char>((payloadLength >> shift) & 0xFF));
+  }
 }
 
 FramingError::FramingError(std::int64_t length, std::int64_t max)

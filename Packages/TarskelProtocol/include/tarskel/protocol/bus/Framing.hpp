@@ -29,6 +29,10 @@ inline constexpr std::int64_t defaultMaxFrameLength = 16'777'216;
 // can build a frame that a decoder refuses. A payload longer than
 // 4,294,967,295 bytes is a programming fault: the process ends.
 std::string encode(std::string_view payload);
+
+// Appends the 4-byte big-endian header of a `payloadLength`-byte payload to
+// `frame`: for a caller that writes the payload in place after it.
+void appendHeader(std::string& frame, std::uint32_t payloadLength);
 }  // namespace Framing
 
 // A header announced more than the decoder accepts:
