@@ -26,6 +26,7 @@
 
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/store/AuditStore.hpp"
 
@@ -51,11 +52,7 @@ struct AuditSource {
 void checkReadable(const std::string& path) {
   for (const char* suffix : {"", "-wal", "-shm"}) {
     const std::string file = path + suffix;
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-      ::close(fd);
-      continue;
-    }
+    if (FileDescriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC))) continue;
     int error = errno;
     if (error == ENOENT && *suffix != '\0') continue;  // no log: nothing to read there
     if (error == EACCES || error == EPERM) {
@@ -372,7 +369,7 @@ int verify(const Listing& l) {
         AuditStore::ChainBreak{AuditStore::ChainBreak::Kind::damaged, 0, e.message()};
   }
   writeOutput(l.json ? verdictJSON(report, l.from) : verdictText(report, l.from));
-  return report.holds() ? kExitSuccess : kExitFinding;
+  return report.holds() ? kExitSuccess : kExitFailure;
 }
 
 void addSource(CLI::App* command, Listing& l) {
@@ -392,7 +389,9 @@ void addFilters(CLI::App* command, Listing& l) {
   command->add_option("--until", l.until, "only rows at or before this UTC time");
 }
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installAuditCommands(CLI::App& app, ToolContext& ctx) {
   CLI::App* audit = app.add_subcommand("audit", "Read and check the daemon's audit chain");
   audit->require_subcommand(1);
   auto l = std::make_shared<Listing>();
@@ -429,7 +428,4 @@ void install(CLI::App& app, ToolContext& ctx) {
   showCommand->callback([&ctx, l] { ctx.action = [l] { return show(*l); }; });
 }
 
-const CommandRegistration kAudit(40, install);
-
-}  // namespace
 }  // namespace tarskel::tool

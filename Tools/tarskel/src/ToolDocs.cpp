@@ -7,6 +7,7 @@
 
 #include "ToolApp.hpp"
 #include "ToolCommand.hpp"
+#include "tarskel/protocol/base/Version.hpp"
 
 namespace tarskel::tool {
 namespace {
@@ -209,7 +210,7 @@ std::string completionScript(const CLI::App& app, const std::string& shell) {
 std::string manualPage(const CLI::App& app) {
   const std::vector<Node> nodes = nodesOf(app);
   std::string out =
-      ".TH TARSKEL 1 \"\" \"tarskel " TARSKEL_VERSION
+      ".TH TARSKEL 1 \"\" \"tarskel " + std::string(tarskelVersion) +
       "\" \"Tarskel\"\n"
       ".SH NAME\ntarskel \\- the command\\-line tool of the Tarskel platform\n"
       ".SH SYNOPSIS\n\\fBtarskel\\fR \\fICOMMAND\\fR... [\\fIOPTIONS\\fR] [\\fIARGUMENTS\\fR]\n"

@@ -65,7 +65,7 @@ TEST_F(CallCommandsTest, ExitCodes) {
   expectRuns(
       R"(
     call x --mach-service $REFUSING | 1
-    call x --args { --mach-service $REFUSING | 2 | tarskel: --args:1:2: unexpected end of the document
+    call x --args { --mach-service $REFUSING | 2 | tarskel: --args:1:2: el texto no es JSON válido
     call x --args @/nonexistent/a --mach-service $REFUSING | 2 | /nonexistent/a: No such file or directory
     info --mach-service '' | 2 | --mach-service is empty
     call x --timeout 0.3 --mach-service $SILENT | 3 | : no answer within 0.3 s (--timeout)
