@@ -33,20 +33,41 @@ function(tarskel_library)
   target_link_libraries(${ARG_NAME} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
 endfunction()
 
-# tarskel_test(NAME <binary> SOURCES <files>... [DEPS <targets>...])
-# One GoogleTest binary per package, registered with ctest.
+# tarskel_executable(NAME <target> SOURCES <files>... [DEPS <targets>...]
+#                    [DEFINITIONS <name=value>...] [NEEDS <targets>...])
+# Every program of the tree: the daemon, the tool, tests, benchmarks, fuzzers.
+# NEEDS names targets that must be built first (a program a test runs).
+function(tarskel_executable)
+  cmake_parse_arguments(ARG "" "NAME" "SOURCES;DEPS;DEFINITIONS;NEEDS" ${ARGN})
+  add_executable(${ARG_NAME} ${ARG_SOURCES})
+  target_compile_options(${ARG_NAME} PRIVATE ${TARSKEL_WARNINGS})
+  target_compile_definitions(${ARG_NAME} PRIVATE ${ARG_DEFINITIONS})
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS})
+  if(ARG_NEEDS)
+    add_dependencies(${ARG_NAME} ${ARG_NEEDS})
+  endif()
+endfunction()
+
+# tarskel_test(NAME <binary> SOURCES <files>... [DEPS <targets>...]
+#              [DEFINITIONS <name=value>...] [NEEDS <targets>...] [INCLUDES <dirs>...]
+#              [TIMEOUT <seconds>])
+# One GoogleTest binary per package (and one for the end-to-end tests),
+# registered with ctest; tests/ beside the CMakeLists is on its include path.
 function(tarskel_test)
   if(NOT TARSKEL_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "NAME" "SOURCES;DEPS" ${ARGN})
-  add_executable(${ARG_NAME} ${ARG_SOURCES})
-  target_compile_options(${ARG_NAME} PRIVATE ${TARSKEL_WARNINGS})
-  target_include_directories(${ARG_NAME} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests)
-  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} TarskelTestSupport GTest::gtest_main GTest::gmock)
+  cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;DEPS;DEFINITIONS;NEEDS;INCLUDES" ${ARGN})
+  set(_properties ENVIRONMENT "TARSKEL_BUILD_DIR=${CMAKE_BINARY_DIR}")
+  if(ARG_TIMEOUT)
+    list(APPEND _properties TIMEOUT ${ARG_TIMEOUT})
+  endif()
+  tarskel_executable(NAME ${ARG_NAME} SOURCES ${ARG_SOURCES}
+                     DEPS ${ARG_DEPS} TarskelTestSupport GTest::gtest_main GTest::gmock
+                     DEFINITIONS ${ARG_DEFINITIONS} NEEDS ${ARG_NEEDS})
+  target_include_directories(${ARG_NAME} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests ${ARG_INCLUDES})
   include(GoogleTest)
-  gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60
-                       PROPERTIES ENVIRONMENT "TARSKEL_BUILD_DIR=${CMAKE_BINARY_DIR}")
+  gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60 PROPERTIES ${_properties})
 endfunction()
 
 # ---- The libraries as a product ------------------------------------------------

@@ -49,11 +49,8 @@ void copyBytes(int from, int to, const std::string& path) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) fail(path, errno);
     if (n == 0) return;
-    for (ssize_t written = 0; written < n;) {
-      ssize_t m = ::write(to, buffer.data() + written, static_cast<std::size_t>(n - written));
-      if (m < 0 && errno == EINTR) continue;
-      if (m <= 0) fail(path, m < 0 ? errno : EIO);
-      written += m;
+    if (!writeAll(to, std::string_view(buffer.data(), static_cast<std::size_t>(n)))) {
+      fail(path, errno);
     }
   }
 }

@@ -16,6 +16,8 @@
 
 #include "tarskel/daemon/TarskeldDeps.hpp"
 #include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/protocol/base/ExitStatus.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 #include "tarskel/protocol/base/Logger.hpp"
 #include "tarskel/protocol/base/NearestWord.hpp"
 
@@ -23,13 +25,6 @@ namespace tarskel {
 namespace {
 
 constexpr std::string_view kCompletionHelp = "Print a completion script for bash, zsh or fish.";
-
-// The exit statuses of both executables, tarskel's and tarskeld's alike.
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-constexpr std::string_view kExitStatusHelp =
-    "Exit status: 0 ok (--help, --version), 1 the daemon could not start (the error names the "
-    "file), 2 bad command line. Once serving, tarskeld runs until it is killed.";
 
 // An empty value would put the state, or the socket, in the current directory.
 std::string nonEmpty(const std::string& value) {
@@ -73,14 +68,14 @@ class RootLock {
  public:
   explicit RootLock(const std::filesystem::path& stateDirectory) {
     const std::filesystem::path path = stateDirectory / "tarskeld.lock";
-    fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd_ < 0) {
+    file_.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!file_) {
       throw Error("cannot open the lock " + path.string() + ": " + std::strerror(errno));
     }
-    if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+    if (::flock(file_.get(), LOCK_EX | LOCK_NB) != 0) {
       int error = errno;
       std::string owner = ownerPid();
-      ::close(fd_);
+      file_.reset();
       if (error == EWOULDBLOCK) {
         throw Error("another tarskeld" + (owner.empty() ? "" : " (pid " + owner + ")") +
                     " already serves the root " + stateDirectory.parent_path().string() +
@@ -89,23 +84,25 @@ class RootLock {
       throw Error("cannot lock " + path.string() + ": " + std::strerror(error));
     }
     std::string pid = std::to_string(::getpid()) + "\n";
-    if (::ftruncate(fd_, 0) == 0) static_cast<void>(::pwrite(fd_, pid.data(), pid.size(), 0));
+    if (::ftruncate(file_.get(), 0) == 0) {
+      static_cast<void>(::pwrite(file_.get(), pid.data(), pid.size(), 0));
+    }
   }
   RootLock(const RootLock&) = delete;
   RootLock& operator=(const RootLock&) = delete;
-  // Never runs in a serving daemon (run() does not return); closing lets go.
-  ~RootLock() { ::close(fd_); }
+  // The destructor never runs in a serving daemon (run() does not return);
+  // closing the file lets go.
 
  private:
   std::string ownerPid() const {
     char buffer[32] = {};
-    ssize_t n = ::pread(fd_, buffer, sizeof buffer - 1, 0);
+    ssize_t n = ::pread(file_.get(), buffer, sizeof buffer - 1, 0);
     std::string text(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
     return text.find_first_not_of("0123456789") == std::string::npos ? text : std::string();
   }
 
-  int fd_ = -1;
+  FileDescriptor file_;
 };
 
 }  // namespace
@@ -167,7 +164,7 @@ int Tarskeld::main(int argc, char** argv) {
       ->capture_default_str()
       ->check(nonEmpty);
   app.set_version_flag("--version", std::string(version));
-  app.footer(std::string(kExitStatusHelp));
+  app.footer(std::string(kDaemonExitStatusHelp));
   app.add_option("--generate-completion-script", shell, std::string(kCompletionHelp))
       ->check(CLI::IsMember({"bash", "zsh", "fish"}));
 
@@ -179,12 +176,12 @@ int Tarskeld::main(int argc, char** argv) {
       return kExitUsage;
     }
     const int status = app.exit(e);
-    return status == 0 ? 0 : kExitUsage;
+    return status == 0 ? kExitSuccess : kExitUsage;
   }
 
   if (!shell.empty()) {
     std::cout << *completionScript(shell) << std::flush;
-    return EXIT_SUCCESS;
+    return kExitSuccess;
   }
 
   try {
@@ -192,7 +189,7 @@ int Tarskeld::main(int argc, char** argv) {
   } catch (const std::exception& e) {
     std::cerr << "tarskeld: error: " << e.what() << std::endl;
   }
-  return kExitFailed;
+  return kExitFailure;
 }
 
 }  // namespace tarskel

@@ -17,6 +17,7 @@
 #include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
 
 namespace tarskel {
@@ -332,7 +333,7 @@ TEST_F(XPCServerTest, EachMessageIsJudgedByTheProcessThatWroteIt) {
       _exit(127);
     }
     ::close(input[0]);
-    EXPECT_EQ(::write(input[1], part.data(), part.size()), static_cast<ssize_t>(part.size()));
+    EXPECT_TRUE(writeAll(input[1], part));
     return std::make_tuple(child, input[1]);
   };
 

@@ -9,24 +9,19 @@ namespace tarskel {
 
 namespace {
 
-// The shape of vendor/teams.json.
-struct File {
-  std::int64_t revision = 0;
-  std::vector<std::string> teamIds;
-
-  void encode(KeyedEncoder& e) const {
-    e.required("revision", revision);
-    e.required("teamIds", teamIds);
-  }
-  static File decode(const KeyedDecoder& d) {
-    return {d.required<std::int64_t>("revision"), d.required<std::vector<std::string>>("teamIds")};
-  }
-};
-
 // A team list of this size is absurd; a bigger file is not read into memory.
 constexpr std::size_t kMaxTeamsBytes = 16u << 20;
 
 }  // namespace
+
+void TeamTrust::encode(KeyedEncoder& e) const {
+  e.required("revision", revision);
+  e.required("teamIds", teamIds);
+}
+
+TeamTrust TeamTrust::decode(const KeyedDecoder& d) {
+  return {d.required<std::int64_t>("revision"), d.required<std::vector<std::string>>("teamIds")};
+}
 
 std::optional<TeamTrust> TeamTrust::loadIfProvisioned(const std::filesystem::path& root,
                                                       const Logger& logger) {
@@ -46,8 +41,7 @@ std::optional<TeamTrust> TeamTrust::loadIfProvisioned(const std::filesystem::pat
   }
   if (bytes) {
     try {
-      File file = TarskelJSON::decoder().decode<File>(*bytes);
-      return TeamTrust{file.revision, std::move(file.teamIds)};
+      return TarskelJSON::decoder().decode<TeamTrust>(*bytes);
     } catch (const std::exception& e) {
       problem = e.what();
     }

@@ -6,6 +6,7 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <utility>
 
+#include "tarskel/protocol/base/UTF8.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/store/Hashing.hpp"
 
@@ -37,30 +38,6 @@ constexpr const char* kStartOfLastQuery =
 #undef TARSKEL_AUDIT_FILTER
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 constexpr std::string_view kEllipsis = "\xE2\x80\xA6";     // U+2026
-
-// The length of the valid UTF-8 sequence at the start of `text`, or 0 when
-// it starts with an invalid one (or a NUL, which a stored text can't hold).
-std::size_t validSequence(std::string_view text) {
-  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-  unsigned char c = p[0];
-  if (c != 0 && c < 0x80) return 1;
-  std::size_t need = 0;
-  std::uint32_t cp = 0;
-  if (c >= 0xC2 && c <= 0xDF)
-    need = 1, cp = c & 0x1Fu;
-  else if (c >= 0xE0 && c <= 0xEF)
-    need = 2, cp = c & 0x0Fu;
-  else if (c >= 0xF0 && c <= 0xF4)
-    need = 3, cp = c & 0x07u;
-  if (need == 0 || need >= text.size()) return 0;
-  for (std::size_t k = 1; k <= need; ++k) {
-    if ((p[k] & 0xC0) != 0x80) return 0;
-    cp = (cp << 6) | (p[k] & 0x3Fu);
-  }
-  bool overlong = (need == 2 && cp < 0x800) || (need == 3 && cp < 0x10000);
-  bool invalid = (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF;
-  return overlong || invalid ? 0 : need + 1;
-}
 
 // The ten columns of a row, looked up once: elements of a Row never move.
 struct Columns {
@@ -173,7 +150,8 @@ std::string AuditStore::storedText(std::string_view text) {
   out.reserve(std::min(text.size(), kMaxTextBytes));
   std::size_t i = 0;
   while (i < text.size() && out.size() <= kMaxTextBytes) {
-    std::size_t n = validSequence(text.substr(i));
+    // A NUL counts as ill-formed: a stored text can't hold one.
+    const std::size_t n = text[i] == '\0' ? 0 : utf8SequenceLength(text.substr(i));
     if (n == 0) {
       out.append(kReplacement);
       ++i;

@@ -11,6 +11,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "tarskel/protocol/base/FileDescriptor.hpp"
+#include "tarskel/protocol/base/UTF8.hpp"
+
 namespace tarskel {
 namespace {
 
@@ -31,74 +34,7 @@ const char* requireText(const char* text, const char* what) {
   return text;
 }
 
-// Replaces every invalid UTF-8 sequence with U+FFFD, never rejecting.
-std::string sanitizeUTF8(const char* text, std::size_t length) {
-  const auto* p = reinterpret_cast<const unsigned char*>(text);
-  std::size_t i = 0;
-  while (i < length && p[i] < 0x80) ++i;
-  if (i == length) return std::string(text, length);  // ASCII: the common case
-
-  std::string out(text, i);
-  while (i < length) {
-    unsigned char c = p[i];
-    std::size_t need = 0;
-    std::uint32_t cp = 0;
-    if (c < 0x80) {
-      out.push_back(static_cast<char>(c));
-      ++i;
-      continue;
-    }
-    if (c >= 0xC2 && c <= 0xDF) {
-      need = 1, cp = c & 0x1Fu;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      need = 2, cp = c & 0x0Fu;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      need = 3, cp = c & 0x07u;
-    }
-    bool ok = need > 0 && i + need < length;
-    for (std::size_t k = 1; ok && k <= need; ++k) {
-      if ((p[i + k] & 0xC0) != 0x80)
-        ok = false;
-      else
-        cp = (cp << 6) | (p[i + k] & 0x3Fu);
-    }
-    if (ok) {
-      bool overlong = (need == 2 && cp < 0x800) || (need == 3 && cp < 0x10000);
-      bool invalid = (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF;
-      ok = !overlong && !invalid;
-    }
-    if (ok) {
-      out.append(text + i, need + 1);
-      i += need + 1;
-    } else {
-      out.append("\xEF\xBF\xBD");
-      ++i;
-    }
-  }
-  return out;
-}
-
-// Length of the leading ASCII run, eight bytes at a time.
-std::size_t asciiPrefix(const char* text, std::size_t length) {
-  std::size_t i = 0;
-  for (; i + 8 <= length; i += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, text + i, 8);
-    if ((word & 0x8080808080808080ull) != 0) break;
-  }
-  while (i < length && static_cast<unsigned char>(text[i]) < 0x80) ++i;
-  return i;
-}
-
-bool isValidUTF8(const char* text, std::size_t length) {
-  std::size_t i = asciiPrefix(text, length);
-  return i == length ||
-         sanitizeUTF8(text + i, length - i) == std::string_view(text + i, length - i);
-}
-
-std::string textOf(const char* text) {
-  return sanitizeUTF8(text, std::char_traits<char>::length(text));
-}
+std::string textOf(const char* text) { return sanitizedUTF8(text); }
 
 std::string errorMessage(sqlite3* handle) {
   return textOf(requireText(sqlite3_errmsg(handle), "sqlite3_errmsg returned no text"));
@@ -131,8 +67,9 @@ void restrictExisting(const std::string& path) {
 // mode of the database file, so this covers them too.
 void makeOwnerOnly(const std::string& path) {
   if (path.empty() || path == ":memory:" || path.rfind("file:", 0) == 0) return;
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd >= 0) ::close(fd);  // a failure shows in sqlite3_open, with SQLite's text
+  // Closed at once; a failure shows in sqlite3_open, with SQLite's text.
+  const FileDescriptor created(
+      ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   for (const char* suffix : {"", "-wal", "-shm"}) restrictExisting(path + suffix);
 }
 
@@ -379,10 +316,10 @@ void SQLiteDatabase::readColumn(sqlite3_stmt* stmt, int i, Value& out) {
       std::size_t length = std::char_traits<char>::length(text);
       // Reuse the slot's string when it already holds text: rows of one
       // statement mostly keep their shapes.
-      if (auto* s = std::get_if<0>(&out.storage_); s != nullptr && isValidUTF8(text, length)) {
+      if (auto* s = std::get_if<0>(&out.storage_); s != nullptr && isValidUTF8({text, length})) {
         s->assign(text, length);
       } else {
-        out = SQLiteDatabase::Value::text(sanitizeUTF8(text, length));
+        out = SQLiteDatabase::Value::text(sanitizedUTF8({text, length}));
       }
       return;
     }

@@ -50,15 +50,7 @@ void writeFile(const fs::path& path, std::string_view bytes) {
     throw fs::filesystem_error("no se pudo escribir", path,
                                std::error_code(errno, std::generic_category()));
   };
-  if (file.get() < 0) fail();
-  while (!bytes.empty()) {
-    ssize_t n = ::write(file.get(), bytes.data(), bytes.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      fail();
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(n));
-  }
+  if (file.get() < 0 || !writeAll(file.get(), bytes)) fail();
 }
 
 bool isSealDirectory(const std::string& relative) {

@@ -68,7 +68,7 @@ std::string Transport::encodeReplyFrame(std::uint64_t id, std::string_view respo
     return encodeFrame({id, false, std::string(response)});  // Framing refuses it there
   }
   std::string frame;
-  frame.reserve(4 + length);  // the frame's length, then the envelope
+  frame.reserve(Framing::headerLength + length);  // the frame's length, then the envelope
   Framing::appendHeader(frame, static_cast<std::uint32_t>(length));
   appendEnvelopeHead(frame, id, bodyPresentFlag);
   frame.append(response);

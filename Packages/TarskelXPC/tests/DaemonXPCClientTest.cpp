@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -123,6 +124,33 @@ TEST(DaemonXPCClientTest, ClosedClientFailsEveryCallIncludingOneInFlight) {
   EXPECT_EQ(inFlight.get(), "daemon no disponible: conexión cancelada");
   EXPECT_EQ(transportText([&] { client.request(infoRequest()); }),
             "daemon no disponible: conexión cancelada");
+}
+
+// A call whose time runs out fails alone, whether it was reading the socket
+// or waiting for another thread's read: the connection goes on serving the
+// others, and the reply that comes late is dropped.
+TEST(DaemonXPCClientTest, ATimedOutCallFailsAloneAndItsLateReplyIsDropped) {
+  std::vector<TransportEnvelope> held;  // touched by the daemon's thread only
+  ScriptedDaemon daemon([&](auto& c, const TransportEnvelope& e) {
+    held.push_back(e);
+    if (held.size() < 4) return;
+    for (auto it = held.rbegin(); it != held.rend(); ++it) echoOp(c, *it);
+  });
+  DaemonXPCClient client(daemon.path());
+  const auto call = [&client](const std::string& op, std::optional<std::chrono::milliseconds> t) {
+    try {
+      const DaemonResponse r = client.request({op, {}, std::nullopt, std::nullopt}, t);
+      return r.result == JSONValue(op) ? op : std::string("another call's reply");
+    } catch (const DaemonClientError& e) {
+      return std::string(e.kind() == DaemonClientError::Kind::timedOut ? "timed out" : e.what());
+    }
+  };
+  using std::chrono_literals::operator""ms;
+  EXPECT_EQ(call("slow.1", 50ms), "timed out");
+  auto patient = std::async(std::launch::async, [&] { return call("patient", std::nullopt); });
+  EXPECT_EQ(call("slow.2", 50ms), "timed out");
+  EXPECT_EQ(call("last", 10000ms), "last");
+  EXPECT_EQ(patient.get(), "patient");
 }
 
 // Replies pair by id, so a daemon that answers in reverse order still gets

@@ -29,6 +29,7 @@
 
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/store/AuditStore.hpp"
 
@@ -54,11 +55,7 @@ struct AuditSource {
 void checkReadable(const std::string& path) {
   for (const char* suffix : {"", "-wal", "-shm"}) {
     const std::string file = path + suffix;
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-      ::close(fd);
-      continue;
-    }
+    if (FileDescriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC))) continue;
     int error = errno;
     if (error == ENOENT && *suffix != '\0') continue;  // no log: nothing to read there
     if (error == EACCES || error == EPERM) {
@@ -307,7 +304,11 @@ int list(const Listing& l, bool tail) {
     }
     std::vector<Entry> newestFirst;  // -r: held until the last row is read
     auto print = [&](const Entry& e) {
-      l.reverse ? newestFirst.insert(newestFirst.begin(), e) : printer.add(e);
+      if (l.reverse) {
+        newestFirst.insert(newestFirst.begin(), e);
+      } else {
+        printer.add(e);
+      }
       filter.afterSeq = e.seq;
       return true;
     };
@@ -451,7 +452,7 @@ int verify(const Listing& l) {
     writeOutput(verdictText(report, l.from));
     if (!fault.empty()) writeOutput("anchor not held: " + fault + "\n");
   }
-  return report.holds() && fault.empty() ? kExitSuccess : kExitFinding;
+  return report.holds() && fault.empty() ? kExitSuccess : kExitFailure;
 }
 
 void addSource(CLI::App* command, Listing& l) {
@@ -473,7 +474,9 @@ void addFilters(CLI::App* command, Listing& l) {
   command->add_option("--until", l.until, "only rows at or before this UTC time");
 }
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installAuditCommands(CLI::App& app, ToolContext& ctx) {
   CLI::App* audit = app.add_subcommand("audit", "Read and check the daemon's audit chain");
   audit->require_subcommand(1);
   auto l = std::make_shared<Listing>();
@@ -515,7 +518,4 @@ void install(CLI::App& app, ToolContext& ctx) {
   showCommand->callback([&ctx, l] { ctx.action = [l] { return show(*l); }; });
 }
 
-const CommandRegistration kAudit(40, install);
-
-}  // namespace
 }  // namespace tarskel::tool

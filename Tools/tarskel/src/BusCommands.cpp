@@ -57,13 +57,6 @@ std::string decodedLine(std::string_view payload, bool& failed) {
   return line;
 }
 
-std::uint32_t lengthAt(std::string_view bytes) {
-  const auto b = [&](int i) {
-    return static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[i]));
-  };
-  return (b(0) << 24) | (b(1) << 16) | (b(2) << 8) | b(3);
-}
-
 int runDecode(const std::string& path) {
   const std::string stream = readInput(path);
   FrameDecoder decoder;
@@ -71,9 +64,10 @@ int runDecode(const std::string& path) {
   // Fed one frame at a time, so that every frame ahead of a broken header is printed.
   for (std::size_t at = 0; at < stream.size();) {
     std::size_t take = stream.size() - at;
-    if (take >= 4)
-      take = std::min<std::size_t>(take,
-                                   4 + std::size_t{lengthAt(std::string_view(stream).substr(at))});
+    if (take >= Framing::headerLength) {
+      const std::uint32_t length = Framing::readHeader(std::string_view(stream).substr(at));
+      take = std::min<std::size_t>(take, Framing::headerLength + length);
+    }
     std::vector<std::string> payloads;
     try {
       payloads = decoder.append(std::string_view(stream).substr(at, take));
@@ -89,7 +83,7 @@ int runDecode(const std::string& path) {
     throw ToolFailure(kExitUsage, "the stream ends inside a frame: " +
                                       std::to_string(decoder.pendingBytes()) + " bytes left over");
   }
-  return failed ? kExitFinding : kExitSuccess;
+  return failed ? kExitFailure : kExitSuccess;
 }
 
 // ---- encode ----
@@ -202,11 +196,11 @@ int runCall(const CallOptions& options) {
     std::rethrow_exception(failure);
   } catch (const BusCallError& e) {
     writeOutput(errorLine(e.error()));
-    return kExitFinding;
+    return kExitFailure;
   } catch (const BusConnectionError& e) {
     if (e.peerError()) {
       writeOutput(errorLine(*e.peerError()));
-      return kExitFinding;
+      return kExitFailure;
     }
     if (timedOut)
       throw ToolFailure(kExitTransport,
@@ -305,7 +299,9 @@ int runServe(const ServeOptions& options) {
 
 // ---- command line ----
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installBusCommands(CLI::App& app, ToolContext& ctx) {
   CLI::App* bus = app.add_subcommand(
       "bus", "Bus frames and JSON-RPC messages; talk to a peer over a Unix socket");
   bus->require_subcommand(1);
@@ -358,7 +354,4 @@ void install(CLI::App& app, ToolContext& ctx) {
   serveCommand->callback([&ctx, serve] { ctx.action = [serve] { return runServe(*serve); }; });
 }
 
-const CommandRegistration kBusCommands(70, install);
-
-}  // namespace
 }  // namespace tarskel::tool

@@ -119,7 +119,7 @@ int verify(const CommandOptions& o) {
                             formatISO8601(command.deadline)));
     return kExitSuccess;
   } catch (const CCCommandSignatureError& e) {
-    throw ToolFailure(kExitFinding, o.file + ": " + e.description());
+    throw ToolFailure(kExitFailure, o.file + ": " + e.description());
   }
 }
 
@@ -154,7 +154,7 @@ int decodeMessages(const CommandOptions& o) {
     writeOutput(out);
   }
   if (in.bad()) throw ToolFailure(kExitUsage, "cannot read " + o.file);
-  return failed ? kExitFinding : kExitSuccess;
+  return failed ? kExitFailure : kExitSuccess;
 }
 
 // --- outbox, acks ---------------------------------------------------------------
@@ -236,7 +236,7 @@ int outboxRemove(const StoreOptions& o) {
     const std::int64_t before = store.pendingCount();
     store.removeEvent(o.id);
     if (store.pendingCount() == before)
-      throw ToolFailure(kExitFinding, "no event '" + o.id + "' in the outbox");
+      throw ToolFailure(kExitFailure, "no event '" + o.id + "' in the outbox");
     writeOutput("removed: " + o.id + "\n");
     return kExitSuccess;
   });
@@ -245,13 +245,13 @@ int outboxRemove(const StoreOptions& o) {
 int acksShow(const StoreOptions& o) {
   return onStore(o, false, [&o](CCLinkStore& store) {
     const std::optional<CCLinkStore::AckRow> row = store.ackRow(o.id);
-    if (!row) throw ToolFailure(kExitFinding, "no ack stored for '" + o.id + "'");
+    if (!row) throw ToolFailure(kExitFailure, "no ack stored for '" + o.id + "'");
     std::optional<CCAck> ack;
     const std::string error = decodingError(row->ack, [&ack](const std::string& text) {
       ack = TarskelJSON::decoder().decode<CCAck>(text);
     });
     if (!ack)
-      throw ToolFailure(kExitFinding, "the ack stored for '" + o.id + "' can't be read: " + error);
+      throw ToolFailure(kExitFailure, "the ack stored for '" + o.id + "' can't be read: " + error);
     writeOutput(canonicalLine(*ack));
     return kExitSuccess;
   });
@@ -266,7 +266,9 @@ void bind(CLI::App* command, ToolContext& ctx, std::shared_ptr<Options> options,
       [&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
 }
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installCCCommands(CLI::App& app, ToolContext& ctx) {
   CLI::App* cc = app.add_subcommand("cc", "Control-centre commands, wire messages and link stores");
   cc->require_subcommand(1);
 
@@ -333,7 +335,4 @@ void install(CLI::App& app, ToolContext& ctx) {
   bind(showCommand, ctx, s, acksShow);
 }
 
-const CommandRegistration kCC(70, install);
-
-}  // namespace
 }  // namespace tarskel::tool

@@ -9,14 +9,12 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
@@ -66,43 +64,19 @@ DaemonResponse send(const Connection& connection, const DaemonRequest& request) 
   if (!(connection.timeout > 0))
     throw ToolFailure(kExitUsage, "--timeout must be more than 0 seconds");
   DaemonXPCClient client(connection.machService);
-  std::mutex mutex;
-  std::condition_variable answered;
-  bool done = false;
-  bool timedOut = false;
-  std::thread watchdog([&] {
-    std::unique_lock lock(mutex);
-    if (!answered.wait_for(lock, std::chrono::duration<double>(connection.timeout),
-                           [&] { return done; })) {
-      timedOut = true;
-      client.close();  // the request in flight fails at once
-    }
-  });
-  auto finish = [&] {
-    {
-      std::lock_guard lock(mutex);
-      done = true;
-    }
-    answered.notify_all();
-    watchdog.join();
-  };
+  // Capped at about 30 years, so that the clock's arithmetic can't overflow.
+  const auto timeout = std::chrono::ceil<std::chrono::milliseconds>(
+      std::chrono::duration<double>(std::min(connection.timeout, 1e9)));
   try {
-    DaemonResponse response = client.request(request);
-    finish();
-    return response;
+    return client.request(request, timeout);
   } catch (const DaemonClientError& e) {
-    finish();
-    if (timedOut) {
+    if (e.kind() == DaemonClientError::Kind::timedOut) {
       throw ToolFailure(kExitTransport, fmt::format("{}: no answer within {} s (--timeout)",
                                                     connection.machService, connection.timeout));
     }
     throw ToolFailure(kExitTransport, e.description());
   } catch (const DecodingError& e) {
-    finish();
     throw ToolFailure(kExitTransport, "unreadable reply from the daemon: " + e.description());
-  } catch (...) {
-    finish();
-    throw;
   }
 }
 
@@ -117,7 +91,7 @@ int runCall(const CallOptions& options) {
     std::fprintf(stderr, "tarskel: %s: %s\n", response.error->code.c_str(),
                  response.error->message.c_str());
   }
-  return response.ok ? kExitSuccess : kExitFinding;
+  return response.ok ? kExitSuccess : kExitFailure;
 }
 
 std::string plainText(const JSONValue* value) {
@@ -147,7 +121,7 @@ int runInfo(const InfoOptions& options) {
   if (!response.ok || !response.result) {
     const std::string reason =
         response.error ? response.error->code + ": " + response.error->message : "no result";
-    throw ToolFailure(kExitFinding, "daemon.info refused: " + reason);
+    throw ToolFailure(kExitFailure, "daemon.info refused: " + reason);
   }
   writeOutput(options.json ? jsonLine(*response.result) : describeInfo(*response.result));
   return kExitSuccess;
@@ -161,7 +135,9 @@ void addConnectionOptions(CLI::App* command, Connection& target) {
                       "Give up after SECONDS without an answer (default 30)");
 }
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installCallCommands(CLI::App& app, ToolContext& ctx) {
   auto call = std::make_shared<CallOptions>();
   CLI::App* callCommand = app.add_subcommand(
       "call", "Send one request to the daemon and print its response as one line of JSON");
@@ -185,7 +161,4 @@ void install(CLI::App& app, ToolContext& ctx) {
   infoCommand->callback([&ctx, info] { ctx.action = [info] { return runInfo(*info); }; });
 }
 
-const CommandRegistration kCallCommands(60, install);
-
-}  // namespace
 }  // namespace tarskel::tool

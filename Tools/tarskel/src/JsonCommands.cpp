@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "LeanCanonical.hpp"
 #include "ToolCommand.hpp"
+#include "tarskel/protocol/json/LeanCanonical.hpp"
 #include "tarskel/protocol/json/MergePatch.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
@@ -18,7 +18,7 @@ int writeCanonical(const JSONValue& value) {
   return kExitSuccess;
 }
 
-// A large document is written without its whole tree (LeanCanonical.hpp);
+// A large document is written without its whole tree (leanCanonical);
 // whatever that way can't take is decoded whole, for the exact error.
 int writeLeanCanonical(const std::string& path) {
   const std::string bytes = readInput(path);
@@ -29,7 +29,9 @@ int writeLeanCanonical(const std::string& path) {
   return writeCanonical(decodeJSONInput<JSONValue>(bytes, inputName(path)));
 }
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installJsonCommands(CLI::App& app, ToolContext& ctx) {
   CLI::App* json =
       app.add_subcommand("json", "Canonical bytes and merge patches of JSON documents");
   json->require_subcommand(1);
@@ -69,7 +71,4 @@ void install(CLI::App& app, ToolContext& ctx) {
   });
 }
 
-const CommandRegistration kJsonCommands(10, install);
-
-}  // namespace
 }  // namespace tarskel::tool

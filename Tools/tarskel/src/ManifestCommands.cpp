@@ -9,12 +9,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,32 +36,11 @@ std::string displayName(const std::string& path) { return path == "-" ? "<stdin>
 // The whole file, or standard input for "-". An input that can't be read is
 // unusable (exit 2), named with the reason.
 std::string readBytes(const std::string& path) {
-  if (path == "-") {
-    std::string content((std::istreambuf_iterator<char>(std::cin)),
-                        std::istreambuf_iterator<char>());
-    if (std::cin.bad()) throw ToolFailure(kExitUsage, "cannot read <stdin>");
-    return content;
+  try {
+    return readInput(path);
+  } catch (const ToolFailure& f) {
+    throw ToolFailure(kExitUsage, std::string("cannot read ") + f.what());
   }
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw ToolFailure(kExitUsage, "cannot read " + path + ": " + std::strerror(errno));
-  std::string content;
-  struct stat info {};
-  int error = ::fstat(fd, &info) != 0 ? errno : (S_ISDIR(info.st_mode) ? EISDIR : 0);
-  std::array<char, 65536> buffer{};
-  while (error == 0) {
-    const ssize_t n = ::read(fd, buffer.data(), buffer.size());
-    if (n > 0) {
-      content.append(buffer.data(), static_cast<std::size_t>(n));
-    } else if (n == 0) {
-      break;
-    } else if (errno != EINTR) {
-      error = errno;
-    }
-  }
-  ::close(fd);
-  if (error != 0)
-    throw ToolFailure(kExitUsage, "cannot read " + path + ": " + std::strerror(error));
-  return content;
 }
 
 ServiceManifest readManifest(const std::string& path) {
@@ -129,7 +106,7 @@ int runLint(const LintOptions& options) {
     }
     exitCode = std::max(exitCode, failure          ? int(kExitUsage)
                                   : errors.empty() ? int(kExitSuccess)
-                                                   : int(kExitFinding));
+                                                   : int(kExitFailure));
     if (options.json) {
       emit(lintLine(name, errors, failure));
     } else {
@@ -153,20 +130,6 @@ int runShow(const ShowOptions& options) {
   return kExitSuccess;
 }
 
-// The shape of a teams file, as provisioning lays down vendor/teams.json.
-struct TeamsFile {
-  std::int64_t revision = 0;
-  std::vector<std::string> teamIds;
-
-  void encode(KeyedEncoder& e) const {
-    e.required("revision", revision);
-    e.required("teamIds", teamIds);
-  }
-  static TeamsFile decode(const KeyedDecoder& d) {
-    return {d.required<std::int64_t>("revision"), d.required<std::vector<std::string>>("teamIds")};
-  }
-};
-
 struct VerifyOptions {
   std::string bundle;
   std::string manifest;
@@ -178,7 +141,7 @@ std::vector<std::string> allowedTeams(const VerifyOptions& options) {
   if (!options.teams.empty()) {
     const std::string bytes = readBytes(options.teams);
     try {
-      return TarskelJSON::decoder().decode<TeamsFile>(bytes).teamIds;
+      return TarskelJSON::decoder().decode<TeamTrust>(bytes).teamIds;
     } catch (const DecodingError& e) {
       throw ToolFailure(kExitUsage, displayName(options.teams) + ": " + e.what());
     }
@@ -203,13 +166,15 @@ int runVerifyExecutables(const VerifyOptions& options) {
     verifier.verify(options.bundle, manifest);
   } catch (const CodeSignError& e) {
     emit(e.description() + "\n");
-    return kExitFinding;
+    return kExitFailure;
   }
   emit("executables ok\n");
   return kExitSuccess;
 }
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installManifestCommands(CLI::App& app, ToolContext& ctx) {
   CLI::App* manifest = app.add_subcommand(
       "manifest", "Service manifests: lint, show with defaults, verify executables");
   manifest->require_subcommand(1);
@@ -263,7 +228,4 @@ void install(CLI::App& app, ToolContext& ctx) {
       [&ctx, verify] { ctx.action = [verify] { return runVerifyExecutables(*verify); }; });
 }
 
-const CommandRegistration kManifestCommands(35, install);
-
-}  // namespace
 }  // namespace tarskel::tool

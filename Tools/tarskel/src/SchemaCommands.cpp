@@ -28,7 +28,7 @@ int report(const std::vector<SchemaViolation>& violations, bool json) {
     for (const SchemaViolation& v : violations) text.append(v.description()).append("\n");
   }
   writeOutput(text);
-  return violations.empty() ? kExitSuccess : kExitFinding;
+  return violations.empty() ? kExitSuccess : kExitFailure;
 }
 
 struct ValidateOptions {
@@ -58,7 +58,9 @@ int runDocCheck(const DocCheckOptions& options) {
   return report(schema.configDocumentationViolations(options.path), options.json);
 }
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installSchemaCommands(CLI::App& app, ToolContext& ctx) {
   CLI::App* schema =
       app.add_subcommand("schema", "Check values against schemas, and schemas for documentation");
   schema->require_subcommand(1);
@@ -96,7 +98,4 @@ void install(CLI::App& app, ToolContext& ctx) {
       [&ctx, docCheck] { ctx.action = [docCheck] { return runDocCheck(*docCheck); }; });
 }
 
-const CommandRegistration kSchemaCommands(20, install);
-
-}  // namespace
 }  // namespace tarskel::tool

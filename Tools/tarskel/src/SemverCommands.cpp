@@ -39,7 +39,7 @@ int runCheck(const CheckOptions& options) {
     writeOutput(version.description() + (satisfied ? " satisfies " : " does not satisfy ") +
                 constraint.raw + "\n");
   }
-  return satisfied ? kExitSuccess : kExitFinding;
+  return satisfied ? kExitSuccess : kExitFailure;
 }
 
 struct CompareOptions {
@@ -62,7 +62,9 @@ int runCompare(const CompareOptions& options) {
   return kExitSuccess;
 }
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installSemverCommands(CLI::App& app, ToolContext& ctx) {
   CLI::App* semver = app.add_subcommand("semver", "Versions and version constraints");
   semver->require_subcommand(1);
 
@@ -87,7 +89,4 @@ void install(CLI::App& app, ToolContext& ctx) {
       [&ctx, compare] { ctx.action = [compare] { return runCompare(*compare); }; });
 }
 
-const CommandRegistration kSemverCommands(30, install);
-
-}  // namespace
 }  // namespace tarskel::tool

@@ -8,16 +8,18 @@
 
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/protocol/base/Version.hpp"
 
 namespace tarskel::tool {
 namespace {
 
-constexpr const char* kVersion = TARSKEL_VERSION;
-
-std::vector<std::pair<int, CommandInstaller>>& installers() {
-  static std::vector<std::pair<int, CommandInstaller>> list;
-  return list;
-}
+// Every command of the tool, in the order --help lists them. A new command
+// file adds its installer here, and nowhere else.
+constexpr CommandInstaller kCommands[] = {
+    installJsonCommands,     installSchemaCommands, installSemverCommands,
+    installManifestCommands, installAuditCommands,  installVendorCommands,
+    installCallCommands,     installCCCommands,     installBusCommands,
+};
 
 std::vector<CLI::App*> subcommandsOf(const CLI::App& node) {
   return const_cast<CLI::App&>(node).get_subcommands([](CLI::App*) { return true; });
@@ -157,10 +159,6 @@ bool asksForInformation(const std::vector<std::string>& args) {
 
 }  // namespace
 
-CommandRegistration::CommandRegistration(int order, CommandInstaller install) {
-  installers().emplace_back(order, install);
-}
-
 int runTool(int argc, char** argv) {
   CLI::App app{"tarskel: the command-line tool of the Tarskel platform"};
   app.name("tarskel");
@@ -168,10 +166,7 @@ int runTool(int argc, char** argv) {
   app.require_subcommand(0, 1);
 
   ToolContext ctx;
-  auto list = installers();
-  std::stable_sort(list.begin(), list.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
-  for (const auto& entry : list) entry.second(app, ctx);
+  for (CommandInstaller install : kCommands) install(app, ctx);
 
   bool quietFlag = false;
   std::string completionShell;
@@ -204,7 +199,7 @@ int runTool(int argc, char** argv) {
     std::cout << app.help("", CLI::AppFormatMode::All);
     return kExitSuccess;
   } catch (const CLI::CallForVersion&) {
-    std::cout << kVersion << "\n";
+    std::cout << tarskelVersion << "\n";
     return kExitSuccess;
   } catch (const CLI::ParseError& e) {
     const CLI::App* node = selected(app);

@@ -2,13 +2,11 @@
 
 // The frame every `tarskel` subcommand plugs into, and the plumbing they share.
 //
-// A command file registers an installer at static-initialisation time:
-//
-//   static const CommandRegistration kJson(10, [](CLI::App& app, ToolContext& ctx) {...});
-//
-// The installer adds its subcommands to `app` and, in their callbacks, sets
-// `ctx.action`, which main() runs after parsing. Actions return an exit code
-// or throw ToolFailure; any other tarskel::Error that escapes is exit 2.
+// Each command file defines one installer (declared below), and ToolApp.cpp
+// lists them in one table, in the order --help shows them. An installer adds
+// its subcommands to `app` and, in their callbacks, sets `ctx.action`, which
+// runTool() runs after parsing. Actions return an exit code or throw
+// ToolFailure; any other tarskel::Error that escapes is exit 2.
 // Every command gets -q/--quiet and --version (where it has no --version of
 // its own) without asking, and appears in the completion scripts and the
 // manual page, which are generated from this same tree.
@@ -24,21 +22,13 @@
 #include <vector>
 
 #include "tarskel/protocol/base/NearestWord.hpp"
+#include "tarskel/protocol/base/ExitStatus.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::tool {
 
-// The one table of exit statuses, for every command (and for tarskeld).
-enum ExitCode : int {
-  kExitSuccess = 0,
-  kExitFinding = 1,    // refused, or not ok: a finding, a failed check, a refusal
-  kExitUsage = 2,      // bad usage, or input that can't be used (unreadable, malformed)
-  kExitTransport = 3,  // the daemon could not be reached, or did not answer in time
-};
-
-inline constexpr std::string_view kExitStatusHelp =
-    "Exit status: 0 ok; 1 refused or not ok; 2 bad usage or unusable input; "
-    "3 daemon unreachable or timed out.";
+// Exit statuses come from the table both executables share.
+inline constexpr std::string_view kExitStatusHelp = kToolExitStatusHelp;
 
 struct ToolContext {
   std::function<int()> action;
@@ -46,10 +36,16 @@ struct ToolContext {
 
 using CommandInstaller = void (*)(CLI::App& app, ToolContext& ctx);
 
-struct CommandRegistration {
-  // Lower `order` installs first, which fixes the order in --help.
-  CommandRegistration(int order, CommandInstaller install);
-};
+// One installer per command file; the table in ToolApp.cpp orders them.
+void installJsonCommands(CLI::App& app, ToolContext& ctx);
+void installSchemaCommands(CLI::App& app, ToolContext& ctx);
+void installSemverCommands(CLI::App& app, ToolContext& ctx);
+void installManifestCommands(CLI::App& app, ToolContext& ctx);
+void installAuditCommands(CLI::App& app, ToolContext& ctx);
+void installVendorCommands(CLI::App& app, ToolContext& ctx);
+void installCallCommands(CLI::App& app, ToolContext& ctx);
+void installCCCommands(CLI::App& app, ToolContext& ctx);
+void installBusCommands(CLI::App& app, ToolContext& ctx);
 
 // A failure with a message for standard error and the exit code to end with.
 class ToolFailure : public std::runtime_error {
@@ -82,14 +78,9 @@ T readJSONInput(const std::string& path);
 template <class T>
 T decodeJSONInput(std::string_view bytes, const std::string& name);
 
-// The failure for `error`, raised while decoding `bytes`: with the line and
-// column of the first syntax error when there is one.
-ToolFailure jsonInputFailure(std::string_view bytes, const std::string& name,
-                             const DecodingError& error);
-
-// Whether `bytes` is one well-formed JSON text: RFC 8259, UTF-8, nested no
-// deeper than the decoder allows. Says nothing of numbers no binary64 holds.
-bool isWellFormedJSON(std::string_view bytes);
+// The failure for `error`: "NAME:LINE:COLUMN: reason" where the text broke
+// when the decoder says where, else "NAME: <text>".
+ToolFailure jsonInputFailure(const std::string& name, const DecodingError& error);
 
 // ---- Output
 
@@ -140,7 +131,7 @@ T decodeJSONInput(std::string_view bytes, const std::string& name) {
   try {
     return TarskelJSON::decoder().decode<T>(bytes);
   } catch (const DecodingError& e) {
-    throw jsonInputFailure(bytes, name, e);
+    throw jsonInputFailure(name, e);
   }
 }
 

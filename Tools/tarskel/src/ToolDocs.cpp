@@ -8,6 +8,7 @@
 
 #include "ToolApp.hpp"
 #include "ToolCommand.hpp"
+#include "tarskel/protocol/base/Version.hpp"
 
 namespace tarskel::tool {
 namespace {
@@ -65,6 +66,8 @@ std::string optionValues(const CLI::Option* option) {
   std::replace(values.begin(), values.end(), ',', ' ');
   return values;
 }
+
+std::string quoted(const std::string& text);
 
 // The values of each option that has some, keyed by "<path> <option>".
 std::string valueTable(const std::vector<Node>& nodes, const char* indent) {
@@ -268,7 +271,7 @@ std::string completionScript(const CLI::App& app, const std::string& shell) {
 std::string manualPage(const CLI::App& app) {
   const std::vector<Node> nodes = nodesOf(app);
   std::string out =
-      ".TH TARSKEL 1 \"\" \"tarskel " TARSKEL_VERSION
+      ".TH TARSKEL 1 \"\" \"tarskel " + std::string(tarskelVersion) +
       "\" \"Tarskel\"\n"
       ".SH NAME\ntarskel \\- the command\\-line tool of the Tarskel platform\n"
       ".SH SYNOPSIS\n\\fBtarskel\\fR \\fICOMMAND\\fR... [\\fIOPTIONS\\fR] [\\fIARGUMENTS\\fR]\n"

@@ -37,184 +37,6 @@ bool readAll(int fd, std::string& out) {
   }
 }
 
-bool writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(n));
-  }
-  return true;
-}
-
-// ---- Where a JSON text first breaks, for people: RFC 8259 read by hand, so
-// that the offset is known (the decoder only says what went wrong).
-
-struct SyntaxFault {
-  std::size_t offset;
-  std::string reason;
-};
-
-class SyntaxScanner {
- public:
-  explicit SyntaxScanner(std::string_view text) : t_(text) {}
-
-  std::optional<SyntaxFault> scan() {
-    space();
-    if (at_ == t_.size()) return fault("empty document");
-    if (!value(0)) return fault_;
-    space();
-    if (at_ != t_.size()) return fault("unexpected content after the JSON document");
-    return std::nullopt;
-  }
-
- private:
-  static constexpr std::size_t kMaxDepth = JSONDecoder::kMaxDepth;
-
-  bool fail(std::string reason) {
-    if (!fault_) fault_ = SyntaxFault{at_, std::move(reason)};
-    return false;
-  }
-  std::optional<SyntaxFault> fault(std::string reason) {
-    fail(std::move(reason));
-    return fault_;
-  }
-  bool unexpected() {
-    if (at_ == t_.size()) return fail("unexpected end of the document");
-    const auto c = static_cast<unsigned char>(t_[at_]);
-    if (c < 0x20 || c >= 0x7F) return fail("unexpected character");
-    return fail(std::string("unexpected '") + t_[at_] + "'");
-  }
-  void space() {
-    while (at_ < t_.size() &&
-           (t_[at_] == ' ' || t_[at_] == '\t' || t_[at_] == '\n' || t_[at_] == '\r'))
-      ++at_;
-  }
-  bool literal(std::string_view word) {
-    if (t_.substr(at_, word.size()) != word) return unexpected();
-    at_ += word.size();
-    return true;
-  }
-  bool digits() {
-    const std::size_t start = at_;
-    while (at_ < t_.size() && t_[at_] >= '0' && t_[at_] <= '9') ++at_;
-    return at_ > start || fail("malformed number");
-  }
-  bool number() {
-    if (t_[at_] == '-') ++at_;
-    if (at_ < t_.size() && t_[at_] == '0') {
-      ++at_;
-    } else if (!digits()) {
-      return false;
-    }
-    if (at_ < t_.size() && t_[at_] == '.') {
-      ++at_;
-      if (!digits()) return false;
-    }
-    if (at_ < t_.size() && (t_[at_] == 'e' || t_[at_] == 'E')) {
-      ++at_;
-      if (at_ < t_.size() && (t_[at_] == '+' || t_[at_] == '-')) ++at_;
-      if (!digits()) return false;
-    }
-    return true;
-  }
-  bool string() {
-    ++at_;  // the opening quote
-    while (at_ < t_.size()) {
-      const auto c = static_cast<unsigned char>(t_[at_]);
-      if (c == '"') {
-        ++at_;
-        return true;
-      }
-      if (c < 0x20) return fail("control character in a string");
-      if (c == '\\') {
-        ++at_;
-        if (at_ == t_.size()) break;
-        const char e = t_[at_];
-        if (e == 'u') {
-          for (int k = 1; k <= 4; ++k) {
-            if (at_ + k >= t_.size() ||
-                std::isxdigit(static_cast<unsigned char>(t_[at_ + k])) == 0) {
-              return fail("malformed \\u escape");
-            }
-          }
-          at_ += 5;
-        } else if (std::strchr("\"\\/bfnrt", e) != nullptr && e != '\0') {
-          ++at_;
-        } else {
-          return fail("unknown escape");
-        }
-        continue;
-      }
-      const std::size_t n = c < 0x80 ? 1 : (c >= 0xF0 ? 4 : (c >= 0xE0 ? 3 : (c >= 0xC0 ? 2 : 0)));
-      if (n == 0 || at_ + n > t_.size() || !isValidUTF8(t_.substr(at_, n)))
-        return fail("invalid UTF-8");
-      at_ += n;
-    }
-    return fail("unterminated string");
-  }
-  bool value(std::size_t depth) {
-    if (at_ == t_.size()) return unexpected();
-    switch (t_[at_]) {
-      case '{':
-        return container(depth, '}');
-      case '[':
-        return container(depth, ']');
-      case '"':
-        return string();
-      case 't':
-        return literal("true");
-      case 'f':
-        return literal("false");
-      case 'n':
-        return literal("null");
-      default:
-        if (t_[at_] == '-' || (t_[at_] >= '0' && t_[at_] <= '9')) return number();
-        return unexpected();
-    }
-  }
-  bool container(std::size_t depth, char close) {
-    if (depth >= kMaxDepth)
-      return fail("nesting deeper than " + std::to_string(kMaxDepth) + " levels");
-    ++at_;
-    space();
-    if (at_ < t_.size() && t_[at_] == close) {
-      ++at_;
-      return true;
-    }
-    for (;;) {
-      if (close == '}') {
-        if (at_ == t_.size() || t_[at_] != '"')
-          return at_ == t_.size() ? unexpected() : fail("expected a key");
-        if (!string()) return false;
-        space();
-        if (at_ == t_.size() || t_[at_] != ':')
-          return at_ == t_.size() ? unexpected() : fail("expected ':'");
-        ++at_;
-        space();
-      }
-      if (!value(depth + 1)) return false;
-      space();
-      if (at_ < t_.size() && t_[at_] == ',') {
-        ++at_;
-        space();
-        continue;
-      }
-      if (at_ < t_.size() && t_[at_] == close) {
-        ++at_;
-        return true;
-      }
-      return at_ == t_.size() ? unexpected() : fail(std::string("expected ',' or '") + close + "'");
-    }
-  }
-
-  std::string_view t_;
-  std::size_t at_ = 0;
-  std::optional<SyntaxFault> fault_;
-};
-
 bool gQuiet = false;
 
 }  // namespace
@@ -240,7 +62,8 @@ std::string readInput(const std::string& path) {
     return content;
   }
   if (path.empty()) throw ToolFailure(kExitUsage, "an empty file name");
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const int fd = file.get();
   if (fd < 0) throw ToolFailure(kExitUsage, path + ": " + systemReason(errno));
   struct stat info {};
   int error = 0;
@@ -254,30 +77,17 @@ std::string readInput(const std::string& path) {
   } else if (!described || !readAll(fd, content)) {
     error = errno;
   }
-  ::close(fd);
   if (error != 0) throw ToolFailure(kExitUsage, path + ": " + systemReason(error));
   return content;
 }
 
-bool isWellFormedJSON(std::string_view bytes) { return !SyntaxScanner(bytes).scan(); }
-
-ToolFailure jsonInputFailure(std::string_view bytes, const std::string& name,
-                             const DecodingError& error) {
-  const std::optional<SyntaxFault> fault = SyntaxScanner(bytes).scan();
-  if (!fault) return ToolFailure(kExitUsage, name + ": " + error.what());
-  std::size_t line = 1;
-  std::size_t column = 1;
-  for (std::size_t i = 0; i < fault->offset; ++i) {
-    const auto c = static_cast<unsigned char>(bytes[i]);
-    if (c == '\n') {
-      ++line;
-      column = 1;
-    } else if ((c & 0xC0) != 0x80) {  // columns count characters, not bytes
-      ++column;
-    }
+ToolFailure jsonInputFailure(const std::string& name, const DecodingError& error) {
+  if (const auto& at = error.position()) {
+    return ToolFailure(kExitUsage, name + ":" + std::to_string(at->line) + ":" +
+                                       std::to_string(at->column) + ": " +
+                                       error.debugDescription());
   }
-  return ToolFailure(kExitUsage, name + ":" + std::to_string(line) + ":" + std::to_string(column) +
-                                     ": " + fault->reason);
+  return ToolFailure(kExitUsage, name + ": " + error.what());
 }
 
 void writeOutput(const std::string& bytes) {

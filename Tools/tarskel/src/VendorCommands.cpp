@@ -27,6 +27,7 @@
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/semver/SemVer.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
@@ -114,30 +115,18 @@ std::string canonicalLine(const auto& record) {
 // leaves no half key, and an existing key is never replaced.
 void writeKeyFile(const std::string& path, const std::string& content) {
   std::string temporary = path + ".XXXXXX";
-  const int fd = ::mkstemp(temporary.data());  // mode 0600
-  if (fd < 0) failWrite(path);
-  const char* data = content.data();
-  std::size_t left = content.size();
-  bool ok = true;
-  while (ok && left > 0) {
-    const ssize_t n = ::write(fd, data, left);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) {
-      data += n;
-      left -= static_cast<std::size_t>(n);
-    }
-  }
-  ok = ok && ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  const bool linked = ok && ::link(temporary.c_str(), path.c_str()) == 0;
-  const int linkError = errno;
+  FileDescriptor file(::mkstemp(temporary.data()));  // mode 0600
+  if (!file) failWrite(path);
+  int error = writeAll(file.get(), content) && ::fsync(file.get()) == 0 ? 0 : errno;
+  if (const int closeError = file.close(); error == 0) error = closeError;
+  const bool written = error == 0;
+  if (written && ::link(temporary.c_str(), path.c_str()) != 0) error = errno;
   ::unlink(temporary.c_str());
-  if (linked) return;
-  if (ok && linkError == EEXIST) {
+  if (error == 0) return;
+  if (written && error == EEXIST) {
     throw ToolFailure(kExitUsage, path + " exists already; a key is never overwritten");
   }
-  errno = linkError;
+  errno = error;
   failWrite(path);
 }
 
@@ -195,7 +184,7 @@ int guarded(const std::string& dir, bool json, Body body) {
                                       {"dir", JSONValue(dir)},
                                       {"error", JSONValue(std::move(error))}}));
     }
-    throw ToolFailure(kExitFinding, e.description());
+    throw ToolFailure(kExitFailure, e.description());
   } catch (const std::filesystem::filesystem_error& e) {
     throw ToolFailure(kExitUsage, e.what());
   } catch (const EncodingError& e) {
@@ -418,7 +407,7 @@ struct RotateOptions {
 VendorAllowlist judgeRotation(const VendorKeyRotation& rotation, const VendorAllowlist& current) {
   auto result = ed25519Verification().applyRotation(rotation, current);
   if (auto* error = std::get_if<VendorVerificationError>(&result)) {
-    throw ToolFailure(kExitFinding, error->description());
+    throw ToolFailure(kExitFailure, error->description());
   }
   return std::get<VendorAllowlist>(std::move(result));
 }
@@ -453,7 +442,9 @@ void addStrict(CLI::App* command, bool& strict) {
                     "Refuse, not just warn about, a private key readable by group or others");
 }
 
-void install(CLI::App& app, ToolContext& ctx) {
+}  // namespace
+
+void installVendorCommands(CLI::App& app, ToolContext& ctx) {
   CLI::App* vendor = app.add_subcommand("vendor", "Keys, allowlists and seals of the vendor gate");
   vendor->require_subcommand(1);
 
@@ -533,7 +524,4 @@ void install(CLI::App& app, ToolContext& ctx) {
   bind(applyCommand, ctx, r, applyRotation);
 }
 
-const CommandRegistration kVendor(50, install);
-
-}  // namespace
 }  // namespace tarskel::tool

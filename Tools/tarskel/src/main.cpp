@@ -1,6 +1,5 @@
-// tarskel: the command-line tool for people. The commands register
-// themselves (see ToolCommand.hpp); the frame that parses and runs them is in
-// ToolApp.cpp.
+// tarskel: the command-line tool for people. Its commands, and the frame that
+// parses and runs them, are in ToolApp.cpp.
 
 #include "ToolApp.hpp"
 

@@ -66,7 +66,7 @@ TEST_F(CallCommandsTest, ExitCodes) {
       R"(
     call x --mach-service $REFUSING | 1 | tarskel: unknownOp: op fuera del catálogo: x\n
     call x --json=pretty --mach-service $REFUSING | 1 |  | {\n  "error": {\n    "code": "unknownOp",\n    "message": "op fuera del catálogo: x"\n  },\n  "ok": false\n}\n
-    call x --args { --mach-service $REFUSING | 2 | tarskel: --args:1:2: unexpected end of the document
+    call x --args { --mach-service $REFUSING | 2 | tarskel: --args:1:2: el texto no es JSON válido
     call x --args @/nonexistent/a --mach-service $REFUSING | 2 | /nonexistent/a: No such file or directory
     info --mach-service '' | 2 | --mach-service is empty
     call x --timeout 0.3 --mach-service $SILENT | 3 | : no answer within 0.3 s (--timeout)

@@ -95,7 +95,7 @@ TEST_F(VendorCommandsTest, PublicKeysDuplicateIdsAndLooseKeyFiles) {
   expectRuns(R"(
     vendor allowlist --revision 1 $DIR/k1.pub | 0 |  | $AL1
     vendor allowlist --revision 1 $DIR/k1.pub $DIR/k1.json | 2 | key id 'k1' twice
-    vendor allowlist --revision 1 $DIR/tree/App.app/Contents/Info.plist | 2 | Info.plist:1:1: unexpected '<'
+    vendor allowlist --revision 1 $DIR/tree/App.app/Contents/Info.plist | 2 | Info.plist:1:1: el texto no es JSON válido
   )",
              vars());
   fs::permissions(path("k1.json"), fs::perms::group_read, fs::perm_options::add);

@@ -41,6 +41,11 @@ void xpc_connection_set_event_handler(xpc_connection_t connection, xpc_handler_t
 void xpc_connection_resume(xpc_connection_t connection);
 void xpc_connection_cancel(xpc_connection_t connection);
 void xpc_connection_send_message(xpc_connection_t connection, xpc_object_t message);
+// Calls `handler` on `replyq` (NULL: the connection's target queue) with the
+// reply or an error object, which the handler does not own.
+void xpc_connection_send_message_with_reply(xpc_connection_t connection, xpc_object_t message,
+                                            dispatch_queue_t _Nullable replyq,
+                                            xpc_handler_t handler);
 // The reply, or an error object; the caller releases it.
 xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connection,
                                                          xpc_object_t message);

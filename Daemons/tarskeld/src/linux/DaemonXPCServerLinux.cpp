@@ -34,6 +34,7 @@
 
 #include "PeerSocketIdentity.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
@@ -530,9 +531,8 @@ void replaceStaleSocket(const std::string& path) {
   if (::lstat(path.c_str(), &st) != 0) return;
   if (!S_ISSOCK(st.st_mode)) throw cannotListen(path, "existe y no es un socket");
   Local::endpoint endpoint(path);
-  const int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const bool live = probe >= 0 && ::connect(probe, endpoint.data(), endpoint.size()) == 0;
-  if (probe >= 0) ::close(probe);
+  const FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const bool live = probe && ::connect(probe.get(), endpoint.data(), endpoint.size()) == 0;
   if (live) throw cannotListen(path, "otro proceso ya escucha ahí");
   ::unlink(path.c_str());
 }

@@ -26,28 +26,20 @@
 
 namespace tarskel {
 
-PeerSocketIdentity::~PeerSocketIdentity() {
-  if (pidfd_ >= 0) ::close(pidfd_);
-}
-
-PinnedPeer::~PinnedPeer() {
-  if (procDir >= 0) ::close(procDir);
-}
-
 std::shared_ptr<const PinnedPeer> PinnedPeer::of(int socketFd, pid_t pid) {
   if (pid <= 0) return nullptr;
-  int pidfd = -1;
-  socklen_t length = sizeof pidfd;
-  if (::getsockopt(socketFd, SOL_SOCKET, SO_PEERPIDFD, &pidfd, &length) != 0 || pidfd < 0) {
+  int peerPidfd = -1;
+  socklen_t length = sizeof peerPidfd;
+  if (::getsockopt(socketFd, SOL_SOCKET, SO_PEERPIDFD, &peerPidfd, &length) != 0 || peerPidfd < 0) {
     return nullptr;
   }
+  const FileDescriptor pidfd(peerPidfd);
   auto pin = std::make_shared<PinnedPeer>();
   const std::string dir = "/proc/" + std::to_string(pid);
-  pin->procDir = ::open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  pin->procDir.reset(::open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   // Alive after the open: the directory is the connecting process's.
-  const bool alive = ::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) == 0;
-  ::close(pidfd);
-  if (pin->procDir < 0 || !alive) return nullptr;
+  const bool alive = ::syscall(SYS_pidfd_send_signal, pidfd.get(), 0, nullptr, 0) == 0;
+  if (!pin->procDir || !alive) return nullptr;
   pin->pid = pid;
   return pin;
 }
@@ -75,7 +67,7 @@ std::shared_ptr<PeerSocketIdentity> PeerSocketIdentity::fromControl(
       for (std::size_t i = 0; i + sizeof(int) <= length; i += sizeof(int)) {
         int passed = -1;
         std::memcpy(&passed, CMSG_DATA(c) + i, sizeof passed);
-        if (passed >= 0) ::close(passed);
+        const FileDescriptor closedHere(passed);  // a client's descriptors never stay open
       }
     }
   }
@@ -89,14 +81,14 @@ CodeResult PeerSocketIdentity::senderCode(const CodeSignPlatform& platform) cons
     // Only a success is taken from the shortcut: when the pinned process has
     // gone, the pid may have passed to the sender, which the message's own
     // pidfd then judges as before.
-    auto code = platform.guestCodeInProcDirectory(pinned_->procDir, pid_);
+    auto code = platform.guestCodeInProcDirectory(pinned_->procDir.get(), pid_);
     if (code && code->status == 0 && code->code) return *std::move(code);
   }
-  if (pid_ <= 0 || pidfd_ < 0) return {CodeSignStatus::errSecCSNoSuchCode, {}};
+  if (pid_ <= 0 || !pidfd_) return {CodeSignStatus::errSecCSNoSuchCode, {}};
   CodeResult guest = platform.guestCodeForPid(pid_);
   // The executable was read through the number; only a process still alive
   // afterwards proves the number still named it.
-  if (guest.status == 0 && ::syscall(SYS_pidfd_send_signal, pidfd_, 0, nullptr, 0) != 0 &&
+  if (guest.status == 0 && ::syscall(SYS_pidfd_send_signal, pidfd_.get(), 0, nullptr, 0) != 0 &&
       errno == ESRCH) {
     return {CodeSignStatus::errSecCSNoSuchCode, {}};
   }

@@ -17,6 +17,7 @@
 #include <memory>
 
 #include "tarskel/daemon/DaemonPeerGate.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 
 namespace tarskel {
 
@@ -31,12 +32,7 @@ namespace tarskel {
 // it has done its part, so a connection costs one descriptor more.
 struct PinnedPeer {
   pid_t pid = 0;
-  int procDir = -1;
-
-  PinnedPeer() = default;
-  PinnedPeer(const PinnedPeer&) = delete;
-  PinnedPeer& operator=(const PinnedPeer&) = delete;
-  ~PinnedPeer();
+  FileDescriptor procDir;
 
   // The peer of the accepted socket `socketFd`, whose SO_PEERCRED pid is
   // `pid`; nothing when the kernel has no SO_PEERPIDFD, the pid is unknown,
@@ -53,7 +49,6 @@ class PeerSocketIdentity final : public DaemonMessageSender {
       : pid_(pid), pidfd_(pidfd), pinned_(std::move(pinned)) {}
   PeerSocketIdentity(const PeerSocketIdentity&) = delete;
   PeerSocketIdentity& operator=(const PeerSocketIdentity&) = delete;
-  ~PeerSocketIdentity() override;
 
   // The sender of the bytes `message` received: reads its control messages,
   // closes every descriptor they passed but the sender's pidfd (a client's
@@ -77,7 +72,7 @@ class PeerSocketIdentity final : public DaemonMessageSender {
   CodeResult senderCode(const CodeSignPlatform& platform) const override;
 
   pid_t pid() const { return pid_; }
-  int pidfd() const { return pidfd_; }
+  int pidfd() const { return pidfd_.get(); }
 
   // Same pid: the kernel gives one read the bytes of one sender, and a frame
   // whose bytes came from two is judged as nobody's.
@@ -85,7 +80,7 @@ class PeerSocketIdentity final : public DaemonMessageSender {
 
  private:
   pid_t pid_;
-  int pidfd_;
+  FileDescriptor pidfd_;
   std::shared_ptr<const PinnedPeer> pinned_;  // kept only when its pid is pid_
 };
 

@@ -41,16 +41,6 @@ std::string randomSuffix() {
   return out;
 }
 
-bool writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(n));
-  }
-  return true;
-}
-
 }  // namespace
 
 FileSystemError FileSystemError::fromErrno(std::string_view what, std::string_view path,
@@ -129,8 +119,7 @@ void atomicReplace(const std::filesystem::path& target, std::string_view bytes,
   if (!writeAll(file.get(), bytes) || ::fsync(file.get()) != 0) {
     failWith("no se pudo escribir", temporary, errno);
   }
-  const int closed = ::close(file.release());
-  if (closed != 0 && errno != EINTR) failWith("no se pudo escribir", temporary, errno);
+  if (const int error = file.close(); error != 0) failWith("no se pudo escribir", temporary, error);
   if (::rename(temporary.c_str(), target.c_str()) != 0) {
     failWith("no se pudo reemplazar", target, errno);
   }

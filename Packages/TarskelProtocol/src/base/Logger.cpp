@@ -9,23 +9,14 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "tarskel/protocol/base/FileDescriptor.hpp"
+
 namespace tarskel {
 
 namespace {
 
 constexpr std::array<std::string_view, 7> kLevelNames{"trace",   "debug", "info",    "notice",
                                                       "warning", "error", "critical"};
-
-void writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return;  // nowhere left to report a failing standard error
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(n));
-  }
-}
 
 // The journal's priority of each level, by syslog's numbers.
 constexpr std::array<std::string_view, 7> kJournalPrefixes{"<7>", "<7>", "<6>", "<5>",
@@ -68,6 +59,7 @@ std::optional<LogLevel> logLevelFromName(std::string_view name) {
 }
 
 LogSink standardErrorSink() {
+  // A failing standard error is dropped: there is nowhere left to report it.
   return [](std::string_view line) { writeAll(STDERR_FILENO, line); };
 }
 

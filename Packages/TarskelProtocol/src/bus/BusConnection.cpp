@@ -10,6 +10,7 @@
 #include <unordered_map>
 
 #include "tarskel/protocol/bus/BusMethod.hpp"
+#include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/semver/SemVer.hpp"
 
@@ -22,7 +23,7 @@ namespace {
 constexpr std::size_t kReadChunk = 64 * 1024;
 // Frames gathered into one write.
 constexpr std::size_t kMaxGather = 64;
-constexpr std::size_t kHeaderLength = 4;
+constexpr std::size_t kHeaderLength = Framing::headerLength;
 
 std::string randomSessionId() {
   std::random_device device;
@@ -44,11 +45,7 @@ std::optional<std::string> frameFor(const JSONRPCMessage& message) {
   } catch (const EncodingError&) {
     return std::nullopt;
   }
-  const std::size_t length = frame.size() - kHeaderLength;
-  frame[0] = static_cast<char>((length >> 24) & 0xFF);
-  frame[1] = static_cast<char>((length >> 16) & 0xFF);
-  frame[2] = static_cast<char>((length >> 8) & 0xFF);
-  frame[3] = static_cast<char>(length & 0xFF);
+  Framing::writeHeader(frame, static_cast<std::uint32_t>(frame.size() - kHeaderLength));
   return frame;
 }
 

@@ -8,13 +8,13 @@ namespace tarskel {
 
 namespace {
 
-constexpr std::size_t kHeaderLength = 4;
+constexpr std::size_t kHeaderLength = Framing::headerLength;
 
-std::uint32_t readBigEndian32(const char* p) {
-  const auto byte = [p](int i) {
-    return static_cast<std::uint32_t>(static_cast<unsigned char>(p[i]));
-  };
-  return (byte(0) << 24) | (byte(1) << 16) | (byte(2) << 8) | byte(3);
+// The big-endian length, most significant byte first, at `at`.
+void putHeader(char* at, std::uint32_t payloadLength) {
+  for (std::size_t i = 0; i < kHeaderLength; ++i) {
+    at[i] = static_cast<char>((payloadLength >> (8 * (kHeaderLength - 1 - i))) & 0xFF);
+  }
 }
 
 }  // namespace
@@ -32,9 +32,20 @@ std::string Framing::encode(std::string_view payload) {
 }
 
 void Framing::appendHeader(std::string& frame, std::uint32_t payloadLength) {
-  for (int shift = 24; shift >= 0; shift -= 8) {
-    frame.push_back(static_cast<char>((payloadLength >> shift) & 0xFF));
+  frame.append(kHeaderLength, '\0');
+  putHeader(frame.data() + frame.size() - kHeaderLength, payloadLength);
+}
+
+void Framing::writeHeader(std::string& frame, std::uint32_t payloadLength) {
+  putHeader(frame.data(), payloadLength);
+}
+
+std::uint32_t Framing::readHeader(std::string_view bytes) {
+  std::uint32_t length = 0;
+  for (std::size_t i = 0; i < kHeaderLength; ++i) {
+    length = (length << 8) | static_cast<unsigned char>(bytes[i]);
   }
+  return length;
 }
 
 FramingError::FramingError(std::int64_t length, std::int64_t max)
@@ -55,7 +66,7 @@ std::vector<std::string> FrameDecoder::append(std::string_view bytes) {
   buffer_.append(bytes);
   std::vector<std::string> frames;
   while (pendingBytes() >= kHeaderLength) {
-    const std::int64_t length = readBigEndian32(buffer_.data() + consumed_);
+    const std::int64_t length = Framing::readHeader(std::string_view(buffer_).substr(consumed_));
     if (length > maxFrameLength_) throw FramingError::frameTooLarge(length, maxFrameLength_);
     const auto total = kHeaderLength + static_cast<std::size_t>(length);
     if (pendingBytes() < total) break;

@@ -1,5 +1,6 @@
 #include "tarskel/protocol/json/JSONCoding.hpp"
 
+#include <algorithm>
 #include <cmath>
 
 #include "tarskel/protocol/base/Base64.hpp"
@@ -74,11 +75,27 @@ void CodingPath::appendTo(std::string& out) const {
   }
 }
 
-DecodingError::DecodingError(Kind kind, const CodingPath& path, std::string debugDescription)
+DecodingError::DecodingError(Kind kind, const CodingPath& path, std::string debugDescription,
+                             std::optional<TextPosition> position)
     : Error(describe(kind, path.toString(), debugDescription)),
       kind_(kind),
       path_(path.toString()),
-      debugDescription_(std::move(debugDescription)) {}
+      debugDescription_(std::move(debugDescription)),
+      position_(position) {}
+
+DecodingError::TextPosition DecodingError::positionIn(std::string_view text, std::size_t offset) {
+  TextPosition at{1, 1, std::min(offset, text.size())};
+  for (std::size_t i = 0; i < at.offset; ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c == '\n') {
+      ++at.line;
+      at.column = 1;
+    } else if ((c & 0xC0) != 0x80) {  // a continuation byte is part of the character before
+      ++at.column;
+    }
+  }
+  return at;
+}
 
 EncodingError::EncodingError(std::string debugDescription)
     : Error("invalidValue: " + std::move(debugDescription)) {}

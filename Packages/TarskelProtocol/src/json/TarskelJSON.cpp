@@ -172,7 +172,12 @@ class Writer {
   throw DecodingError(DecodingError::Kind::dataCorrupted, CodingPath(), std::move(text));
 }
 
+// The reader's last error on this thread, so that parseTree can tell a
+// document that ended early (whose break is at its end) from the rest.
+thread_local simdjson::error_code tReaderError = simdjson::SUCCESS;
+
 [[noreturn]] void syntaxError(simdjson::error_code error) {
+  tReaderError = error;
   switch (error) {
     case simdjson::UTF8_ERROR:
       corrupted("el texto no es UTF-8 válido");
@@ -264,12 +269,15 @@ JSONValue readNumber(Source& source) {
 // A string from the reader; escapes such as an unpaired \udc00 must not
 // smuggle ill-formed UTF-8 into the tree.
 std::string readString(std::string_view s) {
-  if (!simdjson::validate_utf8(s.data(), s.size())) corrupted("el texto no es UTF-8 válido");
+  if (!isValidUTF8(s)) corrupted("el texto no es UTF-8 válido");
   return std::string(s);
 }
 
 class TreeBuilder {
  public:
+  // Without `keep`, arrays and objects are read and checked, and dropped.
+  explicit TreeBuilder(bool keep) : keep_(keep) {}
+
   JSONValue build(od::value value, std::size_t depth) {
     switch (take(value.type())) {
       case od::json_type::array:
@@ -344,7 +352,7 @@ class TreeBuilder {
     const std::size_t base = elements_.size();
     for (auto element : array) {
       JSONValue value = build(take(std::move(element)), depth + 1);
-      elements_.push_back(std::move(value));
+      if (keep_) elements_.push_back(std::move(value));
     }
     JSONValue::Array out(
         std::make_move_iterator(elements_.begin() + static_cast<std::ptrdiff_t>(base)),
@@ -360,7 +368,7 @@ class TreeBuilder {
       od::field field = take(std::move(result));
       std::string key = readString(take(field.unescaped_key()));
       JSONValue value = build(field.value(), depth + 1);
-      members_.emplace_back(std::move(key), std::move(value));
+      if (keep_) members_.emplace_back(std::move(key), std::move(value));
     }
     std::vector<JSONObject::Member> members(
         std::make_move_iterator(members_.begin() + static_cast<std::ptrdiff_t>(base)),
@@ -369,6 +377,7 @@ class TreeBuilder {
     return JSONValue(JSONObject::fromUnsorted(std::move(members)));
   }
 
+  bool keep_;
   std::vector<JSONValue> elements_;
   std::vector<JSONObject::Member> members_;
 };
@@ -376,25 +385,32 @@ class TreeBuilder {
 // Outside strings JSON allows only four control bytes, and inside strings
 // none; the reader checks neither, so the raw text is screened once here.
 void refuseControlBytes(std::string_view bytes) {
-  for (char c : bytes) {
-    const auto u = static_cast<unsigned char>(c);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const auto u = static_cast<unsigned char>(bytes[i]);
     if (u < 0x20 && u != '\t' && u != '\n' && u != '\r') {
-      corrupted("el texto no es JSON válido: carácter de control sin escapar");
+      throw DecodingError(DecodingError::Kind::dataCorrupted, CodingPath(),
+                          "el texto no es JSON válido: carácter de control sin escapar",
+                          DecodingError::positionIn(bytes, i));
     }
   }
 }
 
-JSONValue parseTree(std::string_view bytes) {
-  refuseControlBytes(bytes);
-  simdjson::padded_string padded(bytes);
-  // A parser keeps buffers sized to the largest document it has read; one per
-  // thread serves the many small documents, while a large one gets its own.
-  constexpr std::size_t kReusedParserLimit = 4 << 20;
-  thread_local od::parser shared;
-  od::parser local;
-  od::parser& parser = bytes.size() <= kReusedParserLimit ? shared : local;
-  od::document doc = take(parser.iterate(padded));
-  TreeBuilder builder;
+// Where the reading of `bytes` broke: its end for a document that ended
+// early, else the reader's place in the document when it has one (`doc` is
+// null when the text could not even be indexed), else the first ill-formed
+// UTF-8, else the end, where something was missing.
+std::size_t failureOffset(std::string_view bytes, const simdjson::padded_string& padded,
+                          od::document* doc) {
+  if (tReaderError == simdjson::INCOMPLETE_ARRAY_OR_OBJECT) return bytes.size();
+  const char* location = nullptr;
+  if (doc != nullptr && doc->current_location().get(location) == simdjson::SUCCESS) {
+    return std::min(static_cast<std::size_t>(location - padded.data()), bytes.size());
+  }
+  return validUTF8Prefix(bytes);
+}
+
+JSONValue readTree(od::document& doc, const simdjson::padded_string& padded, bool keep) {
+  TreeBuilder builder(keep);
   bool checkedEnd = false;
   JSONValue root =
       builder.buildRoot(doc, std::string_view(padded.data(), padded.size()), checkedEnd);
@@ -407,22 +423,43 @@ JSONValue parseTree(std::string_view bytes) {
   return root;
 }
 
+// The tree of `bytes`; with `keep` false, only the same checks, and a null
+// for a tree. A syntax error carries its position.
+JSONValue parseTree(std::string_view bytes, bool keep = true) {
+  refuseControlBytes(bytes);
+  tReaderError = simdjson::SUCCESS;
+  simdjson::padded_string padded(bytes);
+  // A parser keeps buffers sized to the largest document it has read; one per
+  // thread serves the many small documents, while a large one gets its own.
+  constexpr std::size_t kReusedParserLimit = 4 << 20;
+  thread_local od::parser shared;
+  od::parser local;
+  od::parser& parser = bytes.size() <= kReusedParserLimit ? shared : local;
+  od::document doc;
+  bool indexed = false;
+  try {
+    doc = take(parser.iterate(padded));
+    indexed = true;
+    return readTree(doc, padded, keep);
+  } catch (const DecodingError& e) {
+    throw DecodingError(
+        e.kind(), CodingPath(), e.debugDescription(),
+        DecodingError::positionIn(bytes, failureOffset(bytes, padded, indexed ? &doc : nullptr)));
+  }
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- public
-
-bool isValidUTF8(std::string_view text) {
-  return simdjson::validate_utf8(text.data(), text.size());
-}
 
 std::string escapedBytes(std::string_view text) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string out;
   for (std::size_t i = 0; i < text.size();) {
     const auto c = static_cast<unsigned char>(text[i]);
-    const std::size_t n = c < 0x80 ? 1 : (c >= 0xF0 ? 4 : (c >= 0xE0 ? 3 : (c >= 0xC0 ? 2 : 0)));
+    const std::size_t n = utf8SequenceLength(text.substr(i));
     const bool printable = n > 1 || (n == 1 && c >= 0x20 && c != 0x7F && c != '\\');
-    if (printable && i + n <= text.size() && simdjson::validate_utf8(text.data() + i, n)) {
+    if (printable) {
       out.append(text, i, n);
       i += n;
     } else {
@@ -501,6 +538,15 @@ std::string JSONEncoder::encode(const JSONValue& value) const {
 }
 
 JSONValue JSONDecoder::parse(std::string_view bytes) const { return parseTree(bytes); }
+
+bool JSONDecoder::isWellFormed(std::string_view bytes) const {
+  try {
+    parseTree(bytes, false);
+    return true;
+  } catch (const DecodingError&) {
+    return false;
+  }
+}
 
 template <>
 JSONValue JSONDecoder::decode<JSONValue>(std::string_view bytes) const {

@@ -17,6 +17,7 @@
 #include "tarskel/protocol/base/Files.hpp"
 #include "tarskel/protocol/base/Logger.hpp"
 #include "tarskel/protocol/base/SHA256.hpp"
+#include "tarskel/protocol/base/UTF8.hpp"
 #include "tarskel/testing/TempDirectory.hpp"
 
 namespace tarskel {
@@ -157,6 +158,31 @@ TEST(LoggerTest, ConcurrentCopiesSerialiseTheSink) {
   for (const std::string& line : lines) {
     ASSERT_EQ(line.find('\n'), line.size() - 1) << line;
   }
+}
+
+// The one UTF-8 reader: what a store keeps, what the decoder takes, what a
+// person sees all follow it. text | length of the well-formed prefix
+TEST(UTF8Test, WellFormedPrefixAndReplacement) {
+  const std::pair<std::string, std::size_t> cases[] = {
+      {"plain ascii, longer than a word", 31},
+      {std::string("a\0b", 3), 3},
+      {"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", 9},  // 2, 3 and 4 bytes
+      {"a\xc0\xaf", 1},                             // overlong
+      {"ab\xed\xa0\x80", 2},                        // a surrogate
+      {"\xf4\x90\x80\x80", 0},                      // beyond U+10FFFF
+      {"\xe2\x82", 0},                              // cut short
+      {"\xc3\xa9\x80", 2}};                         // a stray continuation byte
+  for (const auto& [text, prefix] : cases) {
+    SCOPED_TRACE(::testing::PrintToString(text));
+    EXPECT_EQ(validUTF8Prefix(text), prefix);
+    EXPECT_EQ(isValidUTF8(text), prefix == text.size());
+    const std::string clean = sanitizedUTF8(text);
+    EXPECT_TRUE(isValidUTF8(clean));
+    EXPECT_EQ(clean == text, prefix == text.size());
+  }
+  EXPECT_EQ(sanitizedUTF8("a\xc0\xaf" "b"),
+            "a\xef\xbf\xbd\xef\xbf\xbd"
+            "b");
 }
 
 TEST(Base64, StrictDecoding) {

@@ -2,8 +2,12 @@
 
 #include <xpc/xpc.h>
 
+#include <condition_variable>
 #include <cstdlib>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
 
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
@@ -30,6 +34,32 @@ std::string printable(xpc_object_t object) {
   return out;
 }
 
+// The reply to `message` (retained, for the caller to release), or NULL when
+// none came within `timeout`. The handler may run after the caller has given
+// up: it shares the state with the caller and drops a reply nobody waits for.
+xpc_object_t replyWithin(xpc_connection_t connection, xpc_object_t message,
+                         std::chrono::milliseconds timeout) {
+  struct Pending {
+    std::mutex mutex;
+    std::condition_variable arrived;
+    xpc_object_t reply = nullptr;
+    bool abandoned = false;
+  };
+  auto pending = std::make_shared<Pending>();
+  xpc_connection_send_message_with_reply(connection, message, nullptr, ^(xpc_object_t reply) {
+    std::lock_guard lock(pending->mutex);
+    if (pending->abandoned) return;
+    pending->reply = xpc_retain(reply);
+    pending->arrived.notify_all();
+  });
+  std::unique_lock lock(pending->mutex);
+  if (!pending->arrived.wait_for(lock, timeout, [&] { return pending->reply != nullptr; })) {
+    pending->abandoned = true;
+    return nullptr;
+  }
+  return std::exchange(pending->reply, nullptr);
+}
+
 }  // namespace
 
 struct DaemonXPCClient::Connection {
@@ -49,15 +79,18 @@ DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName) {
 // Releases our reference without cancelling: calls of other holders go on.
 DaemonXPCClient::~DaemonXPCClient() { xpc_release(connection_->connection); }
 
-DaemonResponse DaemonXPCClient::request(const DaemonRequest& request) {
+DaemonResponse DaemonXPCClient::request(const DaemonRequest& request,
+                                        std::optional<std::chrono::milliseconds> timeout) {
   const std::string bytes = TarskelJSON::encoder().encode(request);
   const std::string requestKey(DaemonWire::requestKey);
   const std::string responseKey(DaemonWire::responseKey);
 
   XPCReference message(xpc_dictionary_create(nullptr, nullptr, 0));
   xpc_dictionary_set_data(message.object, requestKey.c_str(), bytes.data(), bytes.size());
-  XPCReference reply(
-      xpc_connection_send_message_with_reply_sync(connection_->connection, message.object));
+  XPCReference reply(timeout ? replyWithin(connection_->connection, message.object, *timeout)
+                             : xpc_connection_send_message_with_reply_sync(connection_->connection,
+                                                                           message.object));
+  if (reply.object == nullptr) throw DaemonClientError::timedOut();
   if (xpc_get_type(reply.object) != XPC_TYPE_DICTIONARY) {
     throw DaemonClientError::transport(printable(reply.object));
   }

@@ -9,8 +9,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -18,6 +21,7 @@
 #include <string>
 #include <variant>
 
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
@@ -27,36 +31,44 @@ namespace tarskel {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 std::string errnoText(int error) { return std::strerror(error); }
+
+// poll's time-out for `deadline`: -1 for none, else the milliseconds left,
+// rounded up so that a wait never ends just before the deadline.
+int pollMilliseconds(std::optional<Clock::time_point> deadline) {
+  if (!deadline) return -1;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now());
+  return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, INT32_MAX));
+}
 
 // A connected socket to `path`, or the reason there is none. With
 // `requireRoot`, a server whose credentials (taken by the kernel when it
 // listened) are not root's is refused: anyone able to put a socket at the
 // system daemon's path first would otherwise answer in its place.
-std::variant<int, std::string> connectTo(const std::string& path, bool requireRoot) {
+std::variant<FileDescriptor, std::string> connectTo(const std::string& path, bool requireRoot) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof(address.sun_path)) {
     return "ruta de socket demasiado larga: " + path;
   }
   std::memcpy(address.sun_path, path.data(), path.size());
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int fd = socket.get();
   if (fd < 0) return "socket: " + errnoText(errno);
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    const int error = errno;
-    ::close(fd);
-    return "connect " + path + ": " + errnoText(error);
+    return "connect " + path + ": " + errnoText(errno);
   }
   if (requireRoot) {
     ucred peer{};
     socklen_t length = sizeof peer;
     if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.uid != 0) {
       const std::string uid = length == sizeof peer ? std::to_string(peer.uid) : "?";
-      ::close(fd);
       return "el servidor de " + path + " no es root (uid " + uid + ")";
     }
   }
-  return fd;
+  return socket;
 }
 
 bool sendAll(int fd, const std::string& bytes) {
@@ -83,18 +95,18 @@ struct DaemonXPCClient::Connection {
   // `p` is the socket path, or nothing with the reason in `invalid`.
   Connection(std::string p, bool root, std::string invalid)
       : path(std::move(p)), requireRoot(root), invalidName(std::move(invalid)) {}
-  ~Connection() {
-    if (fd >= 0) ::close(fd);
-  }
-
-  // The reply body for `message`, or throws DaemonClientError.
-  std::optional<std::string> exchange(std::string message);
+  // The reply body for `message`, or throws DaemonClientError (timedOut
+  // once `deadline` has passed).
+  std::optional<std::string> exchange(std::string message,
+                                      std::optional<Clock::time_point> deadline);
 
   // Cancels: wakes the reader and fails every call, now and later.
   void cancel();
 
  private:
-  void readUntil(std::unique_lock<std::mutex>& lock, std::uint64_t id);
+  // False when `deadline` passed before the reply to `id` came.
+  bool readUntil(std::unique_lock<std::mutex>& lock, std::uint64_t id,
+                 std::optional<Clock::time_point> deadline);
   void fail(const std::string& text);  // lock held
 
   const std::string path;
@@ -102,7 +114,7 @@ struct DaemonXPCClient::Connection {
   const std::string invalidName;  // why there is no path; empty when there is
   std::mutex mutex;
   std::condition_variable changed;
-  int fd = -1;  // -1: not connected
+  FileDescriptor socket;  // none: not connected
   bool cancelled = false;
   bool reading = false;  // a thread is in recv() on fd
   std::uint64_t nextId = 1;
@@ -110,58 +122,76 @@ struct DaemonXPCClient::Connection {
   std::map<std::uint64_t, std::optional<Outcome>> waiting;
 };
 
-std::optional<std::string> DaemonXPCClient::Connection::exchange(std::string message) {
+std::optional<std::string> DaemonXPCClient::Connection::exchange(
+    std::string message, std::optional<Clock::time_point> deadline) {
   std::unique_lock lock(mutex);
   if (cancelled) throw DaemonClientError::transport("conexión cancelada");
   if (!invalidName.empty()) throw DaemonClientError::transport(invalidName);
-  if (fd < 0) {
+  if (!socket) {
     auto connected = connectTo(path, requireRoot);
     if (auto* text = std::get_if<std::string>(&connected)) {
       throw DaemonClientError::transport(*text);
     }
-    fd = std::get<int>(connected);
+    socket = std::move(std::get<FileDescriptor>(connected));
     decoder = FrameDecoder();
   }
   const std::uint64_t id = nextId++;
   auto& slot = waiting[id];
-  if (!sendAll(fd, Transport::encodeFrame({id, true, std::move(message)}))) {
+  if (!sendAll(socket.get(), Transport::encodeFrame({id, true, std::move(message)}))) {
     const std::string text = "send: " + errnoText(errno);
     waiting.erase(id);
     // The reader, if any, sees the broken socket too and fails the others.
     if (!reading) fail(text);
     throw DaemonClientError::transport(text);
   }
-  readUntil(lock, id);
+  if (!readUntil(lock, id, deadline)) {
+    waiting.erase(id);  // a reply that comes later is dropped
+    throw DaemonClientError::timedOut();
+  }
   Outcome outcome = std::move(*slot);
   waiting.erase(id);
   if (outcome.failure) throw DaemonClientError::transport(*outcome.failure);
   return std::move(outcome.body);
 }
 
-void DaemonXPCClient::Connection::readUntil(std::unique_lock<std::mutex>& lock, std::uint64_t id) {
+bool DaemonXPCClient::Connection::readUntil(std::unique_lock<std::mutex>& lock, std::uint64_t id,
+                                            std::optional<Clock::time_point> deadline) {
   while (!waiting[id].has_value()) {
+    if (deadline && Clock::now() >= *deadline) return false;
     if (reading) {
-      changed.wait(lock);
+      if (deadline) {
+        changed.wait_until(lock, *deadline);
+      } else {
+        changed.wait(lock);
+      }
       continue;
     }
     reading = true;
-    const int socket = fd;
+    const int fd = socket.get();
     lock.unlock();
+    // Wait for data with poll first: a thread asleep in recv() is woken each
+    // time the daemon takes a request off the socket (the kernel signals
+    // room to write on the same queue), and runs for nothing; poll wakes for
+    // data only. Shutdown (cancel) still wakes it. A reader whose own
+    // deadline passes hands the reading on to the next waiting thread.
+    pollfd ready{fd, POLLIN, 0};
+    int polled;
+    while ((polled = ::poll(&ready, 1, pollMilliseconds(deadline))) < 0 && errno == EINTR) {
+    }
     char buffer[64 * 1024];
-    ssize_t n;
-    do {
-      // Wait for data with poll first: a thread asleep in recv() is woken
-      // each time the daemon takes a request off the socket (the kernel
-      // signals room to write on the same queue), and runs for nothing;
-      // poll wakes for data only. Shutdown (cancel) still wakes it.
-      pollfd ready{socket, POLLIN, 0};
-      while (::poll(&ready, 1, -1) < 0 && errno == EINTR) {
-      }
-      n = ::recv(socket, buffer, sizeof buffer, 0);
-    } while (n < 0 && errno == EINTR);
+    ssize_t n = 0;
+    if (polled != 0) {
+      do {
+        n = ::recv(fd, buffer, sizeof buffer, 0);
+      } while (n < 0 && errno == EINTR);
+    }
     const int error = errno;
     lock.lock();
     reading = false;
+    if (polled == 0) {
+      changed.notify_all();
+      continue;
+    }
     try {
       if (n == 0) throw DaemonClientError::transport("conexión interrumpida");
       if (n < 0) throw DaemonClientError::transport("recv: " + errnoText(error));
@@ -178,27 +208,25 @@ void DaemonXPCClient::Connection::readUntil(std::unique_lock<std::mutex>& lock, 
     }
     changed.notify_all();
   }
+  return true;
 }
 
 void DaemonXPCClient::Connection::fail(const std::string& text) {
   for (auto& [id, outcome] : waiting) {
     if (!outcome) outcome = Outcome{{}, text};
   }
-  if (fd >= 0) {
-    ::close(fd);
-    fd = -1;
-  }
+  socket.reset();
   changed.notify_all();
 }
 
 void DaemonXPCClient::Connection::cancel() {
   std::lock_guard lock(mutex);
   cancelled = true;
-  if (fd < 0) return;
+  if (!socket) return;
   // A thread in recv() owns the descriptor until it comes back; shutdown
   // wakes it, and it closes the socket and fails the rest.
   if (reading) {
-    ::shutdown(fd, SHUT_RDWR);
+    ::shutdown(socket.get(), SHUT_RDWR);
   } else {
     fail("conexión cancelada");
   }
@@ -222,9 +250,12 @@ DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName)
 
 DaemonXPCClient::~DaemonXPCClient() = default;
 
-DaemonResponse DaemonXPCClient::request(const DaemonRequest& request) {
+DaemonResponse DaemonXPCClient::request(const DaemonRequest& request,
+                                        std::optional<std::chrono::milliseconds> timeout) {
+  std::optional<Clock::time_point> deadline;
+  if (timeout) deadline = Clock::now() + *timeout;
   std::string bytes = TarskelJSON::encoder().encode(request);
-  std::optional<std::string> response = connection_->exchange(std::move(bytes));
+  std::optional<std::string> response = connection_->exchange(std::move(bytes), deadline);
   if (!response) throw DaemonClientError::transport("reply sin payload de respuesta");
   return TarskelJSON::decoder().decode<DaemonResponse>(*response);
 }

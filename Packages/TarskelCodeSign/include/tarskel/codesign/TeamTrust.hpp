@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tarskel/protocol/base/Logger.hpp"
+#include "tarskel/protocol/json/JSONCoding.hpp"
 
 namespace tarskel {
 
@@ -37,6 +38,10 @@ struct TeamTrust {
   // Never throws. Any thread may call it.
   static std::optional<TeamTrust> loadIfProvisioned(const std::filesystem::path& root,
                                                     const Logger& logger);
+
+  // The file's one record, for every reader of it (TarskelJSON's coders).
+  void encode(KeyedEncoder& e) const;
+  static TeamTrust decode(const KeyedDecoder& d);
 
   friend bool operator==(const TeamTrust&, const TeamTrust&) = default;
 };

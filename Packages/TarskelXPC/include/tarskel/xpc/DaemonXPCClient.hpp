@@ -20,7 +20,9 @@
 // close() may be called from any thread. The object must outlive every call
 // in flight.
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -29,24 +31,28 @@
 
 namespace tarskel {
 
-// The daemon could not be reached, or its reply carried no response:
-// "daemon no disponible: <text>".
+// The daemon could not be reached, its reply carried no response, or no
+// reply came in time: "daemon no disponible: <text>".
 class DaemonClientError : public Error {
  public:
-  enum class Kind { transport };
+  enum class Kind { transport, timedOut };
 
   static DaemonClientError transport(std::string text) {
-    return DaemonClientError(std::move(text));
+    return DaemonClientError(Kind::transport, std::move(text));
+  }
+  static DaemonClientError timedOut() {
+    return DaemonClientError(Kind::timedOut, "sin respuesta en el plazo");
   }
 
-  Kind kind() const { return Kind::transport; }
+  Kind kind() const { return kind_; }
   // The text behind "daemon no disponible: ".
   const std::string& text() const { return text_; }
 
  private:
-  explicit DaemonClientError(std::string text)
-      : Error("daemon no disponible: " + text), text_(std::move(text)) {}
+  DaemonClientError(Kind kind, std::string text)
+      : Error("daemon no disponible: " + text), kind_(kind), text_(std::move(text)) {}
 
+  Kind kind_;
   std::string text_;
 };
 
@@ -62,18 +68,21 @@ class DaemonXPCClient {
   DaemonXPCClient& operator=(const DaemonXPCClient&) = delete;
 
   // Sends `request` (encoded with TarskelJSON::encoder()) and blocks until
-  // the reply, with no time-out. Throws:
+  // the reply, or for at most `timeout` when one is given. Throws:
   //   - the encoder's EncodingError when the request can't be encoded;
   //   - DaemonClientError::transport when the daemon is absent, the
   //     connection is lost before the reply, the client was closed, the
   //     reply has no response ("reply sin payload de respuesta"), the name
   //     is empty ("nombre de servicio vacío") or the server at /run/tarskel
   //     is not root's ("el servidor de <path> no es root (uid <uid>)");
+  //   - DaemonClientError::timedOut when `timeout` passed first; the
+  //     connection stays up for other calls, and the late reply is dropped;
   //   - the decoder's DecodingError for a response that doesn't decode,
   //     zero bytes included.
   // A response with ok == false is returned, not thrown. After a transport
   // failure the next call tries to connect again.
-  DaemonResponse request(const DaemonRequest& request);
+  DaemonResponse request(const DaemonRequest& request,
+                         std::optional<std::chrono::milliseconds> timeout = std::nullopt);
 
   // Cancels the connection: calls in flight and every later call fail with
   // a transport error.

@@ -2,7 +2,10 @@
 
 // Sole owner of one open file descriptor: closed when the value goes, moved
 // and never copied. -1 means none. Not safe for concurrent use of one value.
+// Beside it, the one loop that writes to a descriptor: every layer writes
+// through writeAll.
 
+#include <string_view>
 #include <utility>
 
 namespace tarskel {
@@ -29,9 +32,18 @@ class FileDescriptor {
   // Closes the held descriptor (an error of close is dropped: the
   // descriptor is gone either way) and holds `fd` instead.
   void reset(int fd = -1) noexcept;
+  // Closes the held descriptor now and holds none. Returns 0, or the errno
+  // of a close that reported an error (a delayed write failure on some file
+  // systems); EINTR counts as closed, since the descriptor is gone.
+  int close() noexcept;
 
  private:
   int fd_ = -1;
 };
+
+// Writes every byte of `bytes` to `fd`, going on after short writes and
+// EINTR. Returns false with errno set when a write fails (EIO when it wrote
+// nothing); how much was written by then is unknown. Any thread.
+bool writeAll(int fd, std::string_view bytes) noexcept;
 
 }  // namespace tarskel

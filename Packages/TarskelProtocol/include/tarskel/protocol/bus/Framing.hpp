@@ -30,9 +30,20 @@ inline constexpr std::int64_t defaultMaxFrameLength = 16'777'216;
 // 4,294,967,295 bytes is a programming fault: the process ends.
 std::string encode(std::string_view payload);
 
+// The bytes of a header, before every payload.
+inline constexpr std::size_t headerLength = 4;
+
 // Appends the 4-byte big-endian header of a `payloadLength`-byte payload to
 // `frame`: for a caller that writes the payload in place after it.
 void appendHeader(std::string& frame, std::uint32_t payloadLength);
+
+// Writes that header over the first headerLength bytes of `frame`: for a
+// caller that reserved them before it knew the payload's length.
+void writeHeader(std::string& frame, std::uint32_t payloadLength);
+
+// The payload length announced by the header at the start of `bytes`, which
+// holds at least headerLength bytes.
+std::uint32_t readHeader(std::string_view bytes);
 }  // namespace Framing
 
 // A header announced more than the decoder accepts:

@@ -67,20 +67,40 @@ class CodingPath {
 
 // Decoding failed. The text names the kind, the path and what was wrong:
 //   dataCorrupted en args.x: Valor JSON no reconocido
+//
+// A text that is not JSON also carries where it first broke (position()),
+// for people; the text of the error stays the same without it.
 class DecodingError : public Error {
  public:
   enum class Kind { keyNotFound, valueNotFound, typeMismatch, dataCorrupted };
 
-  DecodingError(Kind kind, const CodingPath& path, std::string debugDescription);
+  // Where in the text: line and column count from 1, columns in characters
+  // (UTF-8 sequences), not bytes; `offset` is in bytes from 0.
+  struct TextPosition {
+    std::size_t line = 1;
+    std::size_t column = 1;
+    std::size_t offset = 0;
+    friend bool operator==(const TextPosition&, const TextPosition&) = default;
+  };
+
+  DecodingError(Kind kind, const CodingPath& path, std::string debugDescription,
+                std::optional<TextPosition> position = std::nullopt);
 
   Kind kind() const { return kind_; }
   const std::string& codingPath() const { return path_; }
   const std::string& debugDescription() const { return debugDescription_; }
+  // Set for syntax errors of the decoder (dataCorrupted at the root), never
+  // for the errors of a record's own decoding, which name a coding path.
+  const std::optional<TextPosition>& position() const { return position_; }
+
+  // The position of byte `offset` of `text` (at most text.size()).
+  static TextPosition positionIn(std::string_view text, std::size_t offset);
 
  private:
   Kind kind_;
   std::string path_;
   std::string debugDescription_;
+  std::optional<TextPosition> position_;
 };
 
 // Encoding failed: a value JSON can't hold (a NaN or an infinity). No bytes

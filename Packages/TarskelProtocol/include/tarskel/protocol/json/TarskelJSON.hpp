@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "tarskel/protocol/base/UTF8.hpp"
 #include "tarskel/protocol/json/JSONCoding.hpp"
 #include "tarskel/protocol/json/JSONValue.hpp"
 
@@ -47,8 +48,8 @@ class JSONDecoder {
 
   // Reads one JSON document as a T. Throws DecodingError: dataCorrupted for
   // text that is not exactly one JSON document in UTF-8 (syntax, invalid
-  // UTF-8, trailing content, nesting beyond kMaxDepth), or the error of the
-  // record's own decoding.
+  // UTF-8, trailing content, nesting beyond kMaxDepth), with the position()
+  // where the text first broke, or the error of the record's own decoding.
   template <class T>
   T decode(std::string_view bytes) const {
     JSONValue tree = parse(bytes);
@@ -58,6 +59,10 @@ class JSONDecoder {
   // The JSON text as a tree. Numbers no binary64 can hold are kept flagged as
   // unrepresentable for the record layer to judge: prefer decode<JSONValue>.
   JSONValue parse(std::string_view bytes) const;
+
+  // Whether parse() would take `bytes`, building no tree: the memory it
+  // needs is about the size of the text.
+  bool isWellFormed(std::string_view bytes) const;
 };
 
 // decode<JSONValue> moves the tree out instead of copying it.
@@ -82,9 +87,6 @@ std::string formatNumberWithFraction(double value);
 // A JSON string literal for `text`, with the canonical escapes. Throws
 // EncodingError, appending nothing, when `text` is not valid UTF-8.
 void appendJSONString(std::string& out, std::string_view text);
-
-// Whether `text` is well-formed UTF-8 (no surrogates, no overlong forms).
-bool isValidUTF8(std::string_view text);
 
 // `text` for people: well-formed UTF-8 as it is, every other byte, control
 // characters and the backslash as \xhh. "a\xffb" for the bytes 61 ff 62.

@@ -10,14 +10,15 @@
 // by member, put in key order (and rid of repeated keys) by the library's own
 // object rules. The bytes are those of
 // TarskelJSON::canonicalEncoder().encode(decoder().decode<JSONValue>(text)),
-// held in pieces of about a megabyte: about the size of the text.
+// held in pieces of about a megabyte: about the size of the text. Stateless;
+// any thread.
 
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace tarskel::tool {
+namespace tarskel {
 
 // The canonical bytes of `text`, in order, or nothing when `text` is not a
 // document this way can take (any syntax fault, a number no binary64 holds,
@@ -25,4 +26,4 @@ namespace tarskel::tool {
 // gives the exact error.
 std::optional<std::vector<std::string>> leanCanonical(std::string_view text);
 
-}  // namespace tarskel::tool
+}  // namespace tarskel

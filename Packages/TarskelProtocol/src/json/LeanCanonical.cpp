@@ -1,13 +1,12 @@
-#include "LeanCanonical.hpp"
+#include "tarskel/protocol/json/LeanCanonical.hpp"
 
 #include <cstddef>
 #include <utility>
 
-#include "ToolCommand.hpp"
 #include "tarskel/protocol/base/Error.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
-namespace tarskel::tool {
+namespace tarskel {
 namespace {
 
 // Text up to this size is decoded in one piece: its tree stays small.
@@ -37,7 +36,7 @@ void appendAll(Pieces& out, Pieces&& pieces) {
 
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
-// Walks text already known to be well-formed JSON.
+// Walks text already known to be well-formed JSON (JSONDecoder::isWellFormed).
 class Walker {
  public:
   explicit Walker(std::string_view text) : t_(text) {}
@@ -204,7 +203,7 @@ class LeanEncoder {
 }  // namespace
 
 std::optional<std::vector<std::string>> leanCanonical(std::string_view text) {
-  if (!isWellFormedJSON(text)) return std::nullopt;
+  if (!TarskelJSON::decoder().isWellFormed(text)) return std::nullopt;
   try {
     const Walker walker(text);
     std::size_t from = walker.space(0);
@@ -218,4 +217,4 @@ std::optional<std::vector<std::string>> leanCanonical(std::string_view text) {
   }
 }
 
-}  // namespace tarskel::tool
+}  // namespace tarskel
