@@ -41,14 +41,16 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # systemd-sysusers makes the socket's group at install.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "root daemon of privileged operations for signed services")
+# CPack indents each line and writes an empty one as " .".
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-    "${CPACK_PACKAGE_DESCRIPTION_SUMMARY}
- tarskeld offers the platform's unprivileged processes a closed catalogue of
- five operations over a Unix socket, judges each request by its sender, a
- grant and an argument schema, and records it in a hash-chained audit log.
- .
- The tarskel tool works with the daemon, its audit chain, JSON documents,
- schemas, versions, service manifests and vendor-sealed trees.")
+    "tarskeld offers the platform's unprivileged processes a closed catalogue of
+five operations over a Unix socket, judges each request by its sender, a
+grant and an argument schema, and records it in a hash-chained audit log.
+
+The tarskel tool works with the daemon, its audit chain, JSON documents,
+schemas, versions, service manifests and vendor-sealed trees.")
+# Manual pages go into a Debian package compressed.
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/debian/compress-man-pages.cmake)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${_debian_docs}/postinst ${_debian_docs}/prerm
                                        ${_debian_docs}/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)

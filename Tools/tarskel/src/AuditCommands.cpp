@@ -302,10 +302,10 @@ int list(const Listing& l, bool tail) {
     } else if (!tail) {
       filter.afterSeq = std::max<std::int64_t>(l.from, 1) - 1;
     }
-    std::vector<Entry> newestFirst;  // -r: held until the last row is read
+    std::vector<Entry> held;  // -r: read oldest first, held, printed backwards
     auto print = [&](const Entry& e) {
       if (l.reverse) {
-        newestFirst.insert(newestFirst.begin(), e);
+        held.push_back(e);
       } else {
         printer.add(e);
       }
@@ -313,7 +313,7 @@ int list(const Listing& l, bool tail) {
       return true;
     };
     audit.store->forEachEntry(filter, print);
-    for (const Entry& e : newestFirst) printer.add(e);
+    for (auto e = held.rbegin(); e != held.rend(); ++e) printer.add(*e);
     printer.flush();
     while (l.follow) {
       std::this_thread::sleep_for(std::chrono::milliseconds(250));

@@ -22,6 +22,13 @@
 // an injected sink needs no locking of its own. The default sink hands each
 // whole line to write(2) on standard error in one call, so lines from other
 // processes sharing the descriptor do not interleave within a line either.
+//
+// The journal: when standard error is systemd's journal stream (JOURNAL_STREAM
+// names its device and inode, as systemd sets it for a service), a logger
+// without a sink of its own starts each line with the journal's priority
+// prefix, "<N>" (syslog's numbers: critical 2, error 3, warning 4, notice 5,
+// info 6, debug and trace 7), which the journal takes off and keeps as the
+// entry's priority. Anywhere else the line is exactly the form above.
 
 #include <cstdint>
 #include <ctime>
