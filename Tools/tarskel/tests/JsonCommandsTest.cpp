@@ -48,7 +48,9 @@ TEST_F(JsonCommands, LargeDocumentsGiveTheLibrarysBytesInBoundedMemory) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   rusage usage{};
   getrusage(RUSAGE_CHILDREN, &usage);
-  EXPECT_LT(usage.ru_maxrss * 1024, 3 * fs::file_size(file) + (16 << 20)) << "bytes at the peak";
+  // The text, then its checked reading (a padded copy and the reader's index),
+  // then the output: never the tree, which is ten times the text.
+  EXPECT_LT(usage.ru_maxrss * 1024, 4 * fs::file_size(file) + (16 << 20)) << "bytes at the peak";
 #endif
 }
 
