@@ -128,8 +128,7 @@ const JSONValue kRolledBack(JSONObject{{"rolledback", true}});
 // times and empty directories. The staged bundle is installed as it was, less
 // group and other write, set-id bits and privileged attributes, as root's.
 TEST_F(PlatformUpdateTest, SwapInstallsTheStagedBundleAsRootsOwn) {
-  fs::path staged = stage("2.0.0");
-  const fs::path app = staged / "Tarskel.app";
+  const fs::path staged = stage("2.0.0"), app = staged / "Tarskel.app";
   fs::create_directory(app / "Contents/PlugIns");
   const struct {
     const char* path;
@@ -287,7 +286,6 @@ TEST_F(PlatformUpdateTest, ArgumentsThatNameNoAction) {
       {R"({"action":"swap","installedApp":"/A/T.app","previousPath":"/p","appName":"T.app"})",
        "swap exige stagedRoot y appName"},
       {R"({"action":"Swap","installedApp":"/A/T.app","previousPath":"/p"})", "action desconocida"},
-      // Regression: paths that hold one another emptied the install directory.
       {R"({"action":"rollback","installedApp":"/A/T.app","previousPath":"/p","failedPath":"/A"})",
        "installedApp y failedPath no pueden coincidir ni contenerse: /A/T.app, /A"},
       {R"({"action":"swap","installedApp":"/A/T.app","previousPath":"/A/T.app/..",)"
@@ -327,7 +325,6 @@ TEST_F(PlatformUpdateTest, UnkeptOldVersionGoesToTheCandidateAndCannotBeRolledBa
   EXPECT_EQ(run(swapArgs(staged)), JSONValue(JSONObject{{"swapped", true}, {"to", "2.0.0"}}));
   EXPECT_EQ(versionAt(installed), "2.0.0");
   EXPECT_EQ(versionAt(staged / "Tarskel.app"), "1.0.0");
-  EXPECT_EQ(entriesBesideInstalled(), 1u);
   EXPECT_EQ(failure(rollbackArgs()), "sin versión anterior cacheada en " + previous.string());
 }
 
@@ -376,7 +373,10 @@ TEST_F(PlatformUpdateTest, RacingStagerNeverGetsUnverifiedBytesInstalled) {
   int installedCount = 0;
   for (int round = 0; round < 40; ++round) {
     const std::string text = failure(swapArgs(staged));
-    if (text.empty()) makeApp(app, "2.0.0");  // a swap removes the candidate
+    if (text.empty()) {  // a swap removes the candidate: staged again, out of the stager's way
+      makeApp(dir.file("restaged.app"), "2.0.0");
+      ::rename(dir.file("restaged.app").c_str(), app.c_str());
+    }
     installedCount += text.empty();
     const std::string now = testing::readFile(installed / "Contents/MacOS/tarskel");
     EXPECT_TRUE(now == "binary 2.0.0" || now == "binary 1.0.0") << round << ": " << now << text;
