@@ -1,15 +1,20 @@
 #include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
 
+#include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <initializer_list>
 #include <optional>
 #include <string>
 
 #include "SealedCopy.hpp"
 #include "tarskel/protocol/base/Clock.hpp"
 #include "tarskel/protocol/base/Date.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 #include "tarskel/protocol/base/Files.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
@@ -118,7 +123,8 @@ bool sealsDirectory(const HashManifest& manifest, const std::string& name) {
 
 // A directory of root's own beside the installed bundle, on its file system
 // so that the exchange is one rename: ".<bundle>.update-<random>", mode 0700.
-// Removed with what is left in it, unless kept.
+// Removed with what is left in it, unless kept. error() is the errno when it
+// could not be made, else 0.
 class Workspace {
  public:
   explicit Workspace(const fs::path& installedApp) {
@@ -126,24 +132,82 @@ class Workspace {
         (installedApp.parent_path() / ("." + installedApp.filename().string() + ".update-XXXXXX"))
             .string();
     if (::mkdtemp(pattern.data()) == nullptr) {
-      throw DaemonOpError("no se pudo preparar la copia junto a " +
-                          installedApp.parent_path().string() + ": " + errnoSuffix(errno));
+      error_ = errno;
+      return;
     }
     path_ = pattern;
   }
   Workspace(const Workspace&) = delete;
   Workspace& operator=(const Workspace&) = delete;
   ~Workspace() {
-    if (!kept_) removeQuietly(path_);
+    if (!kept_ && !path_.empty()) removeQuietly(path_);
   }
 
+  int error() const { return error_; }
   const fs::path& path() const { return path_; }
   void keep() { kept_ = true; }
 
  private:
   fs::path path_;
+  int error_ = 0;
   bool kept_ = false;
 };
+
+// The kept version is given up before the exchange is known to succeed.
+void giveUpPreviousVersion(const fs::path& previousURL) {
+  removeQuietly(previousURL);
+  std::error_code ignored;
+  fs::create_directories(previousURL.parent_path(), ignored);
+}
+
+// `path` without a trailing empty component.
+fs::path trimmed(fs::path path) {
+  if (!path.has_filename() && path.has_relative_path()) path = path.parent_path();
+  return path;
+}
+
+// Where the kernel takes `path`: the links along the way resolved, the last
+// name itself left as it is (the exchange and the removals act on a link
+// there, not on what it names).
+fs::path physical(const fs::path& path) {
+  const fs::path name = path.filename();
+  std::error_code error;
+  fs::path resolved = name.empty() || name == "." || name == ".."
+                          ? fs::weakly_canonical(path, error)
+                          : fs::weakly_canonical(path.parent_path(), error) / name;
+  return trimmed(error ? path.lexically_normal() : resolved);
+}
+
+bool within(const fs::path& inner, const fs::path& outer) {
+  return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
+}
+
+bool overlap(const fs::path& a, const fs::path& b) {
+  const fs::path la = trimmed(a.lexically_normal()), lb = trimmed(b.lexically_normal());
+  const fs::path pa = physical(a), pb = physical(b);
+  return within(la, lb) || within(lb, la) || within(pa, pb) || within(pb, pa);
+}
+
+// Two paths of one request that are the same place, or one inside the
+// other, would make a step remove or move what another step needs (a
+// previousPath above installedApp empties the install directory).
+struct NamedPath {
+  std::string_view key;
+  const fs::path& path;
+};
+void refuseOverlap(std::initializer_list<std::pair<NamedPath, NamedPath>> pairs) {
+  for (const auto& [a, b] : pairs) {
+    if (!overlap(a.path, b.path)) continue;
+    throw DaemonOpError(std::string(a.key) + " y " + std::string(b.key) +
+                        " no pueden coincidir ni contenerse: " + a.path.string() + ", " +
+                        b.path.string());
+  }
+}
+
+bool entryExists(const fs::path& path) {
+  std::error_code error;
+  return fs::symlink_status(path, error).type() != fs::file_type::not_found;
+}
 
 }  // namespace
 
@@ -170,7 +234,10 @@ boost::asio::awaitable<JSONValue> PlatformApplyUpdateOp::execute(
     if (stagedRoot == nullptr || appName == nullptr) {
       throw DaemonOpError("swap exige stagedRoot y appName");
     }
-    co_return swap(platformFilePath(*stagedRoot), *appName, installedApp, previousURL);
+    // A trailing "/" is dropped as from every path argument: "Tarskel.app/".
+    std::string name = *appName;
+    while (name.size() > 1 && name.back() == '/') name.pop_back();
+    co_return swap(platformFilePath(*stagedRoot), name, installedApp, previousURL);
   }
   if (action == "rollback") {
     const std::string* failedPath = stringArgument(args, "failedPath");
@@ -211,6 +278,10 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
         "(ni vendor, ni ., ni ..): " +
         appName);
   }
+  const fs::path candidate = stagedRoot / appName;
+  refuseOverlap({{{"installedApp", installedApp}, {"previousPath", previousURL}},
+                 {{"stagedRoot/appName", candidate}, {"installedApp", installedApp}},
+                 {{"stagedRoot/appName", candidate}, {"previousPath", previousURL}}});
 
   // No installed version is given, so an older sealed version passes: what
   // is judged is signature, expiry and exact contents.
@@ -228,10 +299,28 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
 
   // The staged tree stays the stager's: what is installed is a copy of the
   // sealed files in a directory of root's own, verified again, so nothing
-  // the stager does from now on reaches the installation.
+  // the stager does from now on reaches the installation. The staged root
+  // is held open: the copy is read, and the candidate later removed,
+  // beneath this one directory whatever its path names by then.
+  const FileDescriptor staged(::open(stagedRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!staged) {
+    throw DaemonOpError("no se pudo copiar el árbol staged: " + stagedRoot.string() + ": " +
+                        std::strerror(errno));
+  }
   Workspace workspace(installedApp);
+  if (workspace.error() == ENOENT || workspace.error() == ENOTDIR) {
+    // Nowhere to install: the exchange would find nothing at installedApp,
+    // and fails as it does for a missing bundle, after the same steps.
+    giveUpPreviousVersion(previousURL);
+    throw DaemonOpError("renamex_np(RENAME_SWAP) falló: " + errnoSuffix(workspace.error()));
+  }
+  if (workspace.error() != 0) {
+    throw DaemonOpError("no se pudo preparar la copia junto a " +
+                        installedApp.parent_path().string() + ": " +
+                        errnoSuffix(workspace.error()));
+  }
   try {
-    copySealedFiles(stagedRoot, manifest, workspace.path(), *platform_);
+    copySealedFiles(staged.get(), manifest, workspace.path(), *platform_);
   } catch (const SealedCopyError& e) {
     throw DaemonOpError("no se pudo copiar el árbol staged: " + e.description());
   }
@@ -241,31 +330,36 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
     throw DaemonOpError("el árbol staged cambió durante la actualización: " +
                         std::string(e.what()));
   }
-  const fs::path candidate = workspace.path() / appName;
+  const fs::path copy = workspace.path() / appName;
   try {
-    finishCopy(candidate, *platform_);
+    finishCopy(copy, *platform_);
   } catch (const SealedCopyError& e) {
     throw DaemonOpError("no se pudieron restablecer los permisos: " + e.description());
   }
-  if (platform_->effectiveUserId() == 0) chownTreeToRootWheel(candidate, *platform_);
+  if (platform_->effectiveUserId() == 0) chownTreeToRootWheel(copy, *platform_);
 
-  // The kept version is given up before the exchange is known to succeed.
-  removeQuietly(previousURL);
-  std::error_code ignored;
-  fs::create_directories(previousURL.parent_path(), ignored);
-
-  if (int error = platform_->exchange(candidate, installedApp); error != 0) {
+  giveUpPreviousVersion(previousURL);
+  if (int error = platform_->exchange(copy, installedApp); error != 0) {
     throw DaemonOpError("renamex_np(RENAME_SWAP) falló: " + errnoSuffix(error));
   }
-  // The update has taken effect; keeping the old version is best effort. If
-  // it can't be kept, it stays in the workspace rather than being lost.
-  moveQuietly(candidate, previousURL);
-  if (existsAt(candidate)) workspace.keep();
+  // The update has taken effect; keeping the old version is best effort.
+  moveQuietly(copy, previousURL);
+  // The staged bundle is installed, so the candidate goes, removed without
+  // following any link the stager put in it. When previousPath could not
+  // take the old version, the old version takes the candidate's place, and
+  // only when that fails too does it stay in the workspace.
+  removeBeneath(staged.get(), appName);
+  if (entryExists(copy) && ::renameat(AT_FDCWD, copy.c_str(), staged.get(), appName.c_str()) != 0) {
+    workspace.keep();
+  }
   return JSONValue(JSONObject{{"swapped", JSONValue(true)}, {"to", JSONValue(manifest.version)}});
 }
 
 JSONValue PlatformApplyUpdateOp::rollback(const fs::path& installedApp, const fs::path& previousURL,
                                           const fs::path& failedURL) const {
+  refuseOverlap({{{"installedApp", installedApp}, {"previousPath", previousURL}},
+                 {{"installedApp", installedApp}, {"failedPath", failedURL}},
+                 {{"previousPath", previousURL}, {"failedPath", failedURL}}});
   if (!existsAt(previousURL)) {
     throw DaemonOpError("sin versión anterior cacheada en " + previousURL.string());
   }

@@ -28,17 +28,30 @@ class SealedCopyError : public Error {
 };
 
 // Copies every path of `manifest.files`, plus vendor/manifest.json and
-// vendor/manifest.sig, from `stagedRoot` into the existing empty directory
-// `destination`, by reflink clone where the file system has one. Each file
-// gets mode 0755 when any execute bit was set on the source, else 0644;
-// directories stay 0700 until finishCopy. Throws SealedCopyError; what was
-// copied stays for the caller to remove.
-void copySealedFiles(const std::filesystem::path& stagedRoot, const HashManifest& manifest,
+// vendor/manifest.sig, from the open directory `stagedRoot` into the
+// existing empty directory `destination`, by reflink clone where the file
+// system has one, and makes every directory of the staged content there,
+// empty ones included. Each copied file and directory keeps its extended
+// attributes as PlatformFiles::copyExtendedAttributes keeps them, its access
+// and modification times, and its mode without group or other write and
+// without set-id bits (a directory that vanished from the staged tree while
+// its files were copied stays 0700, as made).
+// Throws SealedCopyError; what was copied stays for the caller to remove.
+void copySealedFiles(int stagedRoot, const HashManifest& manifest,
                      const std::filesystem::path& destination, const PlatformFiles& platform);
 
-// Resets the tree at `at` for installation: directories 0755, files without
-// group or other write and without set-id bits, no ACL entries. Every entry
-// must be a directory or a regular file. Throws SealedCopyError.
+// Makes the tree at `at` fit for installation whatever happened to it since
+// the copy: no group or other write and no set-id bit on any entry, no ACL
+// entries. Every entry must be a directory or a regular file. Throws
+// SealedCopyError.
 void finishCopy(const std::filesystem::path& at, const PlatformFiles& platform);
+
+// Removes the entry `name` (one name, no "/") of the open directory
+// `directory`, with everything under it when it is a directory. No link is
+// followed at any level: a link is removed itself, so the removal never
+// leaves the tree below `directory` whatever its owner swaps in meanwhile.
+// 0 when nothing is left there, otherwise the first errno; what could not be
+// removed stays.
+int removeBeneath(int directory, const std::string& name);
 
 }  // namespace tarskel

@@ -4,10 +4,12 @@
 #include <sys/acl.h>
 #include <sys/clonefile.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -66,6 +68,78 @@ int PlatformFiles::stripAccessControl(const std::filesystem::path& path) const {
   ::acl_free(empty);
   if (result == 0 || error == ENOTSUP) return 0;
   return error;
+}
+
+namespace {
+
+// A resource fork is an attribute too and may be large; a bundle file's
+// attributes beyond this are not the vendor's and the copy is refused.
+constexpr std::size_t kMaxAttributeBytes = 16u << 20;
+
+// The names of `fd`'s attributes, NUL-separated; ENOTSUP counts as none. A
+// list that grows between the two calls is read again.
+int listAttributes(int fd, std::vector<char>& names) {
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    const ssize_t size = ::flistxattr(fd, nullptr, 0, 0);
+    if (size < 0) return errno == ENOTSUP ? (names.clear(), 0) : errno;
+    names.resize(static_cast<std::size_t>(size));
+    const ssize_t read = ::flistxattr(fd, names.data(), names.size(), 0);
+    if (read >= 0) {
+      names.resize(static_cast<std::size_t>(read));
+      return 0;
+    }
+    if (errno != ERANGE) return errno;
+  }
+  return ERANGE;
+}
+
+// The whole value of `name` on `fd`; ENOATTR when it went away since it was
+// listed.
+int readAttribute(int fd, const char* name, std::vector<char>& value) {
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    const ssize_t size = ::fgetxattr(fd, name, nullptr, 0, 0, 0);
+    if (size < 0) return errno;
+    if (static_cast<std::size_t>(size) > kMaxAttributeBytes) return E2BIG;
+    value.resize(static_cast<std::size_t>(size));
+    const ssize_t read = ::fgetxattr(fd, name, value.data(), value.size(), 0, 0);
+    if (read >= 0) {
+      value.resize(static_cast<std::size_t>(read));
+      return 0;
+    }
+    if (errno != ERANGE) return errno;
+  }
+  return ERANGE;
+}
+
+}  // namespace
+
+// A clone has brought the attributes already; they are set again, so that a
+// copied file gets the same. ACLs are not attributes here: stripAccessControl
+// removes them.
+int PlatformFiles::copyExtendedAttributes(int source, int target) const {
+  std::vector<char> names;
+  if (int error = listAttributes(source, names); error != 0) return error;
+  std::vector<char> value;
+  for (std::size_t at = 0; at < names.size();) {
+    const char* name = names.data() + at;
+    at += std::strlen(name) + 1;
+    const int error = readAttribute(source, name, value);
+    if (error == ENOATTR) continue;
+    if (error != 0) return error;
+    // fsetxattr wants a buffer even for an empty value.
+    const char empty = 0;
+    if (::fsetxattr(target, name, value.empty() ? &empty : value.data(), value.size(), 0, 0) != 0) {
+      return errno == ENOTSUP ? 0 : errno;
+    }
+  }
+  return 0;
+}
+
+int PlatformFiles::copyTimes(int source, int target) const {
+  struct stat info {};
+  if (::fstat(source, &info) != 0) return errno;
+  const struct timespec times[2] = {info.st_atimespec, info.st_mtimespec};
+  return ::futimens(target, times) == 0 ? 0 : errno;
 }
 
 std::shared_ptr<const PlatformFiles> PlatformFiles::system() {

@@ -9,7 +9,10 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "OpenBeneath.hpp"
 #include "tarskel/daemon/PlatformFiles.hpp"
@@ -88,6 +91,73 @@ int PlatformFiles::stripAccessControl(const std::filesystem::path& path) const {
     }
   }
   return 0;
+}
+
+namespace {
+
+// Attributes that grant privileges or decide access are not the vendor's to
+// ship: only the namespace an unprivileged stager writes travels.
+bool copiesAttribute(std::string_view name) { return name.starts_with("user."); }
+
+// The names of `fd`'s attributes, NUL-separated; ENOTSUP counts as none. A
+// list that grows between the two calls is read again.
+int listAttributes(int fd, std::vector<char>& names) {
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    const ssize_t size = ::flistxattr(fd, nullptr, 0);
+    if (size < 0) return errno == ENOTSUP ? (names.clear(), 0) : errno;
+    names.resize(static_cast<std::size_t>(size));
+    const ssize_t read = ::flistxattr(fd, names.data(), names.size());
+    if (read >= 0) {
+      names.resize(static_cast<std::size_t>(read));
+      return 0;
+    }
+    if (errno != ERANGE) return errno;
+  }
+  return ERANGE;
+}
+
+// The value of `name` on `fd`; ENODATA when it went away since it was listed.
+int readAttribute(int fd, const char* name, std::vector<char>& value) {
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    const ssize_t size = ::fgetxattr(fd, name, nullptr, 0);
+    if (size < 0) return errno;
+    value.resize(static_cast<std::size_t>(size));
+    const ssize_t read = ::fgetxattr(fd, name, value.data(), value.size());
+    if (read >= 0) {
+      value.resize(static_cast<std::size_t>(read));
+      return 0;
+    }
+    if (errno != ERANGE) return errno;
+  }
+  return ERANGE;
+}
+
+}  // namespace
+
+int PlatformFiles::copyExtendedAttributes(int source, int target) const {
+  std::vector<char> names;
+  if (int error = listAttributes(source, names); error != 0) return error;
+  std::vector<char> value;
+  for (std::size_t at = 0; at < names.size();) {
+    const char* name = names.data() + at;
+    at += std::strlen(name) + 1;
+    if (!copiesAttribute(name)) continue;
+    const int error = readAttribute(source, name, value);
+    if (error == ENODATA) continue;
+    if (error != 0) return error;
+    if (::fsetxattr(target, name, value.data(), value.size(), 0) != 0) {
+      // A target file system without user attributes keeps none.
+      return errno == ENOTSUP ? 0 : errno;
+    }
+  }
+  return 0;
+}
+
+int PlatformFiles::copyTimes(int source, int target) const {
+  struct stat info {};
+  if (::fstat(source, &info) != 0) return errno;
+  const struct timespec times[2] = {info.st_atim, info.st_mtim};
+  return ::futimens(target, times) == 0 ? 0 : errno;
 }
 
 std::shared_ptr<const PlatformFiles> PlatformFiles::system() {

@@ -27,23 +27,32 @@ namespace tarskel {
 // A swap verifies the seal, then installs only bytes out of the stager's
 // reach: the sealed files are copied (reflink-cloned where the file system
 // can) with descriptor-relative opens that follow no link, into a directory
-// of root's own beside installedApp; the copy is verified again, its modes
-// reset (no group or other write, no set-id bits), its ACLs stripped, and it
-// is handed to root (when the daemon runs as root). Then previousPath is
-// emptied, the copy of the .app is exchanged with the installed one in one
-// system call, and the old version is moved to previousPath:
-// {"swapped": true, "to": <manifest version>}. The staged tree is never
-// changed. appName must be one name of the sealed content: not empty, no
-// "/", not "vendor", "." or "..", and a directory holding sealed files.
+// of root's own beside installedApp, together with every directory of the
+// content (empty ones too), each keeping its times, its extended attributes
+// but privileged ones, and its mode less group and other write and set-id
+// bits; the copy is verified again, its ACLs stripped, and it is handed to
+// root (when the daemon runs as root). Then previousPath is emptied, the
+// copy of the .app is exchanged with the installed one in one system call,
+// the old version is moved to previousPath, and the staged .app is removed
+// without following links: {"swapped": true, "to": <manifest version>}.
+// appName must be one name of the sealed content (a trailing "/" is
+// dropped): not empty, no "/", not "vendor", "." or "..", and a directory
+// holding sealed files. installedApp, previousPath and stagedRoot/appName
+// must not be the same place nor lie one inside another.
 // A rollback exchanges previousPath with installedApp and moves the failed
-// version to failedPath: {"rolledback": true}. Neither undoes a step, and at
+// version to failedPath: {"rolledback": true}; installedApp, previousPath
+// and failedPath must not overlap either. Neither undoes a step, and at
 // every instant a whole bundle lies at installedApp. What a failed swap
 // leaves: nothing moved and nothing installed in every case but these
-//   exchange refused            previousPath emptied, the old version installed
+//   exchange refused            previousPath emptied, the old version
+//                               installed (also when installedApp's
+//                               directory is missing: errno 2)
 //   old version not kept        still a success; previousPath empty, the old
-//                               version left in the ".<app>.update-*"
-//                               directory beside installedApp, so a rollback
-//                               finds nothing to go back to
+//                               version at stagedRoot/appName, or, when it
+//                               can't go there either, in the
+//                               ".<app>.update-*" directory beside
+//                               installedApp; a rollback finds nothing to go
+//                               back to
 // After a rollback previousPath is empty: a second one in a row is refused.
 //
 // Failures it words are DaemonOpError; the allowlist's DecodingError and the

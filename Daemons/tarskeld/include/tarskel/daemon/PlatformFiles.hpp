@@ -78,6 +78,21 @@ class PlatformFiles {
   // attributes; Darwin: an empty extended ACL.
   virtual int stripAccessControl(const std::filesystem::path& path) const;
 
+  // Copies the extended attributes of the open file `source` to the open
+  // file `target` (created by the caller and still writable by it), except
+  // those that carry privileges or access control. 0 on success, also when
+  // either file system has no extended attributes, otherwise the errno
+  // (ERANGE when the source's attributes kept changing while read). Linux:
+  // the "user." namespace only, since "security." holds capabilities and
+  // labels, "trusted." is root's and "system." holds ACLs; Darwin: every
+  // attribute flistxattr shows, since none of them grants a privilege and
+  // ACLs are not among them.
+  virtual int copyExtendedAttributes(int source, int target) const;
+
+  // Gives the open file `target` the access and modification times of the
+  // open file `source`. 0 on success, otherwise the errno. Both: futimens.
+  virtual int copyTimes(int source, int target) const;
+
   // The path of the running executable, as the system reports it; nothing
   // when the system can't tell. Linux: /proc/self/exe; Darwin:
   // _NSGetExecutablePath.
