@@ -279,7 +279,7 @@ TEST_F(XPCServerTest, ConnectionsPerUserAreCapped) {
 }
 
 // The real Linux platform, but for one executable that passes as team
-// TEAMID0001: Linux has no code signature to make a trusted sender from.
+// TEAMID0001 without a sealed tree and a code key.
 class TrustOneExecutable final : public CodeSignPlatform {
  public:
   explicit TrustOneExecutable(std::string path) : trusted_(std::move(path)) {}

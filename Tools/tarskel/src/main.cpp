@@ -2,6 +2,12 @@
 // themselves (see ToolCommand.hpp); the frame that parses and runs them is in
 // ToolApp.cpp.
 
+#include <sys/prctl.h>
+
 #include "ToolApp.hpp"
 
-int main(int argc, char** argv) { return tarskel::tool::runTool(argc, argv); }
+int main(int argc, char** argv) {
+  // The daemon's gate refuses a client any process of its user could attach to.
+  ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+  return tarskel::tool::runTool(argc, argv);
+}
