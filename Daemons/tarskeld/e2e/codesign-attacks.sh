@@ -70,7 +70,12 @@ start() {
   for _ in $(seq 100); do [ -S "$socket" ] && break; sleep 0.1; done
   chmod 0666 "$socket"  # the user can open the socket: the gate alone decides
 }
-stop() { kill "$daemon"; wait "$daemon" 2>/dev/null; daemon=; }
+stop() {
+  kill "$daemon"
+  wait "$daemon" 2>/dev/null
+  daemon=
+  rm -f "$socket"  # so that the next start is waited for
+}
 # A clean environment: the runner's own could hold a loader variable.
 as_user() {
   setpriv --reuid="$uid" --regid="$gid" --clear-groups -- env -i PATH=/usr/bin:/bin "$@"
