@@ -1,9 +1,6 @@
-// A sealed client that hands its connected socket to a child running another
-// program. It sends daemon.info on the socket itself, prints "parent <code>"
-// ("ok" when served), then runs PROGRAM with the socket as descriptor 3 and
-// ends as the child does.
-//
-//   HandoffClient SOCKET PROGRAM [ARGS...]
+// HandoffClient SOCKET PROGRAM [ARGS...]: a sealed client that sends
+// daemon.info itself ("parent <code>"), then hands its connected socket to a
+// child running PROGRAM as descriptor 3, and ends as the child does.
 
 #include <sys/socket.h>
 #include <sys/un.h>
