@@ -28,11 +28,16 @@ int connectErrnoAsNobody(const std::string& path) {
 
 TEST_F(ServingE2ETest, OneDaemonAnswersRecordsAndKeepsItsFilesToRoot) {
   ::chmod(dir.path().c_str(), 0755);  // anyone may pass: only the socket's own mode stops them
-  start();
+  // The distribution's allowlist is copied while none is in place (the
+  // seed's rules are VendorSeedTest's).
+  writeFile(dir / "dist/allowlist.json", R"({"revision":1,"keys":[]})");
+  start({{"TARSKEL_VENDOR_SEED", (dir / "dist/allowlist.json").string()}});
   EXPECT_EQ(
       logMessages(*daemon),
-      (std::vector<std::string>{"warning gate XPC sin provisionar — clientes pasan como unverified",
+      (std::vector<std::string>{"info allowlist vendor de máquina sembrada desde la distribución",
+                                "warning gate XPC sin provisionar — clientes pasan como unverified",
                                 "info tarskeld v0.1.0 sirviendo " + socketPath()}));
+  EXPECT_EQ(readFile(root() / "vendor/allowlist.json"), R"({"revision":1,"keys":[]})");
   EXPECT_EQ(fs::status(root() / "daemon").permissions(), fs::perms(0755));
 
   // The catalogue, the outcomes and the chain are the core's and the store's
@@ -73,40 +78,6 @@ TEST_F(ServingE2ETest, GrantsSurviveARestartAndGateTheRead) {
   ASSERT_EQ(codeOf(granted), "ok") << messageOf(granted);
   EXPECT_EQ(base64Decode(*resultAt(granted, "contentsBase64").stringValue()), "\xff bytes");
   EXPECT_EQ(codeOf(call("fs.readProtectedPath", args, "svc.other")), "notGranted");
-}
-
-// The vendor seed is copied (and logged) only while no allowlist is there,
-// and one that can't be read is silent. On Linux, which has no code
-// signature, a provisioned gate then shuts every client out.
-TEST_F(ServingE2ETest, SeedAndProvisionedGateAcrossThreeStarts) {
-  const fs::path seed = dir / "dist/allowlist.json";
-  const fs::path allowlist = root() / "vendor/allowlist.json";
-  const Environment withSeed{{"TARSKEL_VENDOR_SEED", seed.string()}};
-  start(withSeed);
-  EXPECT_EQ(logMessages(*daemon).size(), 2u);
-  EXPECT_FALSE(fs::exists(allowlist));
-
-  stop();
-  writeFile(seed, R"({"revision":1,"keys":[]})");
-  start(withSeed);
-  EXPECT_EQ(logMessages(*daemon).front(),
-            "info allowlist vendor de máquina sembrada desde la distribución");
-  EXPECT_EQ(readFile(allowlist), R"({"revision":1,"keys":[]})");
-
-  stop();
-  writeFile(seed, R"({"revision":2,"keys":[]})");
-  writeFile(root() / "vendor/teams.json",
-            R"({"revision":3,"teamIds":["TEAMA00001","TEAMB00002"]})");
-  start(withSeed);
-  EXPECT_EQ(logMessages(*daemon),
-            (std::vector<std::string>{"info gate XPC activo: 2 team(s) confiados",
-                                      "info tarskeld v0.1.0 sirviendo " + socketPath()}));
-  EXPECT_EQ(readFile(allowlist), R"({"revision":1,"keys":[]})");
-  EXPECT_EQ(codeOf(call("daemon.info")), "unauthorizedClient");
-  const std::vector<AuditStore::Entry> rows = auditRows();
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].outcome + " " + rows[0].caller,
-            "denied rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)");
 }
 
 }  // namespace

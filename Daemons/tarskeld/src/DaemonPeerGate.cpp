@@ -40,8 +40,4 @@ DaemonPeerVerdict DaemonPeerGate::verdict(const DaemonMessageSender& message) co
   }
 }
 
-std::shared_ptr<const CodeSignPlatform> DaemonPeerGate::systemPlatform() {
-  return {std::shared_ptr<const CodeSignPlatform>(), &CodeSignPlatform::system()};
-}
-
 }  // namespace tarskel

@@ -47,8 +47,7 @@ std::map<std::string, std::string> processEnvironment() {
 TarskeldDeps::Seams TarskeldDeps::Seams::ofProcess() {
   std::shared_ptr<const PlatformFiles> files = PlatformFiles::system();
   std::optional<fs::path> executable = files->executablePath();
-  return Seams{DaemonPeerGate::systemPlatform(), std::move(files), processEnvironment(),
-               std::move(executable)};
+  return Seams{nullptr, std::move(files), processEnvironment(), std::move(executable)};
 }
 
 DaemonCore::OpList TarskeldDeps::operations(const std::shared_ptr<GrantsStore>& grants,
@@ -127,6 +126,10 @@ std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
 
   seedVendorAllowlist(rootURL, seams, logger);
   std::optional<std::vector<std::string>> teamIds = loadGateTeams(rootURL, logger);
+  // An unprovisioned gate asks no platform anything, and reads no keys.
+  if (teamIds && !seams.gatePlatform) {
+    seams.gatePlatform = CodeSignPlatform::systemAnchoredAt(rootURL, logger);
+  }
 
   deps->grants_ =
       std::make_shared<GrantsStore>(stateDirectory / "grants.json", deps->loop_->executor());

@@ -32,16 +32,8 @@ TEST(PeerGateTest, Verdicts) {
   };
   const Case cases[] = {
       {std::nullopt, [](auto&) {}, "unverified:gate SO sin provisionar (sin vendor/teams.json)"},
-      {team,
-       [](auto& p) {
-         p.guestCodeForPidAnswer = {0, false};
-       },
-       noCode + "(0)"},
-      {team,
-       [](auto& p) {
-         p.guestCodeForPidAnswer = {-1, true};
-       },
-       noCode + "(-1)"},
+      {team, [](auto& p) { p.guestCodeForPidAnswer.yieldsObject = false; }, noCode + "(0)"},
+      {team, [](auto& p) { p.guestCodeForPidAnswer.status = -1; }, noCode + "(-1)"},
       {team,
        [](auto& p) {
          p.staticCodeOfAnswer = {-67068, false};

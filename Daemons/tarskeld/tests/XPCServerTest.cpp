@@ -280,7 +280,7 @@ TEST_F(XPCServerTest, ConnectionsPerUserAreCapped) {
 }
 
 // The real Linux platform, but for one executable that passes as team
-// TEAMID0001: Linux has no code signature to make a trusted sender from.
+// TEAMID0001 without a sealed tree and a code key.
 class TrustOneExecutable final : public CodeSignPlatform {
  public:
   explicit TrustOneExecutable(std::string path) : trusted_(std::move(path)) {}
@@ -311,9 +311,10 @@ class TrustOneExecutable final : public CodeSignPlatform {
   std::string trusted_;
 };
 
-// Who wrote a message's bytes is who is judged: a cat that inherited the
-// connection, the (trusted) process that connected, or nobody for a frame
-// that the two wrote together.
+// Who wrote a message's bytes is who is judged: the (trusted) process that
+// connected, or nobody for a frame that it and a cat that inherited the
+// connection wrote together. (A child that is handed the connection is
+// judged as itself: codesign-attacks.sh, with the real platform.)
 TEST_F(XPCServerTest, EachMessageIsJudgedByTheProcessThatWroteIt) {
   startServer(DaemonPeerGate{
       std::vector<std::string>{"TEAMID0001"},
@@ -337,10 +338,6 @@ TEST_F(XPCServerTest, EachMessageIsJudgedByTheProcessThatWroteIt) {
     return std::make_tuple(child, input[1]);
   };
 
-  auto [cat, release] = catWrites(frame);
-  EXPECT_EQ(c.nextResponse().error.value_or(DaemonWireError{}).code, "unauthorizedClient");
-  ::close(release);
-  ::waitpid(cat, nullptr, 0);
   c.send(2, true, requestBytes("daemon.info"));
   EXPECT_TRUE(c.nextResponse().ok);
 
@@ -351,7 +348,6 @@ TEST_F(XPCServerTest, EachMessageIsJudgedByTheProcessThatWroteIt) {
   ::waitpid(helper, nullptr, 0);
   EXPECT_EQ(callers(),
             (std::vector<std::string>{
-                "rejected:gate SO: firma inválida o no anclada a Apple en cliente xpc (-67062)",
                 "team:TEAMID0001", "rejected:sin identidad de código en el mensaje xpc (-67065)"}));
 }
 

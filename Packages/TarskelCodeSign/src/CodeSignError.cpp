@@ -16,10 +16,11 @@ CodeSignError CodeSignError::executableMissing(std::string_view path) {
           {}};
 }
 
-CodeSignError CodeSignError::signatureInvalid(std::string_view path, OSStatus status) {
+CodeSignError CodeSignError::signatureInvalid(std::string_view path, OSStatus status,
+                                              std::string_view reason) {
   return {Kind::signatureInvalid,
           "gate SO: firma inválida o no anclada a Apple en " + std::string(path) + " (" +
-              std::to_string(status) + ")",
+              std::to_string(status) + ")" + (reason.empty() ? "" : ": " + std::string(reason)),
           path,
           status,
           {}};

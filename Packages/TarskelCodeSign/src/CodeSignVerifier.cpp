@@ -11,8 +11,11 @@ std::variant<std::string, CodeSignError> CodeSignVerifier::judge(
     const CodeSignPlatform& platform) {
   CodeRef requirement = platform.compileRequirement(appleAnchorRequirement);
 
-  OSStatus validity = platform.checkValidity(code, kSecCSCheckAllArchitectures, requirement.get());
-  if (validity != 0) return CodeSignError::signatureInvalid(path, validity);
+  CodeSignPlatform::Validity validity =
+      platform.checkValidityWithReason(code, kSecCSCheckAllArchitectures, requirement.get());
+  if (validity.status != 0) {
+    return CodeSignError::signatureInvalid(path, validity.status, validity.reason);
+  }
 
   SigningInformation info = platform.copySigningInformation(code, kSecCSSigningInformation);
   if (info.status != 0 || info.result != SigningInformation::Result::dictionary) {

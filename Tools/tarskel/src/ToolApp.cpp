@@ -18,7 +18,7 @@ namespace {
 constexpr CommandInstaller kCommands[] = {
     installJsonCommands,     installSchemaCommands, installSemverCommands,
     installManifestCommands, installAuditCommands,  installVendorCommands,
-    installCallCommands,     installCCCommands,     installBusCommands,
+    installCodeSignCommands, installCallCommands,     installCCCommands,     installBusCommands,
 };
 
 std::vector<CLI::App*> subcommandsOf(const CLI::App& node) {

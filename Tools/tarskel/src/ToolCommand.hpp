@@ -43,6 +43,7 @@ void installSemverCommands(CLI::App& app, ToolContext& ctx);
 void installManifestCommands(CLI::App& app, ToolContext& ctx);
 void installAuditCommands(CLI::App& app, ToolContext& ctx);
 void installVendorCommands(CLI::App& app, ToolContext& ctx);
+void installCodeSignCommands(CLI::App& app, ToolContext& ctx);
 void installCallCommands(CLI::App& app, ToolContext& ctx);
 void installCCCommands(CLI::App& app, ToolContext& ctx);
 void installBusCommands(CLI::App& app, ToolContext& ctx);

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "Progress.hpp"
+#include "SigningKeys.hpp"
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
 #include "tarskel/protocol/base/Date.hpp"
@@ -206,10 +207,7 @@ struct KeygenOptions {
 };
 
 int keygen(const KeygenOptions& o) {
-  Ed25519KeyPair pair(checkedKeyId(o.keyId, "--key-id"));
-  writeKeyFile(o.out,
-               TarskelJSON::encoder().encode(KeyFile{pair.keyId(), pair.rawPrivateKeyBase64()}));
-  writeOutput(canonicalLine(pair.vendorKey()));
+  makeSigningKey(o.keyId, "--key-id", o.out);
   return kExitSuccess;
 }
 
@@ -522,6 +520,13 @@ void installVendorCommands(CLI::App& app, ToolContext& ctx) {
   applyCommand->add_option("--current", r->current, "Allowlist in force")->required();
   addOutputOption(applyCommand, r->output);
   bind(applyCommand, ctx, r, applyRotation);
+}
+
+void makeSigningKey(const std::string& keyId, const std::string& where, const std::string& out) {
+  Ed25519KeyPair pair(checkedKeyId(keyId, where));
+  writeKeyFile(out,
+               TarskelJSON::encoder().encode(KeyFile{pair.keyId(), pair.rawPrivateKeyBase64()}));
+  writeOutput(canonicalLine(pair.vendorKey()));
 }
 
 }  // namespace tarskel::tool

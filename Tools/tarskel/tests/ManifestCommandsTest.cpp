@@ -52,7 +52,7 @@ TEST_F(ManifestCommands, VerifyExecutablesGoesThroughTheGate) {
   write("bundle/bin/x", "#!/bin/sh\n");
   expectRuns(
       "$VERIFY --teams $TEAMS | 1 |  | gate SO: firma inválida o no anclada a Apple en "
-      "$DIR/bundle/bin/x (-67062)\\n",
+      "$DIR/bundle/bin/x (-67050): sin claves de código (vendor/code-keys.json)\\n",
       vars);
 }
 

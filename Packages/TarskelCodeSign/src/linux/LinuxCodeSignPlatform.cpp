@@ -8,11 +8,20 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <limits>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
+
+#include "ProcessImage.hpp"
+#include "SealedExecutable.hpp"
+#include "tarskel/codesign/CodeKeys.hpp"
+#include "tarskel/protocol/base/FileDescriptor.hpp"
 
 #ifndef SYS_pidfd_send_signal
 #define SYS_pidfd_send_signal 424
@@ -21,18 +30,51 @@
 namespace tarskel {
 
 using namespace CodeSignStatus;
+using linuxcode::FileIdentity;
+using linuxcode::Judgement;
+using linuxcode::Refusal;
+using linuxcode::SealedExecutables;
+using linuxcode::Signer;
+
+struct LinuxCodeSignPlatform::State {
+  std::optional<SealedExecutables> sealed;  // nothing: no code keys
+  std::mutex mutex;
+  // Processes that passed, by pid, with the program image they passed in.
+  std::unordered_map<pid_t, linuxcode::ImageToken> images;
+};
 
 namespace {
 
+constexpr std::size_t kMaxImages = 4096;
+
 struct LinuxStaticCode final : CodeObject {
-  explicit LinuxStaticCode(std::string p) : path(std::move(p)) {}
+  LinuxStaticCode(std::string p, std::optional<FileIdentity> id, std::optional<std::string> refusal)
+      : path(std::move(p)), identity(id), processRefusal(std::move(refusal)) {}
+
+  // The seal's answer, worked out once for this object.
+  const Judgement& judgement(const std::optional<SealedExecutables>& sealed) const {
+    std::call_once(once, [&] {
+      judged = sealed ? sealed->judge(path, identity)
+                      : Judgement(Refusal{errSecCSReqFailed,
+                                          "sin claves de código (vendor/code-keys.json)"});
+    });
+    return judged;
+  }
+
   std::string path;
+  std::optional<FileIdentity> identity;       // of the running file, for a process's code
+  std::optional<std::string> processRefusal;  // why the process is not that file alone
+  mutable std::once_flag once;
+  mutable Judgement judged;
 };
 
 struct LinuxRunningCode final : CodeObject {
-  LinuxRunningCode(pid_t p, std::string exe) : pid(p), executable(std::move(exe)) {}
+  LinuxRunningCode(pid_t p, std::string exe, FileIdentity id, std::optional<std::string> refusal)
+      : pid(p), executable(std::move(exe)), identity(id), processRefusal(std::move(refusal)) {}
   pid_t pid;
   std::string executable;
+  FileIdentity identity;
+  std::optional<std::string> processRefusal;
 };
 
 struct LinuxRequirement final : CodeObject {
@@ -81,7 +123,68 @@ bool pidfdProcessGone(int pidfd) {
   return ::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) != 0 && errno == ESRCH;
 }
 
+// Why the process of `procDir` is not its executable alone, or nothing;
+// remembered for its program image once it has passed.
+std::optional<std::string> imageRefusal(LinuxCodeSignPlatform::State& state, int procDir,
+                                        pid_t pid) {
+  std::optional<linuxcode::ImageToken> known;
+  {
+    std::lock_guard lock(state.mutex);
+    if (auto it = state.images.find(pid); it != state.images.end()) known = it->second;
+  }
+  if (known && linuxcode::imageStillIs(pid, *known)) return std::nullopt;
+
+  const std::optional<linuxcode::ImageToken> before = linuxcode::readImageToken(procDir, pid);
+  if (!before) return "no se pudo leer la imagen del proceso (auxv y AT_RANDOM)";
+  if (auto refusal = linuxcode::processRefusal(procDir)) return refusal;
+  // The same image from the first read to the last: no exec in between.
+  if (linuxcode::readImageToken(procDir, pid) != before) {
+    return "el proceso cambió de programa mientras se examinaba";
+  }
+  std::lock_guard lock(state.mutex);
+  if (state.images.size() >= kMaxImages) state.images.clear();
+  state.images.insert_or_assign(pid, *before);
+  return std::nullopt;
+}
+
+// The running code of the process whose /proc directory is `procDir`. The
+// executable is read last: when that read works, the process was there for
+// every read before it.
+CodeResult runningCodeIn(LinuxCodeSignPlatform::State& state, int procDir, pid_t pid) {
+  std::optional<std::string> refusal = imageRefusal(state, procDir, pid);
+  int error = 0;
+  std::string exe = readLink("exe", error, procDir);
+  struct stat info {};
+  if (error == 0 && ::fstatat(procDir, "exe", &info, 0) != 0) error = errno;
+  // A zombie or a kernel thread has no executable; to us it is no code.
+  if (error == ENOENT || error == ESRCH) return {errSecCSNoSuchCode, {}};
+  if (error != 0) return {errSecCSGuestInvalid, {}};
+  return {0, std::make_shared<LinuxRunningCode>(pid, std::move(exe), FileIdentity::of(info),
+                                                std::move(refusal))};
+}
+
 }  // namespace
+
+LinuxCodeSignPlatform::LinuxCodeSignPlatform(std::optional<VendorAllowlist> codeKeys)
+    : state_(std::make_shared<State>()) {
+  if (codeKeys) state_->sealed.emplace(std::move(*codeKeys));
+}
+
+std::shared_ptr<const LinuxCodeSignPlatform> LinuxCodeSignPlatform::anchoredAt(
+    const std::filesystem::path& root, const Logger& logger) {
+  return std::make_shared<LinuxCodeSignPlatform>(CodeKeys::loadIfPresent(root, logger));
+}
+
+std::shared_ptr<const CodeSignPlatform> CodeSignPlatform::systemAnchoredAt(
+    const std::filesystem::path& root, const Logger& logger) {
+  std::optional<VendorAllowlist> keys = CodeKeys::loadIfPresent(root, logger);
+  if (!keys) {
+    logger.warning("sin vendor/code-keys.json — ningún cliente está firmado para el gate XPC");
+  } else if (!keys->keys.empty()) {
+    logger.info("gate XPC anclado a " + std::to_string(keys->keys.size()) + " clave(s) de código");
+  }
+  return std::make_shared<LinuxCodeSignPlatform>(std::move(keys));
+}
 
 const CodeSignPlatform& CodeSignPlatform::system() {
   static const LinuxCodeSignPlatform platform;
@@ -89,31 +192,29 @@ const CodeSignPlatform& CodeSignPlatform::system() {
 }
 
 CodeResult LinuxCodeSignPlatform::staticCodeForPath(const std::string& path) const {
+  char resolved[PATH_MAX];
   struct stat info {};
-  if (path.empty() || ::stat(path.c_str(), &info) != 0) return {errSecCSStaticCodeNotFound, {}};
-  return {0, std::make_shared<LinuxStaticCode>(path)};
+  if (path.empty() || ::realpath(path.c_str(), resolved) == nullptr ||
+      ::stat(resolved, &info) != 0) {
+    return {errSecCSStaticCodeNotFound, {}};
+  }
+  return {0, std::make_shared<LinuxStaticCode>(resolved, std::nullopt, std::nullopt)};
 }
 
 CodeResult LinuxCodeSignPlatform::guestCodeForPid(std::int32_t pid) const {
   if (pid <= 0) return {errSecCSNoSuchCode, {}};
-  int error = 0;
-  std::string exe = readLink(("/proc/" + std::to_string(pid) + "/exe").c_str(), error);
-  // A zombie or a kernel thread has no executable; to us it is no code.
-  if (error == ENOENT || error == ESRCH) return {errSecCSNoSuchCode, {}};
-  if (error != 0) return {errSecCSGuestInvalid, {}};
-  return {0, std::make_shared<LinuxRunningCode>(static_cast<pid_t>(pid), std::move(exe))};
+  FileDescriptor dir(
+      ::open(("/proc/" + std::to_string(pid)).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!dir) return {errno == ENOENT ? errSecCSNoSuchCode : errSecCSGuestInvalid, {}};
+  return runningCodeIn(*state_, dir.get(), pid);
 }
 
 std::optional<CodeResult> LinuxCodeSignPlatform::guestCodeInProcDirectory(int procDir,
                                                                           std::int32_t pid) const {
   if (procDir < 0 || pid <= 0) return CodeResult{errSecCSNoSuchCode, {}};
-  int error = 0;
   // The directory stands for the process it was opened for, not for its
   // number: once that process has gone (reaped or a zombie) "exe" is ENOENT.
-  std::string exe = readLink("exe", error, procDir);
-  if (error == ENOENT || error == ESRCH) return CodeResult{errSecCSNoSuchCode, {}};
-  if (error != 0) return CodeResult{errSecCSGuestInvalid, {}};
-  return CodeResult{0, std::make_shared<LinuxRunningCode>(static_cast<pid_t>(pid), std::move(exe))};
+  return runningCodeIn(*state_, procDir, pid);
 }
 
 CodeResult LinuxCodeSignPlatform::guestCodeForPidfd(int pidfd) const {
@@ -121,8 +222,8 @@ CodeResult LinuxCodeSignPlatform::guestCodeForPidfd(int pidfd) const {
   if (!pid) return {errSecCSInvalidObjectRef, {}};
   if (*pid <= 0 || *pid > std::numeric_limits<std::int32_t>::max()) return {errSecCSNoSuchCode, {}};
   CodeResult guest = guestCodeForPid(static_cast<std::int32_t>(*pid));
-  // The executable was read through the number; only if the pidfd's process
-  // is still alive afterwards do we know the number still named it.
+  // Everything was read through the number; only if the pidfd's process is
+  // still alive afterwards do we know the number still named it.
   if (guest.status == 0 && pidfdProcessGone(pidfd)) return {errSecCSNoSuchCode, {}};
   return guest;
 }
@@ -134,28 +235,53 @@ CodeResult LinuxCodeSignPlatform::senderCode(const MessageOrigin& origin) const 
 CodeResult LinuxCodeSignPlatform::staticCodeOf(const CodeObject& runningCode) const {
   const auto* running = dynamic_cast<const LinuxRunningCode*>(&runningCode);
   if (running == nullptr) return {errSecCSInvalidObjectRef, {}};
-  return {0, std::make_shared<LinuxStaticCode>(running->executable)};
+  return {0, std::make_shared<LinuxStaticCode>(running->executable, running->identity,
+                                               running->processRefusal)};
 }
 
 CodeRef LinuxCodeSignPlatform::compileRequirement(std::string_view text) const {
   return std::make_shared<LinuxRequirement>(text);
 }
 
-OSStatus LinuxCodeSignPlatform::checkValidity(const CodeObject& staticCode, std::uint32_t,
-                                              const CodeObject*) const {
-  if (dynamic_cast<const LinuxStaticCode*>(&staticCode) == nullptr) return errSecCSInvalidObjectRef;
-  return errSecCSUnsigned;
+OSStatus LinuxCodeSignPlatform::checkValidity(const CodeObject& staticCode, std::uint32_t flags,
+                                              const CodeObject* requirement) const {
+  return checkValidityWithReason(staticCode, flags, requirement).status;
+}
+
+CodeSignPlatform::Validity LinuxCodeSignPlatform::checkValidityWithReason(
+    const CodeObject& staticCode, std::uint32_t, const CodeObject*) const {
+  const auto* code = dynamic_cast<const LinuxStaticCode*>(&staticCode);
+  if (code == nullptr) return {errSecCSInvalidObjectRef, {}};
+  if (const auto* refusal = std::get_if<Refusal>(&code->judgement(state_->sealed))) {
+    return {refusal->status, refusal->reason};
+  }
+  if (code->processRefusal) return {errSecCSGuestInvalid, *code->processRefusal};
+  return {0, {}};
 }
 
 SigningInformation LinuxCodeSignPlatform::copySigningInformation(const CodeObject& staticCode,
                                                                  std::uint32_t) const {
-  if (dynamic_cast<const LinuxStaticCode*>(&staticCode) == nullptr) {
+  const auto* code = dynamic_cast<const LinuxStaticCode*>(&staticCode);
+  if (code == nullptr) {
     return {errSecCSInvalidObjectRef,
             SigningInformation::Result::none,
             SigningInformation::Team::absent,
             {}};
   }
+  if (const auto* signer = std::get_if<Signer>(&code->judgement(state_->sealed))) {
+    return {0, SigningInformation::Result::dictionary, SigningInformation::Team::string,
+            signer->team};
+  }
   return {0, SigningInformation::Result::dictionary, SigningInformation::Team::absent, {}};
+}
+
+std::optional<LinuxCodeSignPlatform::SealedIdentity> LinuxCodeSignPlatform::sealedIdentity(
+    const CodeObject& staticCode) const {
+  const auto* code = dynamic_cast<const LinuxStaticCode*>(&staticCode);
+  if (code == nullptr) return std::nullopt;
+  const auto* signer = std::get_if<Signer>(&code->judgement(state_->sealed));
+  if (signer == nullptr) return std::nullopt;
+  return SealedIdentity{signer->team, signer->identifier, signer->treeRoot};
 }
 
 std::string LinuxCodeSignPlatform::executablePath(const CodeObject& code) {

@@ -5,6 +5,7 @@
 // the thread waiting for that id, until its own has come.
 
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -234,7 +235,16 @@ void DaemonXPCClient::Connection::cancel() {
 
 namespace {
 
+// The daemon judges a client as the file it runs. A process of the same
+// user that could attach to it, or write its memory through /proc, could
+// make it run anything: so the client is not dumpable, from the start of
+// the program (this object is linked in with the client) and, should
+// anything have undone that, again whenever a client is made.
+void markNotDumpable() { ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0); }
+[[maybe_unused]] const bool kNotDumpableFromTheStart = (markNotDumpable(), true);
+
 std::unique_ptr<DaemonXPCClient::Connection> connectionFor(std::string_view machServiceName) {
+  markNotDumpable();
   try {
     return std::make_unique<DaemonXPCClient::Connection>(socketPathForMachService(machServiceName),
                                                          isDefaultServiceName(machServiceName), "");

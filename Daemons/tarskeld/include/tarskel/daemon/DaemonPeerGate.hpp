@@ -11,13 +11,12 @@
 // (CodeSignPlatform, the system's own unless a test build hands in a fake).
 // It never fails.
 //
-// Nothing is cached: every message is judged from its own sender, and no
-// verdict, nor the result of a signature check keyed by the executable
-// file's identity, outlives the message (a peer may exec another program
-// between two messages; on macOS the check reads the file by path, so an
-// identity read through a descriptor would not be tied to the bytes
-// checked). Only the transport's way to the sender is made cheap (Linux:
-// docs/security.md, "The socket and the sender").
+// No verdict outlives its message: every message is judged from its own
+// sender. What the platform may keep is what is costly and keyed by what
+// would change it (Linux: an executable's hash and seal by the file's
+// identity, a process's facts by its program image; docs/security.md, "The
+// code identity on Linux"). The transport's way to the sender is made cheap
+// too (docs/security.md, "The socket and the sender").
 //
 // Threads: a DaemonPeerGate is an immutable value, copied into each
 // connection's handler; verdict() may run on any thread, and blocks while the
@@ -57,8 +56,8 @@ struct DaemonPeerGate {
   // no one be trusted.
   std::optional<std::vector<std::string>> teamIds;
 
-  // The code-signing services: systemPlatform() in the shipped daemon, a fake
-  // in tests. Shared so that every copy of the gate keeps a test's fake
+  // The code-signing services: CodeSignPlatform::systemAnchoredAt() in the
+  // shipped daemon, a fake in tests. Shared so that every copy of the gate keeps a test's fake
   // alive. A provisioned gate without one identifies no sender: every peer
   // is rejected as having no code identity (errSecCSInvalidObjectRef).
   std::shared_ptr<const CodeSignPlatform> platform;
@@ -73,9 +72,6 @@ struct DaemonPeerGate {
   //   otherwise trusted(<team>).
   // <status> is the signed 32-bit status in decimal.
   DaemonPeerVerdict verdict(const DaemonMessageSender& message) const;
-
-  // CodeSignPlatform::system(), held without ownership.
-  static std::shared_ptr<const CodeSignPlatform> systemPlatform();
 };
 
 }  // namespace tarskel

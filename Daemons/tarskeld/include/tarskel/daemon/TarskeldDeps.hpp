@@ -41,7 +41,9 @@ class TarskeldDeps {
   // handed to whatever needs it. Nothing below reads the environment or
   // reaches for a system object on its own.
   struct Seams {
-    // What the peer gate judges senders with.
+    // What the peer gate judges senders with. Empty: the system's own,
+    // anchored where the daemon's root says (CodeSignPlatform::
+    // systemAnchoredAt), made only for a provisioned gate.
     std::shared_ptr<const CodeSignPlatform> gatePlatform;
     // The system calls of the platform operations.
     std::shared_ptr<const PlatformFiles> files;
@@ -50,7 +52,8 @@ class TarskeldDeps {
     // The running executable: the seed and the installed bundle lie around it.
     std::optional<std::filesystem::path> executableURL;
 
-    // This process's own: the system's code-signing services and files, the
+    // This process's own: the system's code-signing services (left empty,
+    // see gatePlatform) and files, the
     // environment as it stands now and the running executable. Call it on
     // the main thread before other threads exist: it reads the environment.
     static Seams ofProcess();

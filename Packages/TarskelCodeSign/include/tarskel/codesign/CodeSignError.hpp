@@ -17,8 +17,10 @@ class CodeSignError : public Error {
   // "gate SO: ejecutable declarado ausente: <path>". Declared for callers;
   // the verifier itself never throws it.
   static CodeSignError executableMissing(std::string_view path);
-  // "gate SO: firma inválida o no anclada a Apple en <path> (<status>)"
-  static CodeSignError signatureInvalid(std::string_view path, OSStatus status);
+  // "gate SO: firma inválida o no anclada a Apple en <path> (<status>)", and
+  // ": <reason>" after it when the platform gave one.
+  static CodeSignError signatureInvalid(std::string_view path, OSStatus status,
+                                        std::string_view reason = {});
   // "gate SO: sin Team ID (¿ad-hoc?) en <path>"
   static CodeSignError teamMissing(std::string_view path);
   // "gate SO: Team ID '<team>' fuera de la allowlist en <path>"

@@ -7,18 +7,22 @@
 //
 // Implementations: the system's (one per platform, chosen at build time and
 // reached through CodeSignPlatform::system()) and, for tests only, the fake
-// in the TarskelCodeSignTesting library. Linux has no operating-system code signature, so its
-// adapter answers every validity check with errSecCSUnsigned.
+// in the TarskelCodeSignTesting library. On Linux the signature is the
+// platform's own vendor seal over the tree that holds the executable
+// (LinuxCodeSignPlatform.hpp).
 //
-// Threads: implementations hold no mutable state of their own (the fake
-// guards its call log), so any thread may call them. Calls may block on file
-// reads and signature checks.
+// Threads: any thread may call every operation. What implementations keep
+// (the Linux adapter's caches, the fake's call log) is locked. Calls may
+// block on file reads and signature checks.
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "tarskel/protocol/base/Logger.hpp"
 
 namespace tarskel {
 
@@ -27,6 +31,8 @@ using OSStatus = std::int32_t;
 
 // The statuses this code answers itself (values of the Security framework).
 namespace CodeSignStatus {
+inline constexpr OSStatus errSecCSReqFailed = -67050;
+inline constexpr OSStatus errSecCSSignatureFailed = -67061;
 inline constexpr OSStatus errSecCSUnsigned = -67062;
 inline constexpr OSStatus errSecCSGuestInvalid = -67063;
 inline constexpr OSStatus errSecCSNoSuchCode = -67065;
@@ -87,8 +93,16 @@ class CodeSignPlatform {
  public:
   virtual ~CodeSignPlatform() = default;
 
-  // The platform's own adapter; lives as long as the process.
+  // The platform's own adapter; lives as long as the process. On Linux it
+  // knows no code keys, so nothing is signed there.
   static const CodeSignPlatform& system();
+
+  // The platform's own services as a daemon rooted at `root` judges with
+  // them: system() on macOS, whose anchor is Apple's; on Linux an adapter
+  // anchored to the code keys of <root>/vendor/code-keys.json, read now,
+  // with one line through `logger` on what was found.
+  static std::shared_ptr<const CodeSignPlatform> systemAnchoredAt(const std::filesystem::path& root,
+                                                                  const Logger& logger);
 
   // SecStaticCodeCreateWithPath(<file URL of path>, flags 0).
   virtual CodeResult staticCodeForPath(const std::string& path) const = 0;
@@ -127,6 +141,18 @@ class CodeSignPlatform {
   // SecStaticCodeCheckValidity(static code, flags, requirement or none).
   virtual OSStatus checkValidity(const CodeObject& staticCode, std::uint32_t flags,
                                  const CodeObject* requirement) const = 0;
+
+  // checkValidity() with, where the platform can say more than the status,
+  // why it refused, in the system's own words (Linux); macOS gives only the
+  // status, and so does this default.
+  struct Validity {
+    OSStatus status = 0;
+    std::string reason;  // empty when the status says it all
+  };
+  virtual Validity checkValidityWithReason(const CodeObject& staticCode, std::uint32_t flags,
+                                           const CodeObject* requirement) const {
+    return {checkValidity(staticCode, flags, requirement), {}};
+  }
 
   // SecCodeCopySigningInformation(static code, flags), with the value under
   // kSecCodeInfoTeamIdentifier.

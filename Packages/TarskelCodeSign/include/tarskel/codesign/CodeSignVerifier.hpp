@@ -33,7 +33,8 @@ struct CodeSignVerifier {
   // failure ending it:
   //   1. compiles "anchor apple generic" (its status is not looked at);
   //   2. checks validity in all architectures against it: a nonzero status
-  //      is signatureInvalid(path, status), so ad-hoc code ends here;
+  //      is signatureInvalid(path, status, the platform's reason, if any),
+  //      so ad-hoc code ends here;
   //   3. copies the signing information: a nonzero status, no result or a
   //      result that is not a dictionary is signatureInvalid(path, status),
   //      the status being 0 when the call itself succeeded;

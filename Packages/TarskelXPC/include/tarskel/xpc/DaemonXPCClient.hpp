@@ -14,6 +14,11 @@
 // (the kernel's credentials of the listening socket); a name holding "/" is
 // a socket path the caller vouches for, and no such check is made.
 //
+// On Linux a program that links the client is not dumpable
+// (PR_SET_DUMPABLE 0) from its start: the daemon's gate refuses a process
+// that is, since any process of its user could attach to it. It leaves no
+// core file, and only root may read its /proc files.
+//
 // Threads. request() may be called from any number of threads at once; each
 // call blocks its thread until its own reply is there (replies pair with
 // messages by id), so never call it from a thread the answer depends on.
