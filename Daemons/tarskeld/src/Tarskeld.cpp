@@ -47,31 +47,39 @@ std::optional<std::string> homeOf(std::string_view user) {
 }
 
 // One daemon per root: two would each write the audit chain from their own
-// idea of its head and fork it. An advisory lock on daemon/tarskeld.lock,
-// taken before the audit store opens and held by this open file for the
-// life of the process (the kernel lets go of it however the process ends).
-// The file holds the owner's pid, for the message of the one refused.
+// idea of its head and fork it. An advisory lock on the state directory
+// itself, opened once, taken before the audit store opens and held by this
+// open directory for the life of the process (the kernel lets go of it
+// however the process ends). A directory that holds the chain can't be
+// removed or swapped by removing one file, as a lock file could.
+// daemon/tarskeld.lock holds the owner's pid, for the message of the one
+// refused; the lock does not depend on it.
 class RootLock {
  public:
   explicit RootLock(const std::filesystem::path& stateDirectory) {
-    const std::filesystem::path path = stateDirectory / "tarskeld.lock";
-    fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const std::filesystem::path pidPath = stateDirectory / "tarskeld.lock";
+    fd_ = ::open(stateDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
     if (fd_ < 0) {
-      throw Error("cannot open the lock " + path.string() + ": " + std::strerror(errno));
+      throw Error("cannot open " + stateDirectory.string() + ": " + std::strerror(errno));
     }
     if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
       int error = errno;
-      std::string owner = ownerPid();
       ::close(fd_);
       if (error == EWOULDBLOCK) {
+        std::string owner = ownerPid(pidPath);
         throw Error("another tarskeld" + (owner.empty() ? "" : " (pid " + owner + ")") +
                     " already serves the root " + stateDirectory.parent_path().string() +
-                    "; it holds " + path.string());
+                    "; it holds " + stateDirectory.string());
       }
-      throw Error("cannot lock " + path.string() + ": " + std::strerror(error));
+      throw Error("cannot lock " + stateDirectory.string() + ": " + std::strerror(error));
     }
-    std::string pid = std::to_string(::getpid()) + "\n";
-    if (::ftruncate(fd_, 0) == 0) static_cast<void>(::pwrite(fd_, pid.data(), pid.size(), 0));
+    const int pidFile =
+        ::openat(fd_, "tarskeld.lock", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (pidFile >= 0) {
+      std::string pid = std::to_string(::getpid()) + "\n";
+      static_cast<void>(::pwrite(pidFile, pid.data(), pid.size(), 0));
+      ::close(pidFile);
+    }
   }
   RootLock(const RootLock&) = delete;
   RootLock& operator=(const RootLock&) = delete;
@@ -79,9 +87,11 @@ class RootLock {
   ~RootLock() { ::close(fd_); }
 
  private:
-  std::string ownerPid() const {
+  static std::string ownerPid(const std::filesystem::path& pidPath) {
     char buffer[32] = {};
-    ssize_t n = ::pread(fd_, buffer, sizeof buffer - 1, 0);
+    const int fd = ::open(pidPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    ssize_t n = fd < 0 ? -1 : ::read(fd, buffer, sizeof buffer - 1);
+    if (fd >= 0) ::close(fd);
     std::string text(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
     return text.find_first_not_of("0123456789") == std::string::npos ? text : std::string();

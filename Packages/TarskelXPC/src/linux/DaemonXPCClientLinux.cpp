@@ -12,12 +12,14 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
 
+#include "tarskel/protocol/base/TrustedPath.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
@@ -38,6 +40,11 @@ std::variant<int, std::string> connectTo(const std::string& path, bool requireRo
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof(address.sun_path)) {
     return "ruta de socket demasiado larga: " + path;
+  }
+  // A directory on the way that someone else may change could hold anyone's
+  // socket by the time we connect.
+  if (auto why = untrustedDirectory(std::filesystem::absolute(path).parent_path(), ::geteuid())) {
+    return "connect " + path + ": " + *why;
   }
   std::memcpy(address.sun_path, path.data(), path.size());
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
