@@ -33,8 +33,7 @@ std::optional<std::string> untrustedFrom(const std::filesystem::path& directory,
     }
     if (!S_ISDIR(st.st_mode)) return partial.string() + " no es un directorio";
     if (st.st_uid != 0 && st.st_uid != owner) {
-      return partial.string() + " pertenece a otro usuario (uid " + std::to_string(st.st_uid) +
-             ")";
+      return partial.string() + " pertenece a otro usuario (uid " + std::to_string(st.st_uid) + ")";
     }
     const bool sharedWithCare = st.st_uid == 0 && (st.st_mode & S_ISVTX) != 0;
     if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !sharedWithCare) {
@@ -46,8 +45,7 @@ std::optional<std::string> untrustedFrom(const std::filesystem::path& directory,
 
 }  // namespace
 
-std::optional<std::string> untrustedDirectory(const std::filesystem::path& directory,
-                                              uid_t owner) {
+std::optional<std::string> untrustedDirectory(const std::filesystem::path& directory, uid_t owner) {
   return untrustedFrom(directory, owner, kMaxLinks);
 }
 
