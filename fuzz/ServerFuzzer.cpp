@@ -51,7 +51,6 @@ struct Served {
     server = std::make_unique<DaemonXPCServer>(
         (dir / "d.sock").string(), DaemonCore(std::nullopt, audit, grants), DaemonPeerGate{},
         longOps.get_executor(), limits, loop);
-    server->groupAuditCommits(db);
     server->start();
   }
 };

@@ -155,6 +155,11 @@ TEST_F(StartupTest, RefusalsToStartEndTheProcessBeforeItServes) {
        "tarskeld: error: " + auditPath().string() + ": "},
       {"socket directory others may write", [&] { ::chmod(dir.path().c_str(), 0777); },
        "admite escritura de grupo u otros"},
+      // Regression: a root another user owned was taken, and links planted in it chmodded root's
+      // files.
+      {"state root another user owns",
+       [&] { std::filesystem::create_directory(root()), ::chown(root().c_str(), 65534, 65534); },
+       "tarskeld: error: " + root().string() + " pertenece a otro usuario (uid 65534)"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

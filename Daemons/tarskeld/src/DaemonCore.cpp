@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "RandomUUID.hpp"
-#include "tarskel/daemon/TarskeldDeps.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel {
@@ -50,8 +49,7 @@ DaemonCore::DaemonCore(std::optional<OpList> ops, std::shared_ptr<AuditStore> au
                        std::shared_ptr<GrantsStore> grants,
                        const std::optional<std::filesystem::path>& rootURL)
     : audit_(std::move(audit)), grants_(std::move(grants)) {
-  OpList list = ops ? std::move(*ops)
-                    : TarskeldDeps::operations(grants_, rootURL, TarskeldDeps::Seams::ofProcess());
+  OpList list = ops ? std::move(*ops) : builtInOperations(grants_, rootURL);
   auto map = std::make_shared<OpMap>();
   for (DaemonOpPtr& op : list) {
     std::string name = op->name();

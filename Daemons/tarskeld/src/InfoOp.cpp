@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "tarskel/daemon/DaemonCore.hpp"
+#include "tarskel/protocol/base/Version.hpp"
 
 namespace tarskel {
 namespace {
@@ -26,7 +26,7 @@ boost::asio::awaitable<JSONValue> InfoOp::execute(const JSONObject& /*args*/,
                                                   const DaemonOpContext& context) const {
   JSONValue::Array ops(context.catalog.begin(), context.catalog.end());
   co_return JSONValue(JSONObject{
-      {"daemonVersion", JSONValue(DaemonCore::daemonVersion)},
+      {"daemonVersion", JSONValue(std::string(tarskelVersion))},
       {"protocolVersion", JSONValue(TarskelProtocolInfo::protocolVersion)},
       {"uid", JSONValue::integer(uid_)},
       {"pid", JSONValue::integer(pid_)},

@@ -60,49 +60,54 @@ std::optional<std::string> homeOf(std::string_view user) {
 }
 
 // One daemon per root: two would each write the audit chain from their own
-// idea of its head and fork it. An advisory lock on daemon/tarskeld.lock,
-// taken before the audit store opens and held by this open file for the
-// life of the process (the kernel lets go of it however the process ends).
-// The file holds the owner's pid, for the message of the one refused.
+// idea of its head and fork it. An advisory lock on the state directory
+// itself, opened once, taken before the audit store opens and held by this
+// open directory for the life of the process (the kernel lets go of it
+// however the process ends). A directory that holds the chain can't be
+// removed or swapped by removing one file, as a lock file could.
+// daemon/tarskeld.lock holds the owner's pid, for the message of the one
+// refused; the lock does not depend on it.
 class RootLock {
  public:
   explicit RootLock(const std::filesystem::path& stateDirectory) {
-    const std::filesystem::path path = stateDirectory / "tarskeld.lock";
-    file_.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!file_) {
-      throw Error("cannot open the lock " + path.string() + ": " + std::strerror(errno));
+    const std::filesystem::path pidPath = stateDirectory / "tarskeld.lock";
+    directory_.reset(
+        ::open(stateDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    if (!directory_) {
+      throw Error("cannot open " + stateDirectory.string() + ": " + std::strerror(errno));
     }
-    if (::flock(file_.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (::flock(directory_.get(), LOCK_EX | LOCK_NB) != 0) {
       int error = errno;
-      std::string owner = ownerPid();
-      file_.reset();
+      directory_.reset();
       if (error == EWOULDBLOCK) {
+        std::string owner = ownerPid(pidPath);
         throw Error("another tarskeld" + (owner.empty() ? "" : " (pid " + owner + ")") +
                     " already serves the root " + stateDirectory.parent_path().string() +
-                    "; it holds " + path.string());
+                    "; it holds " + stateDirectory.string());
       }
-      throw Error("cannot lock " + path.string() + ": " + std::strerror(error));
+      throw Error("cannot lock " + stateDirectory.string() + ": " + std::strerror(error));
     }
-    std::string pid = std::to_string(::getpid()) + "\n";
-    if (::ftruncate(file_.get(), 0) == 0) {
-      static_cast<void>(::pwrite(file_.get(), pid.data(), pid.size(), 0));
-    }
+    const FileDescriptor pidFile(::openat(directory_.get(), "tarskeld.lock",
+                                          O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                                          0600));
+    if (pidFile) writeAll(pidFile.get(), std::to_string(::getpid()) + "\n");
   }
   RootLock(const RootLock&) = delete;
   RootLock& operator=(const RootLock&) = delete;
   // The destructor never runs in a serving daemon (run() does not return);
-  // closing the file lets go.
+  // closing the directory lets go.
 
  private:
-  std::string ownerPid() const {
+  static std::string ownerPid(const std::filesystem::path& pidPath) {
     char buffer[32] = {};
-    ssize_t n = ::pread(file_.get(), buffer, sizeof buffer - 1, 0);
+    const FileDescriptor file(::open(pidPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    ssize_t n = file ? ::read(file.get(), buffer, sizeof buffer - 1) : -1;
     std::string text(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
     return text.find_first_not_of("0123456789") == std::string::npos ? text : std::string();
   }
 
-  FileDescriptor file_;
+  FileDescriptor directory_;
 };
 
 }  // namespace

@@ -1,19 +1,16 @@
 #include "tarskel/daemon/TarskeldDeps.hpp"
 
+#include <unistd.h>
+
 #include <boost/asio/execution/blocking.hpp>
 #include <boost/asio/require.hpp>
-#include <string_view>
 #include <thread>
 #include <utility>
 
-extern char** environ;
-
 #include "tarskel/codesign/TeamTrust.hpp"
-#include "tarskel/daemon/FsReadProtectedPathOp.hpp"
-#include "tarskel/daemon/GrantsSyncOp.hpp"
-#include "tarskel/daemon/InfoOp.hpp"
-#include "tarskel/daemon/PlatformApplyUpdateOp.hpp"
-#include "tarskel/daemon/PlatformUninstallMachineOp.hpp"
+#include "tarskel/daemon/DaemonCatalog.hpp"
+#include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/protocol/base/TrustedPath.hpp"
 #include "tarskel/vendor/VendorSeed.hpp"
 
 namespace tarskel {
@@ -30,38 +27,13 @@ unsigned workerCount() {
   return n == 0 ? 2 : n;
 }
 
-std::map<std::string, std::string> processEnvironment() {
-  std::map<std::string, std::string> out;
-  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-    std::string_view text(*entry);
-    std::size_t equals = text.find('=');
-    if (equals == std::string_view::npos) continue;
-    // The first definition wins, as getenv would answer.
-    out.emplace(std::string(text.substr(0, equals)), std::string(text.substr(equals + 1)));
-  }
-  return out;
-}
-
 }  // namespace
 
 TarskeldDeps::Seams TarskeldDeps::Seams::ofProcess() {
   std::shared_ptr<const PlatformFiles> files = PlatformFiles::system();
   std::optional<fs::path> executable = files->executablePath();
-  return Seams{nullptr, std::move(files), processEnvironment(), std::move(executable)};
-}
-
-DaemonCore::OpList TarskeldDeps::operations(const std::shared_ptr<GrantsStore>& grants,
-                                            const std::optional<fs::path>& rootURL,
-                                            const Seams& seams,
-                                            const std::optional<Logger>& logger) {
-  DaemonCore::OpList ops{std::make_shared<InfoOp>(), std::make_shared<GrantsSyncOp>(grants),
-                         std::make_shared<FsReadProtectedPathOp>()};
-  if (!rootURL) return ops;
-  ops.push_back(std::make_shared<PlatformApplyUpdateOp>(*rootURL, seams.files, logger));
-  ops.push_back(std::make_shared<PlatformUninstallMachineOp>(
-      PlatformUninstallMachineOp::derivedInstalledApp(seams.environment, seams.executableURL),
-      *rootURL, seams.files));
-  return ops;
+  return Seams{nullptr, std::move(files), DaemonCatalog::processEnvironment(),
+               std::move(executable)};
 }
 
 TarskeldDeps::TarskeldDeps() : pool_(workerCount()), loop_(std::make_shared<DaemonEventLoop>()) {}
@@ -83,6 +55,9 @@ fs::path TarskeldDeps::makeStateDirectory(const fs::path& rootURL) {
     // there already; anything else in the way is an error.
     if (fs::create_directory(partial)) fs::permissions(partial, kStateDirectoryMode);
   }
+  // Whoever may change a directory on the way could plant links where the
+  // daemon writes as root (the audit database's -wal and -shm).
+  if (auto why = untrustedDirectory(target, ::geteuid())) throw Error(*why);
   return target;
 }
 
@@ -133,8 +108,9 @@ std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
 
   deps->grants_ =
       std::make_shared<GrantsStore>(stateDirectory / "grants.json", deps->loop_->executor());
-  deps->core_.emplace(operations(deps->grants_, rootURL, seams, logger), deps->audit_,
-                      deps->grants_);
+  deps->core_.emplace(DaemonCatalog::operations(deps->grants_, rootURL, seams.files,
+                                                seams.environment, seams.executableURL, logger),
+                      deps->audit_, deps->grants_);
 
   // Long operations go to the pool, never inline on the loop.
   boost::asio::any_io_executor longOps =
@@ -142,7 +118,6 @@ std::unique_ptr<TarskeldDeps> TarskeldDeps::create(const fs::path& rootURL,
   deps->server_ = std::make_unique<DaemonXPCServer>(
       machService, *deps->core_, DaemonPeerGate{std::move(teamIds), std::move(seams.gatePlatform)},
       std::move(longOps), DaemonServerLimits{}, deps->loop_);
-  deps->server_->groupAuditCommits(deps->db_);
   deps->server_->start();
   return deps;
 }

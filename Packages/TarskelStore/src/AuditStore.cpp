@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <boost/asio/async_result.hpp>
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <utility>
 
@@ -126,7 +129,8 @@ AuditStore::AuditStore(std::shared_ptr<SQLiteDatabase> db, boost::asio::any_io_e
                        Clock now)
     : db_(std::move(db)),
       strand_(boost::asio::make_strand(executor)),
-      now_(now ? std::move(now) : Clock(&Date::now)) {
+      now_(now ? std::move(now) : Clock(&Date::now)),
+      writer_(std::make_shared<Writer>(Writer{db_, {}, false})) {
   db_->exec(std::string(kSchema));  // an existing table is fine; a real failure shows below
   auto rows = db_->query(kHeadQuery);
   lastHash_ = kGenesisHash;
@@ -183,9 +187,45 @@ std::string AuditStore::chainHash(std::string_view prevHash, Date ts, std::strin
 
 // ---- Writing ---------------------------------------------------------------
 
-std::string AuditStore::recordSync(const std::string& callerText, const std::string& toolText,
-                                   const std::string& originText, const std::string& outcomeText,
-                                   double durationMs, const std::string& correlationText) {
+namespace {
+
+// Through the connection's statement cache, so that each is compiled once.
+const std::string kInsertText(kInsert);
+const std::string kBegin("BEGIN");
+const std::string kCommit("COMMIT");
+const std::string kRollback("ROLLBACK");
+
+// Writes the rows in their order: a lone row on its own, more in one
+// transaction. All or nothing: false when any row failed, and then none of
+// them is in the file.
+template <typename Rows>
+bool writeRows(SQLiteDatabase& db, const Rows& rows) {
+  try {
+    if (rows.size() == 1) {
+      db.execute(kInsertText, rows.front().params);
+      return true;
+    }
+    db.execute(kBegin);
+    for (const auto& row : rows) db.execute(kInsertText, row.params);
+    db.execute(kCommit);
+    return true;
+  } catch (const SQLiteDatabase::DBError&) {
+  }
+  try {
+    // SQLite may have rolled back on its own already (a full disk does).
+    db.execute(kRollback);
+  } catch (const SQLiteDatabase::DBError&) {
+  }
+  return false;
+}
+
+}  // namespace
+
+AuditStore::QueuedRow AuditStore::nextRow(const std::string& callerText,
+                                          const std::string& toolText,
+                                          const std::string& originText,
+                                          const std::string& outcomeText, double durationMs,
+                                          const std::string& correlationText) {
   // The texts as the row will hold them, so that the hash covers what is
   // stored: SQLite would cut a text at a NUL, and a client's bytes may be
   // anything, of any length.
@@ -195,51 +235,84 @@ std::string AuditStore::recordSync(const std::string& callerText, const std::str
   std::string outcome = storedText(outcomeText);
   std::string correlationId = storedText(correlationText);
   Date ts = now_();  // one reading serves the preimage and the column
-  std::string hash = chainHash(lastHash_, ts, caller, tool, origin, outcome, correlationId);
+  QueuedRow row;
+  row.hash = chainHash(lastHash_, ts, caller, tool, origin, outcome, correlationId);
   // Built in place: an initializer list would copy every text once more.
-  std::vector<Value> params;
-  params.reserve(9);
-  params.push_back(Value::real(ts.secondsSinceReferenceDate));
-  params.push_back(Value::text(std::move(caller)));
-  params.push_back(Value::text(std::move(tool)));
-  params.push_back(Value::text(std::move(origin)));
-  params.push_back(Value::text(std::move(outcome)));
-  params.push_back(Value::real(durationMs));
-  params.push_back(Value::text(std::move(correlationId)));
-  params.push_back(Value::text(lastHash_));
-  params.push_back(Value::text(hash));
-  static const std::string insert(kInsert);  // not a new string per row
-  try {
-    db_->execute(insert, params);
-  } catch (const SQLiteDatabase::DBError&) {
-    // Recording never fails its caller. The head moves anyway, so the lost
-    // row shows as a break in the chain instead of vanishing unseen.
+  row.params.reserve(9);
+  row.params.push_back(Value::real(ts.secondsSinceReferenceDate));
+  row.params.push_back(Value::text(std::move(caller)));
+  row.params.push_back(Value::text(std::move(tool)));
+  row.params.push_back(Value::text(std::move(origin)));
+  row.params.push_back(Value::text(std::move(outcome)));
+  row.params.push_back(Value::real(durationMs));
+  row.params.push_back(Value::text(std::move(correlationId)));
+  row.params.push_back(Value::text(lastHash_));
+  row.params.push_back(Value::text(row.hash));
+  // The head moves whatever becomes of the insert: a lost row shows as a
+  // break in the chain instead of vanishing unseen.
+  lastHash_ = row.hash;
+  return row;
+}
+
+std::string AuditStore::recordSync(const std::string& caller, const std::string& tool,
+                                   const std::string& origin, const std::string& outcome,
+                                   double durationMs, const std::string& correlationId) {
+  std::array<QueuedRow, 1> rows{nextRow(caller, tool, origin, outcome, durationMs, correlationId)};
+  writeRows(*db_, rows);  // recording never fails its caller
+  return rows.front().hash;
+}
+
+void AuditStore::enqueue(QueuedRow row) {
+  writer_->queued.push_back(std::move(row));
+  if (writer_->commitPosted) return;
+  // Behind whatever is queued on the strand's executor now, then on the
+  // strand: the rows of the requests handled in this turn join this commit.
+  // (Posted to the strand itself from a handler of the strand, it would run
+  // as soon as that handler returns.)
+  writer_->commitPosted = true;
+  boost::asio::post(strand_.get_inner_executor(), [strand = strand_, writer = writer_] {
+    boost::asio::dispatch(strand, [writer] { commitQueued(writer); });
+  });
+}
+
+void AuditStore::commitQueued(const std::shared_ptr<Writer>& writer) {
+  std::vector<QueuedRow> group;
+  group.swap(writer->queued);
+  writer->commitPosted = false;
+  writeRows(*writer->db, group);
+  // Completing a record may resume its caller here, which may queue the
+  // next row: that one goes to the next commit.
+  for (QueuedRow& row : group) {
+    auto done = std::move(*row.done);
+    auto executor = boost::asio::get_associated_executor(done);
+    boost::asio::dispatch(executor, [done = std::move(done), hash = std::move(row.hash)]() mutable {
+      std::move(done)(std::move(hash));
+    });
   }
-  lastHash_ = hash;
-  return hash;
 }
-
-namespace {
-
-awaitable<std::string> recordOnStrand(AuditStore& store, std::string caller, std::string tool,
-                                      std::string origin, std::string outcome, double durationMs,
-                                      std::string correlationId) {
-  co_return store.recordSync(caller, tool, origin, outcome, durationMs, correlationId);
-}
-
-}  // namespace
 
 awaitable<std::string> AuditStore::record(std::string caller, std::string tool, std::string origin,
                                           std::string outcome, double durationMs,
                                           std::string correlationId) {
-  if (owner_ == std::this_thread::get_id()) {
-    co_return recordSync(caller, tool, origin, outcome, durationMs, correlationId);
-  }
-  std::string hash = co_await boost::asio::co_spawn(
-      strand_,
-      recordOnStrand(*this, std::move(caller), std::move(tool), std::move(origin),
-                     std::move(outcome), durationMs, std::move(correlationId)),
-      use_awaitable);
+  // Runs once this coroutine is suspended; the texts live in its frame until
+  // the record completes.
+  auto initiate = [&](auto handler) {
+    auto place = [this, &caller, &tool, &origin, &outcome, durationMs, &correlationId,
+                  handler = std::move(handler)]() mutable {
+      QueuedRow row = nextRow(caller, tool, origin, outcome, durationMs, correlationId);
+      row.done.emplace(std::move(handler));
+      enqueue(std::move(row));
+    };
+    if (owner_ == std::this_thread::get_id()) {
+      place();
+    } else {
+      boost::asio::dispatch(strand_, std::move(place));
+    }
+  };
+  auto stored =
+      boost::asio::async_initiate<const boost::asio::use_awaitable_t<>, void(std::string)>(
+          initiate, use_awaitable);
+  std::string hash = co_await std::move(stored);
   co_return hash;
 }
 

@@ -54,11 +54,22 @@ struct StatementUse {
 constexpr mode_t kGroupAndOther = S_IRWXG | S_IRWXO;
 
 // Clears the group and other bits of an existing file we own; anything else
-// (no file, not ours) is left to SQLite to report or to live with.
-void restrictExisting(const std::string& path) {
+// (no file, not ours) is left to SQLite to report or to live with. A link
+// is never followed; one planted as the -wal or -shm (`companion`) is
+// removed, so that neither this nor SQLite writes through it to whatever it
+// names.
+void restrictExisting(const std::string& path, bool companion) {
   struct stat info {};
-  if (::stat(path.c_str(), &info) == 0 && (info.st_mode & kGroupAndOther) != 0) {
-    static_cast<void>(::chmod(path.c_str(), info.st_mode & 07700));
+  if (::lstat(path.c_str(), &info) != 0) return;
+  if (S_ISLNK(info.st_mode)) {
+    if (companion) ::unlink(path.c_str());
+    return;
+  }
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file) return;
+  if (::fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode) &&
+      (info.st_mode & kGroupAndOther) != 0) {
+    static_cast<void>(::fchmod(file.get(), info.st_mode & 07700));
   }
 }
 
@@ -70,7 +81,8 @@ void makeOwnerOnly(const std::string& path) {
   // Closed at once; a failure shows in sqlite3_open, with SQLite's text.
   const FileDescriptor created(
       ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  for (const char* suffix : {"", "-wal", "-shm"}) restrictExisting(path + suffix);
+  restrictExisting(path, false);
+  for (const char* suffix : {"-wal", "-shm"}) restrictExisting(path + suffix, true);
 }
 
 }  // namespace

@@ -77,8 +77,17 @@ TEST_F(SQLiteDatabaseTest, DatabaseFilesAreTheOwnersAlone) {
   std::filesystem::copy_file(dir.file("test.db"), old);
   std::filesystem::permissions(
       old, std::filesystem::perms::owner_all | std::filesystem::perms::others_read);
+  // Regression: links planted as the -wal and -shm had the files they name
+  // chmodded; they are removed, never followed.
+  const std::string someoneElses = dir.file("elsewhere");
+  testing::writeFile(someoneElses, "kept");
+  std::filesystem::permissions(someoneElses, std::filesystem::perms(0644));
+  for (const char* suffix : {"-wal", "-shm"})
+    std::filesystem::create_symlink(someoneElses, old + suffix);
   SQLiteDatabase reopened(old);
   EXPECT_EQ(mode(old), std::filesystem::perms::owner_all);
+  EXPECT_EQ(mode(someoneElses), std::filesystem::perms(0644));
+  EXPECT_EQ(testing::readFile(someoneElses), "kept");
 }
 
 // Statements are cached per text: each use must leave its statement reset

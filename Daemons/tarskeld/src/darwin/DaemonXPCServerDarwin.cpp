@@ -146,6 +146,4 @@ void DaemonXPCServer::stop() {
 
 std::string DaemonXPCServer::endpoint() const { return impl_->machServiceName; }
 
-void DaemonXPCServer::groupAuditCommits(std::shared_ptr<SQLiteDatabase>) {}
-
 }  // namespace tarskel

@@ -35,6 +35,7 @@
 #include "PeerSocketIdentity.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
 #include "tarskel/protocol/base/FileDescriptor.hpp"
+#include "tarskel/protocol/base/TrustedPath.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/xpc/Transport.hpp"
 
@@ -55,57 +56,44 @@ DaemonServerError cannotListen(const std::string& path, const std::string& reaso
   return DaemonServerError("no se puede escuchar en " + path + ": " + reason);
 }
 
-// The group's BEGIN and COMMIT run on busy turns: through the connection's
-// statement cache, so that they are compiled once, like the insert.
-enum class GroupStatement { begin, commit, rollback };
-
-bool runGroupStatement(SQLiteDatabase& db, GroupStatement which) {
-  static const std::string kTexts[] = {"BEGIN", "COMMIT", "ROLLBACK"};
-  try {
-    db.execute(kTexts[static_cast<int>(which)]);
-    return true;
-  } catch (const SQLiteDatabase::DBError&) {
-    return false;
-  }
-}
-
 class PeerConnection;
 
 // What the connections of one server share: the limits and the count of
 // open connections per user. Touched on the loop only.
 struct ServerState {
-  ServerState(DaemonCore c, DaemonPeerGate g, DaemonServerLimits l, asio::any_io_executor loop)
-      : core(std::move(c)), gate(std::move(g)), limits(l), acceptorExecutor(std::move(loop)) {}
+  ServerState(DaemonCore c, DaemonPeerGate g, DaemonServerLimits l)
+      : core(std::move(c)), gate(std::move(g)), limits(l) {}
 
   DaemonCore core;
   DaemonPeerGate gate;
   DaemonServerLimits limits;
-  asio::any_io_executor acceptorExecutor;  // the loop
-  bool judgeSenders = false;               // the gate looks at senders: read credentials
+  bool judgeSenders = false;  // the gate looks at senders: read credentials
   std::size_t open = 0;
   std::map<uid_t, std::size_t> openPerUid;
-  // Requests handed to the core and not yet answered, on every connection.
-  std::size_t answering = 0;
-  // Group commit: while requests of several clients are being handled
-  // together, their audit rows share one transaction, and their replies wait
-  // for its commit (a reply never leaves before its row is stored). A turn
-  // is what the loop handles before it comes back to a marker posted by the
-  // first request of the turn: the requests of every client that was ready
-  // at once. The first request of a turn writes its row on its own and
-  // answers at once, unless the turn before was busy. A turn is busy from
-  // the first request that comes from a second client, or was read together
-  // with others of its client, or finds others still being answered: that
-  // request opens the shared transaction. A lone client whose next request
-  // is already there when its answer has left (on one CPU it runs as soon as
-  // the answer wakes it) stays on its own.
-  std::shared_ptr<SQLiteDatabase> auditDb;
-  bool turnOpen = false;
-  const void* turnFirstClient = nullptr;  // compared, never followed
-  bool turnBusy = false;
-  bool lastTurnBusy = false;
-  bool inTransaction = false;
-  int commitPasses = 0;
-  std::vector<std::shared_ptr<PeerConnection>> held;  // kept alive until the commit
+  const uid_t ownUid = ::geteuid();
+
+  // Root and the daemon's own user are kept apart from the others: each
+  // holds up to maxConnectionsPerUid of its own, a reserve nobody else can
+  // take. The others share maxConnections, each up to an equal part of it
+  // among the users holding connections (itself counted), and never more
+  // than maxConnectionsPerUid: the more users compete, the less each holds.
+  bool reserved(uid_t uid) const { return uid == 0 || uid == ownUid; }
+
+  bool hasRoomFor(uid_t uid) const {
+    auto mine = openPerUid.find(uid);
+    const std::size_t held = mine == openPerUid.end() ? 0 : mine->second;
+    if (reserved(uid)) return held < limits.maxConnectionsPerUid;
+    std::size_t shared = 0;
+    std::size_t users = held == 0 ? 1 : 0;
+    for (const auto& [other, count] : openPerUid) {
+      if (reserved(other)) continue;
+      shared += count;
+      ++users;
+    }
+    const std::size_t share = std::min(limits.maxConnectionsPerUid,
+                                       std::max<std::size_t>(1, limits.maxConnections / users));
+    return shared < limits.maxConnections && held < share;
+  }
 };
 
 // One request read and not yet handed to the core, with the sender of its
@@ -315,8 +303,6 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
       DaemonPeerVerdict verdict =
           message.sender ? state_->gate.verdict(*message.sender) : state_->gate.verdict(nobody());
       ++inFlight_;
-      beginGroupIfBusy();
-      ++state_->answering;
       asio::co_spawn(
           socket_.get_executor(),
           answer(shared_from_this(), message.envelope.id,
@@ -342,7 +328,6 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     } catch (const std::exception&) {
       // handleEncoded doesn't throw; an allocation failure answers nothing.
       --self->inFlight_;
-      --self->state_->answering;
       self->closeWhenDone();
       co_return;
     }
@@ -351,72 +336,13 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
 
   void reply(std::uint64_t id, const std::string& response) {
     --inFlight_;
-    --state_->answering;
     if (closed_) return;
     const bool idle = outbox_.empty();
     outbox_.push_back(Transport::encodeReplyFrame(id, response));
     outboxBytes_ += outbox_.back().size();
     if (idle) lastWrite_ = Clock::now();
-    if (state_->inTransaction) {
-      // Its row may be in the open transaction: the reply waits for it.
-      if (!heldForCommit_) {
-        heldForCommit_ = true;
-        state_->held.push_back(shared_from_this());
-      }
-    } else if (idle) {
-      flush();
-    }
+    if (idle) flush();
     wake();
-  }
-
-  // Opens a shared transaction once this turn or the one before is busy
-  // (see ServerState): under load, rows go to disk together.
-  void beginGroupIfBusy() {
-    if (!state_->auditDb) return;
-    if (!state_->turnOpen) {
-      state_->turnOpen = true;
-      state_->turnFirstClient = this;
-      state_->turnBusy = false;
-      asio::post(socket_.get_executor(), [state = state_] { endTurn(state); });
-    }
-    if (this != state_->turnFirstClient || !pending_.empty() || state_->answering > 0) {
-      state_->turnBusy = true;
-    }
-    if (!state_->turnBusy && !state_->lastTurnBusy) return;
-    if (state_->inTransaction) return;
-    if (!runGroupStatement(*state_->auditDb, GroupStatement::begin)) return;
-    state_->inTransaction = true;
-    state_->commitPasses = 0;
-  }
-
-  static void endTurn(const std::shared_ptr<ServerState>& state) {
-    state->turnOpen = false;
-    state->lastTurnBusy = state->turnBusy;
-    if (state->inTransaction) commitGroup(state);
-  }
-
-  // Commits once the requests handled together have written their rows (or
-  // after a few turns of the loop, when some wait on long operations), then
-  // lets the held replies go.
-  static void commitGroup(const std::shared_ptr<ServerState>& state) {
-    if (!state->inTransaction) return;  // committed already by an earlier pass
-    if (state->answering > 0 && state->commitPasses < 4) {
-      ++state->commitPasses;
-      asio::post(state->acceptorExecutor, [state] { commitGroup(state); });
-      return;
-    }
-    // A failed commit loses the group's rows as a failed insert loses one:
-    // the chain shows the hole from the next stored row on.
-    if (!runGroupStatement(*state->auditDb, GroupStatement::commit)) {
-      runGroupStatement(*state->auditDb, GroupStatement::rollback);
-    }
-    state->inTransaction = false;
-    std::vector<std::shared_ptr<PeerConnection>> held;
-    held.swap(state->held);
-    for (const auto& connection : held) {
-      connection->heldForCommit_ = false;
-      connection->flush();
-    }
   }
 
   // Writes what the socket takes now; waits for room for the rest.
@@ -472,7 +398,6 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   std::size_t sentOfFront_ = 0;
   bool writeWaiting_ = false;
   bool waitingForRoom_ = false;
-  bool heldForCommit_ = false;
   bool readClosed_ = false;
   bool closed_ = false;
   asio::steady_timer resume_;  // wakes a read loop that waits for room
@@ -549,7 +474,7 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
        DaemonServerLimits limits, asio::any_io_executor loopExecutor)
       : machServiceName(std::move(name)),
         loop(std::move(loopExecutor)),
-        state(std::make_shared<ServerState>(std::move(core), std::move(gate), limits, loop)),
+        state(std::make_shared<ServerState>(std::move(core), std::move(gate), limits)),
         acceptor(loop),
         sweeper(loop) {
     state->core.runLongOpsOn(std::move(longOps));
@@ -577,6 +502,8 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
     }
     const std::filesystem::path dir = std::filesystem::path(path).parent_path();
     if (!dir.empty()) makeSocketDirectory(dir, path);
+    // Whoever may rename an entry of any directory above could swap ours.
+    if (auto why = untrustedDirectory(dir, ::geteuid())) throw cannotListen(path, *why);
     replaceStaleSocket(path);
     boost::system::error_code ec;
     acceptor.open(Local(), ec);
@@ -622,12 +549,7 @@ struct DaemonXPCServer::Impl : std::enable_shared_from_this<DaemonXPCServer::Imp
     ucred peer{};
     socklen_t length = sizeof peer;
     if (::getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return;
-    const auto& limits = state->limits;
-    auto perUid = state->openPerUid.find(peer.uid);
-    if (state->open >= limits.maxConnections ||
-        (perUid != state->openPerUid.end() && perUid->second >= limits.maxConnectionsPerUid)) {
-      return;  // the socket closes as it goes out of scope
-    }
+    if (!state->hasRoomFor(peer.uid)) return;  // the socket closes as it goes out of scope
     boost::system::error_code ignored;
     socket.non_blocking(true, ignored);
     std::shared_ptr<const PinnedPeer> pinned;
@@ -729,9 +651,5 @@ void DaemonXPCServer::stop() {
 }
 
 std::string DaemonXPCServer::endpoint() const { return impl_->path; }
-
-void DaemonXPCServer::groupAuditCommits(std::shared_ptr<SQLiteDatabase> auditDatabase) {
-  impl_->state->auditDb = std::move(auditDatabase);
-}
 
 }  // namespace tarskel

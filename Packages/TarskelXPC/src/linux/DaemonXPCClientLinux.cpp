@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -23,6 +24,7 @@
 #include <variant>
 
 #include "tarskel/protocol/base/FileDescriptor.hpp"
+#include "tarskel/protocol/base/TrustedPath.hpp"
 #include "tarskel/protocol/bus/Framing.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
@@ -53,6 +55,11 @@ std::variant<FileDescriptor, std::string> connectTo(const std::string& path, boo
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof(address.sun_path)) {
     return "ruta de socket demasiado larga: " + path;
+  }
+  // A directory on the way that someone else may change could hold anyone's
+  // socket by the time we connect.
+  if (auto why = untrustedDirectory(std::filesystem::absolute(path).parent_path(), ::geteuid())) {
+    return "connect " + path + ": " + *why;
   }
   std::memcpy(address.sun_path, path.data(), path.size());
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));

@@ -43,7 +43,7 @@ class DaemonCore {
   // With `ops` given, that list is the catalogue, whatever it holds (an empty
   // list gives an empty catalogue): how the daemon's builder, TarskeldDeps,
   // hands over its five. Without it the catalogue is the daemon's own
-  // (TarskeldDeps::operations on this process's seams): daemon.info,
+  // (builtInOperations): daemon.info,
   // daemon.grants.sync (on `grants`) and fs.readProtectedPath, then, only
   // when `rootURL` is present, platform.applyUpdate and
   // platform.uninstallMachine on it. So a core without a root has three
@@ -55,6 +55,12 @@ class DaemonCore {
   DaemonCore(std::optional<OpList> ops, std::shared_ptr<AuditStore> audit,
              std::shared_ptr<GrantsStore> grants,
              const std::optional<std::filesystem::path>& rootURL = std::nullopt);
+
+  // DaemonCatalog::operations on this process's files, environment and
+  // executable. Defined with the catalogue, so that the core names no
+  // operation.
+  static OpList builtInOperations(const std::shared_ptr<GrantsStore>& grants,
+                                  const std::optional<std::filesystem::path>& rootURL);
 
   // The operation names, ascending by byte order (= Unicode scalar order).
   std::vector<std::string> catalog() const;

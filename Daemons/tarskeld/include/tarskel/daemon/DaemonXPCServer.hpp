@@ -20,8 +20,8 @@
 //
 // Threads (Linux). Every connection lives on one event loop (a
 // DaemonEventLoop: one thread), which reads, gates, decodes, decides, runs
-// the short operations, writes the audit row and replies without waking
-// another thread; operations that may take long run on `longOps` (the core
+// the short operations, hands the audit row to the store and replies without
+// waking another thread; operations that may take long run on `longOps` (the core
 // is told so), so that they never hold up the loop. Construct, start() and
 // stop() from a thread that is neither the loop nor a worker of `longOps`.
 // Handlers hold their own copies of core and gate, so tasks in flight may
@@ -39,7 +39,6 @@
 #include "tarskel/daemon/DaemonCore.hpp"
 #include "tarskel/daemon/DaemonPeerGate.hpp"
 #include "tarskel/protocol/base/Error.hpp"
-#include "tarskel/store/SQLiteDatabase.hpp"
 
 namespace tarskel {
 
@@ -60,8 +59,12 @@ struct DaemonServerLimits {
   std::size_t maxInFlight = 32;
   // Reply bytes one connection has not read yet.
   std::size_t maxUnsentBytes = 1 << 20;
-  // Open connections, in all and per user id (from the kernel at accept).
-  // One more is accepted and closed at once.
+  // Open connections, per user id (from the kernel at accept). Users other
+  // than root and the daemon's own share maxConnections, each up to an equal
+  // part among the users holding connections (at most maxConnectionsPerUid),
+  // so a user's share shrinks as more compete; root and the daemon's user
+  // each keep maxConnectionsPerUid of their own beside them. One more is
+  // accepted and closed at once.
   std::size_t maxConnections = 256;
   std::size_t maxConnectionsPerUid = 32;
   // A connection with nothing in flight that says nothing this long closes.
@@ -99,7 +102,7 @@ class DaemonXPCServer {
   // Never fails and doesn't listen yet. Operations that may take long run on
   // `longOps`; everything else on `loop`, or on a loop of the server's own
   // when none is given. Give the loop that the core's stores serialise on,
-  // and a request's audit row is written without a thread hop.
+  // and a request's audit row is queued without a thread hop.
   DaemonXPCServer(std::string machServiceName, DaemonCore core, DaemonPeerGate gate,
                   boost::asio::any_io_executor longOps, DaemonServerLimits limits = {},
                   std::shared_ptr<DaemonEventLoop> loop = nullptr);
@@ -125,17 +128,6 @@ class DaemonXPCServer {
   // replies go nowhere. The daemon itself never stops its server; this is
   // for tests and tools that host one in-process. Idempotent.
   void stop();
-
-  // Lets the audit rows of requests handled together (several clients at
-  // once) share one transaction of `auditDatabase`, the audit store's own
-  // database: each reply then waits for the commit of the transaction that
-  // may hold its row, so no reply ever leaves before its row is stored.
-  // Requests handled together are those of one turn of the loop (the
-  // clients that were ready at once): the first of a turn writes its row on
-  // its own and answers at once, so a lone client never waits for a group.
-  // Call before start(); the database must be used on the server's loop
-  // only. macOS: no effect.
-  void groupAuditCommits(std::shared_ptr<SQLiteDatabase> auditDatabase);
 
   // Where clients reach the server: the socket path on Linux (the adopted
   // socket's bound path under activation), the Mach service name on macOS.

@@ -59,19 +59,6 @@ class TarskeldDeps {
     static Seams ofProcess();
   };
 
-  // The daemon's catalogue, in order: daemon.info, daemon.grants.sync on
-  // `grants`, fs.readProtectedPath, then, only with a root,
-  // platform.applyUpdate on `rootURL` and platform.uninstallMachine of the
-  // bundle derived from the seams' environment and executable, reporting
-  // `rootURL` as the data it keeps. Both platform operations work through
-  // `seams.files`. Three operations without a root, five with one. A
-  // machine fault an answer can't name in full (an allowlist that does not
-  // decode) is logged through `logger` when one is given.
-  static DaemonCore::OpList operations(const std::shared_ptr<GrantsStore>& grants,
-                                       const std::optional<std::filesystem::path>& rootURL,
-                                       const Seams& seams,
-                                       const std::optional<Logger>& logger = std::nullopt);
-
   // Builds and starts the daemon on `rootURL`, serving `machService`, and
   // writes the seed and gate lines through `logger` (not the serving line:
   // that is the caller's, once this returns).
@@ -86,6 +73,8 @@ class TarskeldDeps {
 
   // <rootURL>/daemon, made with its parents, each new directory 0755 (the
   // umask notwithstanding). One that is there already keeps its mode.
+  // Throws tarskel::Error when a directory from "/" to it could be changed
+  // by another user than root or this process's (untrustedDirectory).
   static std::filesystem::path makeStateDirectory(const std::filesystem::path& rootURL);
 
   // Copies the machine's first vendor allowlist from the distribution when

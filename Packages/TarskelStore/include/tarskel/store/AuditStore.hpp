@@ -12,11 +12,25 @@
 // breaks the chain from that row on.
 //
 // Threads and ownership. The store serialises itself on a strand of the
-// executor it is given (the process's worker pool); it keeps the head of the
-// chain (lastHash) in memory, touched only on that strand. The awaitable
-// members may be awaited from any coroutine on any thread; each hops to the
-// strand for its one call and back. Only one AuditStore may be attached to a
-// chain (two would fork it), and it must outlive every call in flight.
+// executor it is given (the process's worker pool or event loop); it keeps
+// the head of the chain (lastHash) in memory, touched only on that strand.
+// The awaitable members may be awaited from any coroutine on any thread; each
+// hops to the strand for its one call and back. Only one AuditStore may be
+// attached to a chain (two would fork it), and it must outlive every call in
+// flight.
+//
+// Group commits. The store alone opens transactions on its database. A
+// record() takes its place in the chain at once (its hash and the head are
+// fixed when it reaches the strand) and waits for its row to be written:
+// rows are written by a commit the strand runs once the work already queued
+// on it has run, so the rows of requests handled together (several clients
+// at once) share one transaction, and a row that comes while a commit is
+// being written joins the next. A lone row is written on its own, without
+// BEGIN and COMMIT. record() completes once the commit that holds its row
+// has ended: no caller hears of a row before it is stored, unless the store
+// gave up on it. A group is all or nothing: when an insert or the COMMIT
+// fails, the group is rolled back and every row of it is lost as a failed
+// insert loses one (see record()).
 //
 // The synchronous members run on the caller's thread:
 //  - the readers (recentSync, entriesSync, verifyChainSync, inspectChain) only
@@ -25,6 +39,7 @@
 //  - recordSync and lastHash touch the head without the strand: call them
 //    only while no asynchronous call can run (start-up, tools, tests).
 
+#include <boost/asio/any_completion_handler.hpp>
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/strand.hpp>
@@ -112,15 +127,17 @@ class AuditStore {
   AuditStore& operator=(const AuditStore&) = delete;
 
   // Tells the store that the executor it was given is run by `thread` alone
-  // (a one-thread event loop). A record() awaited on that thread then writes
-  // its row at once, without the hop through the strand and back: every
-  // handler of the strand runs on that thread too, so none can be running
-  // meanwhile. Call before the first asynchronous call.
+  // (a one-thread event loop). A record() awaited on that thread then takes
+  // its place in the chain at once, without the hop through the strand:
+  // every handler of the strand runs on that thread too, so none can be
+  // running meanwhile. Call before the first asynchronous call.
   void serialisedByThread(std::thread::id thread) { owner_ = thread; }
 
-  // Appends one row and returns its hash. Never fails: when the insert does
-  // not reach the file the error is dropped and the head still moves to the
-  // new hash, so the hole shows in the chain from the next stored row on.
+  // Appends one row and returns its hash once the row is committed. Never
+  // fails: when the row does not reach the file (its insert or its group's
+  // commit failed) the error is dropped and the head still moves to the new
+  // hash, so the hole shows in the chain from the next stored row on; a new
+  // store on the same file (a restart) before that row closes it.
   boost::asio::awaitable<std::string> record(std::string caller, std::string tool,
                                              std::string origin, std::string outcome,
                                              double durationMs, std::string correlationId);
@@ -192,6 +209,38 @@ class AuditStore {
                                std::string_view outcome, std::string_view correlationId);
 
  private:
+  // A row whose hash is fixed and whose insert waits for the next commit.
+  struct QueuedRow {
+    // Moved, never copied nor assigned: a copy would wrap the handler in
+    // another, and so does Boost 1.81's move assignment of a handler.
+    QueuedRow() = default;
+    QueuedRow(QueuedRow&&) noexcept = default;
+    QueuedRow& operator=(QueuedRow&&) = delete;
+
+    std::vector<SQLiteDatabase::Value> params;
+    std::string hash;
+    std::optional<boost::asio::any_completion_handler<void(std::string)>> done;
+  };
+  // The rows waiting for a commit, shared with the commit posted to the
+  // strand (which may run after the store object is gone at shutdown).
+  struct Writer {
+    std::shared_ptr<SQLiteDatabase> db;
+    std::vector<QueuedRow> queued;
+    bool commitPosted = false;
+  };
+
+  // Moves the head to a new row of these texts and returns it, ready to
+  // insert. On the strand (or under the recordSync rule).
+  QueuedRow nextRow(const std::string& caller, const std::string& tool, const std::string& origin,
+                    const std::string& outcome, double durationMs,
+                    const std::string& correlationId);
+  // Queues a row for the next commit, posting one when none is pending. On
+  // the strand.
+  void enqueue(QueuedRow row);
+  // Writes every queued row (one transaction for more than one), then
+  // completes their records.
+  static void commitQueued(const std::shared_ptr<Writer>& writer);
+
   // Compares the head with the last seq SQLite issued for the table.
   void checkTail(ChainReport& report) const;
 
@@ -200,6 +249,7 @@ class AuditStore {
   Clock now_;
   std::string lastHash_;
   std::thread::id owner_;  // the one thread the strand's executor runs on, if known
+  std::shared_ptr<Writer> writer_;
 };
 
 }  // namespace tarskel
