@@ -119,7 +119,7 @@ void listDirectories(int root, const std::string& relative, const PlatformFiles&
   DIR* directory = ::fdopendir(opened);
   if (directory == nullptr) {
     const int error = errno;
-    ::close(opened);
+    const FileDescriptor unlisted(opened);  // closed on leaving
     fail(relative, error);
   }
   const std::unique_ptr<DIR, int (*)(DIR*)> closer(directory, ::closedir);
@@ -211,7 +211,7 @@ int removeEntry(int directory, const std::string& name, int depth) {
   DIR* listing = ::fdopendir(opened);
   if (listing == nullptr) {
     const int error = errno;
-    ::close(opened);
+    const FileDescriptor unlisted(opened);  // closed on leaving
     return error;
   }
   const std::unique_ptr<DIR, int (*)(DIR*)> closer(listing, ::closedir);

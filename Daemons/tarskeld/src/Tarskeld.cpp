@@ -100,7 +100,8 @@ class RootLock {
  private:
   static std::string ownerPid(const std::filesystem::path& pidPath) {
     char buffer[32] = {};
-    const FileDescriptor file(::open(pidPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const FileDescriptor file(
+        ::open(pidPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     ssize_t n = file ? ::read(file.get(), buffer, sizeof buffer - 1) : -1;
     std::string text(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
