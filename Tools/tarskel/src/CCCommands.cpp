@@ -286,6 +286,7 @@ void installCCCommands(CLI::App& app, ToolContext& ctx) {
       ->required()
       ->type_name("FILE");
   signCommand->add_option("--key", c->key, "key file of `tarskel vendor keygen`")
+      ->type_name("FILE")
       ->required()
       ->type_name("FILE");
   bind(signCommand, ctx, c, sign);
@@ -296,6 +297,7 @@ void installCCCommands(CLI::App& app, ToolContext& ctx) {
       ->required()
       ->type_name("FILE");
   verifyCommand->add_option("--allowlist", c->allowlist, "vendor allowlist file")
+      ->type_name("FILE")
       ->required()
       ->type_name("FILE");
   verifyCommand->add_option("--now", c->now, "judge the deadline at this time, not the clock's")

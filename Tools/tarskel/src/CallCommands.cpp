@@ -141,7 +141,7 @@ void installCallCommands(CLI::App& app, ToolContext& ctx) {
   auto call = std::make_shared<CallOptions>();
   CLI::App* callCommand = app.add_subcommand(
       "call", "Send one request to the daemon and print its response as one line of JSON");
-  callCommand->add_option("OP", call->op, "Operation name, e.g. daemon.info")->required();
+  addOperationPositional(callCommand, call->op, "Operation name, e.g. daemon.info")->required();
   callCommand->add_option(
       "--args", call->args,
       "Arguments as a JSON object (default {}); - reads standard input, @FILE a file");

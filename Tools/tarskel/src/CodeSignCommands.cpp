@@ -163,6 +163,7 @@ void installCodeSignCommands(CLI::App& app, ToolContext& ctx) {
   keygenCommand->add_option("--team", k->team, "The team the key signs for (its keyId)")
       ->required();
   keygenCommand->add_option("--out", k->out, "Key file to create (mode 0600; never overwritten)")
+      ->type_name("FILE")
       ->required();
   bind(keygenCommand, ctx, k, keygen);
 

@@ -45,6 +45,7 @@ void installAuditCommands(CLI::App& app, ToolContext& ctx);
 void installVendorCommands(CLI::App& app, ToolContext& ctx);
 void installCodeSignCommands(CLI::App& app, ToolContext& ctx);
 void installCallCommands(CLI::App& app, ToolContext& ctx);
+void installDescribeCommands(CLI::App& app, ToolContext& ctx);
 void installCCCommands(CLI::App& app, ToolContext& ctx);
 void installBusCommands(CLI::App& app, ToolContext& ctx);
 
@@ -82,6 +83,21 @@ T decodeJSONInput(std::string_view bytes, const std::string& name);
 // The failure for `error`: "NAME:LINE:COLUMN: reason" where the text broke
 // when the decoder says where, else "NAME: <text>".
 ToolFailure jsonInputFailure(const std::string& name, const DecodingError& error);
+
+// ---- Operations
+
+// The daemon's operation names, in its catalogue's order, known without a
+// daemon (DescribeCommands.cpp).
+std::vector<std::string> operationNames();
+
+// Adds the positional OP; its type name lists the operations, which the
+// completion scripts offer.
+template <class T>
+CLI::Option* addOperationPositional(CLI::App* command, T& target, const std::string& help) {
+  std::string names;
+  for (const std::string& name : operationNames()) names += (names.empty() ? "" : ",") + name;
+  return command->add_option("OP", target, help)->type_name("{" + names + "}");
+}
 
 // ---- Output
 

@@ -52,13 +52,15 @@ std::vector<std::string> optionWords(const Node& node) {
 }
 
 // What the value of `option` may be, for completion: its enumerated values
-// ("ok denied error"), "<dir>" for a state root, or "" for a file or free text.
+// ("ok denied error"), "<dir>" for a state root, "<file>" where the type
+// name says FILE, or "" for free text.
 std::string optionValues(const CLI::Option* option) {
   if (option->get_items_expected_min() == 0) return {};
   const std::vector<std::string>& names = option->get_lnames();
   if (std::find(names.begin(), names.end(), "root") != names.end()) return "<dir>";
   // CLI::IsMember describes itself as "{ok,denied,error}" in the type name.
   const std::string type = option->get_type_name();
+  if (type.find("FILE") != std::string::npos) return "<file>";
   const std::size_t open = type.find('{');
   const std::size_t close = type.find('}', open);
   if (open == std::string::npos || close == std::string::npos) return {};
@@ -69,10 +71,15 @@ std::string optionValues(const CLI::Option* option) {
 
 std::string quoted(const std::string& text);
 
-// The values of each option that has some, keyed by "<path> <option>".
+// The values of each option that has some, keyed by "<path> <option>", and
+// of a command's first positional, keyed by "<path> <arg>".
 std::string valueTable(const std::vector<Node>& nodes, const char* indent) {
   std::string out;
   for (const Node& node : nodes) {
+    const std::string first = node.positionals.empty() ? "" : optionValues(node.positionals[0]);
+    if (!first.empty())
+      out +=
+          std::string(indent) + quoted(node.path + " <arg>") + ") echo " + quoted(first) + " ;;\n";
     for (const CLI::Option* option : node.options) {
       const std::string values = optionValues(option);
       if (values.empty()) continue;
@@ -132,9 +139,14 @@ std::string bashScript(const std::vector<Node>& nodes) {
          "    done\n"
          "    subs=\"$(_tarskel_commands \"$path\")\"\n"
          "    vals=\"$(_tarskel_values \"$path ${COMP_WORDS[COMP_CWORD-1]}\")\"\n"
+         "    [[ -z \"$vals\" && \"$cur\" != -* && \"${COMP_WORDS[COMP_CWORD-1]}\" != -* ]] &&\n"
+         "        vals=\"$(_tarskel_values \"$path <arg>\")\"\n"
          "    if [[ \"$vals\" == \"<dir>\" ]]; then\n"
          "        compopt -o filenames 2>/dev/null\n"
          "        COMPREPLY=( $(compgen -d -- \"$cur\") )\n"
+         "    elif [[ \"$vals\" == \"<file>\" ]]; then\n"
+         "        compopt -o filenames 2>/dev/null\n"
+         "        COMPREPLY=( $(compgen -f -- \"$cur\") )\n"
          "    elif [[ -n \"$vals\" ]]; then\n"
          "        COMPREPLY=( $(compgen -W \"$vals\" -- \"$cur\") )\n"
          "    elif [[ \"$cur\" == -* ]]; then\n"
@@ -170,8 +182,12 @@ std::string zshScript(const std::vector<Node>& nodes) {
          "    done\n"
          "    subs=\"$(_tarskel_commands \"$at\")\"\n"
          "    vals=\"$(_tarskel_values \"$at ${words[CURRENT-1]}\")\"\n"
+         "    [[ -z \"$vals\" && \"$PREFIX\" != -* && \"${words[CURRENT-1]}\" != -* ]] &&\n"
+         "        vals=\"$(_tarskel_values \"$at <arg>\")\"\n"
          "    if [[ \"$vals\" == \"<dir>\" ]]; then\n"
          "        _files -/\n"
+         "    elif [[ \"$vals\" == \"<file>\" ]]; then\n"
+         "        _files\n"
          "    elif [[ -n \"$vals\" ]]; then\n"
          "        compadd -- ${=vals}\n"
          "    elif [[ \"$PREFIX\" == -* ]]; then\n"
@@ -213,6 +229,9 @@ std::string fishScript(const std::vector<Node>& nodes) {
       "complete -c tarskel -F -n 'not __tarskel_has_commands'\n";
   for (const Node& node : nodes) {
     const std::string condition = "-n " + quoted("__tarskel_at \"" + node.path + "\"");
+    const std::string first = node.positionals.empty() ? "" : optionValues(node.positionals[0]);
+    if (!first.empty() && first[0] != '<')
+      out += "complete -c tarskel " + condition + " -a " + quoted(first) + "\n";
     for (const CLI::Option* option : node.options) {
       std::string line = "complete -c tarskel " + condition;
       for (const std::string& s : option->get_snames()) line += " -s " + s;
@@ -220,6 +239,8 @@ std::string fishScript(const std::vector<Node>& nodes) {
       const std::string values = optionValues(option);
       if (values == "<dir>") {
         line += " -xa '(__fish_complete_directories)'";
+      } else if (values == "<file>") {
+        line += " -rF";
       } else if (!values.empty()) {
         line += " -xa " + quoted(values);
       } else if (option->get_items_expected_min() > 0) {

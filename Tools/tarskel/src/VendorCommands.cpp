@@ -451,6 +451,7 @@ void installVendorCommands(CLI::App& app, ToolContext& ctx) {
       vendor->add_subcommand("keygen", "Make a signing key; print its allowlist entry");
   keygenCommand->add_option("--key-id", k->keyId, "The key's name in allowlists")->required();
   keygenCommand->add_option("--out", k->out, "Key file to create (mode 0600; never overwritten)")
+      ->type_name("FILE")
       ->required();
   bind(keygenCommand, ctx, k, keygen);
 
@@ -476,9 +477,11 @@ void installVendorCommands(CLI::App& app, ToolContext& ctx) {
   auto s = std::make_shared<SealOptions>();
   CLI::App* sealCommand = vendor->add_subcommand("seal", "Hash and sign a tree into DIR/vendor");
   sealCommand->add_option("DIR", s->dir, "The tree's root")->required();
-  sealCommand->add_option("--key", s->key, "Private key file")->required();
+  sealCommand->add_option("--key", s->key, "Private key file")->type_name("FILE")->required();
   sealCommand->add_option("--artifact-id", s->artifactId, "Artifact identity")->required();
-  sealCommand->add_option("--type", s->type, "platform or service")->required();
+  sealCommand->add_option("--type", s->type, "platform or service")
+      ->check(CLI::IsMember({"platform", "service"}))
+      ->required();
   sealCommand
       ->add_option("--version", s->version,
                    "The artifact's version, e.g. 1.2.3 (not the program's: tarskel --version)")
@@ -497,6 +500,7 @@ void installVendorCommands(CLI::App& app, ToolContext& ctx) {
       vendor->add_subcommand("verify", "Prove a sealed tree; exit 1 naming the fault");
   verifyCommand->add_option("DIR", v->dir, "The tree's root")->required();
   verifyCommand->add_option("--allowlist", v->allowlist, "Allowlist file, or one public-key file")
+      ->type_name("FILE")
       ->required();
   verifyCommand->add_option("--installed-monotonic", v->installedMonotonic,
                             "Refuse older versions");
@@ -509,7 +513,9 @@ void installVendorCommands(CLI::App& app, ToolContext& ctx) {
       vendor->add_subcommand("rotate", "Sign a new allowlist with a current key");
   rotateCommand->add_option("--current", r->current, "Allowlist in force")->required();
   rotateCommand->add_option("--new", r->next, "Allowlist to replace it")->required();
-  rotateCommand->add_option("--key", r->key, "Private key file of a current key")->required();
+  rotateCommand->add_option("--key", r->key, "Private key file of a current key")
+      ->type_name("FILE")
+      ->required();
   addOutputOption(rotateCommand, r->output);
   addStrict(rotateCommand, r->strict);
   bind(rotateCommand, ctx, r, rotate);

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "ToolRunner.hpp"
+#include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/protocol/schema/SchemaNode.hpp"
 
 namespace tarskel::tool::testing {
 namespace {
@@ -31,6 +33,7 @@ TEST(ToolTest, UnknownWordsAreNamedWithTheNearestOne) {
     vendr keygen | 2 | unknown command 'vendr'; did you mean 'vendor'?
     vendor kegen | 2 | unknown command 'kegen' for 'tarskel vendor'; did you mean 'keygen'?
     xyzzy | 2 | unknown command 'xyzzy'\nCommands: json, schema
+    describe fs.readProtectedPth | 2 | unknown operation 'fs.readProtectedPth'; did you mean 'fs.readProtectedPath'?
     vendor | 2 | 'tarskel vendor' needs a command: keygen, pubkey
          | 2 | a command is required
     audit tail --outcom=ok | 2 | '--outcom' for 'tarskel audit tail'; did you mean '--outcome'?
@@ -64,12 +67,25 @@ TEST(ToolTest, GeneratedCompletionAndManualPageCoverEveryCommand) {
     tarskel json canonical --j | ''
     tarskel json canonical --he | --help
     tarskel audit tail --outcome d | denied
+    tarskel call daemon.g | daemon.grants.sync
   )")) {
     const ToolRun run = runShell("bash -c " + quote("source " + quote(docs / "tarskel.bash") +
                                                     "; COMP_WORDS=(" + row[0] +
                                                     "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
                                                     "_tarskel; printf %s \"${COMPREPLY[*]}\""));
     EXPECT_EQ(run.out, row[1] == "''" ? "" : row[1]) << row.line;
+  }
+}
+
+// Without a daemon: each operation's example passes the schema the daemon checks.
+TEST(ToolTest, DescribeGivesEachOperationAnExampleItsSchemaAccepts) {
+  const std::string all = runTool({"describe"}).out;
+  for (const char* op : {"daemon.info", "daemon.grants.sync", "fs.readProtectedPath",
+                         "platform.applyUpdate", "platform.uninstallMachine"}) {
+    const JSONObject d =
+        TarskelJSON::decoder().decode<JSONObject>(runTool({"describe", op, "--json"}).out);
+    const auto node = JSONCoding<SchemaNode>::decode(*d.find("argsSchema"), {});
+    EXPECT_TRUE(all.find(op) < all.size() && node.validate(*d.find("example"), "$").empty()) << op;
   }
 }
 

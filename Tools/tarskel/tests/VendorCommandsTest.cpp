@@ -76,7 +76,7 @@ TEST_F(VendorCommandsTest, SealRefusesUnusableValuesAndTrees) {
     vendor seal $DIR/tree --key $DIR/k1.json --artifact-id a --type platform --version 1.0.0 --monotonic 1 --expires 2001-01-01T00:00:00Z | 2 | --expires is not in the future
     vendor seal $DIR/tree --key $DIR/k1.json --artifact-id a --type platform --version banana --monotonic 1 --expires 2099-01-01T00:00:00Z | 2 | --version takes a version
     vendor seal $DIR/tree --key $DIR/k1.json --artifact-id '' --type platform --version 1.0.0 --monotonic 1 --expires 2099-01-01T00:00:00Z | 2 | --artifact-id is empty
-    vendor seal $DIR/tree --key $DIR/k1.json --artifact-id a --type app --version 1.0.0 --monotonic 1 --expires 2099-01-01T00:00:00Z | 2 | --type takes platform or service: app
+    vendor seal $DIR/tree --key $DIR/k1.json --artifact-id a --type app --version 1.0.0 --monotonic 1 --expires 2099-01-01T00:00:00Z | 2 | --type: app not in {platform,service}
     vendor seal $DIR/tree --key $DIR/k1.json --artifact-id a --type platform --version 1.0.0 --monotonic 1 --expires 2099-01-01T00:00:00Z --metadata novalue | 2 | --metadata takes KEY=VALUE: novalue
     vendor seal $DIR/none --key $DIR/k1.json --artifact-id a --type platform --version 1.0.0 --monotonic 1 --expires 2099-01-01T00:00:00Z | 2 | $DIR/none: No such file or directory
   )",
