@@ -2,6 +2,7 @@
 
 #include <xpc/xpc.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <string>
 
@@ -34,6 +35,9 @@ std::string printable(xpc_object_t object) {
 
 struct DaemonXPCClient::Connection {
   xpc_connection_t connection;
+  // Set by close(): a send on a cancelled connection is a misuse XPC may
+  // crash on, so later calls fail before they get there.
+  std::atomic<bool> cancelled{false};
 };
 
 DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName) {
@@ -43,17 +47,23 @@ DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName) {
   xpc_connection_set_event_handler(connection, ^(xpc_object_t){
                                    });
   xpc_connection_resume(connection);
-  connection_ = std::make_unique<Connection>(Connection{connection});
+  connection_ = std::make_unique<Connection>();
+  connection_->connection = connection;
 }
 
-// Releases our reference without cancelling: calls of other holders go on.
-DaemonXPCClient::~DaemonXPCClient() { xpc_release(connection_->connection); }
+// A resumed connection lives on in the runtime, handler and all, until it is
+// cancelled: releasing our reference alone would leave it there.
+DaemonXPCClient::~DaemonXPCClient() {
+  close();
+  xpc_release(connection_->connection);
+}
 
 DaemonResponse DaemonXPCClient::request(const DaemonRequest& request) {
   const std::string bytes = TarskelJSON::encoder().encode(request);
   const std::string requestKey(DaemonWire::requestKey);
   const std::string responseKey(DaemonWire::responseKey);
 
+  if (connection_->cancelled) throw DaemonClientError::transport("conexión cancelada");
   XPCReference message(xpc_dictionary_create(nullptr, nullptr, 0));
   xpc_dictionary_set_data(message.object, requestKey.c_str(), bytes.data(), bytes.size());
   XPCReference reply(
@@ -76,6 +86,8 @@ DaemonResponse DaemonXPCClient::request(const DaemonRequest& request) {
   return TarskelJSON::decoder().decode<DaemonResponse>(response);
 }
 
-void DaemonXPCClient::close() { xpc_connection_cancel(connection_->connection); }
+void DaemonXPCClient::close() {
+  if (!connection_->cancelled.exchange(true)) xpc_connection_cancel(connection_->connection);
+}
 
 }  // namespace tarskel
