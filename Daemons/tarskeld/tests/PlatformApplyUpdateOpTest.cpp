@@ -18,6 +18,9 @@
 #include "tarskel/testing/Errors.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/Ed25519.hpp"
+#ifdef TARSKEL_DARWIN_SIM
+#include "tarskel/darwinsim/DarwinSim.hpp"
+#endif
 
 namespace tarskel {
 namespace {
@@ -130,6 +133,9 @@ TEST_F(PlatformUpdateTest, SwapInstallsAResetCopyAndKeepsTheOldOne) {
   const fs::path binary = staged / "Tarskel.app/Contents/MacOS/tarskel";
   ::chmod(binary.c_str(), 06777);
   ::chmod((staged / "Tarskel.app/Contents").c_str(), 0777);
+#ifdef TARSKEL_DARWIN_SIM
+  darwinsim::takeAccessControlWrites();
+#endif
 
   EXPECT_EQ(run(swapArgs(staged)), JSONValue(JSONObject{{"swapped", true}, {"to", "2.0.0"}}));
   EXPECT_EQ(versionAt(installed), "2.0.0");
@@ -145,6 +151,11 @@ TEST_F(PlatformUpdateTest, SwapInstallsAResetCopyAndKeepsTheOldOne) {
   }
   EXPECT_EQ(ownerOf(installed), 0u);
   EXPECT_EQ(entriesBesideInstalled(), 1u) << "nothing but the bundle is left beside it";
+#ifdef TARSKEL_DARWIN_SIM
+  // The extended ACL of the copy and of everything in it was replaced.
+  const auto entries = std::distance(fs::recursive_directory_iterator(installed), {});
+  EXPECT_EQ(darwinsim::takeAccessControlWrites().size(), static_cast<std::size_t>(entries) + 1);
+#endif
 }
 
 // A daemon that is not root skips the owner change and still swaps; a
