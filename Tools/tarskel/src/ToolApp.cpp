@@ -16,9 +16,9 @@ namespace {
 // Every command of the tool, in the order --help lists them. A new command
 // file adds its installer here, and nowhere else.
 constexpr CommandInstaller kCommands[] = {
-    installJsonCommands,     installSchemaCommands, installSemverCommands,
-    installManifestCommands, installAuditCommands,  installVendorCommands,
-    installCodeSignCommands, installCallCommands,     installCCCommands,     installBusCommands,
+    installJsonCommands,  installSchemaCommands, installSemverCommands,   installManifestCommands,
+    installAuditCommands, installVendorCommands, installCodeSignCommands, installCallCommands,
+    installCCCommands,    installBusCommands,
 };
 
 std::vector<CLI::App*> subcommandsOf(const CLI::App& node) {

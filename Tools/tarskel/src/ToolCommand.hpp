@@ -21,8 +21,8 @@
 #include <string_view>
 #include <vector>
 
-#include "tarskel/protocol/base/NearestWord.hpp"
 #include "tarskel/protocol/base/ExitStatus.hpp"
+#include "tarskel/protocol/base/NearestWord.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::tool {
