@@ -1,7 +1,7 @@
 # The two commands people need: `make run` and `make test`. The rest is for CI
 # and for developers.
 .PHONY: all deps build test test-sanitize test-tsan bench fuzz run clean darwin-check lint \
-        format-check format check-install package
+        format-check format check-install package darwin-sim
 
 # CI (CI=true in the environment) builds with warnings as errors.
 PRESET ?= $(if $(filter true,$(CI)),ci,default)
@@ -56,6 +56,12 @@ check-install: deps
 # against the declarations in cmake/darwin-sdk/.
 darwin-check: deps
 	scripts/darwin-check
+
+# The Darwin adapters built for the host against a strict simulator of Apple's
+# interfaces, the suites run through them under ASan+UBSan, and the share of
+# their lines that ran (docs/darwin-sim.md).
+darwin-sim: deps
+	scripts/darwin-sim
 
 # Starts tarskeld in the foreground with its state under ./.state; from another
 # terminal: build/default/Tools/tarskel/tarskel call daemon.info --mach-service ./.state/tarskeld.sock

@@ -19,12 +19,17 @@ endif()
 function(tarskel_library)
   cmake_parse_arguments(ARG "" "NAME" "SOURCES;LINUX_SOURCES;DARWIN_SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
   set(_srcs ${ARG_SOURCES})
-  if(APPLE)
+  if(APPLE OR TARSKEL_DARWIN_SIM)
     list(APPEND _srcs ${ARG_DARWIN_SOURCES})
   else()
     list(APPEND _srcs ${ARG_LINUX_SOURCES})
   endif()
   add_library(${ARG_NAME} STATIC ${_srcs})
+  if(TARSKEL_DARWIN_SIM AND ARG_DARWIN_SOURCES)
+    # The Darwin adapters on the host, against the simulator, with their lines counted.
+    target_link_libraries(${ARG_NAME} PRIVATE TarskelDarwinSim)
+    set_source_files_properties(${ARG_DARWIN_SOURCES} PROPERTIES COMPILE_OPTIONS --coverage)
+  endif()
   add_library(Tarskel::${ARG_NAME} ALIAS ${ARG_NAME})
   target_include_directories(${ARG_NAME} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
                                                 $<INSTALL_INTERFACE:include>
@@ -48,23 +53,40 @@ function(tarskel_executable)
   endif()
 endfunction()
 
-# tarskel_test(NAME <binary> SOURCES <files>... [DEPS <targets>...]
+# tarskel_test(NAME <binary> SOURCES <files>... [LINUX_SOURCES <files>...]
+#              [DARWIN_SOURCES <files>...] [DEPS <targets>...]
 #              [DEFINITIONS <name=value>...] [NEEDS <targets>...] [INCLUDES <dirs>...]
-#              [TIMEOUT <seconds>])
+#              [TIMEOUT <seconds>] [ENVIRONMENT <name=value>])
 # One GoogleTest binary per package (and one for the end-to-end tests),
 # registered with ctest; tests/ beside the CMakeLists is on its include path.
+# Platform sources are picked as tarskel_library picks them; ENVIRONMENT is
+# one more variable its tests run with.
 function(tarskel_test)
   if(NOT TARSKEL_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;DEPS;DEFINITIONS;NEEDS;INCLUDES" ${ARGN})
+  cmake_parse_arguments(ARG "" "NAME;TIMEOUT;ENVIRONMENT"
+                        "SOURCES;LINUX_SOURCES;DARWIN_SOURCES;DEPS;DEFINITIONS;NEEDS;INCLUDES" ${ARGN})
+  if(APPLE OR TARSKEL_DARWIN_SIM)
+    list(APPEND ARG_SOURCES ${ARG_DARWIN_SOURCES})
+  else()
+    list(APPEND ARG_SOURCES ${ARG_LINUX_SOURCES})
+  endif()
   set(_properties ENVIRONMENT "TARSKEL_BUILD_DIR=${CMAKE_BINARY_DIR}")
   if(ARG_TIMEOUT)
     list(APPEND _properties TIMEOUT ${ARG_TIMEOUT})
   endif()
+  if(ARG_ENVIRONMENT)
+    string(REGEX REPLACE "^([^=]*)=" "\\1=set:" _set "${ARG_ENVIRONMENT}")
+    list(APPEND _properties ENVIRONMENT_MODIFICATION "${_set}")
+  endif()
   tarskel_executable(NAME ${ARG_NAME} SOURCES ${ARG_SOURCES}
                      DEPS ${ARG_DEPS} TarskelTestSupport GTest::gtest_main GTest::gmock
                      DEFINITIONS ${ARG_DEFINITIONS} NEEDS ${ARG_NEEDS})
+  if(TARSKEL_DARWIN_SIM)
+    # A test that leaves a simulated object alive fails.
+    target_link_libraries(${ARG_NAME} PRIVATE TarskelDarwinSimLeakCheck)
+  endif()
   target_include_directories(${ARG_NAME} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests ${ARG_INCLUDES})
   include(GoogleTest)
   gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60 PROPERTIES ${_properties})

@@ -116,12 +116,10 @@ void listDirectories(int root, const std::string& relative, const PlatformFiles&
   const int opened =
       relative.empty() ? ::dup(root) : platform.openBeneath(root, relative, O_RDONLY | O_DIRECTORY);
   if (opened < 0) fail(relative, relative.empty() ? errno : -opened);
+  FileDescriptor owned(opened);
   DIR* directory = ::fdopendir(opened);
-  if (directory == nullptr) {
-    const int error = errno;
-    const FileDescriptor unlisted(opened);  // closed on leaving
-    fail(relative, error);
-  }
+  if (directory == nullptr) fail(relative, errno);
+  owned.release();  // the listing's now
   const std::unique_ptr<DIR, int (*)(DIR*)> closer(directory, ::closedir);
   const std::string prefix = relative.empty() ? "" : relative + "/";
   for (;;) {
@@ -149,7 +147,8 @@ void copyDirectories(int sourceRoot, int destinationRoot, const PlatformFiles& p
   std::vector<std::string> directories;
   listDirectories(sourceRoot, "", platform, directories);
   for (std::size_t next = 0; next < directories.size(); ++next) {
-    listDirectories(sourceRoot, directories[next], platform, directories);
+    // A copy of the name: the list it comes from grows, and may move, meanwhile.
+    listDirectories(sourceRoot, std::string(directories[next]), platform, directories);
     makeDirectories(destinationRoot, directories[next]);
   }
   for (const std::string& relative : directories) {
@@ -208,12 +207,10 @@ int removeEntry(int directory, const std::string& name, int depth) {
     if (errno != ENOTDIR && errno != ELOOP) return errno;
     return ::unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
   }
+  FileDescriptor owned(opened);
   DIR* listing = ::fdopendir(opened);
-  if (listing == nullptr) {
-    const int error = errno;
-    const FileDescriptor unlisted(opened);  // closed on leaving
-    return error;
-  }
+  if (listing == nullptr) return errno;
+  owned.release();  // the listing's now
   const std::unique_ptr<DIR, int (*)(DIR*)> closer(listing, ::closedir);
   if (depth >= kMaxRemovalDepth) return ELOOP;
   // Names first: entries removed while the listing is read may shift it.

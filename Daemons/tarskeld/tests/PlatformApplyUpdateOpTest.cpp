@@ -19,6 +19,9 @@
 #include "tarskel/testing/Errors.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
 #include "tarskel/vendor/Ed25519.hpp"
+#ifdef TARSKEL_DARWIN_SIM
+#include "tarskel/darwinsim/DarwinSim.hpp"
+#endif
 
 namespace tarskel {
 namespace {
@@ -145,6 +148,9 @@ TEST_F(PlatformUpdateTest, SwapInstallsTheStagedBundleAsRootsOwn) {
     ASSERT_EQ(::setxattr((app / m.path).c_str(), "trusted.grant", "t", 1, 0), 0);
     ASSERT_EQ(::utimensat(AT_FDCWD, (app / m.path).c_str(), times, 0), 0);
   }
+#ifdef TARSKEL_DARWIN_SIM
+  darwinsim::takeAccessControlWrites();
+#endif
 
   EXPECT_EQ(run(swapArgs(staged, "Tarskel.app/")),
             JSONValue(JSONObject{{"swapped", true}, {"to", "2.0.0"}}));
@@ -165,6 +171,11 @@ TEST_F(PlatformUpdateTest, SwapInstallsTheStagedBundleAsRootsOwn) {
               1'000'000'000'000'005'000);
   }
   EXPECT_EQ(entriesBesideInstalled(), 1u) << "nothing but the bundle is left beside it";
+#ifdef TARSKEL_DARWIN_SIM
+  // The extended ACL of the copy and of everything in it was replaced.
+  const auto entries = std::distance(fs::recursive_directory_iterator(installed), {});
+  EXPECT_EQ(darwinsim::takeAccessControlWrites().size(), static_cast<std::size_t>(entries) + 1);
+#endif
 }
 
 // A daemon that is not root skips the owner change and still swaps; a

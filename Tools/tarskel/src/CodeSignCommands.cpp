@@ -97,6 +97,26 @@ bool isProcessId(const std::string& text) {
          std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c); });
 }
 
+// The executable and what the Linux seal says of it; the Darwin adapters
+// (on a Mac, or built against the simulator) know neither.
+void sealedFacts([[maybe_unused]] const CodeObject& code,
+                 [[maybe_unused]] const CodeSignPlatform& platform,
+                 [[maybe_unused]] JSONObject& facts, [[maybe_unused]] std::string& text) {
+#if !defined(__APPLE__) && !defined(TARSKEL_DARWIN_SIM)
+  const std::string executable = LinuxCodeSignPlatform::executablePath(code);
+  facts.set("executable", JSONValue(executable));
+  text += "executable: " + executable + "\n";
+  const auto* linuxPlatform = dynamic_cast<const LinuxCodeSignPlatform*>(&platform);
+  if (auto sealed = linuxPlatform ? linuxPlatform->sealedIdentity(code) : std::nullopt) {
+    facts.set("tree", JSONValue(sealed->treeRoot));
+    facts.set("identifier", JSONValue(sealed->identifier));
+    facts.set("team", JSONValue(sealed->team));
+    text += fmt::format("tree: {}\nidentifier: {}\nteam: {}\n", sealed->treeRoot,
+                        sealed->identifier, sealed->team);
+  }
+#endif
+}
+
 int check(const CheckOptions& o) {
   const std::shared_ptr<const CodeSignPlatform> platform =
       CodeSignPlatform::systemAnchoredAt(o.root, fileLogger());
@@ -116,17 +136,7 @@ int check(const CheckOptions& o) {
   } else {
     verdict = CodeSignVerifier::judge(
         *code.code, label, teams ? teams->teamIds : std::vector<std::string>{}, *platform);
-    const std::string executable = LinuxCodeSignPlatform::executablePath(*code.code);
-    facts.set("executable", JSONValue(executable));
-    text += "executable: " + executable + "\n";
-    const auto* linuxPlatform = dynamic_cast<const LinuxCodeSignPlatform*>(platform.get());
-    if (auto sealed = linuxPlatform ? linuxPlatform->sealedIdentity(*code.code) : std::nullopt) {
-      facts.set("tree", JSONValue(sealed->treeRoot));
-      facts.set("identifier", JSONValue(sealed->identifier));
-      facts.set("team", JSONValue(sealed->team));
-      text += fmt::format("tree: {}\nidentifier: {}\nteam: {}\n", sealed->treeRoot,
-                          sealed->identifier, sealed->team);
-    }
+    sealedFacts(*code.code, *platform, facts, text);
   }
   std::string outcome;
   bool refused = false;

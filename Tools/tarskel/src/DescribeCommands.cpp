@@ -86,8 +86,8 @@ int runDescribe(const DescribeOptions& options) {
     JSONValue::Array list;
     for (const std::string& name : operationNames()) {
       out += fmt::format("{:<27}{}\n", name, summaryOf(name));
-      list.push_back(JSONValue(JSONObject{{"op", JSONValue(name)},
-                                          {"summary", JSONValue(summaryOf(name))}}));
+      list.push_back(
+          JSONValue(JSONObject{{"op", JSONValue(name)}, {"summary", JSONValue(summaryOf(name))}}));
     }
     writeOutput(options.json ? jsonLine(JSONValue(list)) : out);
     return kExitSuccess;
@@ -105,9 +105,8 @@ int runDescribe(const DescribeOptions& options) {
   }
   writeOutput(fmt::format(
       "{} - {}\nArguments (schema):\n{}\nExample:\n  tarskel call {} --args '{}'\n", op.name(),
-      summaryOf(op.name()),
-      jsonForPeople(TarskelJSON::canonicalEncoder().encode(schema), true), op.name(),
-      jsonForPeople(args, false)));
+      summaryOf(op.name()), jsonForPeople(TarskelJSON::canonicalEncoder().encode(schema), true),
+      op.name(), jsonForPeople(args, false)));
   return kExitSuccess;
 }
 
@@ -125,7 +124,8 @@ void installDescribeCommands(CLI::App& app, ToolContext& ctx) {
       "describe", "List the daemon's operations, or show one's argument schema and an example");
   addOperationPositional(command, describe->op, "Operation name (default: list them all)");
   addJSONFlag(command, describe->json);
-  command->callback([&ctx, describe] { ctx.action = [describe] { return runDescribe(*describe); }; });
+  command->callback(
+      [&ctx, describe] { ctx.action = [describe] { return runDescribe(*describe); }; });
 }
 
 }  // namespace tarskel::tool

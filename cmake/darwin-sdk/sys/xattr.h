@@ -13,6 +13,16 @@
 #define ENOATTR 93
 #endif
 
+// Built for the host against the simulator (testing/darwin-sim/), the host's
+// calls of these names, which take other arguments, stay declared as they
+// are, and Darwin's go by other names.
+#ifdef TARSKEL_DARWIN_SIM
+#include_next <sys/xattr.h>
+#define flistxattr darwinsim_flistxattr
+#define fgetxattr darwinsim_fgetxattr
+#define fsetxattr darwinsim_fsetxattr
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif

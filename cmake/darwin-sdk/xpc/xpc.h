@@ -24,6 +24,11 @@ extern const struct _xpc_type_s _xpc_type_data;
 #define XPC_TYPE_DICTIONARY (&_xpc_type_dictionary)
 #define XPC_TYPE_DATA (&_xpc_type_data)
 
+// The final event of a connection: it was cancelled, or (a listener's peer)
+// its client went. A constant of the runtime; retain and release do nothing.
+extern const struct _xpc_dictionary_s _xpc_error_connection_invalid;
+#define XPC_ERROR_CONNECTION_INVALID ((xpc_object_t)&_xpc_error_connection_invalid)
+
 // xpc_connection_create_mach_service flag: listen on the service.
 #define XPC_CONNECTION_MACH_SERVICE_LISTENER (1 << 0)
 

@@ -2,6 +2,7 @@
 
 #include <xpc/xpc.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdlib>
 #include <memory>
@@ -64,6 +65,9 @@ xpc_object_t replyWithin(xpc_connection_t connection, xpc_object_t message,
 
 struct DaemonXPCClient::Connection {
   xpc_connection_t connection;
+  // Set by close(): a send on a cancelled connection is a misuse XPC may
+  // crash on, so later calls fail before they get there.
+  std::atomic<bool> cancelled{false};
 };
 
 DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName) {
@@ -73,11 +77,16 @@ DaemonXPCClient::DaemonXPCClient(std::string_view machServiceName) {
   xpc_connection_set_event_handler(connection, ^(xpc_object_t){
                                    });
   xpc_connection_resume(connection);
-  connection_ = std::make_unique<Connection>(Connection{connection});
+  connection_ = std::make_unique<Connection>();
+  connection_->connection = connection;
 }
 
-// Releases our reference without cancelling: calls of other holders go on.
-DaemonXPCClient::~DaemonXPCClient() { xpc_release(connection_->connection); }
+// A resumed connection lives on in the runtime, handler and all, until it is
+// cancelled: releasing our reference alone would leave it there.
+DaemonXPCClient::~DaemonXPCClient() {
+  close();
+  xpc_release(connection_->connection);
+}
 
 DaemonResponse DaemonXPCClient::request(const DaemonRequest& request,
                                         std::optional<std::chrono::milliseconds> timeout) {
@@ -85,6 +94,7 @@ DaemonResponse DaemonXPCClient::request(const DaemonRequest& request,
   const std::string requestKey(DaemonWire::requestKey);
   const std::string responseKey(DaemonWire::responseKey);
 
+  if (connection_->cancelled) throw DaemonClientError::transport("conexión cancelada");
   XPCReference message(xpc_dictionary_create(nullptr, nullptr, 0));
   xpc_dictionary_set_data(message.object, requestKey.c_str(), bytes.data(), bytes.size());
   XPCReference reply(timeout ? replyWithin(connection_->connection, message.object, *timeout)
@@ -109,6 +119,8 @@ DaemonResponse DaemonXPCClient::request(const DaemonRequest& request,
   return TarskelJSON::decoder().decode<DaemonResponse>(response);
 }
 
-void DaemonXPCClient::close() { xpc_connection_cancel(connection_->connection); }
+void DaemonXPCClient::close() {
+  if (!connection_->cancelled.exchange(true)) xpc_connection_cancel(connection_->connection);
+}
 
 }  // namespace tarskel
