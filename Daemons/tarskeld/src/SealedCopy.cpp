@@ -42,13 +42,14 @@ FileDescriptor makeDirectories(int root, const std::string& relative) {
   return current;
 }
 
-void copyBytes(int from, int to, const std::string& path) {
+void copyBytes(int from, int to, const std::string& path, WorkBudget* budget) {
   std::array<char, 128 * 1024> buffer;
   for (;;) {
     ssize_t n = ::read(from, buffer.data(), buffer.size());
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) fail(path, errno);
     if (n == 0) return;
+    if (budget != nullptr) budget->chargeBytes(static_cast<std::uint64_t>(n));
     for (ssize_t written = 0; written < n;) {
       ssize_t m = ::write(to, buffer.data() + written, static_cast<std::size_t>(n - written));
       if (m < 0 && errno == EINTR) continue;
@@ -59,7 +60,8 @@ void copyBytes(int from, int to, const std::string& path) {
 }
 
 void copyOne(int sourceRoot, int destinationRoot, const std::string& relative,
-             const PlatformFiles& platform) {
+             const PlatformFiles& platform, WorkBudget* budget) {
+  if (budget != nullptr) budget->chargeFile();
   // A path of plain names only; the manifest has been verified, but its
   // paths still come from outside.
   if (relative.empty() || relative.front() == '/' || relative.find('\0') != std::string::npos) {
@@ -82,7 +84,7 @@ void copyOne(int sourceRoot, int destinationRoot, const std::string& relative,
     FileDescriptor target(::openat(directory.get(), name.c_str(),
                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!target) fail(relative, errno);
-    copyBytes(source.get(), target.get(), relative);
+    copyBytes(source.get(), target.get(), relative, budget);
   }
   const mode_t mode = (info.st_mode & 0111) != 0 ? 0755 : 0644;
   if (::fchmodat(directory.get(), name.c_str(), mode, 0) != 0) fail(relative, errno);
@@ -91,7 +93,8 @@ void copyOne(int sourceRoot, int destinationRoot, const std::string& relative,
 }  // namespace
 
 void copySealedFiles(const fs::path& stagedRoot, const HashManifest& manifest,
-                     const fs::path& destination, const PlatformFiles& platform) {
+                     const fs::path& destination, const PlatformFiles& platform,
+                     WorkBudget* budget) {
   // The staged root itself is named by the caller and may be reached through
   // links, as any path argument; from its descriptor down nothing is.
   const FileDescriptor source(::open(stagedRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -102,7 +105,7 @@ void copySealedFiles(const fs::path& stagedRoot, const HashManifest& manifest,
 
   std::set<std::string> paths{"vendor/manifest.json", "vendor/manifest.sig"};
   for (const HashManifest::FileEntry& entry : manifest.files) paths.insert(entry.path);
-  for (const std::string& path : paths) copyOne(source.get(), target.get(), path, platform);
+  for (const std::string& path : paths) copyOne(source.get(), target.get(), path, platform, budget);
 }
 
 void finishCopy(const fs::path& at, const PlatformFiles& platform) {

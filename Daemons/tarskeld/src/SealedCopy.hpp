@@ -17,6 +17,7 @@
 
 #include "tarskel/daemon/PlatformFiles.hpp"
 #include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/protocol/base/WorkBudget.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 
 namespace tarskel {
@@ -32,9 +33,12 @@ class SealedCopyError : public Error {
 // `destination`, by reflink clone where the file system has one. Each file
 // gets mode 0755 when any execute bit was set on the source, else 0644;
 // directories stay 0700 until finishCopy. Throws SealedCopyError; what was
-// copied stays for the caller to remove.
+// copied stays for the caller to remove. With a `budget`, each file and each
+// byte copied through memory is charged to it; its WorkAbandoned goes out as
+// it is.
 void copySealedFiles(const std::filesystem::path& stagedRoot, const HashManifest& manifest,
-                     const std::filesystem::path& destination, const PlatformFiles& platform);
+                     const std::filesystem::path& destination, const PlatformFiles& platform,
+                     WorkBudget* budget = nullptr);
 
 // Resets the tree at `at` for installation: directories 0755, files without
 // group or other write and without set-id bits, no ACL entries. Every entry

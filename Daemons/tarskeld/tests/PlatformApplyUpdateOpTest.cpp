@@ -191,17 +191,6 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
        unprovisioned},
       {"allowlist that does not decode, not unprovisioned",
        [&](auto&) { testing::writeFile(allowlistPath(), R"({"revision":1})"); }, undecodable},
-      {"sealed by an unknown key",
-       [&](auto&) {
-         key = Ed25519KeyPair("other");
-         provision();
-       },
-       SealError::verification({VendorVerificationError::unknownKey("vendor-test")}).description()},
-      {"tampered file",
-       [](auto& staged) {
-         testing::writeFile(staged / "Tarskel.app/Contents/MacOS/tarskel", "binary evil");
-       },
-       SealError::hashMismatch("Tarskel.app/Contents/MacOS/tarskel").description()},
       {"expired seal", restage(ArtifactType::platform, -10), "manifest vencido: expiró ",
        "Tarskel.app", false},
       {"service artefact", restage(ArtifactType::service, 3600),

@@ -176,6 +176,8 @@ const char* sealKindName(SealError::Kind kind) {
       return "notRegularFile";
     case SealError::Kind::verification:
       return "verification";
+    case SealError::Kind::tooLarge:
+      return "tooLarge";
   }
   return "?";
 }
