@@ -1,7 +1,7 @@
 # The two commands people need: `make run` and `make test`. The rest is for CI
 # and for developers.
 .PHONY: all deps build test test-sanitize test-tsan bench fuzz run clean darwin-check lint \
-        format-check format check-install
+        format-check format check-install package
 
 # CI (CI=true in the environment) builds with warnings as errors.
 PRESET ?= $(if $(filter true,$(CI)),ci,default)
@@ -43,6 +43,10 @@ format-check: deps
 	scripts/format-check
 format: deps
 	scripts/format-check --fix
+
+# The Debian package of the daemon and the tool: build/$(PRESET)/tarskel_*.deb.
+package: build
+	cd build/$(PRESET) && cpack -G DEB
 
 # The installed libraries, found and linked by an outside project.
 check-install: deps

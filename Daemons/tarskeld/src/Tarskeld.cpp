@@ -17,6 +17,7 @@
 #include "tarskel/daemon/TarskeldDeps.hpp"
 #include "tarskel/protocol/base/Error.hpp"
 #include "tarskel/protocol/base/Logger.hpp"
+#include "tarskel/protocol/base/NearestWord.hpp"
 
 namespace tarskel {
 namespace {
@@ -33,6 +34,23 @@ constexpr std::string_view kExitStatusHelp =
 // An empty value would put the state, or the socket, in the current directory.
 std::string nonEmpty(const std::string& value) {
   return value.empty() ? std::string("must not be empty") : std::string();
+}
+
+// "unknown option '--rot'; did you mean '--root'?" for the first word the
+// parser left over that looks like an option, or "" when there is none.
+std::string unknownOptionText(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  }
+  for (const std::string& word : app.remaining()) {
+    if (word.size() < 2 || word[0] != '-') continue;
+    const std::string name = word.substr(0, word.find('='));
+    const std::string nearest = nearestWord(name, names);
+    return "unknown option '" + name + "'" +
+           (nearest.empty() ? std::string() : "; did you mean '" + nearest + "'?");
+  }
+  return {};
 }
 
 std::optional<std::string> homeOf(std::string_view user) {
@@ -156,6 +174,10 @@ int Tarskeld::main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
+    if (const std::string unknown = unknownOptionText(app); !unknown.empty()) {
+      std::cerr << commandName << ": " << unknown << "\nRun with --help for more information.\n";
+      return kExitUsage;
+    }
     const int status = app.exit(e);
     return status == 0 ? 0 : kExitUsage;
   }

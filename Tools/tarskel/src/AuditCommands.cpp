@@ -16,10 +16,13 @@
 #include <array>
 #include <boost/asio/io_context.hpp>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,10 +41,10 @@ struct AuditSource {
   std::string root;
   std::string db;
 
+  // Without either, the installed daemon's database.
   std::string path() const {
     if (!db.empty()) return db;
-    if (!root.empty()) return root + "/daemon/audit.db";
-    throw ToolFailure(kExitUsage, "give --root or --db");
+    return (root.empty() ? std::string(TARSKEL_STATE_ROOT) : root) + "/daemon/audit.db";
   }
 };
 
@@ -186,14 +189,36 @@ struct Listing {
   std::string op, outcome, since, until;
   std::string correlation;  // show only
   std::int64_t from = 1;    // export and verify
+  bool reverse = false;     // tail only: newest first
+  std::string expectHead;   // verify only: SEQ:HASH
 };
+
+// "now", "today" and "yesterday" (from midnight UTC), or "-<n><unit>" back
+// from now, the unit s, m, h, d or w.
+std::optional<Date> parseRelativeTime(const std::string& text, Date now) {
+  constexpr double kDay = 86400;
+  const double midnight = std::floor(now.unixTime() / kDay) * kDay;
+  if (text == "now") return now;
+  if (text == "today") return Date::fromUnixTime(midnight);
+  if (text == "yesterday") return Date::fromUnixTime(midnight - kDay);
+  static const std::map<char, double> kUnits{
+      {'s', 1}, {'m', 60}, {'h', 3600}, {'d', kDay}, {'w', 7 * kDay}};
+  if (text.size() < 3 || text.front() != '-' || !kUnits.contains(text.back())) return std::nullopt;
+  std::int64_t count = 0;
+  const char* last = text.data() + text.size() - 1;
+  auto [end, error] = std::from_chars(text.data() + 1, last, count);
+  if (error != std::errc() || end != last || count < 0) return std::nullopt;
+  return Date{now.secondsSinceReferenceDate - static_cast<double>(count) * kUnits.at(text.back())};
+}
 
 std::optional<Date> parseTime(const std::string& option, const std::string& text) {
   if (text.empty()) return std::nullopt;
   if (auto d = parseISO8601(text)) return d;
   if (auto d = parseISO8601(text + "T00:00:00Z")) return d;
+  if (auto d = parseRelativeTime(text, Date::now())) return d;
   throw ToolFailure(kExitUsage, option + ": not a time: " + text +
-                                    " (write 2025-11-15T19:08:04Z, in UTC, or 2025-11-15)");
+                                    " (write 2025-11-15T19:08:04Z, in UTC, 2025-11-15, -1h, "
+                                    "-30m, -2d, today or yesterday)");
 }
 
 AuditStore::Filter filterOf(const Listing& l) {
@@ -232,12 +257,14 @@ int list(const Listing& l, bool tail) {
     } else if (!tail) {
       filter.afterSeq = std::max<std::int64_t>(l.from, 1) - 1;
     }
+    std::vector<Entry> newestFirst;  // -r: held until the last row is read
     auto print = [&](const Entry& e) {
-      printer.add(e);
+      l.reverse ? newestFirst.insert(newestFirst.begin(), e) : printer.add(e);
       filter.afterSeq = e.seq;
       return true;
     };
     audit.store->forEachEntry(filter, print);
+    for (const Entry& e : newestFirst) printer.add(e);
     printer.flush();
     while (l.follow) {
       std::this_thread::sleep_for(std::chrono::milliseconds(250));
@@ -294,9 +321,11 @@ std::string verdictText(const AuditStore::ChainReport& r, std::int64_t from) {
   return fmt::format("chain broken at seq {}: {}\n", seq, b.reason);
 }
 
-std::string verdictJSON(const AuditStore::ChainReport& r, std::int64_t from) {
+std::string verdictJSON(const AuditStore::ChainReport& r, std::int64_t from,
+                        const std::string& anchorFault) {
   KeyedEncoder out;
-  out.required("ok", r.holds());
+  out.required("ok", r.holds() && anchorFault.empty());
+  if (!anchorFault.empty()) out.required("anchorFault", anchorFault);
   out.required("fromSeq", std::max<std::int64_t>(from, 1));
   out.required("rowsChecked", r.rowsChecked);
   out.required("headSeq", r.headSeq);
@@ -309,7 +338,48 @@ std::string verdictJSON(const AuditStore::ChainReport& r, std::int64_t from) {
   return TarskelJSON::encoder().encode(JSONValue(std::move(out).finish())) + '\n';
 }
 
+struct Anchor {
+  std::int64_t seq = 0;
+  std::string hash;
+};
+
+// SEQ:HASH, as verify prints a head.
+Anchor parseAnchor(const std::string& text) {
+  Anchor anchor;
+  const std::size_t colon = text.find(':');
+  const std::string seq = text.substr(0, colon);
+  auto [end, error] = std::from_chars(seq.data(), seq.data() + seq.size(), anchor.seq);
+  if (colon != std::string::npos) anchor.hash = text.substr(colon + 1);
+  const bool hex = anchor.hash.size() == 64 &&
+                   anchor.hash.find_first_not_of("0123456789abcdef") == std::string::npos;
+  if (error != std::errc() || end != seq.data() + seq.size() || anchor.seq < 1 || !hex) {
+    throw ToolFailure(kExitUsage,
+                      "--expect-head takes SEQ:HASH (a seq and 64 lower-case hex "
+                      "digits, as verify prints the head): " +
+                          text);
+  }
+  return anchor;
+}
+
+// "" when the chain holds `anchor`'s hash at its seq; otherwise why not.
+std::string anchorFault(const ReadOnlyAudit& audit, const Anchor& anchor) {
+  std::optional<Entry> row;
+  AuditStore::Filter filter;
+  filter.afterSeq = anchor.seq - 1;
+  audit.store->forEachEntry(filter, [&](const Entry& e) {
+    if (e.seq == anchor.seq) row = e;
+    return false;
+  });
+  if (!row) return fmt::format("the chain holds no row at seq {}", anchor.seq);
+  if (row->hash != anchor.hash) {
+    return fmt::format("seq {} has hash {}, not the kept {}", anchor.seq, row->hash, anchor.hash);
+  }
+  return {};
+}
+
 int verify(const Listing& l) {
+  const std::optional<Anchor> anchor =
+      l.expectHead.empty() ? std::nullopt : std::optional(parseAnchor(l.expectHead));
   const std::string path = l.source.path();
   ReadOnlyAudit audit(path);
   AuditStore::ChainReport report;
@@ -323,13 +393,23 @@ int verify(const Listing& l) {
     report.firstBreak =
         AuditStore::ChainBreak{AuditStore::ChainBreak::Kind::damaged, 0, e.message()};
   }
-  writeOutput(l.json ? verdictJSON(report, l.from) : verdictText(report, l.from));
-  return report.holds() ? kExitSuccess : kExitFinding;
+  std::string fault;
+  if (report.holds() && anchor) {
+    fault = readingDatabase(path, [&] { return anchorFault(audit, *anchor); });
+  }
+  if (l.json) {
+    writeOutput(verdictJSON(report, l.from, fault));
+  } else {
+    writeOutput(verdictText(report, l.from));
+    if (!fault.empty()) writeOutput("anchor not held: " + fault + "\n");
+  }
+  return report.holds() && fault.empty() ? kExitSuccess : kExitFinding;
 }
 
 void addSource(CLI::App* command, Listing& l) {
-  auto* root =
-      command->add_option("--root", l.source.root, "state root; reads ROOT/daemon/audit.db");
+  auto* root = command->add_option(
+      "--root", l.source.root,
+      "state root; reads ROOT/daemon/audit.db (default " TARSKEL_STATE_ROOT ")");
   auto* db = command->add_option("--db", l.source.db, "the audit database file itself");
   root->excludes(db);
   db->excludes(root);
@@ -340,7 +420,8 @@ void addFilters(CLI::App* command, Listing& l) {
   command->add_option("--outcome", l.outcome, "only rows with this outcome")
       ->check(CLI::IsMember({"ok", "denied", "error"}));
   command->add_option("--since", l.since,
-                      "only rows at or after this UTC time (2025-11-15T19:08:04Z or 2025-11-15)");
+                      "only rows at or after this UTC time (2025-11-15T19:08:04Z, 2025-11-15, "
+                      "-1h, -2d, today, yesterday)");
   command->add_option("--until", l.until, "only rows at or before this UTC time");
 }
 
@@ -354,13 +435,18 @@ void install(CLI::App& app, ToolContext& ctx) {
   addSource(verifyCommand, *l);
   verifyCommand->add_option("--from", l->from, "start at this seq, taking its prev_hash as given");
   verifyCommand->add_flag("--json", l->json, "the verdict as one JSON object");
+  verifyCommand->add_option("--expect-head", l->expectHead,
+                            "SEQ:HASH kept from an earlier verify: exit 1 unless the chain "
+                            "holds that hash at that seq");
   verifyCommand->callback([&ctx, l] { ctx.action = [l] { return verify(*l); }; });
 
   CLI::App* tail = audit->add_subcommand("tail", "The newest rows, oldest first");
   addSource(tail, *l);
   tail->add_option("-n", l->count, "how many rows (default 20; negative for all)");
   tail->add_flag("--json", l->json, "one JSON object per row and line");
-  tail->add_flag("-f,--follow", l->follow, "keep printing rows as they are recorded");
+  auto* follow =
+      tail->add_flag("-f,--follow", l->follow, "keep printing rows as they are recorded");
+  tail->add_flag("-r,--reverse", l->reverse, "newest first")->excludes(follow);
   addFilters(tail, *l);
   tail->callback([&ctx, l] { ctx.action = [l] { return list(*l, true); }; });
 

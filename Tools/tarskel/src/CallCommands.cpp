@@ -7,9 +7,11 @@
 // read.
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -34,6 +36,7 @@ struct CallOptions {
   std::optional<std::string> args;
   std::optional<std::string> serviceId;
   std::optional<std::string> correlationId;
+  std::string json;  // short or pretty; empty: pretty on a terminal
   Connection connection;
 };
 
@@ -107,7 +110,13 @@ int runCall(const CallOptions& options) {
   const DaemonRequest request{options.op, parseArgs(options.args), options.correlationId,
                               options.serviceId};
   const DaemonResponse response = send(options.connection, request);
-  writeOutput(TarskelJSON::canonicalEncoder().encode(response) + "\n");
+  const bool pretty =
+      options.json.empty() ? ::isatty(STDOUT_FILENO) == 1 : options.json == "pretty";
+  writeOutput(jsonForPeople(TarskelJSON::canonicalEncoder().encode(response), pretty) + "\n");
+  if (!response.ok && response.error) {
+    std::fprintf(stderr, "tarskel: %s: %s\n", response.error->code.c_str(),
+                 response.error->message.c_str());
+  }
   return response.ok ? kExitSuccess : kExitFinding;
 }
 
@@ -162,6 +171,10 @@ void install(CLI::App& app, ToolContext& ctx) {
       "Arguments as a JSON object (default {}); - reads standard input, @FILE a file");
   callCommand->add_option("--service-id", call->serviceId, "Calling service, for granted ops");
   callCommand->add_option("--correlation-id", call->correlationId, "Id kept in the audit row");
+  callCommand
+      ->add_option("--json", call->json,
+                   "short: the response on one line; pretty: indented (default on a terminal)")
+      ->check(CLI::IsMember({"short", "pretty"}));
   addConnectionOptions(callCommand, call->connection);
   callCommand->callback([&ctx, call] { ctx.action = [call] { return runCall(*call); }; });
 

@@ -31,7 +31,7 @@ namespace tarskel::tool {
 namespace {
 
 // Where tarskeld keeps its state unless told otherwise.
-constexpr const char* kDaemonRoot = "/Library/Application Support/Tarskel";
+constexpr const char* kDaemonRoot = TARSKEL_STATE_ROOT;  // the installed daemon's
 
 std::string displayName(const std::string& path) { return path == "-" ? "<stdin>" : path; }
 
@@ -84,48 +84,6 @@ void emit(const std::string& text) {
   }
 }
 
-// Compact JSON text as people read it: "\/" written as "/" (the encoders
-// escape it for the canonical bytes), and with `indent` laid out over lines,
-// two spaces per level.
-std::string forPeople(const std::string& compact, bool indent) {
-  std::string out;
-  int depth = 0;
-  auto newline = [&] {
-    if (indent) out.append("\n").append(2 * static_cast<std::size_t>(depth), ' ');
-  };
-  for (std::size_t i = 0; i < compact.size(); ++i) {
-    const char c = compact[i];
-    if (c == '"') {  // the whole string, its escapes kept but for "\/"
-      out += c;
-      for (++i; i < compact.size() && compact[i] != '"'; ++i) {
-        if (compact[i] == '\\' && i + 1 < compact.size()) {
-          if (compact[++i] != '/') out += '\\';
-        }
-        out += compact[i];
-      }
-      out += '"';
-    } else if ((c == '{' || c == '[') && i + 1 < compact.size() &&
-               compact[i + 1] == (c == '{' ? '}' : ']')) {
-      out.append(compact, i++, 2);  // empty: stays on one line
-    } else if (c == '{' || c == '[') {
-      out += c;
-      ++depth;
-      newline();
-    } else if (c == '}' || c == ']') {
-      --depth;
-      newline();
-      out += c;
-    } else if (c == ',') {
-      out += c;
-      newline();
-    } else {
-      out += c;
-      if (c == ':' && indent) out += ' ';
-    }
-  }
-  return out;
-}
-
 struct LintOptions {
   std::vector<std::string> files;
   bool json = false;
@@ -154,7 +112,7 @@ std::string lintLine(const std::string& file, const std::vector<ManifestValidati
     line.append(",\"error\":");
     appendJSONString(line, *failure);
   }
-  return forPeople(line, false) + "}\n";
+  return jsonForPeople(line, false) + "}\n";
 }
 
 int runLint(const LintOptions& options) {
@@ -191,7 +149,7 @@ struct ShowOptions {
 
 int runShow(const ShowOptions& options) {
   const std::string compact = TarskelJSON::encoder().encode(readManifest(options.file));
-  emit(forPeople(compact, !options.compact) + "\n");
+  emit(jsonForPeople(compact, !options.compact) + "\n");
   return kExitSuccess;
 }
 

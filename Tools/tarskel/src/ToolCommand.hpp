@@ -23,6 +23,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tarskel/protocol/base/NearestWord.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 
 namespace tarskel::tool {
@@ -131,9 +132,13 @@ void warn(const std::string& text);
 // Whether standard error is a terminal that progress may be drawn on.
 bool progressWanted();
 
-// The word of `candidates` closest to `word` (by edit distance, a prefix
-// counting as close), or "" when none is close enough to suggest.
-std::string nearestWord(std::string_view word, const std::vector<std::string>& candidates);
+// `json` (one document as the encoders write it) for people: each "\\/"
+// as "/", and with `pretty` one member or element a line, indented by two
+// spaces. The bytes that are signed or hashed keep the escaped form.
+std::string jsonForPeople(std::string_view json, bool pretty);
+
+// The "did you mean" of every command line of the platform.
+using tarskel::nearestWord;
 
 // ---- templates
 

@@ -2,6 +2,7 @@
 // tree itself, so that every command and option is in them without anyone
 // remembering to add it.
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -44,8 +45,42 @@ std::vector<std::string> optionWords(const Node& node) {
     for (const std::string& s : option->get_snames()) words.push_back("-" + s);
     for (const std::string& l : option->get_lnames()) words.push_back("--" + l);
   }
-  words.push_back("--help");
+  // CLI11's own -h,--help is among them, except where it is hidden.
+  if (std::find(words.begin(), words.end(), "--help") == words.end()) words.push_back("--help");
   return words;
+}
+
+// What the value of `option` may be, for completion: its enumerated values
+// ("ok denied error"), "<dir>" for a state root, or "" for a file or free text.
+std::string optionValues(const CLI::Option* option) {
+  if (option->get_items_expected_min() == 0) return {};
+  const std::vector<std::string>& names = option->get_lnames();
+  if (std::find(names.begin(), names.end(), "root") != names.end()) return "<dir>";
+  // CLI::IsMember describes itself as "{ok,denied,error}" in the type name.
+  const std::string type = option->get_type_name();
+  const std::size_t open = type.find('{');
+  const std::size_t close = type.find('}', open);
+  if (open == std::string::npos || close == std::string::npos) return {};
+  std::string values = type.substr(open + 1, close - open - 1);
+  std::replace(values.begin(), values.end(), ',', ' ');
+  return values;
+}
+
+// The values of each option that has some, keyed by "<path> <option>".
+std::string valueTable(const std::vector<Node>& nodes, const char* indent) {
+  std::string out;
+  for (const Node& node : nodes) {
+    for (const CLI::Option* option : node.options) {
+      const std::string values = optionValues(option);
+      if (values.empty()) continue;
+      std::vector<std::string> keys;
+      for (const std::string& s : option->get_snames()) keys.push_back(node.path + " -" + s);
+      for (const std::string& l : option->get_lnames()) keys.push_back(node.path + " --" + l);
+      for (const std::string& key : keys)
+        out += std::string(indent) + quoted(key) + ") echo " + quoted(values) + " ;;\n";
+    }
+  }
+  return out;
 }
 
 std::string spaced(const std::vector<std::string>& words) {
@@ -82,15 +117,24 @@ std::string bashScript(const std::vector<Node>& nodes) {
          "_tarskel_options() {\n    case \"$1\" in\n" +
          caseTable(nodes, false, "        ") +
          "    esac\n}\n"
+         "_tarskel_values() {\n    case \"$1\" in\n" +
+         valueTable(nodes, "        ") +
+         "    esac\n}\n"
          "_tarskel() {\n"
-         "    local cur=\"${COMP_WORDS[COMP_CWORD]}\" path=\"\" i w subs\n"
+         "    local cur=\"${COMP_WORDS[COMP_CWORD]}\" path=\"\" i w subs vals\n"
          "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
          "        w=\"${COMP_WORDS[i]}\"\n"
          "        subs=\" $(_tarskel_commands \"$path\") \"\n"
          "        [[ \"$w\" != -* && \"$subs\" == *\" $w \"* ]] && path=\"${path:+$path }$w\"\n"
          "    done\n"
          "    subs=\"$(_tarskel_commands \"$path\")\"\n"
-         "    if [[ \"$cur\" == -* ]]; then\n"
+         "    vals=\"$(_tarskel_values \"$path ${COMP_WORDS[COMP_CWORD-1]}\")\"\n"
+         "    if [[ \"$vals\" == \"<dir>\" ]]; then\n"
+         "        compopt -o filenames 2>/dev/null\n"
+         "        COMPREPLY=( $(compgen -d -- \"$cur\") )\n"
+         "    elif [[ -n \"$vals\" ]]; then\n"
+         "        COMPREPLY=( $(compgen -W \"$vals\" -- \"$cur\") )\n"
+         "    elif [[ \"$cur\" == -* ]]; then\n"
          "        COMPREPLY=( $(compgen -W \"$(_tarskel_options \"$path\")\" -- \"$cur\") )\n"
          "    elif [[ -n \"$subs\" ]]; then\n"
          "        COMPREPLY=( $(compgen -W \"$subs\" -- \"$cur\") )\n"
@@ -111,15 +155,23 @@ std::string zshScript(const std::vector<Node>& nodes) {
          "_tarskel_options() {\n    case \"$1\" in\n" +
          caseTable(nodes, false, "        ") +
          "    esac\n}\n"
+         "_tarskel_values() {\n    case \"$1\" in\n" +
+         valueTable(nodes, "        ") +
+         "    esac\n}\n"
          "_tarskel() {\n"
-         "    local at=\"\" i w subs\n"
+         "    local at=\"\" i w subs vals\n"
          "    for ((i = 2; i < CURRENT; i++)); do\n"
          "        w=\"${words[i]}\"\n"
          "        subs=\" $(_tarskel_commands \"$at\") \"\n"
          "        [[ \"$w\" != -* && \"$subs\" == *\" $w \"* ]] && at=\"${at:+$at }$w\"\n"
          "    done\n"
          "    subs=\"$(_tarskel_commands \"$at\")\"\n"
-         "    if [[ \"$PREFIX\" == -* ]]; then\n"
+         "    vals=\"$(_tarskel_values \"$at ${words[CURRENT-1]}\")\"\n"
+         "    if [[ \"$vals\" == \"<dir>\" ]]; then\n"
+         "        _files -/\n"
+         "    elif [[ -n \"$vals\" ]]; then\n"
+         "        compadd -- ${=vals}\n"
+         "    elif [[ \"$PREFIX\" == -* ]]; then\n"
          "        compadd -- ${=$(_tarskel_options \"$at\")}\n"
          "    elif [[ -n \"$subs\" ]]; then\n"
          "        compadd -- ${=subs}\n"
@@ -162,7 +214,14 @@ std::string fishScript(const std::vector<Node>& nodes) {
       std::string line = "complete -c tarskel " + condition;
       for (const std::string& s : option->get_snames()) line += " -s " + s;
       for (const std::string& l : option->get_lnames()) line += " -l " + l;
-      if (option->get_items_expected_min() > 0) line += " -r";
+      const std::string values = optionValues(option);
+      if (values == "<dir>") {
+        line += " -xa '(__fish_complete_directories)'";
+      } else if (!values.empty()) {
+        line += " -xa " + quoted(values);
+      } else if (option->get_items_expected_min() > 0) {
+        line += " -r";
+      }
       out += line + " -d " + quoted(option->get_description()) + "\n";
     }
   }
@@ -246,6 +305,13 @@ std::string manualPage(const CLI::App& app) {
       ".TP\n0\nok\n.TP\n1\nrefused, or not ok (a finding, a failed check)\n"
       ".TP\n2\nbad usage, or input that can't be used\n"
       ".TP\n3\nthe daemon could not be reached, or did not answer in time\n"
+      ".SH FILES\n"
+      ".TP\n\\fI/usr/share/doc/tarskel/\\fR\n"
+      "The documentation, installed with the tool (under \\fIPREFIX\\fR/share/doc/tarskel "
+      "for another prefix): README.md (a walkthrough), tarskel\\-cli.md (every command), "
+      "tarskel\\-json.md (the fields of \\fB\\-\\-json\\fR output), audit.md (the audit "
+      "chain), security.md (who may reach the daemon, and the limits that keep it up), "
+      "deviations.md.\n"
       ".SH \"SEE ALSO\"\n\\fBtarskeld\\fR(8)\n";
   return out;
 }

@@ -308,37 +308,46 @@ void addJSONFlag(CLI::App* command, bool& json) {
 }
 
 std::string jsonLine(const JSONValue& value) {
-  return TarskelJSON::canonicalEncoder().encode(value) + "\n";
+  return jsonForPeople(TarskelJSON::canonicalEncoder().encode(value), false) + "\n";
 }
 
-std::string nearestWord(std::string_view word, const std::vector<std::string>& candidates) {
-  std::string best;
-  std::size_t bestDistance = std::string::npos;
-  for (const std::string& candidate : candidates) {
-    // Levenshtein distance, with an adjacent swap counting as one edit.
-    const std::size_t n = word.size();
-    const std::size_t m = candidate.size();
-    std::vector<std::vector<std::size_t>> d(n + 1, std::vector<std::size_t>(m + 1));
-    for (std::size_t i = 0; i <= n; ++i) d[i][0] = i;
-    for (std::size_t j = 0; j <= m; ++j) d[0][j] = j;
-    for (std::size_t i = 1; i <= n; ++i) {
-      for (std::size_t j = 1; j <= m; ++j) {
-        const std::size_t cost = word[i - 1] == candidate[j - 1] ? 0 : 1;
-        d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
-        if (i > 1 && j > 1 && word[i - 1] == candidate[j - 2] && word[i - 2] == candidate[j - 1]) {
-          d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+std::string jsonForPeople(std::string_view compact, bool indent) {
+  std::string out;
+  int depth = 0;
+  auto newline = [&] {
+    if (indent) out.append("\n").append(2 * static_cast<std::size_t>(depth), ' ');
+  };
+  for (std::size_t i = 0; i < compact.size(); ++i) {
+    const char c = compact[i];
+    if (c == '"') {  // the whole string, its escapes kept but for "\/"
+      out += c;
+      for (++i; i < compact.size() && compact[i] != '"'; ++i) {
+        if (compact[i] == '\\' && i + 1 < compact.size()) {
+          if (compact[++i] != '/') out += '\\';
         }
+        out += compact[i];
       }
-    }
-    std::size_t distance = d[n][m];
-    if (!word.empty() && candidate.starts_with(word)) distance = std::min<std::size_t>(distance, 1);
-    if (distance < bestDistance) {
-      bestDistance = distance;
-      best = candidate;
+      out += '"';
+    } else if ((c == '{' || c == '[') && i + 1 < compact.size() &&
+               compact[i + 1] == (c == '{' ? '}' : ']')) {
+      out.append(compact.substr(i++, 2));  // empty: stays on one line
+    } else if (c == '{' || c == '[') {
+      out += c;
+      ++depth;
+      newline();
+    } else if (c == '}' || c == ']') {
+      --depth;
+      newline();
+      out += c;
+    } else if (c == ',') {
+      out += c;
+      newline();
+    } else {
+      out += c;
+      if (c == ':' && indent) out += ' ';
     }
   }
-  const std::size_t allowed = std::max<std::size_t>(2, word.size() / 3);
-  return bestDistance <= allowed ? best : std::string();
+  return out;
 }
 
 std::string forTerminal(std::string_view text) {

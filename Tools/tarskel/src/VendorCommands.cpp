@@ -371,8 +371,18 @@ struct VerifyOptions {
   bool json = false;
 };
 
+// The keys a tree may be sealed under: an allowlist file, or a single
+// public-key file (as `vendor pubkey` writes it) standing for a list of one.
+VendorAllowlist loadTrustedKeys(const std::string& path) {
+  const JSONValue value = readJSONInput<JSONValue>(path);
+  if (value["keys"] == nullptr && value["publicKey"] != nullptr) {
+    return VendorAllowlist{0, {loadVendorKey(path, false)}};
+  }
+  return readJSONInput<VendorAllowlist>(path);
+}
+
 int verify(const VerifyOptions& o) {
-  const auto list = readJSONInput<VendorAllowlist>(o.allowlist);
+  const VendorAllowlist list = loadTrustedKeys(o.allowlist);
   requireDirectory(o.dir);
   return guarded(o.dir, o.json, [&] {
     HashManifest m;
@@ -381,12 +391,17 @@ int verify(const VerifyOptions& o) {
       m = BundleSeal::verify(o.dir, ed25519Verification(), list, o.installedMonotonic,
                              o.allowDowngrade, progress.hashing());
     }
+    // Proven by now, so the signature file reads.
+    const std::string keyId =
+        readJSONInput<VendorSignature>((fs::path(o.dir) / BundleSeal::signatureFile).string())
+            .keyId;
     if (o.json) {
       JSONObject facts = manifestFacts(o.dir, m);
+      facts.set("keyId", JSONValue(keyId));
       facts.set("ok", JSONValue(true));
       writeOutput(jsonLine(facts));
     } else if (!quiet()) {
-      writeOutput(summary("verified", o.dir, m));
+      writeOutput(summary("verified", o.dir, m) + "  key: " + keyId + "\n");
     }
     return kExitSuccess;
   });
@@ -494,7 +509,8 @@ void install(CLI::App& app, ToolContext& ctx) {
   CLI::App* verifyCommand =
       vendor->add_subcommand("verify", "Prove a sealed tree; exit 1 naming the fault");
   verifyCommand->add_option("DIR", v->dir, "The tree's root")->required();
-  verifyCommand->add_option("--allowlist", v->allowlist, "Allowlist file")->required();
+  verifyCommand->add_option("--allowlist", v->allowlist, "Allowlist file, or one public-key file")
+      ->required();
   verifyCommand->add_option("--installed-monotonic", v->installedMonotonic,
                             "Refuse older versions");
   verifyCommand->add_flag("--allow-downgrade", v->allowDowngrade, "Accept an older version");

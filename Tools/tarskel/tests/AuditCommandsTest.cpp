@@ -46,6 +46,9 @@ class AuditCommandsTest : public ToolFiles {
 TEST_F(AuditCommandsTest, VerifyGivesTheHeadOrTheFirstFault) {
   expectRuns(R"(
     audit verify --root $ROOT | 0 |  | chain ok: 3 rows, head seq 3 hash $HEAD\n
+    audit verify --root $ROOT --expect-head 3:$HEAD | 0 |  | chain ok: 3 rows, head seq 3 hash $HEAD\n
+    audit verify --root $ROOT --expect-head 2:$HEAD | 1 |  | chain ok: 3 rows, head seq 3 hash $HEAD\nanchor not held: seq 2 has hash 517b3912bd8cbd7c19145c87f0323620eea4bcefe7b47650e2f1a7d54df26468, not the kept $HEAD\n
+    audit verify --root $ROOT --expect-head 3 | 2 | --expect-head takes SEQ:HASH
   )",
              vars());
   // Regression: a cut tail was reported as a shorter chain that holds.
@@ -78,10 +81,10 @@ TEST_F(AuditCommandsTest, UnusableSourcesAreBadUsageAndCreateNothing) {
   expectRuns(R"(
     audit verify --db $ROOT/missing.db | 2 | $ROOT/missing.db: No such file or directory
     audit tail --root $ROOT/elsewhere | 2 | $ROOT/elsewhere/daemon/audit.db: No such file or directory
-    audit verify | 2 | give --root or --db
+    audit verify | 2 | /daemon/audit.db
     audit verify --root $ROOT --db $DB | 2 | --root excludes --db
     audit tail --outcome maybe --db $DB | 2 | --outcome: maybe not in {ok,denied,error}
-    audit tail --since yesterday --db $DB | 2 | --since: not a time: yesterday
+    audit tail --since 1h --db $DB | 2 | --since: not a time: 1h
   )",
              vars());
   EXPECT_FALSE(fs::exists(path("missing.db")));
@@ -146,6 +149,9 @@ TEST_F(AuditCommandsTest, FiltersSelectRows) {
     --since 2025-11-16 | ''
     -n 1 --op daemon.info | 3
     -n 0 | ''
+    --since -1h | ''
+    --until yesterday | 123
+    -r -n 2 | 32
   )")) {
     // The seq column of every row after the header.
     const ToolRun run = runShell("(" + quote(TARSKEL_TOOL_PATH) + " audit tail --db " +

@@ -64,7 +64,8 @@ TEST_F(CallCommandsTest, ExitCodes) {
   // that accepted and never answered was waited on forever.
   expectRuns(
       R"(
-    call x --mach-service $REFUSING | 1
+    call x --mach-service $REFUSING | 1 | tarskel: unknownOp: op fuera del catálogo: x\n
+    call x --json=pretty --mach-service $REFUSING | 1 |  | {\n  "error": {\n    "code": "unknownOp",\n    "message": "op fuera del catálogo: x"\n  },\n  "ok": false\n}\n
     call x --args { --mach-service $REFUSING | 2 | tarskel: --args:1:2: unexpected end of the document
     call x --args @/nonexistent/a --mach-service $REFUSING | 2 | /nonexistent/a: No such file or directory
     info --mach-service '' | 2 | --mach-service is empty

@@ -15,10 +15,7 @@ TEST(ToolTest, InputAndOutputErrorsAreExitTwoNamingFileAndReason) {
   expectRuns(R"(
     json canonical $DIR | 2 | $DIR: Is a directory
     schema validate $DIR - | 2 | $DIR: Is a directory
-    vendor allowlist --revision 1 $DIR | 2 | $DIR: Is a directory
     vendor verify $DIR --allowlist $DIR | 2 | $DIR: Is a directory
-    vendor rotate --current $DIR --new $DIR --key $DIR | 2 | $DIR: Is a directory
-    vendor seal $DIR --key $DIR --artifact-id a --type service --version 1.0.0 --monotonic 1 --expires 2099-01-01T00:00:00Z | 2 | $DIR: Is a directory
     json canonical /nonexistent/a.json | 2 | /nonexistent/a.json: No such file or directory
   )",
              {{"$DIR", fs::temp_directory_path().string()}});
@@ -65,6 +62,8 @@ TEST(ToolTest, GeneratedCompletionAndManualPageCoverEveryCommand) {
     tarskel vendor ro | rotate
     tarskel vendor seal --ar | --artifact-id
     tarskel json canonical --j | ''
+    tarskel json canonical --he | --help
+    tarskel audit tail --outcome d | denied
   )")) {
     const ToolRun run = runShell("bash -c " + quote("source " + quote(docs / "tarskel.bash") +
                                                     "; COMP_WORDS=(" + row[0] +

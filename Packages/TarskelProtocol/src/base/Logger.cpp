@@ -1,9 +1,12 @@
 #include "tarskel/protocol/base/Logger.hpp"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <cstdlib>
 #include <mutex>
 
 namespace tarskel {
@@ -22,6 +25,32 @@ void writeAll(int fd, std::string_view bytes) {
     }
     bytes.remove_prefix(static_cast<std::size_t>(n));
   }
+}
+
+// The journal's priority of each level, by syslog's numbers.
+constexpr std::array<std::string_view, 7> kJournalPrefixes{"<7>", "<7>", "<6>", "<5>",
+                                                           "<4>", "<3>", "<2>"};
+
+// Whether `fd` is the stream that `journalStream` ("<device>:<inode>" in
+// decimal, JOURNAL_STREAM's form) names: then systemd's journal reads it, and
+// a "<N>" before a line is taken off and kept as the entry's priority.
+bool isJournalStream(const char* journalStream, int fd) {
+  if (journalStream == nullptr) return false;
+  const std::string_view text(journalStream);
+  const std::size_t colon = text.find(':');
+  if (colon == std::string_view::npos) return false;
+  unsigned long long device = 0;
+  unsigned long long inode = 0;
+  const char* end = text.data() + text.size();
+  auto [deviceEnd, deviceError] = std::from_chars(text.data(), text.data() + colon, device);
+  auto [inodeEnd, inodeError] = std::from_chars(text.data() + colon + 1, end, inode);
+  if (deviceError != std::errc() || inodeError != std::errc() || deviceEnd != text.data() + colon ||
+      inodeEnd != end) {
+    return false;
+  }
+  struct stat status {};
+  if (::fstat(fd, &status) != 0) return false;
+  return status.st_dev == device && status.st_ino == inode;
 }
 
 }  // namespace
@@ -67,16 +96,20 @@ std::string formatLogLine(std::string_view timestamp, LogLevel level, std::strin
 
 // One per sink, shared by every copy of the logger that writes to it.
 struct Logger::SharedSink {
-  explicit SharedSink(LogSink s) : sink(std::move(s)) {}
+  SharedSink(LogSink s, bool toJournal) : sink(std::move(s)), journal(toJournal) {}
   std::mutex mutex;
   LogSink sink;
+  bool journal;  // each line starts with the journal's priority prefix
 };
 
 Logger::Logger(std::string label, LogLevel minimumLevel, LogSink sink, std::string source)
     : label_(std::move(label)),
       source_(source.empty() ? label_ : std::move(source)),
       minimumLevel_(minimumLevel),
-      sink_(std::make_shared<SharedSink>(sink ? std::move(sink) : standardErrorSink())) {}
+      sink_(sink ? std::make_shared<SharedSink>(std::move(sink), false)
+                 : std::make_shared<SharedSink>(
+                       standardErrorSink(),
+                       isJournalStream(std::getenv("JOURNAL_STREAM"), STDERR_FILENO))) {}
 
 Logger Logger::withSource(std::string source) const {
   Logger copy = *this;
@@ -93,6 +126,7 @@ void Logger::log(LogLevel level, std::string_view message, const LogMetadata& me
   try {
     std::string line = formatLogLine(formatLogTimestamp(std::time(nullptr)), level, label_,
                                      metadata, source_, message);
+    if (sink_->journal) line.insert(0, kJournalPrefixes[static_cast<std::size_t>(level)]);
     std::lock_guard lock(sink_->mutex);
     sink_->sink(line);
   } catch (...) {

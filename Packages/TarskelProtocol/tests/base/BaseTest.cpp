@@ -121,10 +121,21 @@ TEST(LoggerTest, LevelsSourcesSinks) {
   Logger throwing("x", LogLevel::info, [](std::string_view) { throw std::runtime_error("full"); });
   EXPECT_NO_THROW(throwing.error("lost"));
 
-  ::testing::internal::CaptureStderr();  // where a logger without a sink writes
-  Logger("tarskeld").warning("al error estándar");
-  EXPECT_TRUE(::testing::internal::GetCapturedStderr().ends_with(
-      " warning tarskeld : [tarskeld] al error estándar\n"));
+  // A logger without a sink writes to standard error, with the journal's
+  // priority prefix only when standard error is the stream JOURNAL_STREAM names.
+  for (const char* journal : {"", "0:0", "stderr"}) {
+    ::testing::internal::CaptureStderr();
+    struct stat err {};
+    ::fstat(STDERR_FILENO, &err);
+    const std::string stream =
+        *journal == 's' ? std::to_string(err.st_dev) + ":" + std::to_string(err.st_ino) : journal;
+    *journal ? ::setenv("JOURNAL_STREAM", stream.c_str(), 1) : ::unsetenv("JOURNAL_STREAM");
+    Logger("tarskeld").warning("al error estándar");
+    ::unsetenv("JOURNAL_STREAM");
+    const std::string line = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(line.starts_with("<4>2"), *journal == 's') << journal << ": " << line;
+    EXPECT_TRUE(line.ends_with(" warning tarskeld : [tarskeld] al error estándar\n")) << line;
+  }
 }
 
 // Copies of one logger on several threads share the sink; calls into it must
