@@ -66,6 +66,8 @@ std::string optionValues(const CLI::Option* option) {
   return values;
 }
 
+std::string quoted(const std::string& text);
+
 // The values of each option that has some, keyed by "<path> <option>".
 std::string valueTable(const std::vector<Node>& nodes, const char* indent) {
   std::string out;
