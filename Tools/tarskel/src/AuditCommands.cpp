@@ -259,7 +259,11 @@ int list(const Listing& l, bool tail) {
     }
     std::vector<Entry> newestFirst;  // -r: held until the last row is read
     auto print = [&](const Entry& e) {
-      l.reverse ? newestFirst.insert(newestFirst.begin(), e) : printer.add(e);
+      if (l.reverse) {
+        newestFirst.insert(newestFirst.begin(), e);
+      } else {
+        printer.add(e);
+      }
       filter.afterSeq = e.seq;
       return true;
     };
