@@ -240,7 +240,7 @@ int outboxList(const StoreOptions& o) {
     });
     writeOutput(block);
     if (!end.complete) {
-      throw ToolFailure(kExitFinding, fmt::format("{}: database damaged after seq {}: {}", o.db,
+      throw ToolFailure(kExitFailure, fmt::format("{}: database damaged after seq {}: {}", o.db,
                                                   lastSeq, forTerminal(end.message)));
     }
     return kExitSuccess;

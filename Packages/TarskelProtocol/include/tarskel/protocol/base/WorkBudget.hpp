@@ -30,8 +30,9 @@ class WorkAbandoned : public Error {
 };
 
 struct WorkLimits {
-  // Bytes read (hashed or copied), all files together.
-  std::uint64_t bytes = std::uint64_t{16} << 30;
+  // Bytes read (hashed or copied), all files together: an update reads its
+  // tree twice and, without reflink clones, copies it once.
+  std::uint64_t bytes = std::uint64_t{4} << 30;
   // Files opened or directory entries walked.
   std::uint64_t files = 1'000'000;
   // From the budget's construction.
