@@ -1,6 +1,8 @@
 // Platform update and uninstall through the running daemon, on sealed trees
 // made here with a fresh vendor key.
 
+#include <thread>
+
 #include "E2EFixture.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
 #include "tarskel/vendor/BundleSeal.hpp"
@@ -41,9 +43,9 @@ class UpdateTest : public E2EFixture {
   Ed25519KeyPair key{"vendor-e2e"};
 };
 
-// One daemon: a swap, a long verification beside a quick request, and the
-// uninstall. The refusals and the rollback are the operations' own to check;
-// here, that a verdict and a refusal reach the caller through the process.
+// One daemon: a swap, refusals, work whose clients left, and the uninstall.
+// The refusals and the rollback are the operations' own to check; here,
+// that a verdict and a refusal reach the caller through the process.
 TEST_F(UpdateTest, SwapOverlapAndUninstall) {
   start({{"TARSKEL_INSTALLED_APP", installedApp().string()}});
   const fs::path staged = stage("2.0.0");
@@ -53,31 +55,39 @@ TEST_F(UpdateTest, SwapOverlapAndUninstall) {
   EXPECT_EQ(readFile(installedApp() / "Contents/MacOS/tarskel"), "v2.0.0");
   EXPECT_EQ(readFile(dir / "cache/previous" / kExecutable), "v1");
 
-  // A sparse file costs no disk, but every byte is hashed: the quick request
-  // sent after it on the same connection is answered first.
+  // A well-sealed service is refused, through the process, after its proof.
   const fs::path big = dir / "staged-big";
   writeFile(big / kExecutable, "big");
   writeFile(big / "Tarskel.app/Contents/Resources.bin", "");
-  fs::resize_file(big / "Tarskel.app/Contents/Resources.bin", std::uintmax_t{256} << 20);
   BundleSeal::seal(big, "net.hollowick.svc", ArtifactType::service, "1.0.0", 1,
                    Date{Date::now().secondsSinceReferenceDate + 86400}, key, std::nullopt);
-  RawConnection connection(socketPath());
-  connection.send(1, true, requestBytes("platform.applyUpdate", swapArgs(big)));
-  connection.send(2, true, requestBytes("daemon.info"));
-  const std::optional<TransportEnvelope> first = connection.next(30s);
-  const std::optional<TransportEnvelope> second = connection.next(30s);
-  ASSERT_TRUE(first && second);
-  EXPECT_EQ(first->id, 2u);
-  EXPECT_EQ(second->id, 1u);
-  EXPECT_EQ(messageOf(TarskelJSON::decoder().decode<DaemonResponse>(*second->body)),
+  EXPECT_EQ(messageOf(call("platform.applyUpdate", swapArgs(big))),
             "platform.applyUpdate falló: el artefacto staged no es de plataforma");
+  // Regression: a staged name that is not UTF-8 was answered with zero bytes.
+  writeFile(big / "Tarskel.app/x\xff", "");
+  EXPECT_EQ(messageOf(call("platform.applyUpdate", swapArgs(big))),
+            "platform.applyUpdate falló: archivo presente pero no listado en el manifest: "
+            "Tarskel.app/x\\xff");
+  fs::remove(big / "Tarskel.app/x\xff");
 
-  const DaemonResponse removed = call("platform.uninstallMachine");
+  // Regression: a listed file grown to 8 TiB (sparse) kept every worker
+  // hashing for good, long after its clients had gone.
+  fs::resize_file(big / "Tarskel.app/Contents/Resources.bin", std::uintmax_t{1} << 43);
+  const unsigned attackers = std::thread::hardware_concurrency() + 1;
+  for (unsigned i = 0; i < attackers; ++i)
+    RawConnection(socketPath()).send(1, true, requestBytes("platform.applyUpdate", swapArgs(big)));
+  RawConnection connection(socketPath());
+  connection.send(1, true, requestBytes("platform.uninstallMachine"));
+  const std::optional<TransportEnvelope> uninstalled = connection.next(10s);
+  ASSERT_TRUE(uninstalled && uninstalled->body) << "the workers are still hashing";
+  const auto removed = TarskelJSON::decoder().decode<DaemonResponse>(*uninstalled->body);
   ASSERT_EQ(codeOf(removed), "ok") << messageOf(removed);
   EXPECT_EQ(resultAt(removed, "removed"), JSONValue(JSONValue::Array{installedApp().string()}));
   EXPECT_EQ(resultAt(removed, "dataPreserved"), JSONValue(JSONValue::Array{root().string()}));
   EXPECT_FALSE(fs::exists(installedApp()));
-  EXPECT_EQ(auditRows().size(), 4u);
+  for (int i = 0; i < 100 && auditRows().size() < 4u + attackers; ++i)
+    std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(auditRows().size(), 4u + attackers);
   EXPECT_TRUE(chainHolds());
 }
 

@@ -36,6 +36,12 @@ std::string callerText(const DaemonRequest& request, const DaemonPeerVerdict& pe
   return caller;
 }
 
+// A text for the wire: JSON carries only UTF-8, and a failure may quote a
+// file name that is not (a staged tree's), so its bad bytes are escaped.
+std::string wireText(std::string text) {
+  return isValidUTF8(text) ? std::move(text) : escapedBytes(text);
+}
+
 std::vector<std::string> descriptions(const std::vector<SchemaViolation>& violations) {
   std::vector<std::string> out;
   out.reserve(violations.size());
@@ -97,8 +103,12 @@ awaitable<std::optional<DaemonWireError>> DaemonCore::admit(const DaemonRequest&
 
 awaitable<DaemonResponse> DaemonCore::run(const DaemonRequest& request,
                                           const DaemonPeerVerdict& peer, const DaemonOp& op,
+                                          std::shared_ptr<std::atomic<bool>> clientGone,
                                           std::string& outcome) const {
   DaemonOpContext context{catalog(), peer};
+  if (!isShortOp(op.name())) {
+    context.budget = std::make_shared<WorkBudget>(workLimits_, std::move(clientGone));
+  }
   std::string failure;
   try {
     JSONValue result;
@@ -120,10 +130,11 @@ awaitable<DaemonResponse> DaemonCore::run(const DaemonRequest& request,
     failure = "error desconocido";
   }
   outcome = "error";
-  co_return DaemonResponse::failure(DaemonWireError::opFailed(request.op, failure));
+  co_return DaemonResponse::failure(DaemonWireError::opFailed(request.op, wireText(failure)));
 }
 
-awaitable<DaemonResponse> DaemonCore::handle(DaemonRequest request, DaemonPeerVerdict peer) const {
+awaitable<DaemonResponse> DaemonCore::handle(DaemonRequest request, DaemonPeerVerdict peer,
+                                             std::shared_ptr<std::atomic<bool>> clientGone) const {
   const Clock::time_point start = Clock::now();
   std::string caller = callerText(request, peer);
   std::string correlationId = request.correlationId ? *request.correlationId : randomUUIDString();
@@ -135,7 +146,7 @@ awaitable<DaemonResponse> DaemonCore::handle(DaemonRequest request, DaemonPeerVe
   if (denial) {
     response = DaemonResponse::failure(std::move(*denial));
   } else {
-    DaemonResponse ran = co_await run(request, peer, *op, outcome);
+    DaemonResponse ran = co_await run(request, peer, *op, std::move(clientGone), outcome);
     response = std::move(ran);
   }
   const double durationMs = millisecondsSince(start);
@@ -146,7 +157,9 @@ awaitable<DaemonResponse> DaemonCore::handle(DaemonRequest request, DaemonPeerVe
   co_return response;
 }
 
-awaitable<std::string> DaemonCore::handleEncoded(std::string bytes, DaemonPeerVerdict peer) const {
+awaitable<std::string> DaemonCore::handleEncoded(
+    std::string bytes, DaemonPeerVerdict peer,
+    std::shared_ptr<std::atomic<bool>> clientGone) const {
   std::optional<DaemonRequest> request;
   std::string unreadable;
   try {
@@ -156,23 +169,26 @@ awaitable<std::string> DaemonCore::handleEncoded(std::string bytes, DaemonPeerVe
   }
 
   DaemonResponse response;
+  std::string opName;
   if (request) {
-    DaemonResponse handled = co_await handle(std::move(*request), std::move(peer));
+    opName = request->op;
+    DaemonResponse handled =
+        co_await handle(std::move(*request), std::move(peer), std::move(clientGone));
     response = std::move(handled);
   } else {
     response = DaemonResponse::failure(
-        DaemonWireError::malformedRequest("request ilegible: " + unreadable));
+        DaemonWireError::malformedRequest(wireText("request ilegible: " + unreadable)));
   }
 
-  std::string encoded;
   try {
-    encoded = TarskelJSON::encoder().encode(response);
-  } catch (const std::exception&) {
+    co_return TarskelJSON::encoder().encode(response);
+  } catch (const std::exception& e) {
     // A result the encoder can't write (a non-finite number): the caller
-    // gets zero bytes and nothing else reports it.
-    encoded.clear();
+    // still learns that, and why, rather than getting no bytes.
+    co_return TarskelJSON::encoder().encode(DaemonResponse::failure(DaemonWireError::opFailed(
+        wireText(opName),
+        wireText("la respuesta no se pudo codificar: " + std::string(e.what())))));
   }
-  co_return encoded;
 }
 
 }  // namespace tarskel

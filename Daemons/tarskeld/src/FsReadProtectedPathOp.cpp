@@ -69,7 +69,9 @@ FsReadProtectedPathOp::FsReadProtectedPathOp()
     : DaemonOp("fs.readProtectedPath", readPathSchema(), true) {}
 
 boost::asio::awaitable<JSONValue> FsReadProtectedPathOp::execute(
-    const JSONObject& args, const DaemonOpContext& /*context*/) const {
+    const JSONObject& args, const DaemonOpContext& context) const {
+  // A request whose client left while it waited for a worker is not run.
+  if (context.budget) context.budget->check();
   const JSONValue* given = args.find("path");
   const std::string* text = given != nullptr ? given->stringValue() : nullptr;
   const std::string path = text != nullptr ? *text : std::string();

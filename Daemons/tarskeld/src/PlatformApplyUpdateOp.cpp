@@ -220,7 +220,8 @@ PlatformApplyUpdateOp::PlatformApplyUpdateOp(fs::path rootURL,
       logger_(std::move(logger)) {}
 
 boost::asio::awaitable<JSONValue> PlatformApplyUpdateOp::execute(
-    const JSONObject& args, const DaemonOpContext& /*context*/) const {
+    const JSONObject& args, const DaemonOpContext& context) const {
+  if (context.budget) context.budget->check();
   const fs::path installedApp = platformFilePath(stringOrEmpty(args, "installedApp"));
   const fs::path previousURL = platformFilePath(stringOrEmpty(args, "previousPath"));
   // Checked before the action, so that a rollback is held to it too.
@@ -237,7 +238,8 @@ boost::asio::awaitable<JSONValue> PlatformApplyUpdateOp::execute(
     // A trailing "/" is dropped as from every path argument: "Tarskel.app/".
     std::string name = *appName;
     while (name.size() > 1 && name.back() == '/') name.pop_back();
-    co_return swap(platformFilePath(*stagedRoot), name, installedApp, previousURL);
+    co_return swap(platformFilePath(*stagedRoot), name, installedApp, previousURL,
+                   context.budget.get());
   }
   if (action == "rollback") {
     const std::string* failedPath = stringArgument(args, "failedPath");
@@ -250,8 +252,8 @@ boost::asio::awaitable<JSONValue> PlatformApplyUpdateOp::execute(
 // No step is undone and each "quietly" step may fail without stopping the
 // next: the kernel's exchange is what keeps a whole bundle at installedApp.
 JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::string& appName,
-                                      const fs::path& installedApp,
-                                      const fs::path& previousURL) const {
+                                      const fs::path& installedApp, const fs::path& previousURL,
+                                      WorkBudget* budget) const {
   const fs::path allowlistPath = rootURL_ / "vendor" / "allowlist.json";
   std::optional<std::string> allowlistBytes = readAllowlist(allowlistPath);
   if (!allowlistBytes) {
@@ -286,8 +288,9 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
   // No installed version is given, so an older sealed version passes: what
   // is judged is signature, expiry and exact contents.
   const VendorVerification verification(std::make_shared<Ed25519Algorithm>(), systemClock());
+  const SealHashing hashing{.budget = budget};
   const HashManifest manifest =
-      BundleSeal::verify(stagedRoot, verification, allowlist, std::nullopt, false);
+      BundleSeal::verify(stagedRoot, verification, allowlist, std::nullopt, false, hashing);
   if (manifest.artifactType != ArtifactType::platform) {
     throw DaemonOpError("el artefacto staged no es de plataforma");
   }
@@ -320,12 +323,14 @@ JSONValue PlatformApplyUpdateOp::swap(const fs::path& stagedRoot, const std::str
                         errnoSuffix(workspace.error()));
   }
   try {
-    copySealedFiles(staged.get(), manifest, workspace.path(), *platform_);
+    copySealedFiles(staged.get(), manifest, workspace.path(), *platform_, budget);
   } catch (const SealedCopyError& e) {
     throw DaemonOpError("no se pudo copiar el árbol staged: " + e.description());
   }
   try {
-    BundleSeal::verify(workspace.path(), verification, allowlist, std::nullopt, false);
+    BundleSeal::verify(workspace.path(), verification, allowlist, std::nullopt, false, hashing);
+  } catch (const WorkAbandoned&) {
+    throw;
   } catch (const std::exception& e) {
     throw DaemonOpError("el árbol staged cambió durante la actualización: " +
                         std::string(e.what()));

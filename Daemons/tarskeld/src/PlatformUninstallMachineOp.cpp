@@ -51,7 +51,9 @@ std::optional<fs::path> PlatformUninstallMachineOp::derivedInstalledApp(
 }
 
 boost::asio::awaitable<JSONValue> PlatformUninstallMachineOp::execute(
-    const JSONObject& /*args*/, const DaemonOpContext& /*context*/) const {
+    const JSONObject& /*args*/, const DaemonOpContext& context) const {
+  // A request whose client left while it waited for a worker is not run.
+  if (context.budget) context.budget->check();
   if (!installedApp_) {
     throw DaemonOpError("el daemon no corre desde una instalación (.app) — nada que desmontar");
   }

@@ -46,13 +46,14 @@ FileDescriptor makeDirectories(int root, const std::string& relative) {
   return current;
 }
 
-void copyBytes(int from, int to, const std::string& path) {
+void copyBytes(int from, int to, const std::string& path, WorkBudget* budget) {
   std::array<char, 128 * 1024> buffer;
   for (;;) {
     ssize_t n = ::read(from, buffer.data(), buffer.size());
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) fail(path, errno);
     if (n == 0) return;
+    if (budget != nullptr) budget->chargeBytes(static_cast<std::uint64_t>(n));
     if (!writeAll(to, std::string_view(buffer.data(), static_cast<std::size_t>(n)))) {
       fail(path, errno);
     }
@@ -77,7 +78,8 @@ void copyMetadata(int source, int target, const std::string& path, const Platfor
 }
 
 void copyOne(int sourceRoot, int destinationRoot, const std::string& relative,
-             const PlatformFiles& platform) {
+             const PlatformFiles& platform, WorkBudget* budget) {
+  if (budget != nullptr) budget->chargeFile();
   // A path of plain names only; the manifest has been verified, but its
   // paths still come from outside.
   if (relative.empty() || relative.front() == '/' || relative.find('\0') != std::string::npos) {
@@ -103,7 +105,7 @@ void copyOne(int sourceRoot, int destinationRoot, const std::string& relative,
   } else {
     target = FileDescriptor(::openat(directory.get(), name.c_str(),
                                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (target) copyBytes(source.get(), target.get(), relative);
+    if (target) copyBytes(source.get(), target.get(), relative, budget);
   }
   if (!target) fail(relative, errno);
   copyMetadata(source.get(), target.get(), relative, platform);
@@ -143,10 +145,12 @@ void listDirectories(int root, const std::string& relative, const PlatformFiles&
 // Every directory of the staged content, empty ones too, made in the copy
 // with its attributes, mode and times. Files are all in place before any
 // time is set: making an entry changes its directory's times.
-void copyDirectories(int sourceRoot, int destinationRoot, const PlatformFiles& platform) {
+void copyDirectories(int sourceRoot, int destinationRoot, const PlatformFiles& platform,
+                     WorkBudget* budget) {
   std::vector<std::string> directories;
   listDirectories(sourceRoot, "", platform, directories);
   for (std::size_t next = 0; next < directories.size(); ++next) {
+    if (budget != nullptr) budget->chargeFile();
     // A copy of the name: the list it comes from grows, and may move, meanwhile.
     listDirectories(sourceRoot, std::string(directories[next]), platform, directories);
     makeDirectories(destinationRoot, directories[next]);
@@ -163,15 +167,15 @@ void copyDirectories(int sourceRoot, int destinationRoot, const PlatformFiles& p
 }  // namespace
 
 void copySealedFiles(int stagedRoot, const HashManifest& manifest, const fs::path& destination,
-                     const PlatformFiles& platform) {
+                     const PlatformFiles& platform, WorkBudget* budget) {
   const FileDescriptor target(
       ::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!target) fail(destination.string(), errno);
 
   std::set<std::string> paths{"vendor/manifest.json", "vendor/manifest.sig"};
   for (const HashManifest::FileEntry& entry : manifest.files) paths.insert(entry.path);
-  for (const std::string& path : paths) copyOne(stagedRoot, target.get(), path, platform);
-  copyDirectories(stagedRoot, target.get(), platform);
+  for (const std::string& path : paths) copyOne(stagedRoot, target.get(), path, platform, budget);
+  copyDirectories(stagedRoot, target.get(), platform, budget);
 }
 
 void finishCopy(const fs::path& at, const PlatformFiles& platform) {

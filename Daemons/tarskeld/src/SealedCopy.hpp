@@ -17,6 +17,7 @@
 
 #include "tarskel/daemon/PlatformFiles.hpp"
 #include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/protocol/base/WorkBudget.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 
 namespace tarskel {
@@ -37,8 +38,11 @@ class SealedCopyError : public Error {
 // without set-id bits (a directory that vanished from the staged tree while
 // its files were copied stays 0700, as made).
 // Throws SealedCopyError; what was copied stays for the caller to remove.
+// With a `budget`, each file and directory and each byte copied through
+// memory is charged to it; its WorkAbandoned goes out as it is.
 void copySealedFiles(int stagedRoot, const HashManifest& manifest,
-                     const std::filesystem::path& destination, const PlatformFiles& platform);
+                     const std::filesystem::path& destination, const PlatformFiles& platform,
+                     WorkBudget* budget = nullptr);
 
 // Makes the tree at `at` fit for installation whatever happened to it since
 // the copy: no group or other write and no set-id bit on any entry, no ACL

@@ -21,13 +21,17 @@ using ::testing::StartsWith;
 // An operation that ends the way it is told to.
 class ScriptedOp final : public DaemonOp {
  public:
-  enum class Ending { opError, otherError, nonFinite };
+  enum class Ending { opError, otherError, nonFinite, notUTF8 };
   ScriptedOp(std::string name, Ending ending)
       : DaemonOp(std::move(name), {}, false), ending_(ending) {}
 
   awaitable<JSONValue> execute(const JSONObject&, const DaemonOpContext&) const override {
     if (ending_ == Ending::opError) throw DaemonOpError("me negué");
     if (ending_ == Ending::otherError) throw std::runtime_error("runtime says no");
+    if (ending_ == Ending::notUTF8)
+      throw DaemonOpError(
+          "a\xff"
+          "b");
     co_return JSONValue(std::numeric_limits<double>::infinity());
   }
 
@@ -112,25 +116,23 @@ TEST_F(DaemonCoreTest, EachOutcomeIsAnsweredAndRecordedOnce) {
 TEST_F(DaemonCoreTest, HowAnOperationEndsIsAnsweredAndRecorded) {
   struct Case {
     ScriptedOp::Ending ending;
-    std::string answer;  // the encoded response; "" when it can't be encoded
+    std::string answer;  // within the encoded response
     std::string outcome;
   };
   const std::vector<Case> cases = {
       {ScriptedOp::Ending::opError, R"(t.op falló: me negué)", "error"},
       {ScriptedOp::Ending::otherError, R"(t.op falló: runtime says no)", "error"},
-      {ScriptedOp::Ending::nonFinite, "", "ok"},  // zero bytes, but the row stands
+      // Regressions: both were answered with zero bytes.
+      {ScriptedOp::Ending::nonFinite, "t.op falló: la respuesta no se pudo codificar", "ok"},
+      {ScriptedOp::Ending::notUTF8, R"(t.op falló: a\\xffb)", "error"},
   };
   for (const Case& tc : cases) {
     SCOPED_TRACE(tc.answer);
     DaemonCore c = core(DaemonCore::OpList{std::make_shared<ScriptedOp>("t.op", tc.ending)});
     std::string answer =
         testing::runOn(pool, c.handleEncoded(R"({"op":"t.op","args":{}})", kUnverified));
-    if (tc.answer.empty()) {
-      EXPECT_EQ(answer, "");
-    } else {
-      EXPECT_THAT(answer, HasSubstr(R"("code":"opFailed")"));
-      EXPECT_THAT(answer, HasSubstr(tc.answer));
-    }
+    EXPECT_THAT(answer, HasSubstr(R"("code":"opFailed")"));
+    EXPECT_THAT(answer, HasSubstr(tc.answer));
     EXPECT_EQ(lastRow().outcome, tc.outcome);
   }
 }

@@ -215,12 +215,6 @@ TEST_F(PlatformUpdateTest, RefusedTreesMoveNothing) {
       {"no allowlist", [&](auto&) { fs::remove(allowlistPath()); }, unprovisioned},
       {"allowlist that does not decode, not unprovisioned",
        [&](auto&) { testing::writeFile(allowlistPath(), R"({"revision":1})"); }, undecodable},
-      {"sealed by an unknown key",
-       [&](auto&) {
-         key = Ed25519KeyPair("other");
-         provision();
-       },
-       SealError::verification({VendorVerificationError::unknownKey("vendor-test")}).description()},
       {"expired seal", restage(ArtifactType::platform, -10), "manifest vencido: expiró ",
        "Tarskel.app", false},
       {"service artefact", restage(ArtifactType::service, 3600),

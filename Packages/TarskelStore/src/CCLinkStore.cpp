@@ -82,16 +82,16 @@ void CCLinkStore::storeAck(const CCAck& ack, std::int64_t keepLast) {
       {Value::integer(keepLast)});
 }
 
-std::vector<CCLinkStore::OutboxRow> CCLinkStore::outboxRows() {
-  std::vector<OutboxRow> out;
-  db_->forEachRow(
+SQLiteDatabase::ScanEnd CCLinkStore::forEachOutboxRow(
+    const std::function<bool(OutboxRow&)>& visit) {
+  OutboxRow out;
+  return db_->forEachRow(
       "SELECT seq, event_id, payload, created_at FROM cc_events ORDER BY seq ASC", {},
-      [&out](SQLiteDatabase::Row& row) {
-        out.push_back(OutboxRow{row["seq"].intValue().value_or(0), textOf(row, "event_id"),
-                                std::move(row["payload"]), textOf(row, "created_at")});
-        return true;
+      [&](SQLiteDatabase::Row& row) {
+        out = OutboxRow{row["seq"].intValue().value_or(0), textOf(row, "event_id"),
+                        std::move(row["payload"]), textOf(row, "created_at")};
+        return visit(out);
       });
-  return out;
 }
 
 std::optional<CCLinkStore::AckRow> CCLinkStore::ackRow(const std::string& cmdId) {

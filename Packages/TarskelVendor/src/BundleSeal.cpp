@@ -20,19 +20,38 @@ namespace tarskel::BundleSeal {
 namespace fs = std::filesystem;
 namespace {
 
-// A manifest of a million files is some hundred megabytes; anything beyond
-// this is not a manifest, and reading it whole would only exhaust memory.
-constexpr std::size_t kMaxManifestBytes = 256u << 20;
-
 // The seal's own files, whole. They are not content, so nothing has vouched
 // for them: a link is not followed and a named pipe can't make us wait.
 std::string readSealFile(const fs::path& path) {
   try {
-    return readFile(path, kMaxManifestBytes, {.followLastLink = false});
+    return readFile(path, maxManifestBytes, {.followLastLink = false});
   } catch (const FileReadError& e) {
+    if (e.kind() == FileReadError::Kind::tooLarge) {
+      throw SealError::tooLarge("el hash-manifest supera el tope de " +
+                                std::to_string(maxManifestBytes) + " bytes");
+    }
     throw SealError::unreadableManifest(e.description());
   }
 }
+
+[[noreturn]] void tooManyEntries() {
+  throw SealError::tooLarge("el contenido supera el tope de " + std::to_string(maxFiles) +
+                            " entradas");
+}
+
+// Counts the entries one walk meets, against maxFiles and the budget.
+class EntryCounter {
+ public:
+  explicit EntryCounter(WorkBudget* budget) : budget_(budget) {}
+  void count() {
+    if (++seen_ > maxFiles) tooManyEntries();
+    if (budget_ != nullptr) budget_->chargeFile();
+  }
+
+ private:
+  WorkBudget* budget_;
+  std::size_t seen_ = 0;
+};
 
 template <class T>
 T decodeSealFile(std::string_view bytes) {
@@ -66,12 +85,16 @@ struct PendingDirectory {
 
 // The entries of one directory, by name, so that the walk (and which bad
 // entry it meets first) does not depend on the file system's order. A
-// directory that can't be read is passed over.
-std::vector<fs::directory_entry> sortedEntries(const fs::path& directory) {
+// directory that can't be read is passed over. Each entry is counted as it
+// is met, so a directory of millions stops at the bound, not after.
+std::vector<fs::directory_entry> sortedEntries(const fs::path& directory, EntryCounter& counter) {
   std::vector<fs::directory_entry> entries;
   std::error_code ec;
   fs::directory_iterator it(directory, ec);
-  for (; !ec && it != fs::directory_iterator(); it.increment(ec)) entries.push_back(*it);
+  for (; !ec && it != fs::directory_iterator(); it.increment(ec)) {
+    counter.count();
+    entries.push_back(*it);
+  }
   std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
     return a.path().filename().native() < b.path().filename().native();
   });
@@ -109,14 +132,15 @@ void sortContent(std::vector<std::string>& paths) {
 
 }  // namespace
 
-std::vector<std::string> contentEntries(const fs::path& bundleAt) {
+std::vector<std::string> contentEntries(const fs::path& bundleAt, WorkBudget* budget) {
+  EntryCounter counter(budget);
   std::vector<std::string> files;
   std::vector<PendingDirectory> pending{{bundleAt.lexically_normal(), {}}};
   while (!pending.empty()) {
     PendingDirectory directory = std::move(pending.back());
     pending.pop_back();
     std::vector<PendingDirectory> subdirectories;
-    for (const fs::directory_entry& entry : sortedEntries(directory.path)) {
+    for (const fs::directory_entry& entry : sortedEntries(directory.path, counter)) {
       const std::string name = entry.path().filename().string();
       std::string relative = directory.relative.empty() ? name : directory.relative + "/" + name;
       // The seal's own directory is set aside before its type is looked at.
@@ -143,7 +167,7 @@ HashManifest seal(const fs::path& bundleAt, std::string artifactId, ArtifactType
                   const Ed25519KeyPair& keyPair,
                   std::optional<std::map<std::string, std::string>> metadata,
                   const SealHashing& hashing) {
-  const std::vector<std::string> paths = contentEntries(bundleAt);
+  const std::vector<std::string> paths = contentEntries(bundleAt, hashing.budget);
   // A name that is not UTF-8 could not stand in the manifest's JSON.
   for (const std::string& path : paths) {
     if (!isValidUTF8(path)) {
@@ -176,6 +200,10 @@ HashManifest verify(const fs::path& bundleAt, const VendorVerification& verifica
                     const SealHashing& hashing) {
   const std::string manifestData = readSealFile(bundleAt / manifestFile);
   HashManifest manifest = decodeSealFile<HashManifest>(manifestData);
+  if (manifest.files.size() > maxFiles) {
+    throw SealError::tooLarge("el hash-manifest lista más de " + std::to_string(maxFiles) +
+                              " archivos");
+  }
   const std::string signatureData = readSealFile(bundleAt / signatureFile);
   const VendorSignature signature = decodeSealFile<VendorSignature>(signatureData);
 
@@ -183,7 +211,7 @@ HashManifest verify(const fs::path& bundleAt, const VendorVerification& verifica
       manifestData, manifest, signature, allowlist, installedMonotonic, allowDowngrade);
   if (!errors.empty()) throw SealError::verification(std::move(errors));
 
-  const std::vector<std::string> content = contentEntries(bundleAt);
+  const std::vector<std::string> content = contentEntries(bundleAt, hashing.budget);
   std::set<std::string> present(content.begin(), content.end());
 
   // Only listed paths that are present content are ever opened: this is what

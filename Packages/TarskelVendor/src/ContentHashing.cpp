@@ -61,7 +61,7 @@ class OrderedHasher {
     ContentDigest& result = results_[i];
     result.done = true;
     try {
-      result.sha256 = VendorHashing::sha256HexOfFile(root_ / paths_[i]);
+      result.sha256 = VendorHashing::sha256HexOfFile(root_ / paths_[i], hashing_.budget);
       return !isFailure_(i, result.sha256);
     } catch (...) {
       result.error = std::current_exception();

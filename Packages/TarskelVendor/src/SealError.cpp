@@ -43,6 +43,11 @@ SealError SealError::verification(std::vector<VendorVerificationError> errors) {
   return e;
 }
 
+SealError SealError::tooLarge(std::string text) {
+  std::string description = text;
+  return SealError(Kind::tooLarge, std::move(text), std::move(description));
+}
+
 bool operator==(const SealError& a, const SealError& b) {
   return a.kind_ == b.kind_ && a.detail_ == b.detail_ && a.errors_ == b.errors_;
 }

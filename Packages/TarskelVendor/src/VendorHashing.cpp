@@ -25,7 +25,8 @@ constexpr std::size_t kChunkBytes = 256 * 1024;
 
 std::string sha256Hex(std::string_view bytes) { return tarskel::sha256Hex(bytes); }
 
-std::string sha256HexOfFile(const std::filesystem::path& path) {
+std::string sha256HexOfFile(const std::filesystem::path& path, WorkBudget* budget) {
+  if (budget != nullptr) budget->chargeFile();
   // Non-blocking open: a named pipe swapped in for a file must not hang the
   // caller. For a regular file the flag changes nothing.
   FileDescriptor file;
@@ -45,6 +46,9 @@ std::string sha256HexOfFile(const std::filesystem::path& path) {
       if (errno == EINTR) continue;
       fail("no se pudo leer", path, errno);
     }
+    // Charged before it is hashed: a file that never ends (a sparse one of
+    // exabytes) is given up at the budget, not read for ever.
+    if (budget != nullptr) budget->chargeBytes(static_cast<std::uint64_t>(n));
     digest.update(buffer.data(), static_cast<std::size_t>(n));
   }
   return digest.finishHex();

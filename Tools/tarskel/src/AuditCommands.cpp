@@ -84,54 +84,6 @@ struct ReadOnlyAudit {
 
 // ---- Output for people ------------------------------------------------------
 
-// Client-supplied text made safe for a terminal, as journalctl shows it:
-// control characters (C0, DEL, C1), backslash and the characters that
-// reorder a line are escaped, so that no row can forge another on screen or
-// reach the terminal as a command. Other text, accents included, stands.
-std::string forPeople(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    auto c = static_cast<unsigned char>(text[i]);
-    switch (c) {
-      case '\n':
-        out += "\\n";
-        continue;
-      case '\t':
-        out += "\\t";
-        continue;
-      case '\r':
-        out += "\\r";
-        continue;
-      case '\\':
-        out += "\\\\";
-        continue;
-      default:
-        break;
-    }
-    if (c < 0x20 || c == 0x7F) {
-      out += fmt::format("\\x{:02x}", c);
-    } else if (c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0) {
-      out += fmt::format("\\u{:04x}", (static_cast<unsigned char>(text[++i]) & 0x3F) | 0x80);
-    } else if (c == 0xE2 && i + 2 < text.size()) {
-      // U+200E/F, U+202A..E, U+2066..9: marks and embeddings that reorder text.
-      unsigned cp = 0x2000 | ((static_cast<unsigned char>(text[i + 1]) & 0x3Fu) << 6) |
-                    (static_cast<unsigned char>(text[i + 2]) & 0x3Fu);
-      bool reorders = cp == 0x200E || cp == 0x200F || (cp >= 0x202A && cp <= 0x202E) ||
-                      (cp >= 0x2066 && cp <= 0x2069) || cp == 0x2028 || cp == 0x2029;
-      if (reorders && (static_cast<unsigned char>(text[i + 1]) & 0xF0) == 0x80) {
-        out += fmt::format("\\u{:04x}", cp);
-        i += 2;
-      } else {
-        out += static_cast<char>(c);
-      }
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
-}
-
 // Rows for people: aligned columns, the caller last since it is the longest.
 // Streams in blocks; widths only ever grow, so a short listing comes out as
 // one aligned table and a long one never holds more than a block.
@@ -146,9 +98,9 @@ class Table {
   }
 
   void add(const Entry& e) {
-    lines_.push_back({std::to_string(e.seq), formatISO8601(e.ts), forPeople(e.tool),
-                      forPeople(e.outcome), forPeople(e.origin), forPeople(e.correlationId),
-                      fmt::format("{:.1f}", e.durationMs), forPeople(e.caller)});
+    lines_.push_back({std::to_string(e.seq), formatISO8601(e.ts), forTerminal(e.tool),
+                      forTerminal(e.outcome), forTerminal(e.origin), forTerminal(e.correlationId),
+                      fmt::format("{:.1f}", e.durationMs), forTerminal(e.caller)});
     if (lines_.size() >= kBlock) flush();
   }
 

@@ -272,6 +272,7 @@ class Server {
       });
       if (options_.once) connection->onClose([this](const BusConnectionError&) { stop(); });
       connection->start();
+      std::erase_if(connections_, [](const auto& weak) { return weak.expired(); });
       connections_.push_back(connection);
       if (options_.once) {
         boost::system::error_code ignored;

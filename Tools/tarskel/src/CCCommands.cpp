@@ -18,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "ToolCommand.hpp"
 #include "tarskel/protocol/base/Base64.hpp"
@@ -200,6 +201,12 @@ std::string decodingError(const SQLiteDatabase::Value& column, const auto& decod
   }
 }
 
+// A stored text for JSON output: bytes that are not UTF-8 are escaped
+// rather than making the line unwritable.
+std::string jsonText(const std::string& text) {
+  return jsonString(isValidUTF8(text) ? text : escapedBytes(text));
+}
+
 std::string outboxLine(const CCLinkStore::OutboxRow& row, bool json) {
   std::optional<CCEvent> event;
   const std::string error = decodingError(row.payload, [&event](const std::string& text) {
@@ -207,19 +214,35 @@ std::string outboxLine(const CCLinkStore::OutboxRow& row, bool json) {
   });
   if (json) {
     std::string out = fmt::format("{{\"seq\":{},\"eventId\":{},\"createdAt\":{},", row.seq,
-                                  jsonString(row.eventId), jsonString(row.createdAt));
+                                  jsonText(row.eventId), jsonText(row.createdAt));
     out += event ? "\"event\":" + TarskelJSON::canonicalEncoder().encode(*event)
-                 : "\"error\":" + jsonString(error);
+                 : "\"error\":" + jsonText(error);
     return out + "}\n";
   }
-  return fmt::format("{}  {}  {}  {}\n", row.seq, row.eventId, row.createdAt,
-                     event ? event->type : "(unreadable: " + error + ")");
+  return fmt::format("{}  {}  {}  {}\n", row.seq, forTerminal(row.eventId),
+                     forTerminal(row.createdAt),
+                     forTerminal(event ? event->type : "(unreadable: " + error + ")"));
 }
 
+// Rows go out as they are read, in blocks, so a table of any size costs one
+// block of memory. A walk that ends early on a damaged database is reported
+// as `tarskel audit verify` reports a damaged chain: exit 1.
 int outboxList(const StoreOptions& o) {
   return onStore(o, false, [&o](CCLinkStore& store) {
-    for (const CCLinkStore::OutboxRow& row : store.outboxRows())
-      writeOutput(outboxLine(row, o.json));
+    constexpr std::size_t kBlockBytes = 64 * 1024;
+    std::string block;
+    std::int64_t lastSeq = 0;
+    const SQLiteDatabase::ScanEnd end = store.forEachOutboxRow([&](CCLinkStore::OutboxRow& row) {
+      block += outboxLine(row, o.json);
+      lastSeq = row.seq;
+      if (block.size() >= kBlockBytes) writeOutput(std::exchange(block, {}));
+      return true;
+    });
+    writeOutput(block);
+    if (!end.complete) {
+      throw ToolFailure(kExitFailure, fmt::format("{}: database damaged after seq {}: {}", o.db,
+                                                  lastSeq, forTerminal(end.message)));
+    }
     return kExitSuccess;
   });
 }

@@ -101,6 +101,13 @@ CLI::Option* addOperationPositional(CLI::App* command, T& target, const std::str
 
 // ---- Output
 
+// Text from a store or a client made safe for a terminal, as journalctl
+// shows it: control characters (C0, DEL, C1), backslash and the characters
+// that reorder a line are escaped, so that no row can forge another on
+// screen or reach the terminal as a command. Other text, accents included,
+// stands.
+std::string forTerminal(std::string_view text);
+
 // Writes `bytes` to standard output exactly, no newline added, and flushes.
 // A write that fails (a full disk, a closed pipe) throws
 // ToolFailure(kExitUsage) with the reason.

@@ -4,6 +4,7 @@
 // reader it takes pipes and process substitutions (<(cmd)) of any size.
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -154,6 +155,50 @@ std::string jsonForPeople(std::string_view compact, bool indent) {
     } else {
       out += c;
       if (c == ':' && indent) out += ' ';
+    }
+  }
+  return out;
+}
+
+std::string forTerminal(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    auto c = static_cast<unsigned char>(text[i]);
+    switch (c) {
+      case '\n':
+        out += "\\n";
+        continue;
+      case '\t':
+        out += "\\t";
+        continue;
+      case '\r':
+        out += "\\r";
+        continue;
+      case '\\':
+        out += "\\\\";
+        continue;
+      default:
+        break;
+    }
+    if (c < 0x20 || c == 0x7F) {
+      out += fmt::format("\\x{:02x}", c);
+    } else if (c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0) {
+      out += fmt::format("\\u{:04x}", (static_cast<unsigned char>(text[++i]) & 0x3F) | 0x80);
+    } else if (c == 0xE2 && i + 2 < text.size()) {
+      // U+200E/F, U+202A..E, U+2066..9: marks and embeddings that reorder text.
+      unsigned cp = 0x2000 | ((static_cast<unsigned char>(text[i + 1]) & 0x3Fu) << 6) |
+                    (static_cast<unsigned char>(text[i + 2]) & 0x3Fu);
+      bool reorders = cp == 0x200E || cp == 0x200F || (cp >= 0x202A && cp <= 0x202E) ||
+                      (cp >= 0x2066 && cp <= 0x2069) || cp == 0x2028 || cp == 0x2029;
+      if (reorders && (static_cast<unsigned char>(text[i + 1]) & 0xF0) == 0x80) {
+        out += fmt::format("\\u{:04x}", cp);
+        i += 2;
+      } else {
+        out += static_cast<char>(c);
+      }
+    } else {
+      out += static_cast<char>(c);
     }
   }
   return out;

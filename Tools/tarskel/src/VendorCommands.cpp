@@ -166,6 +166,8 @@ const char* sealKindName(SealError::Kind kind) {
       return "notRegularFile";
     case SealError::Kind::verification:
       return "verification";
+    case SealError::Kind::tooLarge:
+      return "tooLarge";
   }
   return "?";
 }

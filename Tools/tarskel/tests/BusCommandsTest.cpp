@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -67,6 +69,32 @@ TEST(BusCommands, CallAgainstServeGetsResultsErrorsAndRefusals) {
     bus serve --socket $SOCK | 3 | another process listens on | ''
   )",
              {{"$SOCK", socket}});
+  // Regression: twenty peers that said hello, each stopped inside a 16 MiB
+  // frame, made the server hold all of it; now the pool's bound holds.
+  const auto peer = [&socket](const std::string& hello, const std::string& then) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{AF_UNIX, {}};
+    socket.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const auto sendAll = [fd](const std::string& bytes) {
+      for (ssize_t n = 0, sent = 0; sent < static_cast<ssize_t>(bytes.size()); sent += n)
+        if ((n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL)) <= 0) break;
+    };
+    sendAll(hello);
+    char answer[512];
+    EXPECT_GT(::recv(fd, answer, sizeof answer, 0), 0);  // the session is open
+    sendAll(then);
+    return fd;
+  };
+  const std::string hello = Framing::encode(
+      R"({"jsonrpc":"2.0","id":1,"method":"service.hello","params":{"clientId":"p","protocolVersion":"1.1.0","capabilities":[]}})");
+  std::vector<int> held;
+  for (int i = 0; i < 20; ++i)
+    held.push_back(
+        peer(hello, std::string("\x01\x00\x00\x00", 4) + std::string((16 << 20) - 1, ' ')));
+  const std::string peak = readFile("/proc/" + std::to_string(server) + "/status");
+  EXPECT_LT(std::stol(peak.substr(peak.find("VmHWM:") + 6)), 200 * 1024) << "kB at peak";
+  for (int fd : held) ::close(fd);
   ::kill(server, SIGTERM);
   int status = 0;
   ::waitpid(server, &status, 0);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "ToolRunner.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
 
@@ -51,13 +53,13 @@ CREATE TABLE cc_cmd_dedupe (cmd_id TEXT PRIMARY KEY, ack TEXT NOT NULL, created_
 INSERT INTO cc_events (event_id, payload, created_at) VALUES
   ('e1', '{"eventId":"e1","deviceId":"d","ts":"2026-01-02T03:04:05Z","type":"service.crashed"}',
    '2026-01-02T03:04:06Z'),
-  ('bad', '{}', '2026-01-02T03:04:07Z');
+  ('bad', '{}', '2026-01-02T03:04:07Z' || char(27, 93, 48, 59, 7));
 INSERT INTO cc_cmd_dedupe VALUES ('c1', '{"status":"acked","cmdId":"c1"}', '2026-01-02T03:04:08Z'),
   ('c2', '{"cmdId":"c2","status":"ok"}', '2026-01-02T03:04:09Z');
 )SQL");
   expectRuns(R"(
-    cc outbox --db $DB list | 0 |  | 1  e1  2026-01-02T03:04:06Z  service.crashed\n2  bad  2026-01-02T03:04:07Z  (unreadable: keyNotFound en <raíz>: falta la clave "eventId")\n
-    cc outbox --db $DB list --json | 0 |  | {"seq":1,"eventId":"e1","createdAt":"2026-01-02T03:04:06Z","event":{"deviceId":"d","eventId":"e1","ts":"2026-01-02T03:04:05Z","type":"service.crashed"}}\n{"seq":2,"eventId":"bad","createdAt":"2026-01-02T03:04:07Z","error":"keyNotFound en <raíz>: falta la clave \"eventId\""}\n
+    cc outbox --db $DB list | 0 |  | 1  e1  2026-01-02T03:04:06Z  service.crashed\n2  bad  2026-01-02T03:04:07Z\x1b]0;\x07  (unreadable: keyNotFound en <raíz>: falta la clave "eventId")\n
+    cc outbox --db $DB list --json | 0 |  | {"seq":1,"eventId":"e1","createdAt":"2026-01-02T03:04:06Z","event":{"deviceId":"d","eventId":"e1","ts":"2026-01-02T03:04:05Z","type":"service.crashed"}}\n{"seq":2,"eventId":"bad","createdAt":"2026-01-02T03:04:07Z\u001b]0;\u0007","error":"keyNotFound en <raíz>: falta la clave \"eventId\""}\n
     cc acks --db $DB show c1 | 0 |  | {"cmdId":"c1","status":"acked"}\n
     cc acks --db $DB show c2 | 1 | tarskel: the ack stored for 'c2' can't be read: dataCorrupted | ''
     cc outbox --db $DB remove nope | 1 | tarskel: no event 'nope' in the outbox | ''
@@ -67,6 +69,11 @@ INSERT INTO cc_cmd_dedupe VALUES ('c1', '{"status":"acked","cmdId":"c1"}', '2026
   )",
              {{"$DB", path("link.db")}, {"$DIR", scratch.path().string()}});
   EXPECT_FALSE(fs::exists(path("none.db"))) << "a mistyped path leaves no store behind";
+  // Regression: rows after a damaged page were left out, with exit 0.
+  std::fstream(path("link.db"), std::ios::in | std::ios::out | std::ios::binary).seekp(4096)
+      << std::string(4096, 'Z');  // the outbox's only page
+  expectRuns("cc outbox --db $DB list | 1 | database damaged after seq 0: database disk image",
+             {{"$DB", path("link.db")}});
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <malloc.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -141,6 +142,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     if (closed_) return;
     closed_ = true;
     readClosed_ = true;
+    clientGone_->store(true);  // replies in flight go nowhere: their work may stop
     boost::system::error_code ignored;
     socket_.close(ignored);
     resume_.cancel();
@@ -197,6 +199,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
       }
       if (n == 0) {
         readClosed_ = true;
+        if (peerHungUp()) clientGone_->store(true);
         continue;
       }
       if (errno == EINTR) continue;
@@ -218,6 +221,13 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   bool mustWait() const {
     return !pending_.empty() || inFlight_ >= state_->limits.maxInFlight ||
            outboxBytes_ >= state_->limits.maxUnsentBytes;
+  }
+
+  // After the end of the stream: whether the client closed its socket
+  // altogether (nobody will read a reply) rather than only its writing side.
+  bool peerHungUp() {
+    pollfd probe{socket_.native_handle(), POLLIN, 0};
+    return ::poll(&probe, 1, 0) == 1 && (probe.revents & POLLHUP) != 0;
   }
 
   // Lets a read loop that waits for room look again.
@@ -322,7 +332,8 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
                                       std::string bytes, DaemonPeerVerdict verdict) {
     std::string response;
     try {
-      auto handling = self->state_->core.handleEncoded(std::move(bytes), std::move(verdict));
+      auto handling =
+          self->state_->core.handleEncoded(std::move(bytes), std::move(verdict), self->clientGone_);
       std::string handled = co_await std::move(handling);
       response = std::move(handled);
     } catch (const std::exception&) {
@@ -400,6 +411,8 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   bool waitingForRoom_ = false;
   bool readClosed_ = false;
   bool closed_ = false;
+  // Set once no reply can reach the client; long operations read it.
+  std::shared_ptr<std::atomic<bool>> clientGone_ = std::make_shared<std::atomic<bool>>(false);
   asio::steady_timer resume_;  // wakes a read loop that waits for room
   Clock::time_point lastActivity_;
   Clock::time_point lastRead_;

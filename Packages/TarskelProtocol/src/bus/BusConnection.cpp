@@ -91,17 +91,29 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
   };
 
   Impl(std::unique_ptr<bus_detail::Stream> s, bus_detail::Stream::Strand st,
-       std::optional<HelloRequest> h, BusServerHello o, BusLimits l)
+       std::optional<HelloRequest> h, BusServerHello o, BusLimits l,
+       std::shared_ptr<BusServingPool> p)
       : stream(std::move(s)),
         strand(std::move(st)),
         hello(std::move(h)),
         offer(std::move(o)),
         limits(l),
-        decoder(l.maxFrameLength),
+        pool(std::move(p)),
+        decoder(hello ? l.maxFrameLength : std::min(l.maxFrameLength, l.maxFrameBeforeHello)),
         readBuffer(kReadChunk),
-        graceTimer(strand) {
+        graceTimer(strand),
+        limitTimer(strand) {
     if (hello && hello->protocolVersion.empty())
       hello->protocolVersion = TarskelProtocolInfo::protocolVersion;
+  }
+
+  // A connection dropped without closing (its executor stopped) still gives
+  // its place and its bytes back.
+  ~Impl() {
+    if (pooled) {
+      pool->release(heldFromPool);
+      pool->closed();
+    }
   }
 
   template <class F>
@@ -130,8 +142,74 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
       enqueue(*frameFor(JSONRPCMessage::request(id, std::string(BusMethod::serviceHello), params)));
     } else {
       phase = Phase::handshaking;
+      if (pool && !pool->tryOpen()) {
+        return refuse(RPCErrorCode::serviceUnavailable,
+                      "demasiadas conexiones abiertas (tope " +
+                          std::to_string(pool->limits().maxConnections) + ")");
+      }
+      pooled = true;
+      helloDeadline = Clock::now() + limits.helloTimeout;
+      lastActivity = Clock::now();
+      armLimitTimer();
     }
     read();
+  }
+
+  // ---- a server's limits ----
+
+  using Clock = std::chrono::steady_clock;
+
+  // Answers with an error that has no id and closes once it has left.
+  void refuse(std::int64_t code, const std::string& text) {
+    sendError(std::nullopt, JSONRPCError(code, text));
+    closeAfterFlush(BusConnectionError(BusConnectionError::Reason::overLimit, text));
+  }
+
+  // One timer for both times: it wakes at the nearer one and looks again.
+  void armLimitTimer() {
+    Clock::time_point next = Clock::time_point::max();
+    if (phase == Phase::handshaking && limits.helloTimeout.count() > 0) next = helloDeadline;
+    if (limits.idleTimeout.count() > 0) next = std::min(next, lastActivity + limits.idleTimeout);
+    if (next == Clock::time_point::max()) return;
+    limitTimer.expires_at(next);
+    limitTimer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
+      if (!ec) self->onLimitTimer();
+    });
+  }
+
+  void onLimitTimer() {
+    if (phase == Phase::closing || phase == Phase::closed) return;
+    const Clock::time_point now = Clock::now();
+    if (phase == Phase::handshaking && limits.helloTimeout.count() > 0 && now >= helloDeadline) {
+      return refuse(RPCErrorCode::timeout,
+                    "sin service.hello en " + std::to_string(limits.helloTimeout.count()) + " ms");
+    }
+    if (limits.idleTimeout.count() > 0 && now >= lastActivity + limits.idleTimeout) {
+      return refuse(RPCErrorCode::timeout, "conexión inactiva más de " +
+                                               std::to_string(limits.idleTimeout.count()) + " ms");
+    }
+    armLimitTimer();
+  }
+
+  // Takes from the pool the `n` bytes about to be buffered; false (having
+  // refused the peer) when they don't fit.
+  bool holdIncoming(std::size_t n) {
+    if (!pooled) return true;
+    if (!pool->tryHold(n)) {
+      refuse(RPCErrorCode::serviceUnavailable, "el servidor no retiene más de " +
+                                                   std::to_string(pool->limits().maxHeldBytes) +
+                                                   " bytes de tramas incompletas");
+      return false;
+    }
+    heldFromPool += n;
+    return true;
+  }
+
+  // Gives back what the decoder no longer holds.
+  void releaseIncoming() {
+    const std::size_t stillHeld = std::min(heldFromPool, decoder.pendingBytes());
+    if (pooled && heldFromPool > stillHeld) pool->release(heldFromPool - stillHeld);
+    heldFromPool = stillHeld;
   }
 
   void read() {
@@ -160,9 +238,12 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
       }
       return;
     }
+    lastActivity = Clock::now();
+    if (!holdIncoming(n)) return;
     std::vector<std::string> payloads;
     try {
       payloads = decoder.append(std::string_view(readBuffer.data(), n));
+      releaseIncoming();
     } catch (const FramingError& e) {
       sendError(std::nullopt, JSONRPCError(RPCErrorCode::payloadTooLarge, e.description()));
       closeAfterFlush(
@@ -354,6 +435,7 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
                            accepted.sessionId};
     }
     phase = Phase::open;
+    decoder.setMaxFrameLength(limits.maxFrameLength);
     sendOutcome(request.id, JSONCoding<HelloResponse>::encode(accepted));
   }
 
@@ -517,6 +599,7 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
                                 "error de transporte: " + ec.message()));
       return;
     }
+    lastActivity = Clock::now();
     for (std::size_t i = 0; i < inFlight; ++i) {
       queuedBytes -= outbox.front().size();
       outbox.pop_front();
@@ -585,6 +668,13 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
       closedFlag = true;
     }
     graceTimer.cancel();
+    limitTimer.cancel();
+    if (pooled) {
+      pool->release(heldFromPool);
+      pool->closed();
+      heldFromPool = 0;
+      pooled = false;
+    }
     stream->close();
     // A write in flight still owns the front of the outbox until it completes, aborted.
     if (!writing) outbox.clear();
@@ -602,6 +692,7 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
   std::optional<HelloRequest> hello;  // set for a client
   BusServerHello offer;
   BusLimits limits;
+  std::shared_ptr<BusServingPool> pool;  // a server's; null for a client
 
   // Everything below is touched on the strand only, except `session`.
   Phase phase = Phase::idle;
@@ -623,6 +714,13 @@ struct BusConnection::Impl : std::enable_shared_from_this<BusConnection::Impl> {
   std::optional<BusConnectionError> closingCause;
   std::optional<BusConnectionError> closeCause;
   asio::steady_timer graceTimer;
+  // A server's limits: whether it holds a place in `pool`, the bytes it
+  // holds of the pool's bound, and its two times.
+  bool pooled = false;
+  std::size_t heldFromPool = 0;
+  Clock::time_point helloDeadline;
+  Clock::time_point lastActivity;
+  asio::steady_timer limitTimer;
 
   mutable std::mutex sessionMutex;
   std::optional<BusSession> session;
@@ -658,10 +756,49 @@ void BusResponder::fail(JSONRPCError error) const { answer(std::move(error)); }
 
 BusConnection::BusConnection(std::unique_ptr<bus_detail::Stream> stream,
                              std::optional<HelloRequest> hello, BusServerHello offer,
-                             BusLimits limits)
+                             BusLimits limits, std::shared_ptr<BusServingPool> pool)
     : strand_(asio::make_strand(stream->executor())) {
   impl_ = std::make_shared<Impl>(std::move(stream), strand_, std::move(hello), std::move(offer),
-                                 limits);
+                                 limits, std::move(pool));
+}
+
+const std::shared_ptr<BusServingPool>& BusServingPool::processDefault() {
+  static const std::shared_ptr<BusServingPool> pool = std::make_shared<BusServingPool>();
+  return pool;
+}
+
+bool BusServingPool::tryOpen() {
+  std::lock_guard lock(mutex_);
+  if (open_ >= limits_.maxConnections) return false;
+  ++open_;
+  return true;
+}
+
+void BusServingPool::closed() {
+  std::lock_guard lock(mutex_);
+  --open_;
+}
+
+bool BusServingPool::tryHold(std::size_t bytes) {
+  std::lock_guard lock(mutex_);
+  if (bytes > limits_.maxHeldBytes - held_) return false;
+  held_ += bytes;
+  return true;
+}
+
+void BusServingPool::release(std::size_t bytes) {
+  std::lock_guard lock(mutex_);
+  held_ -= std::min(bytes, held_);
+}
+
+std::size_t BusServingPool::openConnections() const {
+  std::lock_guard lock(mutex_);
+  return open_;
+}
+
+std::size_t BusServingPool::heldBytes() const {
+  std::lock_guard lock(mutex_);
+  return held_;
 }
 
 BusConnection::~BusConnection() = default;

@@ -58,6 +58,10 @@ FramingError FramingError::frameTooLarge(std::int64_t length, std::int64_t max) 
   return FramingError(length, max);
 }
 
+namespace {
+constexpr std::size_t kKeptCapacity = 256 * 1024;
+}  // namespace
+
 std::vector<std::string> FrameDecoder::append(std::string_view bytes) {
   if (consumed_ > 0 && consumed_ >= buffer_.size() / 2) {
     buffer_.erase(0, consumed_);
@@ -74,7 +78,13 @@ std::vector<std::string> FrameDecoder::append(std::string_view bytes) {
     consumed_ += total;
   }
   if (consumed_ == buffer_.size()) {
-    buffer_.clear();
+    // The room a large frame needed is given back once it is delivered: an
+    // idle stream holds no more than a small read's worth.
+    if (buffer_.capacity() > kKeptCapacity) {
+      std::string().swap(buffer_);
+    } else {
+      buffer_.clear();
+    }
     consumed_ = 0;
   }
   return frames;

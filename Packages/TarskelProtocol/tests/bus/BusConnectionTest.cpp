@@ -176,7 +176,8 @@ class RawPeerTest : public ::testing::Test {
   void SetUp() override {
     Local::socket b(pool.get_executor());
     asio::local::connect_pair(peer.socket(), b);
-    server = BusConnection::server(std::move(b), {}, BusLimits{.maxFrameLength = 1024});
+    server = BusConnection::server(std::move(b), {},
+                                   BusLimits{.maxFrameLength = 1024, .maxFrameBeforeHello = 512});
     server->handle(BusMethod::healthPing, [](const auto&) { return JSONValue("pong"); });
     server->start();
   }
@@ -240,12 +241,13 @@ TEST_F(RawPeerTest, UnreadableResponseFailsItsCall) {
       << got.said;
 }
 
+// Before its hello a peer is held to the tighter bound (the decoder's own
+// tests hold the bound itself).
 TEST_F(RawPeerTest, OversizeFrameGetsPayloadTooLargeThenTheConnectionCloses) {
-  hello();
-  peer.sendBytes(std::string("\0\0\x04\x01", 4));  // 1025 bytes announced, 1024 allowed
+  peer.sendBytes(std::string("\0\0\x02\x01", 4));  // 513 bytes announced, 512 allowed
   EXPECT_EQ(
       peer.receive(),
-      R"({"jsonrpc":"2.0","error":{"code":-32005,"message":"frame de 1025 bytes excede el máximo de 1024"}})");
+      R"({"jsonrpc":"2.0","error":{"code":-32005,"message":"frame de 513 bytes excede el máximo de 512"}})");
   EXPECT_EQ(peer.receive(), "EOF");
 }
 

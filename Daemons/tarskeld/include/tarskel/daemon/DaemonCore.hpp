@@ -15,6 +15,7 @@
 // call each. The core (the copy whose member is awaited) must outlive the
 // awaitable; both stores must outlive every request in flight.
 
+#include <atomic>
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <filesystem>
@@ -69,16 +70,23 @@ class DaemonCore {
   DaemonOpPtr op(std::string_view name) const;
 
   // Decides one request and answers it; never throws. Writes one audit row.
-  boost::asio::awaitable<DaemonResponse> handle(DaemonRequest request,
-                                                DaemonPeerVerdict peer) const;
+  // `clientGone`, when given, is set by the transport once nobody waits for
+  // the answer any more: a long operation then ends at its next charge with
+  // "trabajo abandonado: el cliente se fue".
+  boost::asio::awaitable<DaemonResponse> handle(
+      DaemonRequest request, DaemonPeerVerdict peer,
+      std::shared_ptr<std::atomic<bool>> clientGone = {}) const;
 
   // Decodes `bytes` as a DaemonRequest, handles it and returns the encoded
   // response. Unreadable bytes (a missing or non-object "args" included)
   // answer "malformedRequest" without an audit row and without looking at
-  // the verdict. Empty bytes come back when the response can't be encoded
-  // (a non-finite number in a result). Never throws.
-  boost::asio::awaitable<std::string> handleEncoded(std::string bytes,
-                                                    DaemonPeerVerdict peer) const;
+  // the verdict. A response that can't be encoded (a non-finite number in a
+  // result) is answered with "opFailed" saying so, and a text that is not
+  // UTF-8 (a file name of a staged tree) has its bad bytes escaped, so every
+  // request gets an answer that says what went wrong. Never throws.
+  boost::asio::awaitable<std::string> handleEncoded(
+      std::string bytes, DaemonPeerVerdict peer,
+      std::shared_ptr<std::atomic<bool>> clientGone = {}) const;
 
   // From now on, this copy runs every operation but the short ones on
   // `executor` and comes back for the audit row: an operation that may take
@@ -86,6 +94,11 @@ class DaemonCore {
   // thread that handles requests. Without it, operations run where the
   // request is handled.
   void runLongOpsOn(boost::asio::any_io_executor executor) { longOps_ = std::move(executor); }
+
+  // What each operation that may take long is given to spend (its
+  // WorkBudget); the defaults of WorkLimits until set. Set it before the
+  // copy is shared.
+  void limitLongOps(WorkLimits limits) { workLimits_ = limits; }
 
   // The operations that never take long: "daemon.info" and
   // "daemon.grants.sync". Every refusal is short too: it runs no operation.
@@ -102,12 +115,14 @@ class DaemonCore {
                                                                DaemonOpPtr& op) const;
   boost::asio::awaitable<DaemonResponse> run(const DaemonRequest& request,
                                              const DaemonPeerVerdict& peer, const DaemonOp& op,
+                                             std::shared_ptr<std::atomic<bool>> clientGone,
                                              std::string& outcome) const;
 
   std::shared_ptr<const OpMap> ops_;
   std::shared_ptr<AuditStore> audit_;
   std::shared_ptr<GrantsStore> grants_;
   std::optional<boost::asio::any_io_executor> longOps_;
+  WorkLimits workLimits_;
 };
 
 }  // namespace tarskel

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/protocol/base/WorkBudget.hpp"
 #include "tarskel/protocol/json/JSONValue.hpp"
 #include "tarskel/protocol/schema/SchemaNode.hpp"
 
@@ -59,6 +60,11 @@ class DaemonPeerVerdict {
 struct DaemonOpContext {
   std::vector<std::string> catalog;  // every operation's name, ascending
   DaemonPeerVerdict peer;
+  // For an operation that may take long: what it may spend (bytes read,
+  // files, wall time), cancelled when the client that waits for it has gone.
+  // The operation charges it as it works and lets its WorkAbandoned go out
+  // as it is. Null for the short operations and where nobody set one.
+  std::shared_ptr<WorkBudget> budget = nullptr;
 };
 
 // A failure that an operation words itself. It reaches the client as

@@ -55,6 +55,11 @@ namespace tarskel {
 //                               back to
 // After a rollback previousPath is empty: a second one in a row is refused.
 //
+// A swap charges its budget (the context's, when it has one) for every file
+// it walks, hashes or copies and every byte it reads, in both verifications
+// and the copy: a spent budget or a departed client ends it with the
+// budget's WorkAbandoned, before anything is installed.
+//
 // Failures it words are DaemonOpError; the allowlist's DecodingError and the
 // seal's SealError go out as they are. The decoder's text names no file, so
 // an allowlist that does not decode is also logged, as an error naming the
@@ -83,7 +88,7 @@ class PlatformApplyUpdateOp final : public DaemonOp {
  private:
   JSONValue swap(const std::filesystem::path& stagedRoot, const std::string& appName,
                  const std::filesystem::path& installedApp,
-                 const std::filesystem::path& previousURL) const;
+                 const std::filesystem::path& previousURL, WorkBudget* budget) const;
   JSONValue rollback(const std::filesystem::path& installedApp,
                      const std::filesystem::path& previousURL,
                      const std::filesystem::path& failedURL) const;

@@ -26,6 +26,7 @@
 // pendingEvents may return fewer events than there are and pendingCount 0.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -105,8 +106,12 @@ class CCLinkStore {
     SQLiteDatabase::Value payload;
     std::string createdAt;
   };
-  // Every queued row, oldest first. Throws DBError(prepare).
-  std::vector<OutboxRow> outboxRows();
+  // Every queued row, oldest first, one at a time: `visit` returns false to
+  // stop, and may move values out of the row, which is reused. Holds one row
+  // in memory whatever the table's size. The walk's end says whether it
+  // reached the last row or met an error (a damaged page) before it.
+  // Throws DBError(prepare).
+  SQLiteDatabase::ScanEnd forEachOutboxRow(const std::function<bool(OutboxRow&)>& visit);
 
   struct AckRow {
     std::string cmdId;

@@ -22,6 +22,7 @@
 
 #include "tarskel/protocol/base/Date.hpp"
 #include "tarskel/protocol/base/Error.hpp"
+#include "tarskel/protocol/base/WorkBudget.hpp"
 #include "tarskel/protocol/vendor/HashManifest.hpp"
 #include "tarskel/protocol/vendor/VendorVerification.hpp"
 #include "tarskel/vendor/Ed25519.hpp"
@@ -39,6 +40,7 @@ class SealError : public Error {
     unexpectedFile,
     notRegularFile,
     verification,
+    tooLarge,
   };
 
   static SealError unreadableManifest(std::string text);
@@ -47,6 +49,9 @@ class SealError : public Error {
   static SealError unexpectedFile(std::string path);
   static SealError notRegularFile(std::string path);
   static SealError verification(std::vector<VendorVerificationError> errors);
+  // A manifest or a content tree beyond what any sealed tree may hold; the
+  // text says which bound.
+  static SealError tooLarge(std::string text);
 
   Kind kind() const { return kind_; }
   // The relative path, or for unreadableManifest the underlying error's text.
@@ -72,7 +77,11 @@ struct SealHashing {
   unsigned threads = 0;
   // Told (files done, files in all) as files are hashed. Called from the
   // hashing threads, never two calls at once; it must not throw.
-  std::function<void(std::size_t, std::size_t)> progress;
+  std::function<void(std::size_t, std::size_t)> progress = nullptr;
+  // When set, every content entry walked and every byte hashed is charged to
+  // it, and its WorkAbandoned ends the work as the failure of the file it
+  // struck. Not owned; it must outlive the call.
+  WorkBudget* budget = nullptr;
 };
 
 namespace BundleSeal {
@@ -81,12 +90,24 @@ inline constexpr std::string_view vendorDir = "vendor";
 inline constexpr std::string_view manifestFile = "vendor/manifest.json";
 inline constexpr std::string_view signatureFile = "vendor/manifest.sig";
 
+// What a sealed tree may hold. They keep the memory that any tree costs to
+// seal or verify to a few tens of megabytes, whatever lies in it: the
+// manifest is refused by its size before it is decoded and by its number of
+// entries before anything else is done with it, and the walk of the content
+// stops at its bound instead of gathering every name first.
+inline constexpr std::size_t maxManifestBytes = std::size_t{8} << 20;
+inline constexpr std::size_t maxFiles = 65'536;
+
 // The relative paths ("/"-separated) of the content files under `bundleAt`,
 // sorted by the Unicode scalar values of their NFC form. A root that does not exist has no content;
 // a directory that can't be opened is passed over. Throws SealError::notRegularFile for a symbolic
 // link or special file in the content, and std::filesystem::filesystem_error when an entry's type
 // can't be read. `bundleAt` may end in "/" or hold "..": the paths are the same.
-std::vector<std::string> contentEntries(const std::filesystem::path& bundleAt);
+// Throws SealError::tooLarge "el contenido supera el tope de 65536 entradas"
+// as soon as the walk meets more entries (files and directories) than
+// maxFiles, and `budget`'s WorkAbandoned when it is spent.
+std::vector<std::string> contentEntries(const std::filesystem::path& bundleAt,
+                                        WorkBudget* budget = nullptr);
 
 // Hashes the content, writes <bundle>/vendor/manifest.json (the manifest in
 // canonical bytes, no line end) and <bundle>/vendor/manifest.sig (the
@@ -106,6 +127,8 @@ HashManifest seal(const std::filesystem::path& bundleAt, std::string artifactId,
 // The manifest of `bundleAt` once proved; otherwise the first failure:
 //  - SealError::unreadableManifest when the manifest or signature file can't
 //    be read or decoded;
+//  - SealError::tooLarge for a manifest file above maxManifestBytes (no more
+//    than that is ever read) or listing more than maxFiles entries;
 //  - SealError::verification with every reason VendorVerification gives
 //    (signature, expiry, anti-rollback); no content is touched before this
 //    passes;

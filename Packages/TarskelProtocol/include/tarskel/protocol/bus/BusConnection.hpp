@@ -46,6 +46,20 @@
 // `maxFrameLength` is never sent: a call fails with payloadTooLarge, a
 // response is replaced by that error.
 //
+// Serving. A server connection holds a stranger to limits of its own, all
+// in BusLimits and a BusServingPool shared by the connections of one
+// listener, each with a default that a caller may change: before its hello
+// a peer may send no frame larger than `maxFrameBeforeHello` (1 MiB), and
+// must say hello within `helloTimeout`; a peer that sends nothing for
+// `idleTimeout` is closed; the pool admits `maxConnections` at once and lets
+// all of them together hold `maxHeldBytes` of incoming frames not yet
+// complete. A connection over the cap, or whose next bytes would pass the
+// pool's bound, gets serviceUnavailable and is closed; one that runs out of
+// time gets timeout and is closed. So what a listener's peers can make it
+// hold is about maxConnections × (2 × maxFrameBeforeHello + 64 KiB) before
+// their hellos, and never more than 2 × maxHeldBytes of frames in all
+// (a growing buffer may double), whatever they send.
+//
 // Closing. close(), the peer's end of stream, a transport error or a framing
 // error close the connection once; every pending and waiting call then fails
 // with a BusConnectionError naming its method and the cause, the close
@@ -79,6 +93,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -115,6 +130,7 @@ class BusConnectionError : public Error {
     frameTooLarge,     // a frame over the limit arrived
     handshakeRefused,  // the hello was refused, or answered with an incompatible version
     queueFull,         // the outgoing queue is at its limit; the connection stays open
+    overLimit,         // a server's limit: no hello in time, idle, the cap, the pool's bytes
   };
 
   BusConnectionError(Reason reason, std::string text,
@@ -137,6 +153,45 @@ struct BusLimits {
   // How long a last error frame (payloadTooLarge, a refused hello) may take
   // to leave before the connection closes regardless.
   std::chrono::milliseconds closeGrace{1000};
+  // Serving side only (see the top of this file). A zero time is no limit.
+  std::int64_t maxFrameBeforeHello = std::int64_t{1} << 20;
+  std::chrono::milliseconds helloTimeout{10'000};
+  std::chrono::milliseconds idleTimeout{120'000};
+};
+
+// What the server connections of one listener share: a cap on how many are
+// open and a bound on the bytes of incoming frames they hold together. Every
+// member may be called from any thread.
+class BusServingPool {
+ public:
+  struct Limits {
+    std::size_t maxConnections = 64;
+    std::size_t maxHeldBytes = std::size_t{48} << 20;
+  };
+
+  explicit BusServingPool(Limits limits) : limits_(limits) {}
+  BusServingPool() : BusServingPool(Limits{}) {}
+
+  // The pool that server() uses when given none: one per process, with the
+  // default limits.
+  static const std::shared_ptr<BusServingPool>& processDefault();
+
+  // Takes a place for a connection; false at the cap.
+  bool tryOpen();
+  void closed();
+  // Takes `bytes` more of the bound; false (taking nothing) when they don't fit.
+  bool tryHold(std::size_t bytes);
+  void release(std::size_t bytes);
+
+  std::size_t openConnections() const;
+  std::size_t heldBytes() const;
+  const Limits& limits() const { return limits_; }
+
+ private:
+  Limits limits_;
+  mutable std::mutex mutex_;
+  std::size_t open_ = 0;  // guarded by mutex_
+  std::size_t held_ = 0;  // guarded by mutex_
 };
 
 // What a server offers to the hellos it takes.
@@ -234,13 +289,15 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
                           std::move(hello), {}, limits));
   }
 
-  // A connection that expects a hello first. Not started.
+  // A connection that expects a hello first, counted in `pool` (the
+  // process's default when none is given). Not started.
   template <class Socket>
   static std::shared_ptr<BusConnection> server(Socket socket, BusServerHello offer = {},
-                                               BusLimits limits = {}) {
-    return std::shared_ptr<BusConnection>(
-        new BusConnection(std::make_unique<bus_detail::SocketStream<Socket>>(std::move(socket)),
-                          std::nullopt, std::move(offer), limits));
+                                               BusLimits limits = {},
+                                               std::shared_ptr<BusServingPool> pool = nullptr) {
+    return std::shared_ptr<BusConnection>(new BusConnection(
+        std::make_unique<bus_detail::SocketStream<Socket>>(std::move(socket)), std::nullopt,
+        std::move(offer), limits, pool ? std::move(pool) : BusServingPool::processDefault()));
   }
 
   ~BusConnection();
@@ -287,7 +344,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   struct Impl;
 
   BusConnection(std::unique_ptr<bus_detail::Stream> stream, std::optional<HelloRequest> hello,
-                BusServerHello offer, BusLimits limits);
+                BusServerHello offer, BusLimits limits,
+                std::shared_ptr<BusServingPool> pool = nullptr);
 
   void startCall(std::string method, Params params, CallCompletion completion);
 

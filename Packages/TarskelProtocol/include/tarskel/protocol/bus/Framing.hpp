@@ -83,6 +83,8 @@ class FrameDecoder {
 
   // The largest payload accepted; a payload of exactly this length passes.
   std::int64_t maxFrameLength() const { return maxFrameLength_; }
+  // From the next append on (a session that has said hello may send more).
+  void setMaxFrameLength(std::int64_t max) { maxFrameLength_ = max; }
 
  private:
   std::string buffer_;
