@@ -295,9 +295,10 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   static std::shared_ptr<BusConnection> server(Socket socket, BusServerHello offer = {},
                                                BusLimits limits = {},
                                                std::shared_ptr<BusServingPool> pool = nullptr) {
-    return std::shared_ptr<BusConnection>(new BusConnection(
-        std::make_unique<bus_detail::SocketStream<Socket>>(std::move(socket)), std::nullopt,
-        std::move(offer), limits, pool ? std::move(pool) : BusServingPool::processDefault()));
+    if (!pool) pool = BusServingPool::processDefault();
+    return std::shared_ptr<BusConnection>(
+        new BusConnection(std::make_unique<bus_detail::SocketStream<Socket>>(std::move(socket)),
+                          std::nullopt, std::move(offer), limits, std::move(pool)));
   }
 
   ~BusConnection();
