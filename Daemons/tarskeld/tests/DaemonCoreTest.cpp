@@ -199,13 +199,15 @@ TEST_F(DaemonCoreTest, ConcurrentRequestsEachLeaveOneChainedRow) {
                                             boost::asio::use_future));
   }
   for (auto& answer : answers) answer.get();
+  // The store's thread may still be handing its last completions to the
+  // pool; a call through its strand waits that out before the pool goes.
+  EXPECT_TRUE(boost::asio::co_spawn(workers, audit->verifyChain(), boost::asio::use_future).get());
 
   auto counts =
       db->query("SELECT count(*) AS n, count(DISTINCT correlation_id) AS ids FROM audit;");
   EXPECT_EQ(counts[0]["n"], SQLiteDatabase::Value::integer(kThreads * kPerThread));
   EXPECT_EQ(counts[0]["ids"], SQLiteDatabase::Value::integer(kThreads * kPerThread))
       << "one row per request";
-  EXPECT_TRUE(audit->verifyChainSync());
 }
 
 }  // namespace
