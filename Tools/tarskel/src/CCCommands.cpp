@@ -282,13 +282,6 @@ int acksShow(const StoreOptions& o) {
 
 // --- installation -----------------------------------------------------------------
 
-template <class Options>
-void bind(CLI::App* command, ToolContext& ctx, std::shared_ptr<Options> options,
-          int (*run)(const Options&)) {
-  command->callback(
-      [&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
-}
-
 }  // namespace
 
 void installCCCommands(CLI::App& app, ToolContext& ctx) {

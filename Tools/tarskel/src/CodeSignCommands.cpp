@@ -153,13 +153,6 @@ int check(const CheckOptions& o) {
   return refused ? kExitFailure : kExitSuccess;
 }
 
-template <class Options>
-void bind(CLI::App* command, ToolContext& ctx, std::shared_ptr<Options> options,
-          int (*run)(const Options&)) {
-  command->callback(
-      [&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
-}
-
 }  // namespace
 
 void installCodeSignCommands(CLI::App& app, ToolContext& ctx) {

@@ -16,6 +16,7 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -37,6 +38,14 @@ struct ToolContext {
 using CommandInstaller = void (*)(CLI::App& app, ToolContext& ctx);
 
 // One installer per command file; the table in ToolApp.cpp orders them.
+// Makes `run` over the parsed `options` the action of `command`.
+template <class Options>
+void bind(CLI::App* command, ToolContext& ctx, std::shared_ptr<Options> options,
+          int (*run)(const Options&)) {
+  command->callback(
+      [&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
+}
+
 void installJsonCommands(CLI::App& app, ToolContext& ctx);
 void installSchemaCommands(CLI::App& app, ToolContext& ctx);
 void installSemverCommands(CLI::App& app, ToolContext& ctx);

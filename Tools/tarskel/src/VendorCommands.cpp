@@ -430,13 +430,6 @@ int applyRotation(const RotateOptions& o) {
   return kExitSuccess;
 }
 
-template <class Options>
-void bind(CLI::App* command, ToolContext& ctx, std::shared_ptr<Options> options,
-          int (*run)(const Options&)) {
-  command->callback(
-      [&ctx, options, run] { ctx.action = [options, run] { return run(*options); }; });
-}
-
 void addStrict(CLI::App* command, bool& strict) {
   command->add_flag("--strict", strict,
                     "Refuse, not just warn about, a private key readable by group or others");
