@@ -193,7 +193,7 @@ TEST_F(BundleSealTest, AttackTable) {
     ::getrusage(RUSAGE_SELF, &usage);
     return usage.ru_maxrss;
   };
-  const long before = peakKiB();
+  [[maybe_unused]] const long before = peakKiB();
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     SetUp();
