@@ -32,8 +32,8 @@ inline ShellRun runShell(const std::string& command, const std::string& input = 
   const TempDirectory io("tarskel-shell-io");
   writeFile(io.file("in"), input);
   const std::string out = stdoutTo.empty() ? io.file("out").string() : stdoutTo;
-  const int status = std::system(("(" + command + ") <" + quote(io.file("in")) + " >" +
-                                  quote(out) + " 2>" + quote(io.file("err")))
+  const int status = std::system(("(" + command + ") <" + quote(io.file("in")) + " >" + quote(out) +
+                                  " 2>" + quote(io.file("err")))
                                      .c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, stdoutTo.empty() ? readFile(out) : "",
           readFile(io.file("err"))};
