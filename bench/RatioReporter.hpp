@@ -106,6 +106,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
         std::printf(" (target >= %.2f%s)", p.target, ratio >= p.target ? "" : ", MISSED");
       std::printf("\n");
     }
+    if (!goals_.empty()) std::printf("\n");  // after the table's last colour code
     for (const Goal& g : goals_) printTarget(g.name, goalRatios(g), g.op, g.value);
     std::fflush(stdout);
   }

@@ -516,18 +516,23 @@ class DOMTreeBuilder {
   // (a long fraction or exponent), which the DOM parse reads as a double or
   // an unsigned integer. Looked for once, on the first such number.
   bool mayHoldLongDigitRun() {
-    if (!longDigitRun_) {
-      std::size_t run = 0;
-      longDigitRun_ = false;
-      for (char c : input_) {
-        run = c >= '0' && c <= '9' ? run + 1 : 0;
-        if (run >= 19) {
-          longDigitRun_ = true;
-          break;
-        }
-      }
-    }
+    if (!longDigitRun_) longDigitRun_ = holdsDigitRun(input_, 19);
     return *longDigitRun_;
+  }
+
+  // Any run of `length` or more holds one of every (length-1)-th byte, so
+  // only those are looked at, and the runs through them measured.
+  static bool holdsDigitRun(std::string_view text, std::size_t length) {
+    const auto digit = [&text](std::size_t i) { return text[i] >= '0' && text[i] <= '9'; };
+    for (std::size_t i = length - 1; i < text.size(); i += length - 1) {
+      if (!digit(i)) continue;
+      std::size_t start = i;
+      std::size_t end = i + 1;
+      while (start > 0 && digit(start - 1)) --start;
+      while (end < text.size() && digit(end)) ++end;
+      if (end - start >= length) return true;
+    }
+    return false;
   }
 
   JSONValue integer(std::int64_t i) const {
