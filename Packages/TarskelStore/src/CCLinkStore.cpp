@@ -35,6 +35,7 @@ std::string textOf(const SQLiteDatabase::Row& row, const char* column) {
 CCLinkStore::CCLinkStore(std::shared_ptr<SQLiteDatabase> db) : db_(std::move(db)) {
   (void)db_->exec(std::string(kSchema));
   (void)db_->exec(std::string(kCreatedAtIndex));
+  if (!db_->exec(std::string(kAckCount))) (void)db_->exec("ROLLBACK;");
 }
 
 void CCLinkStore::enqueue(const CCEvent& event) {
@@ -76,9 +77,14 @@ void CCLinkStore::storeAck(const CCAck& ack, std::int64_t keepLast) {
   std::string json = TarskelJSON::encoder().encode(ack);
   db_->execute("INSERT OR REPLACE INTO cc_cmd_dedupe (cmd_id, ack, created_at) VALUES (?, ?, ?)",
                {Value::text(ack.cmdId), Value::text(std::move(json)), insertTime()});
+  // Keeping the keepLast newest is dropping the count-minus-keepLast oldest,
+  // in the reverse of the order the newest are kept in (created_at, then
+  // cmd_id), so the same entries stay; a negative keepLast drops none.
   db_->execute(
-      "DELETE FROM cc_cmd_dedupe WHERE cmd_id NOT IN\n"
-      "  (SELECT cmd_id FROM cc_cmd_dedupe ORDER BY created_at DESC LIMIT ?)",
+      "DELETE FROM cc_cmd_dedupe WHERE rowid IN\n"
+      "  (SELECT rowid FROM cc_cmd_dedupe ORDER BY created_at ASC, cmd_id ASC\n"
+      "   LIMIT max(0, CASE WHEN ?1 < 0 THEN 0 ELSE coalesce(\n"
+      "     (SELECT n FROM cc_cmd_dedupe_count), (SELECT COUNT(*) FROM cc_cmd_dedupe)) - ?1 END))",
       {Value::integer(keepLast)});
 }
 

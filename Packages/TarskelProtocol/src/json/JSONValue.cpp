@@ -28,6 +28,27 @@ icu::UnicodeString decomposed(std::string_view s) {
 
 bool keyLess(const JSONObject::Member& m, std::string_view key) { return m.first < key; }
 
+// A stable sort by key bytes. The objects of messages and records have a
+// handful of members, which an insertion sort orders in place, without the
+// buffer std::stable_sort allocates.
+void sortStablyByKey(std::vector<JSONObject::Member>& members) {
+  const auto less = [](const JSONObject::Member& a, const JSONObject::Member& b) {
+    return a.first < b.first;
+  };
+  constexpr std::size_t kInsertionLimit = 24;
+  if (members.size() > kInsertionLimit) {
+    std::stable_sort(members.begin(), members.end(), less);
+    return;
+  }
+  for (std::size_t i = 1; i < members.size(); ++i) {
+    if (!less(members[i], members[i - 1])) continue;
+    JSONObject::Member moving = std::move(members[i]);
+    std::size_t j = i;
+    for (; j > 0 && less(moving, members[j - 1]); --j) members[j] = std::move(members[j - 1]);
+    members[j] = std::move(moving);
+  }
+}
+
 }  // namespace
 
 bool canonicallyEquivalent(std::string_view a, std::string_view b) {
@@ -95,18 +116,18 @@ JSONObject JSONObject::fromUnsorted(std::vector<Member> members) {
       return object;
     }
     // Stable, so that among equal keys the later member stays last and wins.
-    std::stable_sort(members.begin(), members.end(),
-                     [](const Member& a, const Member& b) { return a.first < b.first; });
-    std::vector<Member> unique;
-    unique.reserve(members.size());
-    for (auto& m : members) {
-      if (!unique.empty() && unique.back().first == m.first) {
-        unique.back() = std::move(m);
+    sortStablyByKey(members);
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < members.size(); ++i) {
+      if (kept > 0 && members[kept - 1].first == members[i].first) {
+        members[kept - 1] = std::move(members[i]);
       } else {
-        unique.push_back(std::move(m));
+        if (kept != i) members[kept] = std::move(members[i]);
+        ++kept;
       }
     }
-    object.members_ = std::move(unique);
+    members.erase(members.begin() + static_cast<std::ptrdiff_t>(kept), members.end());
+    object.members_ = std::move(members);
     return object;
   }
   for (auto& m : members) object.set(std::move(m.first), std::move(m.second));

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <optional>
 
 namespace tarskel {
 namespace {
@@ -382,10 +383,8 @@ class TreeBuilder {
   std::vector<JSONObject::Member> members_;
 };
 
-// Outside strings JSON allows only four control bytes, and inside strings
-// none; the reader checks neither, so the raw text is screened once here.
-void refuseControlBytes(std::string_view bytes) {
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
+void refuseControlBytesIn(std::string_view bytes, std::size_t from, std::size_t to) {
+  for (std::size_t i = from; i < to; ++i) {
     const auto u = static_cast<unsigned char>(bytes[i]);
     if (u < 0x20 && u != '\t' && u != '\n' && u != '\r') {
       throw DecodingError(DecodingError::Kind::dataCorrupted, CodingPath(),
@@ -393,6 +392,30 @@ void refuseControlBytes(std::string_view bytes) {
                           DecodingError::positionIn(bytes, i));
     }
   }
+}
+
+// Nonzero when one of the eight bytes at `p` is below 0x20.
+std::uint64_t controlBytesIn(const char* p) {
+  constexpr std::uint64_t kSpaces = 0x2020202020202020;
+  constexpr std::uint64_t kHighBits = 0x8080808080808080;
+  std::uint64_t word;
+  std::memcpy(&word, p, sizeof word);
+  return (word - kSpaces) & ~word & kHighBits;
+}
+
+// Outside strings JSON allows only four control bytes, and inside strings
+// none; the reader checks neither, so the raw text is screened once here,
+// 32 bytes at a time, byte by byte only in a block that holds any.
+void refuseControlBytes(std::string_view bytes) {
+  std::size_t i = 0;
+  for (; i + 32 <= bytes.size(); i += 32) {
+    const char* p = bytes.data() + i;
+    if ((controlBytesIn(p) | controlBytesIn(p + 8) | controlBytesIn(p + 16) |
+         controlBytesIn(p + 24)) != 0) {
+      refuseControlBytesIn(bytes, i, i + 32);
+    }
+  }
+  refuseControlBytesIn(bytes, i, bytes.size());
 }
 
 // Where the reading of `bytes` broke: its end for a document that ended
@@ -423,10 +446,166 @@ JSONValue readTree(od::document& doc, const simdjson::padded_string& padded, boo
   return root;
 }
 
+// ---------------------------------------------------------------- fast reading
+
+// Most documents are well formed, and for them the reader's DOM parse, whose
+// tape knows each container's size, builds the tree in one pass with every
+// container allocated once at its final size. The pass gives up (Undecided)
+// on anything it can't vouch for: a reader error, nesting beyond the limit, a
+// string that escapes produced outside UTF-8, a zero that may have been
+// written -0. The streaming builder above then reads the document again, and
+// its results and error texts are the ones callers see.
+struct Undecided {};
+
+class DOMTreeBuilder {
+ public:
+  explicit DOMTreeBuilder(std::string_view input)
+      : input_(input),
+        mayHoldMinusZero_(mayHoldMinusZero(input)),
+        mayHoldEscapedUnicode_(input.find("\\u") != std::string_view::npos) {}
+
+  JSONValue build(simdjson::dom::element value, std::size_t depth) {
+    using Type = simdjson::dom::element_type;
+    switch (value.type()) {
+      case Type::ARRAY:
+        return readArray(value.get_array().value_unsafe(), depth);
+      case Type::OBJECT:
+        return readObject(value.get_object().value_unsafe(), depth);
+      case Type::INT64:
+        return integer(value.get_int64().value_unsafe());
+      case Type::UINT64: {
+        if (mayHoldLongDigitRun()) throw Undecided{};
+        JSONNumber n;
+        n.hasExact = true;
+        n.magnitude = value.get_uint64().value_unsafe();
+        n.value = static_cast<double>(n.magnitude);
+        return JSONValue(n);
+      }
+      case Type::DOUBLE: {
+        const double d = value.get_double().value_unsafe();
+        if ((d == 0 && mayHoldMinusZero_) || mayHoldLongDigitRun()) throw Undecided{};
+        return JSONValue(d);
+      }
+      case Type::STRING:
+        return JSONValue(string(value.get_string().value_unsafe()));
+      case Type::BOOL:
+        return JSONValue(value.get_bool().value_unsafe());
+      case Type::NULL_VALUE:
+        return JSONValue(nullptr);
+    }
+    throw Undecided{};
+  }
+
+ private:
+  // Whether a number of `input` may begin "-0": a "-0" where a value may
+  // start (at the beginning, or after "[", "," or ":" and spaces). Dates and
+  // other text inside strings rarely look like that.
+  static bool mayHoldMinusZero(std::string_view input) {
+    for (std::size_t i = input.find("-0"); i != std::string_view::npos;
+         i = input.find("-0", i + 2)) {
+      const std::size_t before = input.find_last_not_of(" \t\n\r", i == 0 ? 0 : i - 1);
+      if (i == 0 || before == std::string_view::npos || input[before] == '[' ||
+          input[before] == ',' || input[before] == ':') {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  // The two readers part ways on a number with a run of 19 or more digits
+  // (a long fraction or exponent), which the DOM parse reads as a double or
+  // an unsigned integer. Looked for once, on the first such number.
+  bool mayHoldLongDigitRun() {
+    if (!longDigitRun_) longDigitRun_ = holdsDigitRun(input_, 19);
+    return *longDigitRun_;
+  }
+
+  // Any run of `length` or more holds one of every (length-1)-th byte, so
+  // only those are looked at, and the runs through them measured.
+  static bool holdsDigitRun(std::string_view text, std::size_t length) {
+    const auto digit = [&text](std::size_t i) { return text[i] >= '0' && text[i] <= '9'; };
+    for (std::size_t i = length - 1; i < text.size(); i += length - 1) {
+      if (!digit(i)) continue;
+      std::size_t start = i;
+      std::size_t end = i + 1;
+      while (start > 0 && digit(start - 1)) --start;
+      while (end < text.size() && digit(end)) ++end;
+      if (end - start >= length) return true;
+    }
+    return false;
+  }
+
+  JSONValue integer(std::int64_t i) const {
+    if (i == 0 && mayHoldMinusZero_) throw Undecided{};
+    JSONNumber n;
+    n.hasExact = true;
+    n.negative = i < 0;
+    n.magnitude = i < 0 ? 0 - static_cast<std::uint64_t>(i) : static_cast<std::uint64_t>(i);
+    n.value = static_cast<double>(i);
+    return JSONValue(n);
+  }
+
+  // The reader checked the text's UTF-8; only a \u escape can make a string
+  // that isn't.
+  std::string string(std::string_view s) const {
+    if (mayHoldEscapedUnicode_ && !isValidUTF8(s)) throw Undecided{};
+    return std::string(s);
+  }
+
+  JSONValue readArray(simdjson::dom::array array, std::size_t depth) {
+    if (depth >= JSONDecoder::kMaxDepth) throw Undecided{};
+    JSONValue::Array out;
+    out.reserve(array.size());
+    for (simdjson::dom::element element : array) out.push_back(build(element, depth + 1));
+    return JSONValue(std::move(out));
+  }
+
+  JSONValue readObject(simdjson::dom::object object, std::size_t depth) {
+    if (depth >= JSONDecoder::kMaxDepth) throw Undecided{};
+    std::vector<JSONObject::Member> members;
+    members.reserve(object.size());
+    for (simdjson::dom::key_value_pair field : object) {
+      std::string key = string(field.key);
+      members.emplace_back(std::move(key), build(field.value, depth + 1));
+    }
+    return JSONValue(JSONObject::fromUnsorted(std::move(members)));
+  }
+
+  std::string_view input_;
+  bool mayHoldMinusZero_;
+  bool mayHoldEscapedUnicode_;
+  std::optional<bool> longDigitRun_;
+};
+
+// The tree of `bytes` by the DOM parse, or nothing when the streaming
+// builder must decide.
+std::optional<JSONValue> fastTree(std::string_view bytes) {
+  // A parser keeps buffers sized to the largest document it has read (of
+  // which only what a document fills is touched); one per thread serves the
+  // many small documents, while a large one gets its own.
+  constexpr std::size_t kReusedParserLimit = 4 << 20;
+  thread_local simdjson::dom::parser shared;
+  std::optional<simdjson::dom::parser> local;
+  simdjson::dom::parser& parser = bytes.size() <= kReusedParserLimit ? shared : local.emplace();
+  simdjson::dom::element root;
+  if (parser.parse(bytes.data(), bytes.size()).get(root) != simdjson::SUCCESS) return std::nullopt;
+  // The streaming reader has its own ways with a bare scalar, which the
+  // documents worth hurrying for never are.
+  if (!root.is_array() && !root.is_object()) return std::nullopt;
+  try {
+    return DOMTreeBuilder(bytes).build(root, 0);
+  } catch (const Undecided&) {
+    return std::nullopt;
+  }
+}
+
 // The tree of `bytes`; with `keep` false, only the same checks, and a null
 // for a tree. A syntax error carries its position.
 JSONValue parseTree(std::string_view bytes, bool keep = true) {
   refuseControlBytes(bytes);
+  if (keep) {
+    if (std::optional<JSONValue> tree = fastTree(bytes)) return std::move(*tree);
+  }
   tReaderError = simdjson::SUCCESS;
   simdjson::padded_string padded(bytes);
   // A parser keeps buffers sized to the largest document it has read; one per

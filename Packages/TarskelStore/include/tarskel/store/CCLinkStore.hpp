@@ -55,15 +55,33 @@ class CCLinkStore {
       "    created_at TEXT NOT NULL\n"
       ");";
 
-  // The trim of storeAck orders the whole dedupe table by created_at on
-  // every store; with this index SQLite walks the newest entries instead of
-  // sorting. Created apart from kSchema, which stays as it is.
+  // The trim of storeAck drops the oldest entries beyond keepLast; with this
+  // index SQLite reaches them from the oldest end instead of sorting the
+  // table. Created apart from kSchema, which stays as it is.
   static constexpr std::string_view kCreatedAtIndex =
       "CREATE INDEX IF NOT EXISTS cc_cmd_dedupe_created_at ON cc_cmd_dedupe (created_at, cmd_id);";
 
-  // Runs kSchema, then kCreatedAtIndex, ignoring whether each took (a
-  // read-only connection can't create them, and a tool may still read
-  // through it). Never throws.
+  // The number of dedupe entries, kept by triggers in the same statement as
+  // each insert and delete (on any connection), so that the trim knows how
+  // many of the oldest to drop without counting the table. Set up once, in
+  // one transaction, from the count of the table as it is.
+  static constexpr std::string_view kAckCount =
+      "BEGIN IMMEDIATE;\n"
+      "CREATE TABLE IF NOT EXISTS cc_cmd_dedupe_count (\n"
+      "    id INTEGER PRIMARY KEY CHECK (id = 0),\n"
+      "    n INTEGER NOT NULL\n"
+      ");\n"
+      "INSERT OR IGNORE INTO cc_cmd_dedupe_count (id, n) SELECT 0, COUNT(*) FROM cc_cmd_dedupe;\n"
+      "CREATE TRIGGER IF NOT EXISTS cc_cmd_dedupe_counted_insert BEFORE INSERT ON cc_cmd_dedupe\n"
+      "  WHEN NOT EXISTS (SELECT 1 FROM cc_cmd_dedupe WHERE cmd_id = NEW.cmd_id)\n"
+      "  BEGIN UPDATE cc_cmd_dedupe_count SET n = n + 1; END;\n"
+      "CREATE TRIGGER IF NOT EXISTS cc_cmd_dedupe_counted_delete AFTER DELETE ON cc_cmd_dedupe\n"
+      "  BEGIN UPDATE cc_cmd_dedupe_count SET n = n - 1; END;\n"
+      "COMMIT;";
+
+  // Runs kSchema, then kCreatedAtIndex and kAckCount, ignoring whether each
+  // took (a read-only connection can't create them, and a tool may still
+  // read through it). Never throws.
   explicit CCLinkStore(std::shared_ptr<SQLiteDatabase> db);
 
   const std::shared_ptr<SQLiteDatabase>& db() const { return db_; }
@@ -95,7 +113,8 @@ class CCLinkStore {
   // greatest created_at: 0 empties the table, the new ack included; a negative
   // value keeps everything. Entries of one second are not told apart, so at
   // the boundary any of them may go. A failing trim leaves the new entry
-  // stored and throws all the same. Throws EncodingError, DBError.
+  // stored and throws all the same. The cost stays that of a few index
+  // steps however large keepLast is. Throws EncodingError, DBError.
   void storeAck(const CCAck& ack, std::int64_t keepLast);
 
   // For people who inspect or repair a store by hand: the raw rows, as stored,
