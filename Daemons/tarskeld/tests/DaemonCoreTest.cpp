@@ -54,10 +54,13 @@ const DaemonPeerVerdict kUnverified = DaemonPeerVerdict::unverified("sin lista")
 
 TEST_F(DaemonCoreTest, EachOutcomeIsAnsweredAndRecordedOnce) {
   const std::string folder = dir.path().string();
+  JSONObject undeclared;  // answered with the first 64 of its 100 violations
+  for (int i = 0; i < 100; ++i) undeclared.set("k" + std::to_string(i), JSONValue(1.0));
   struct Case {
     DaemonPeerVerdict peer;
     DaemonRequest request;
-    std::string answer;  // "ok", or "<code>: <message>" (a prefix when it ends in '*')
+    std::string answer;  // "ok", or "<code>: <message>" (a prefix when it ends in '*', a suffix
+                         // when it begins with one)
     std::string row;     // "<outcome> <caller>"
   };
   const Case cases[] = {
@@ -88,6 +91,10 @@ TEST_F(DaemonCoreTest, EachOutcomeIsAnsweredAndRecordedOnce) {
        "opFailed: fs.readProtectedPath falló: no es un archivo regular: " + folder,
        "error unverified:sin lista svc:svc.reader"},
       {kUnverified, {"daemon.info", {}, "c7", std::nullopt}, "ok", "ok unverified:sin lista"},
+      {kUnverified,
+       {"daemon.info", undeclared, "c8", std::nullopt},
+       "*campo no declarado en el schema; … (36 más)",
+       "denied unverified:sin lista"},
   };
   DaemonCore c = core();
   std::int64_t rows = 0;
@@ -98,7 +105,9 @@ TEST_F(DaemonCoreTest, EachOutcomeIsAnsweredAndRecordedOnce) {
     EXPECT_EQ(response.result.has_value(), response.ok);
     const std::string answer =
         response.error ? response.error->code + ": " + response.error->message : "ok";
-    if (tc.answer.ends_with('*')) {
+    if (tc.answer.starts_with('*')) {
+      EXPECT_THAT(answer, ::testing::EndsWith(tc.answer.substr(1)));
+    } else if (tc.answer.ends_with('*')) {
       EXPECT_THAT(answer, StartsWith(tc.answer.substr(0, tc.answer.size() - 1)));
     } else {
       EXPECT_EQ(answer, tc.answer);
