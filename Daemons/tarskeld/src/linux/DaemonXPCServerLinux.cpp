@@ -242,11 +242,10 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   }
 
   // Whether the large answer of `room`'s operation may start: as above, its
-  // own first count given back, and alone once no reply is queued and no
-  // other large answer is being made (what other requests in flight are
-  // counted as can't hold it back: they may be waiting for the same room).
+  // own first count given back; or alone, once nothing is queued or being
+  // made but by requests that wait for the same room (one of them must go).
   bool hasRoomForLarge(const AnswerRoom& room, std::size_t bytes) const {
-    return outboxBytes_ + largeBytes_ == 0 ||
+    return (outboxBytes_ + largeBytes_ == 0 && takenBytes_ == waitingTakenBytes_) ||
            repliesHeld() - room.taken + bytes <= state_->limits.maxUnsentBytes;
   }
 
@@ -279,6 +278,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   // On the loop: waits until the large answer fits (or the connection has
   // closed, when nothing will be sent anyway), then counts it.
   asio::awaitable<void> waitForRoom(AnswerRoom& room, std::size_t bytes) {
+    waitingTakenBytes_ += room.taken;
     while (!closed_ && !hasRoomForLarge(room, bytes)) {
       ++roomWaiters_;
       auto waiting = room_.async_wait(asio::as_tuple(asio::use_awaitable));
@@ -286,6 +286,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
       (void)woke;
       --roomWaiters_;
     }
+    waitingTakenBytes_ -= room.taken;
     takenBytes_ -= room.taken;
     room.taken = 0;
     largeBytes_ += bytes;
@@ -511,8 +512,9 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   int readsInARow_ = 0;  // reads that found bytes, since the read loop last waited
   std::deque<std::string> outbox_;
   std::size_t outboxBytes_ = 0;
-  std::size_t takenBytes_ = 0;  // of answers being made, as counted when taken
-  std::size_t largeBytes_ = 0;  // of large answers being made
+  std::size_t takenBytes_ = 0;         // of answers being made, as counted when taken
+  std::size_t largeBytes_ = 0;         // of large answers being made
+  std::size_t waitingTakenBytes_ = 0;  // part of takenBytes_: of answers waiting for room
   std::size_t roomWaiters_ = 0;
   std::size_t sentOfFront_ = 0;
   bool writeWaiting_ = false;
