@@ -250,7 +250,10 @@ TEST_F(XPCServerTest, LargeAnswersWaitForTheClientToRead) {
                                                   "svc"});
   RawConnection c(socketPath());
   for (int id = 1; id <= 8; ++id) c.send(id, true, read);
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  for (int i = 0; i < 1000 && auditRows() == 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(auditRows(), 1) << "files read while an answer was unread";
   for (int i = 0; i < 8; ++i) {
     const DaemonResponse answer = c.nextResponse();
