@@ -6,33 +6,19 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <cstdio>
 #include <functional>
 #include <regex>
 #include <set>
 
 #include "E2EFixture.hpp"
 #include "tarskel/daemon/Tarskeld.hpp"
+#include "tarskel/testing/Shell.hpp"
 
 namespace tarskel::e2e {
 namespace {
 
-struct Output {
-  int status = -1;
-  std::string text;
-};
-
-// Runs `command` under /bin/sh and collects its standard output.
-Output runShell(const std::string& command) {
-  Output out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return out;
-  char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-    out.text.append(buffer, n);
-  out.status = pclose(pipe);
-  return out;
-}
+using testing::runShell;
+using Output = testing::ShellRun;
 
 std::string daemonCommand(const std::string& arguments) {
   return std::string("'") + TARSKELD_PATH + "' " + arguments;
@@ -42,16 +28,16 @@ std::string daemonCommand(const std::string& arguments) {
 // completion script.
 TEST(CommandLineTest, HelpVersionAndCompletionScripts) {
   const Output help = runShell(daemonCommand("--help"));
-  EXPECT_EQ(help.status, 0);
+  EXPECT_EQ(help.exitCode, 0);
   for (const char* expected :
        {"Tarskel — daemon de operaciones privilegiadas (catálogo cerrado)",
         "net.hollowick.tarskel.daemon", "/Library/Application Support/Tarskel"})
-    EXPECT_NE(help.text.find(expected), std::string::npos) << expected << "\n" << help.text;
-  EXPECT_EQ(runShell(daemonCommand("--version")).text, "0.1.0\n");
+    EXPECT_NE(help.out.find(expected), std::string::npos) << expected << "\n" << help.out;
+  EXPECT_EQ(runShell(daemonCommand("--version")).out, "0.1.0\n");
 
   const std::regex optionName(R"(--[a-z][a-z-]+)");
   std::set<std::string> options;
-  for (auto it = std::sregex_iterator(help.text.begin(), help.text.end(), optionName);
+  for (auto it = std::sregex_iterator(help.out.begin(), help.out.end(), optionName);
        it != std::sregex_iterator(); ++it)
     options.insert(it->str());
   ASSERT_GE(options.size(), 5u);
@@ -59,11 +45,11 @@ TEST(CommandLineTest, HelpVersionAndCompletionScripts) {
     SCOPED_TRACE(shell);
     const Output script =
         runShell(daemonCommand(std::string("--generate-completion-script ") + shell));
-    EXPECT_EQ(script.status, 0);
+    EXPECT_EQ(script.exitCode, 0);
     for (const std::string& option : options) {
       // fish names long options without their dashes.
       const std::string name = std::string(shell) == "fish" ? "-l " + option.substr(2) : option;
-      EXPECT_NE(script.text.find(name), std::string::npos) << option;
+      EXPECT_NE(script.out.find(name), std::string::npos) << option;
     }
   }
 }
@@ -77,11 +63,10 @@ TEST(CommandLineTest, ParseErrorsExitTwoAndNeverStartTheDaemon) {
                                  {"--root ''", "must not be empty"},
                                  {"--mach-service ''", "must not be empty"}}) {
     SCOPED_TRACE(arguments);
-    Output run =
-        runShell("cd '" + dir.path().string() + "' && " + daemonCommand(arguments) + " 2>&1");
-    EXPECT_TRUE(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 2) << run.status;
-    EXPECT_NE(run.text.find(said), std::string::npos) << run.text;
-    EXPECT_EQ(run.text.find("sirviendo"), std::string::npos) << run.text;
+    const Output run = runShell("cd '" + dir.path().string() + "' && " + daemonCommand(arguments));
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find(said), std::string::npos) << run.err;
+    EXPECT_EQ((run.out + run.err).find("sirviendo"), std::string::npos);
     EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
   }
 }
@@ -128,14 +113,14 @@ TEST(CommandLineTest, BashCompletionOffersWhatEachPositionTakes) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.words);
-    std::string program = "source <(" + daemonCommand("--generate-completion-script bash") +
-                          "); COMP_WORDS=(" + c.words +
-                          "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tarskeld; "
-                          "printf '%s' \"${COMPREPLY[*]}\"";
-    writeFile(dir / "complete.sh", program);
-    Output run = runShell("bash '" + (dir / "complete.sh").string() + "'");
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.text, c.expected);
+    const Output run =
+        runShell("bash -c " +
+                 testing::quote("source <(" + daemonCommand("--generate-completion-script bash") +
+                                "); COMP_WORDS=(" + c.words +
+                                "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tarskeld; "
+                                "printf '%s' \"${COMPREPLY[*]}\""));
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.out, c.expected);
   }
 }
 

@@ -1,6 +1,8 @@
-// HandoffClient SOCKET PROGRAM [ARGS...]: a sealed client that sends
-// daemon.info itself ("parent <code>"), then hands its connected socket to a
-// child running PROGRAM as descriptor 3, and ends as the child does.
+// HandoffClient SOCKET [--exec] PROGRAM [ARGS...]: a sealed client that
+// sends daemon.info itself ("parent <code>"), then hands its connected
+// socket to a child running PROGRAM as descriptor 3, and ends as the child
+// does. With --exec it runs PROGRAM itself: the same process, now another
+// program, on the connection it made.
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -18,7 +20,9 @@
 
 int main(int argc, char** argv) {
   using namespace tarskel;
-  if (argc < 3) return 2;
+  const bool sameProcess = argc > 2 && std::strcmp(argv[2], "--exec") == 0;
+  if (argc < 3 + (sameProcess ? 1 : 0)) return 2;
+  char** program = argv + (sameProcess ? 3 : 2);
   // A client of the library, as any sealed client is: not dumpable.
   DaemonXPCClient library(argv[1]);
   sockaddr_un address{};
@@ -42,10 +46,10 @@ int main(int argc, char** argv) {
   std::printf("parent %s\n", response.ok ? "ok" : response.error->code.c_str());
   std::fflush(stdout);
 
-  const pid_t child = ::fork();
+  const pid_t child = sameProcess ? 0 : ::fork();
   if (child == 0) {
     ::dup2(fd, 3);
-    ::execvp(argv[2], argv + 2);
+    ::execvp(program[0], program);
     ::_exit(127);
   }
   int status = 0;

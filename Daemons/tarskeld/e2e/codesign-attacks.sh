@@ -120,6 +120,12 @@ if [ "$(head -1 <<<"$handed")" != "parent ok" ] || ! grep -q '^unauthorizedClien
   echo "FAIL  hand-over: the parent must be served and the child refused, got: $handed"
   failures=$((failures + 1))
 fi
+handed=$(as_user "$good/HandoffClient" "$socket" --exec /usr/bin/python3 "$work/wire_client.py" --fd 3)
+row "sealed client that execs python3 on its socket" "$rejected"
+if [ "$(head -1 <<<"$handed")" != "parent ok" ] || ! grep -q '^unauthorizedClient ' <<<"$handed"; then
+  echo "FAIL  exec: the sealed program must be served and python3 refused, got: $handed"
+  failures=$((failures + 1))
+fi
 stop
 
 rm "$root/vendor/teams.json"

@@ -10,6 +10,8 @@
 #include "DaemonTestSupport.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
 #include "tarskel/protocol/json/TarskelJSON.hpp"
+#include "tarskel/testing/JSONTesting.hpp"
+#include "tarskel/testing/Table.hpp"
 
 namespace tarskel {
 namespace {
@@ -52,72 +54,58 @@ class DaemonCoreTest : public testing::DaemonFixture {
 
 const DaemonPeerVerdict kUnverified = DaemonPeerVerdict::unverified("sin lista");
 
+// peer | op | args | service ("-": none) | the answer: "ok", or "<code>:
+// <message>" (a prefix when it ends in '*', a suffix when it begins with one) |
+// the row's "<outcome> <caller>". $DIR is the test's directory, $MANY an
+// object of 100 undeclared keys.
 TEST_F(DaemonCoreTest, EachOutcomeIsAnsweredAndRecordedOnce) {
-  const std::string folder = dir.path().string();
-  JSONObject undeclared;  // answered with the first 64 of its 100 violations
-  for (int i = 0; i < 100; ++i) undeclared.set("k" + std::to_string(i), JSONValue(1.0));
-  struct Case {
-    DaemonPeerVerdict peer;
-    DaemonRequest request;
-    std::string answer;  // "ok", or "<code>: <message>" (a prefix when it ends in '*', a suffix
-                         // when it begins with one)
-    std::string row;     // "<outcome> <caller>"
-  };
-  const Case cases[] = {
-      // A rejected peer is refused before the catalogue is looked at.
-      {DaemonPeerVerdict::rejected("firma rota"),
-       {"no.such.op", {}, "c1", "svc.x"},
-       "unauthorizedClient: cliente XPC rechazado: firma rota",
-       "denied rejected:firma rota svc:svc.x"},
-      {kUnverified,
-       {"no.such.op", {}, "c2", std::nullopt},
-       "unknownOp: op fuera del catálogo: no.such.op",
-       "denied unverified:sin lista"},
-      // Without a service the arguments are not looked at.
-      {kUnverified,
-       {"fs.readProtectedPath", {{"bogus", 1}}, "c3", std::nullopt},
-       "notGranted: sin concesión para fs.readProtectedPath (service: ninguno)",
-       "denied unverified:sin lista"},
-      {DaemonPeerVerdict::trusted("TEAM1"),
-       {"fs.readProtectedPath", {{"path", folder}}, "c4", "svc.other"},
-       "notGranted: sin concesión para fs.readProtectedPath (service: svc.other)",
-       "denied team:TEAM1 svc:svc.other"},
-      {kUnverified,
-       {"fs.readProtectedPath", {{"path", ""}, {"extra", 1}}, "c5", "svc.reader"},
-       "invalidArgs: args fuera del schema: *",
-       "denied unverified:sin lista svc:svc.reader"},
-      {kUnverified,
-       {"fs.readProtectedPath", {{"path", folder}}, "c6", "svc.reader"},
-       "opFailed: fs.readProtectedPath falló: no es un archivo regular: " + folder,
-       "error unverified:sin lista svc:svc.reader"},
-      {kUnverified, {"daemon.info", {}, "c7", std::nullopt}, "ok", "ok unverified:sin lista"},
-      {kUnverified,
-       {"daemon.info", undeclared, "c8", std::nullopt},
-       "*campo no declarado en el schema; … (36 más)",
-       "denied unverified:sin lista"},
-  };
+  std::string undeclared = "{";  // answered with the first 64 of its 100 violations
+  for (int i = 0; i < 100; ++i) undeclared += (i ? ",\"k" : "\"k") + std::to_string(i) + "\":1";
+  undeclared += "}";
   DaemonCore c = core();
   std::int64_t rows = 0;
-  for (const Case& tc : cases) {
-    SCOPED_TRACE(tc.answer);
-    const DaemonResponse response = handle(c, tc.request, tc.peer);
-    EXPECT_EQ(response.ok, tc.answer == "ok");
+  for (testing::Row row : testing::rows(R"(
+# A rejected peer is refused before the catalogue is looked at.
+rejected | no.such.op | {} | svc.x | unauthorizedClient: cliente XPC rechazado: firma rota | denied rejected:firma rota svc:svc.x
+unverified | no.such.op | {} | - | unknownOp: op fuera del catálogo: no.such.op | denied unverified:sin lista
+# Without a service the arguments are not looked at.
+unverified | fs.readProtectedPath | {"bogus":1} | - | notGranted: sin concesión para fs.readProtectedPath (service: ninguno) | denied unverified:sin lista
+trusted | fs.readProtectedPath | {"path":"$DIR"} | svc.other | notGranted: sin concesión para fs.readProtectedPath (service: svc.other) | denied team:TEAM1 svc:svc.other
+unverified | fs.readProtectedPath | {"path":"","extra":1} | svc.reader | invalidArgs: args fuera del schema: * | denied unverified:sin lista svc:svc.reader
+unverified | fs.readProtectedPath | {"path":"$DIR"} | svc.reader | opFailed: fs.readProtectedPath falló: no es un archivo regular: $DIR | error unverified:sin lista svc:svc.reader
+unverified | daemon.info | {} | - | ok | ok unverified:sin lista
+unverified | daemon.info | $MANY | - | *campo no declarado en el schema; … (36 más) | denied unverified:sin lista
+)")) {
+    SCOPED_TRACE(row.line);
+    for (std::string& cell : row.cells) {
+      if (const auto at = cell.find("$DIR"); at != std::string::npos)
+        cell.replace(at, 4, dir.path().string());
+      if (cell == "$MANY") cell = undeclared;
+    }
+    const DaemonPeerVerdict peer = row[0] == "rejected"  ? DaemonPeerVerdict::rejected("firma rota")
+                                   : row[0] == "trusted" ? DaemonPeerVerdict::trusted("TEAM1")
+                                                         : kUnverified;
+    const std::string id = "c" + std::to_string(rows);
+    const std::optional<std::string> service = row[3] == "-" ? std::nullopt : std::optional(row[3]);
+    const DaemonResponse response =
+        handle(c, {row[1], testing::decode<JSONObject>(row[2]), id, service}, peer);
+    EXPECT_EQ(response.ok, row[4] == "ok");
     EXPECT_EQ(response.result.has_value(), response.ok);
     const std::string answer =
         response.error ? response.error->code + ": " + response.error->message : "ok";
-    if (tc.answer.starts_with('*')) {
-      EXPECT_THAT(answer, ::testing::EndsWith(tc.answer.substr(1)));
-    } else if (tc.answer.ends_with('*')) {
-      EXPECT_THAT(answer, StartsWith(tc.answer.substr(0, tc.answer.size() - 1)));
+    if (row[4].starts_with('*')) {
+      EXPECT_THAT(answer, ::testing::EndsWith(row[4].substr(1)));
+    } else if (row[4].ends_with('*')) {
+      EXPECT_THAT(answer, StartsWith(row[4].substr(0, row[4].size() - 1)));
     } else {
-      EXPECT_EQ(answer, tc.answer);
+      EXPECT_EQ(answer, row[4]);
     }
     EXPECT_EQ(auditRows(), ++rows) << "exactly one row per decided request";
-    const AuditStore::Entry row = lastRow();
-    EXPECT_EQ(row.outcome + " " + row.caller + " " + row.tool + " " + row.origin + " " +
-                  row.correlationId,
-              tc.row + " " + tc.request.op + " xpc " + *tc.request.correlationId);
-    EXPECT_GE(row.durationMs, 0.0);
+    const AuditStore::Entry last = lastRow();
+    EXPECT_EQ(last.outcome + " " + last.caller + " " + last.tool + " " + last.origin + " " +
+                  last.correlationId,
+              row[5] + " " + row[1] + " xpc " + id);
+    EXPECT_GE(last.durationMs, 0.0);
   }
   EXPECT_TRUE(audit->verifyChainSync());
 }

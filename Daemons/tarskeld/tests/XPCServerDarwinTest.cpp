@@ -43,21 +43,28 @@ class XPCServerDarwinTest : public testing::DaemonFixture {
     return out;
   }
 
-  // One message on a raw connection; the reply's "response" bytes, or why none came.
-  std::string rawCall(const std::optional<std::string>& request) {
+  // One message on a raw connection, with a "request" of `request` unless
+  // nothing; the reply's "response" bytes, or why none came. A message that
+  // expects no reply is sent and "sent" returned.
+  std::string rawCall(const std::optional<std::string>& request, bool expectsReply = true) {
     xpc_connection_t c = xpc_connection_create_mach_service(name.c_str(), nullptr, 0);
     xpc_connection_set_event_handler(c, ^(xpc_object_t){
                                      });
     xpc_connection_resume(c);
     xpc_object_t message = xpc_dictionary_create(nullptr, nullptr, 0);
     if (request) xpc_dictionary_set_data(message, "request", request->data(), request->size());
-    xpc_object_t reply = xpc_connection_send_message_with_reply_sync(c, message);
-    size_t length = 0;
-    const void* data = xpc_get_type(reply) == XPC_TYPE_DICTIONARY
-                           ? xpc_dictionary_get_data(reply, "response", &length)
-                           : nullptr;
-    std::string out = data ? std::string(static_cast<const char*>(data), length) : "no response";
-    xpc_release(reply);
+    std::string out = "sent";
+    if (expectsReply) {
+      xpc_object_t reply = xpc_connection_send_message_with_reply_sync(c, message);
+      size_t length = 0;
+      const void* data = xpc_get_type(reply) == XPC_TYPE_DICTIONARY
+                             ? xpc_dictionary_get_data(reply, "response", &length)
+                             : nullptr;
+      out = data ? std::string(static_cast<const char*>(data), length) : "no response";
+      xpc_release(reply);
+    } else {
+      xpc_connection_send_message(c, message);
+    }
     xpc_release(message);
     xpc_connection_cancel(c);
     xpc_release(c);
@@ -126,17 +133,7 @@ TEST_F(XPCServerDarwinTest, UnansweredMessagesAndMissingServices) {
   EXPECT_THROW(DaemonXPCClient(name).request({"daemon.info", {}, std::nullopt, std::nullopt}),
                DaemonClientError);
   startServer();
-  xpc_connection_t c = xpc_connection_create_mach_service(name.c_str(), nullptr, 0);
-  xpc_connection_set_event_handler(c, ^(xpc_object_t){
-                                   });
-  xpc_connection_resume(c);
-  xpc_object_t message = xpc_dictionary_create(nullptr, nullptr, 0);
-  const std::string bytes = requestBytes("daemon.info");
-  xpc_dictionary_set_data(message, "request", bytes.data(), bytes.size());
-  xpc_connection_send_message(c, message);
-  xpc_release(message);
-  xpc_connection_cancel(c);
-  xpc_release(c);
+  rawCall(requestBytes("daemon.info"), false);
   DaemonXPCClient client(name);
   EXPECT_TRUE(client.request({"daemon.info", {}, std::nullopt, std::nullopt}).ok);
   EXPECT_EQ(callers().size(), 1u);

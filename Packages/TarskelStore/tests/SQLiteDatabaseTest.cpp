@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "tarskel/store/SQLiteDatabase.hpp"
 #include "tarskel/testing/StoreTesting.hpp"
@@ -140,25 +141,20 @@ TEST_F(SQLiteDatabaseTest, ColumnsByNameTheLaterStandsAndInvalidUTF8IsReplaced) 
                                                                "b")}}));
 }
 
+// value | as text | as an integer (a double truncated toward zero) | as a double
 TEST(SQLiteValueTest, Accessors) {
-  struct Case {
-    const char* name;
-    Value value;
-    std::optional<std::string> s;
-    std::optional<std::int64_t> i;
-    std::optional<double> d;
-  };
-  const Case cases[] = {
-      {"text", Value::text("3"), "3", std::nullopt, std::nullopt},
-      {"int", Value::integer(3), std::nullopt, 3, 3.0},
-      {"double", Value::real(1.9), std::nullopt, 1, 1.9},
-      {"negative double truncates toward zero", Value::real(-1.9), std::nullopt, -1, -1.9},
-      {"null", Value::null(), std::nullopt, std::nullopt, std::nullopt}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(c.value.stringValue(), c.s);
-    EXPECT_EQ(c.value.intValue(), c.i);
-    EXPECT_EQ(c.value.doubleValue(), c.d);
+  using S = std::optional<std::string>;
+  using I = std::optional<std::int64_t>;
+  using D = std::optional<double>;
+  const std::tuple<Value, S, I, D> cases[] = {{Value::text("3"), "3", {}, {}},
+                                              {Value::integer(3), {}, 3, 3.0},
+                                              {Value::real(1.9), {}, 1, 1.9},
+                                              {Value::real(-1.9), {}, -1, -1.9},
+                                              {Value::null(), {}, {}, {}}};
+  for (const auto& [value, s, i, d] : cases) {
+    EXPECT_EQ(value.stringValue(), s);
+    EXPECT_EQ(value.intValue(), i) << value.doubleValue().value_or(0);
+    EXPECT_EQ(value.doubleValue(), d);
   }
 }
 

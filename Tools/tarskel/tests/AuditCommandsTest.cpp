@@ -177,11 +177,20 @@ TEST_F(AuditCommandsTest, TailOfAllRowsStreams) {
 }
 
 TEST_F(AuditCommandsTest, TailFollowsNewRows) {
+  // The row goes in once the header shows where the tail starts, and the
+  // tail stops once the row is out (or after 20 s): no guess at how long a
+  // loaded machine takes to start the tool.
+  const std::string out = quote(db() + ".out");
+  const auto waitFor = [&](const char* text) {
+    return std::string(" for i in $(seq 200); do grep -q ") + text + " " + out +
+           " && break; sleep 0.1; done;";
+  };
   const ToolRun run = runShell(
-      "(" + quote(TARSKEL_TOOL_PATH) + " audit tail -f -n 0 --db " + quote(db()) +
-      " & sleep 1; sqlite3 " + quote(db()) +
+      "(" + quote(TARSKEL_TOOL_PATH) + " audit tail -f -n 0 --db " + quote(db()) + " > " + out +
+      " &" + waitFor("SEQ") + " sqlite3 " + quote(db()) +
       " \"INSERT INTO audit VALUES (4, 784926491.0, 'late', 'daemon.info', 'xpc', 'ok', 1.5, "
-      "'req-4', 'p', 'h')\"; sleep 2; kill $!)");
+      "'req-4', 'p', 'h')\";" +
+      waitFor("req-4") + " kill $!; cat " + out + ")");
   EXPECT_NE(run.out.find("req-4"), std::string::npos) << run.out;
   EXPECT_EQ(run.out.find("req-1"), std::string::npos) << run.out;
 }

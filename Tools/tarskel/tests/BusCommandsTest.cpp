@@ -92,8 +92,11 @@ TEST(BusCommands, CallAgainstServeGetsResultsErrorsAndRefusals) {
   for (int i = 0; i < 20; ++i)
     held.push_back(
         peer(hello, std::string("\x01\x00\x00\x00", 4) + std::string((16 << 20) - 1, ' ')));
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  // A sanitizer's shadow memory and quarantine swamp the figure.
   const std::string peak = readFile("/proc/" + std::to_string(server) + "/status");
   EXPECT_LT(std::stol(peak.substr(peak.find("VmHWM:") + 6)), 200 * 1024) << "kB at peak";
+#endif
   for (int fd : held) ::close(fd);
   ::kill(server, SIGTERM);
   int status = 0;

@@ -3,7 +3,6 @@
 // Runs the built `tarskel` binary the way a person would, for the tool's tests.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <map>
@@ -12,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tarskel/testing/Shell.hpp"
 #include "tarskel/testing/Table.hpp"
 #include "tarskel/testing/TempDirectory.hpp"
 
@@ -22,31 +22,9 @@ using tarskel::testing::readFile;
 using tarskel::testing::TempDirectory;
 using tarskel::testing::writeFile;
 
-struct ToolRun {
-  int exitCode = -1;
-  std::string out;
-  std::string err;
-};
-
-inline std::string quote(const std::string& s) {
-  std::string out = "'";
-  for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return out + "'";
-}
-
-// Runs the shell command line `command` with `input` on standard input;
-// standard output goes to `stdoutTo` when given (then `out` stays empty).
-inline ToolRun runShell(const std::string& command, const std::string& input = "",
-                        const std::string& stdoutTo = "") {
-  const TempDirectory io("tarskel-tool-io");
-  writeFile(io.file("in"), input);
-  const std::string out = stdoutTo.empty() ? io.file("out").string() : stdoutTo;
-  const int status = std::system(
-      (command + " <" + quote(io.file("in")) + " >" + quote(out) + " 2>" + quote(io.file("err")))
-          .c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, stdoutTo.empty() ? readFile(out) : "",
-          readFile(io.file("err"))};
-}
+using ToolRun = tarskel::testing::ShellRun;
+using tarskel::testing::quote;
+using tarskel::testing::runShell;
 
 inline ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "",
                        const std::string& stdoutTo = "") {

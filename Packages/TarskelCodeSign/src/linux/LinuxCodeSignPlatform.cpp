@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <variant>
 
 #include "ProcessImage.hpp"
 #include "SealedExecutable.hpp"
@@ -36,16 +37,7 @@ using linuxcode::Refusal;
 using linuxcode::SealedExecutables;
 using linuxcode::Signer;
 
-struct LinuxCodeSignPlatform::State {
-  std::optional<SealedExecutables> sealed;  // nothing: no code keys
-  std::mutex mutex;
-  // Processes that passed, by pid, with the program image they passed in.
-  std::unordered_map<pid_t, linuxcode::ImageToken> images;
-};
-
 namespace {
-
-constexpr std::size_t kMaxImages = 4096;
 
 struct LinuxStaticCode final : CodeObject {
   LinuxStaticCode(std::string p, std::optional<FileIdentity> id, std::optional<std::string> refusal)
@@ -70,12 +62,36 @@ struct LinuxStaticCode final : CodeObject {
 
 struct LinuxRunningCode final : CodeObject {
   LinuxRunningCode(pid_t p, std::string exe, FileIdentity id, std::optional<std::string> refusal)
-      : pid(p), executable(std::move(exe)), identity(id), processRefusal(std::move(refusal)) {}
+      : pid(p),
+        executable(std::move(exe)),
+        identity(id),
+        processRefusal(std::move(refusal)),
+        onDisk(std::make_shared<LinuxStaticCode>(executable, identity, processRefusal)) {}
   pid_t pid;
   std::string executable;
   FileIdentity identity;
   std::optional<std::string> processRefusal;
+  // Its file, judged at most once however often this code is asked about.
+  std::shared_ptr<const LinuxStaticCode> onDisk;
 };
+
+}  // namespace
+
+struct LinuxCodeSignPlatform::State {
+  std::optional<SealedExecutables> sealed;  // nothing: no code keys
+  std::mutex mutex;
+  // Program images that passed the process checks, by pid: the image's
+  // token and its running code as last read.
+  struct Known {
+    linuxcode::ImageToken token;
+    std::shared_ptr<const LinuxRunningCode> code;
+  };
+  std::unordered_map<pid_t, Known> images;
+};
+
+namespace {
+
+constexpr std::size_t kMaxImages = 4096;
 
 struct LinuxRequirement final : CodeObject {
   explicit LinuxRequirement(std::string_view t) : text(t) {}
@@ -123,44 +139,73 @@ bool pidfdProcessGone(int pidfd) {
   return ::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) != 0 && errno == ESRCH;
 }
 
-// Why the process of `procDir` is not its executable alone, or nothing;
-// remembered for its program image once it has passed.
-std::optional<std::string> imageRefusal(LinuxCodeSignPlatform::State& state, int procDir,
-                                        pid_t pid) {
-  std::optional<linuxcode::ImageToken> known;
+// The running code last read for `pid`, when the process still runs the
+// program image that passed the process checks then: one read of its
+// memory. An image keeps its executable (only an exec changes it, and an
+// exec brings a new token), so a success for that file is still good.
+std::optional<LinuxCodeSignPlatform::State::Known> knownImage(LinuxCodeSignPlatform::State& state,
+                                                              pid_t pid) {
+  std::optional<LinuxCodeSignPlatform::State::Known> known;
   {
     std::lock_guard lock(state.mutex);
-    if (auto it = state.images.find(pid); it != state.images.end()) known = it->second;
+    auto it = state.images.find(pid);
+    if (it == state.images.end()) return std::nullopt;
+    known = it->second;
   }
-  if (known && linuxcode::imageStillIs(pid, *known)) return std::nullopt;
-
-  const std::optional<linuxcode::ImageToken> before = linuxcode::readImageToken(procDir, pid);
-  if (!before) return "no se pudo leer la imagen del proceso (auxv y AT_RANDOM)";
-  if (auto refusal = linuxcode::processRefusal(procDir)) return refusal;
-  // The same image from the first read to the last: no exec in between.
-  if (linuxcode::readImageToken(procDir, pid) != before) {
-    return "el proceso cambió de programa mientras se examinaba";
-  }
-  std::lock_guard lock(state.mutex);
-  if (state.images.size() >= kMaxImages) state.images.clear();
-  state.images.insert_or_assign(pid, *before);
-  return std::nullopt;
+  if (!linuxcode::imageStillIs(pid, known->token)) return std::nullopt;
+  return known;
 }
 
-// The running code of the process whose /proc directory is `procDir`. The
-// executable is read last: when that read works, the process was there for
-// every read before it.
-CodeResult runningCodeIn(LinuxCodeSignPlatform::State& state, int procDir, pid_t pid) {
-  std::optional<std::string> refusal = imageRefusal(state, procDir, pid);
+void rememberImage(LinuxCodeSignPlatform::State& state, pid_t pid,
+                   const linuxcode::ImageToken& token,
+                   std::shared_ptr<const LinuxRunningCode> code) {
+  std::lock_guard lock(state.mutex);
+  if (state.images.size() >= kMaxImages) state.images.clear();
+  state.images.insert_or_assign(pid, LinuxCodeSignPlatform::State::Known{token, std::move(code)});
+}
+
+// The executable of the process of `procDir`, path and identity, or the
+// status that says why there is none.
+std::variant<OSStatus, std::pair<std::string, FileIdentity>> executableIn(int procDir) {
   int error = 0;
   std::string exe = readLink("exe", error, procDir);
   struct stat info {};
   if (error == 0 && ::fstatat(procDir, "exe", &info, 0) != 0) error = errno;
   // A zombie or a kernel thread has no executable; to us it is no code.
-  if (error == ENOENT || error == ESRCH) return {errSecCSNoSuchCode, {}};
-  if (error != 0) return {errSecCSGuestInvalid, {}};
-  return {0, std::make_shared<LinuxRunningCode>(pid, std::move(exe), FileIdentity::of(info),
-                                                std::move(refusal))};
+  if (error == ENOENT || error == ESRCH) return errSecCSNoSuchCode;
+  if (error != 0) return errSecCSGuestInvalid;
+  return std::make_pair(std::move(exe), FileIdentity::of(info));
+}
+
+// The running code of the process whose /proc directory is `procDir`. The
+// executable is read after the process checks: when that read works, the
+// process was there for every read before it.
+CodeResult runningCodeIn(LinuxCodeSignPlatform::State& state, int procDir, pid_t pid) {
+  const auto known = knownImage(state, pid);
+  if (known && state.sealed &&
+      state.sealed->remembers(known->code->executable, known->code->identity)) {
+    return {0, known->code};
+  }
+  // An image that passed before but whose file is not yet remembered (just
+  // written, or never judged) skips the process checks, not the file's.
+  std::optional<linuxcode::ImageToken> image =
+      known ? std::optional(known->token) : linuxcode::readImageToken(procDir, pid);
+  std::optional<std::string> refusal;
+  if (!image) {
+    refusal = "no se pudo leer la imagen del proceso (auxv y AT_RANDOM)";
+  } else if (!known) {
+    refusal = linuxcode::processRefusal(procDir);
+    // The same image from the first read to the last: no exec in between.
+    if (!refusal && linuxcode::readImageToken(procDir, pid) != image) {
+      refusal = "el proceso cambió de programa mientras se examinaba";
+    }
+  }
+  auto executable = executableIn(procDir);
+  if (const OSStatus* status = std::get_if<OSStatus>(&executable)) return {*status, {}};
+  auto& [path, identity] = std::get<std::pair<std::string, FileIdentity>>(executable);
+  auto code = std::make_shared<const LinuxRunningCode>(pid, std::move(path), identity, refusal);
+  if (!refusal && linuxcode::imageStillIs(pid, *image)) rememberImage(state, pid, *image, code);
+  return {0, std::move(code)};
 }
 
 }  // namespace
@@ -235,8 +280,7 @@ CodeResult LinuxCodeSignPlatform::senderCode(const MessageOrigin& origin) const 
 CodeResult LinuxCodeSignPlatform::staticCodeOf(const CodeObject& runningCode) const {
   const auto* running = dynamic_cast<const LinuxRunningCode*>(&runningCode);
   if (running == nullptr) return {errSecCSInvalidObjectRef, {}};
-  return {0, std::make_shared<LinuxStaticCode>(running->executable, running->identity,
-                                               running->processRefusal)};
+  return {0, running->onDisk};
 }
 
 CodeRef LinuxCodeSignPlatform::compileRequirement(std::string_view text) const {

@@ -149,6 +149,12 @@ Judgement SealedExecutables::judge(const std::string& path,
   return judged;
 }
 
+bool SealedExecutables::remembers(const std::string& path, const FileIdentity& identity) const {
+  std::lock_guard lock(mutex_);
+  auto known = signers_.find(path);
+  return known != signers_.end() && known->second.first == identity;
+}
+
 Judgement SealedExecutables::judgeUncached(const std::string& path,
                                            const FileIdentity& identity) const {
   if (auto refusal = pathNotRootOnly(path)) return Refusal{errSecCSReqFailed, *refusal};

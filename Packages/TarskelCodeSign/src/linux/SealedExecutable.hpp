@@ -79,6 +79,10 @@ class SealedExecutables {
   // twice within the file system's clock tick keeps its times).
   Judgement judge(const std::string& path, const std::optional<FileIdentity>& identity) const;
 
+  // Whether a success for the file of `identity` at `path` is remembered:
+  // the judgement holds for as long as the file keeps that identity.
+  bool remembers(const std::string& path, const FileIdentity& identity) const;
+
  private:
   std::optional<std::string> hashOf(const std::string& path, const FileIdentity& identity) const;
   Judgement judgeUncached(const std::string& path, const FileIdentity& identity) const;

@@ -12,12 +12,26 @@
 #include "tarskel/testing/Hex.hpp"
 #include "tarskel/testing/JSONTesting.hpp"
 #include "tarskel/testing/Table.hpp"
-#include "tarskel/testing/VendorTesting.hpp"
 
 namespace tarskel {
 namespace {
 
-const auto signedBy = testing::fakeSignature;
+// A signature scheme that tells which bytes and which key a verifier handed
+// over, with no cryptography in the way: a signature is good when it reads
+// "<publicKey>|<message>" and the key has the length of an Ed25519 key.
+class FakeSignatureAlgorithm : public SignatureAlgorithm {
+ public:
+  bool verify(std::string_view signature, std::string_view message,
+              std::string_view publicKey) const override {
+    return publicKey.size() == 32 &&
+           signature == std::string(publicKey) + "|" + std::string(message);
+  }
+};
+
+VendorSignature signedBy(const std::string& keyId, const std::string& publicKey,
+                         std::string_view message) {
+  return {keyId, "ed25519", base64Encode(publicKey + "|" + std::string(message))};
+}
 
 const std::string kKey(32, 'K');
 const std::string kOtherKey(32, 'O');
@@ -32,7 +46,7 @@ class VendorVerificationTest : public ::testing::Test {
   }
 
   int clockReads = 0;
-  VendorVerification verification{std::make_shared<testing::FakeSignatureAlgorithm>(), [this] {
+  VendorVerification verification{std::make_shared<FakeSignatureAlgorithm>(), [this] {
                                     ++clockReads;
                                     return kNow;
                                   }};
