@@ -1,5 +1,6 @@
 #include "tarskel/daemon/DaemonCore.hpp"
 
+#include <algorithm>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <chrono>
@@ -42,10 +43,20 @@ std::string wireText(std::string text) {
   return isValidUTF8(text) ? std::move(text) : escapedBytes(text);
 }
 
+// The first violations, and how many more there are: a request made of
+// thousands of undeclared one-letter keys would otherwise be answered with a
+// text several times its own size. No honest request comes near the cut.
 std::vector<std::string> descriptions(const std::vector<SchemaViolation>& violations) {
+  constexpr std::size_t kListed = 64;
   std::vector<std::string> out;
-  out.reserve(violations.size());
-  for (const SchemaViolation& v : violations) out.push_back(v.description());
+  out.reserve(std::min(violations.size(), kListed + 1));
+  for (const SchemaViolation& v : violations) {
+    if (out.size() == kListed) {
+      out.push_back("… (" + std::to_string(violations.size() - kListed) + " más)");
+      break;
+    }
+    out.push_back(v.description());
+  }
   return out;
 }
 
@@ -104,8 +115,9 @@ awaitable<std::optional<DaemonWireError>> DaemonCore::admit(const DaemonRequest&
 awaitable<DaemonResponse> DaemonCore::run(const DaemonRequest& request,
                                           const DaemonPeerVerdict& peer, const DaemonOp& op,
                                           std::shared_ptr<std::atomic<bool>> clientGone,
-                                          std::string& outcome) const {
+                                          ReplyRoom* replies, std::string& outcome) const {
   DaemonOpContext context{catalog(), peer};
+  context.replies = replies;
   if (!isShortOp(op.name())) {
     context.budget = std::make_shared<WorkBudget>(workLimits_, std::move(clientGone));
   }
@@ -134,7 +146,8 @@ awaitable<DaemonResponse> DaemonCore::run(const DaemonRequest& request,
 }
 
 awaitable<DaemonResponse> DaemonCore::handle(DaemonRequest request, DaemonPeerVerdict peer,
-                                             std::shared_ptr<std::atomic<bool>> clientGone) const {
+                                             std::shared_ptr<std::atomic<bool>> clientGone,
+                                             ReplyRoom* replies) const {
   const Clock::time_point start = Clock::now();
   std::string caller = callerText(request, peer);
   std::string correlationId = request.correlationId ? *request.correlationId : randomUUIDString();
@@ -146,7 +159,7 @@ awaitable<DaemonResponse> DaemonCore::handle(DaemonRequest request, DaemonPeerVe
   if (denial) {
     response = DaemonResponse::failure(std::move(*denial));
   } else {
-    DaemonResponse ran = co_await run(request, peer, *op, std::move(clientGone), outcome);
+    DaemonResponse ran = co_await run(request, peer, *op, std::move(clientGone), replies, outcome);
     response = std::move(ran);
   }
   const double durationMs = millisecondsSince(start);
@@ -157,9 +170,9 @@ awaitable<DaemonResponse> DaemonCore::handle(DaemonRequest request, DaemonPeerVe
   co_return response;
 }
 
-awaitable<std::string> DaemonCore::handleEncoded(
-    std::string bytes, DaemonPeerVerdict peer,
-    std::shared_ptr<std::atomic<bool>> clientGone) const {
+awaitable<std::string> DaemonCore::handleEncoded(std::string bytes, DaemonPeerVerdict peer,
+                                                 std::shared_ptr<std::atomic<bool>> clientGone,
+                                                 ReplyRoom* replies) const {
   std::optional<DaemonRequest> request;
   std::string unreadable;
   try {
@@ -173,7 +186,7 @@ awaitable<std::string> DaemonCore::handleEncoded(
   if (request) {
     opName = request->op;
     DaemonResponse handled =
-        co_await handle(std::move(*request), std::move(peer), std::move(clientGone));
+        co_await handle(std::move(*request), std::move(peer), std::move(clientGone), replies);
     response = std::move(handled);
   } else {
     response = DaemonResponse::failure(

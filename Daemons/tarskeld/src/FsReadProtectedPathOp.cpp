@@ -63,6 +63,12 @@ std::string readCapped(const std::string& path) {
   }
 }
 
+// About what the answer for a file of `size` bytes takes on the wire: its
+// Base64 text, the path it quotes, and the keys and framing around them.
+std::size_t answerBytes(const std::string& path, std::uint64_t size) {
+  return static_cast<std::size_t>(4 * ((size + 2) / 3)) + path.size() + 128;
+}
+
 }  // namespace
 
 FsReadProtectedPathOp::FsReadProtectedPathOp()
@@ -80,6 +86,13 @@ boost::asio::awaitable<JSONValue> FsReadProtectedPathOp::execute(
   if (!info || !S_ISREG(info->st_mode)) throw notRegular(path);
   if (info->st_size < 0 || static_cast<std::uint64_t>(info->st_size) > maxBytes) {
     throw aboveCap(path);
+  }
+  if (context.replies) {
+    // The answer is counted against the client's room from here on: a
+    // client that leaves its answers unread waits here, holding no worker
+    // and no file bytes, rather than piling up one answer per request.
+    co_await context.replies->reserve(answerBytes(path, static_cast<std::uint64_t>(info->st_size)));
+    if (context.budget) context.budget->check();
   }
   std::string bytes = readCapped(path);
   const auto size = static_cast<std::int64_t>(bytes.size());

@@ -17,6 +17,7 @@
 #include "tarskel/codesign/LinuxCodeSignPlatform.hpp"
 #include "tarskel/codesign/testing/FakeCodeSignPlatform.hpp"
 #include "tarskel/daemon/DaemonXPCServer.hpp"
+#include "tarskel/daemon/FsReadProtectedPathOp.hpp"
 #include "tarskel/daemon/InfoOp.hpp"
 #include "tarskel/protocol/base/FileDescriptor.hpp"
 #include "tarskel/xpc/DaemonXPCClient.hpp"
@@ -66,7 +67,7 @@ using testing::requestBytes;
 
 class XPCServerTest : public testing::DaemonFixture {
  protected:
-  void SetUp() override { openStores(); }
+  void SetUp() override { openStores(R"({"grants":{"svc":["fs.readProtectedPath"]}})"); }
   // The listener keeps the pool busy until it stops.
   void TearDown() override {
     rendezvous->released = true;
@@ -78,7 +79,7 @@ class XPCServerTest : public testing::DaemonFixture {
   void startServer(DaemonPeerGate gate = {}, std::string name = "",
                    DaemonServerLimits limits = {}) {
     if (name.empty()) name = dir.file("run/d.sock").string();
-    DaemonCore::OpList ops{std::make_shared<InfoOp>()};
+    DaemonCore::OpList ops{std::make_shared<InfoOp>(), std::make_shared<FsReadProtectedPathOp>()};
     for (const char* op : {"wait", "release", "count", "block"})
       ops.push_back(std::make_shared<TestOp>(op, rendezvous));
     server = std::make_unique<DaemonXPCServer>(name, DaemonCore(std::move(ops), audit, grants),
@@ -232,6 +233,35 @@ TEST_F(XPCServerTest, LongOperationsNeverHoldUpShortOnes) {
   EXPECT_TRUE(other.nextResponse().ok) << "answered while the long pool is taken";
   rendezvous->released = true;
   EXPECT_EQ(blocked.nextResponse().result, JSONValue("released"));
+}
+
+// A client that leaves large answers unread holds one of them, not one per
+// request it pipelines: the other reads wait for room before their file is
+// read, and each is answered whole once the client reads.
+TEST_F(XPCServerTest, LargeAnswersWaitForTheClientToRead) {
+  DaemonServerLimits limits;
+  limits.maxUnsentBytes = 256 << 10;
+  startServer({}, "", limits);
+  testing::writeFile(dir.file("big"), std::string(FsReadProtectedPathOp::maxBytes, 'x'));
+  const std::string read =
+      TarskelJSON::encoder().encode(DaemonRequest{"fs.readProtectedPath",
+                                                  {{"path", JSONValue(dir.file("big").string())}},
+                                                  std::nullopt,
+                                                  "svc"});
+  RawConnection c(socketPath());
+  for (int id = 1; id <= 8; ++id) c.send(id, true, read);
+  for (int i = 0; i < 1000 && auditRows() == 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(auditRows(), 1) << "files read while an answer was unread";
+  for (int i = 0; i < 8; ++i) {
+    const DaemonResponse answer = c.nextResponse();
+    ASSERT_TRUE(answer.ok);
+    EXPECT_EQ(*answer.result->objectValue()->find("size"),
+              JSONValue::integer(std::int64_t{1} << 20));
+  }
+  EXPECT_EQ(auditRows(), 8);
 }
 
 // Each case holds on to the daemon its own way; the server closes it, and

@@ -116,7 +116,9 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
         pinned_(std::move(pinned)),
         decoder_(state_->limits.maxFrameLength),
         resume_(socket_.get_executor()),
+        room_(socket_.get_executor()),
         lastActivity_(Clock::now()) {
+    room_.expires_at(Clock::time_point::max());  // only ever cancelled, to wake
     ++state_->open;
     ++state_->openPerUid[uid_];
   }
@@ -146,6 +148,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     boost::system::error_code ignored;
     socket_.close(ignored);
     resume_.cancel();
+    room_.cancel();
     outbox_.clear();
     pending_.clear();
     if (--state_->openPerUid[uid_] == 0) state_->openPerUid.erase(uid_);
@@ -220,7 +223,79 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   // the client's own writes then block.
   bool mustWait() const {
     return !pending_.empty() || inFlight_ >= state_->limits.maxInFlight ||
-           outboxBytes_ >= state_->limits.maxUnsentBytes;
+           repliesHeld() >= state_->limits.maxUnsentBytes;
+  }
+
+  class AnswerRoom;
+
+  // Reply bytes this connection holds: those queued and not sent yet, and
+  // those of answers still being made, each counted from the moment its
+  // request is taken (AnswerRoom).
+  std::size_t repliesHeld() const { return outboxBytes_ + takenBytes_ + largeBytes_; }
+
+  // Whether a request whose answer may take `bytes` can be taken now: while
+  // it keeps the connection within maxUnsentBytes, or alone, so that every
+  // request is answered in the end.
+  bool hasRoomFor(std::size_t bytes) const {
+    const std::size_t held = repliesHeld();
+    return held == 0 || held + bytes <= state_->limits.maxUnsentBytes;
+  }
+
+  // Whether the large answer of `room`'s operation may start: as above, its
+  // own first count given back; or alone, once nothing is queued or being
+  // made but by requests that wait for the same room (one of them must go).
+  bool hasRoomForLarge(const AnswerRoom& room, std::size_t bytes) const {
+    return (outboxBytes_ + largeBytes_ == 0 && takenBytes_ == waitingTakenBytes_) ||
+           repliesHeld() - room.taken + bytes <= state_->limits.maxUnsentBytes;
+  }
+
+  // What one request's answer is counted as, until it is made (then its reply
+  // counts for itself, until sent): `taken` from the moment the request is
+  // taken, replaced by `large` when its operation asks for room. Lives in the
+  // request's answer coroutine, which outlives the operation.
+  class AnswerRoom final : public ReplyRoom {
+   public:
+    AnswerRoom(std::shared_ptr<PeerConnection> connection, std::size_t takenBytes)
+        : taken(takenBytes),
+          connection_(std::move(connection)),
+          loop_(connection_->socket_.get_executor()) {}
+
+    // Called on a worker; the counting happens on the loop.
+    asio::awaitable<void> reserve(std::size_t bytes) override {
+      auto waiting =
+          asio::co_spawn(loop_, connection_->waitForRoom(*this, bytes), asio::use_awaitable);
+      co_await std::move(waiting);
+    }
+
+    std::size_t taken;      // on the loop
+    std::size_t large = 0;  // on the loop
+
+   private:
+    const std::shared_ptr<PeerConnection> connection_;
+    const asio::any_io_executor loop_;
+  };
+
+  // On the loop: waits until the large answer fits (or the connection has
+  // closed, when nothing will be sent anyway), then counts it.
+  asio::awaitable<void> waitForRoom(AnswerRoom& room, std::size_t bytes) {
+    waitingTakenBytes_ += room.taken;
+    while (!closed_ && !hasRoomForLarge(room, bytes)) {
+      ++roomWaiters_;
+      auto waiting = room_.async_wait(asio::as_tuple(asio::use_awaitable));
+      std::tuple<boost::system::error_code> woke = co_await std::move(waiting);
+      (void)woke;
+      --roomWaiters_;
+    }
+    waitingTakenBytes_ -= room.taken;
+    takenBytes_ -= room.taken;
+    room.taken = 0;
+    largeBytes_ += bytes;
+    room.large += bytes;
+  }
+
+  // Lets answers that wait for room look again.
+  void wakeRoom() {
+    if (roomWaiters_ > 0) room_.cancel();
   }
 
   // After the end of the stream: whether the client closed its socket
@@ -306,19 +381,35 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
     return true;
   }
 
+  // Starts the requests taken, while fewer than maxInFlight run and their
+  // answers fit the room (answerBytesFor).
   void dispatchPending() {
     while (!pending_.empty() && inFlight_ < state_->limits.maxInFlight && !closed_) {
+      const std::size_t answerBytes = answerBytesFor(pending_.front());
+      if (!hasRoomFor(answerBytes)) return;  // reading waits too: pending_ is not empty
       PendingMessage message = std::move(pending_.front());
       pending_.pop_front();
       DaemonPeerVerdict verdict =
           message.sender ? state_->gate.verdict(*message.sender) : state_->gate.verdict(nobody());
       ++inFlight_;
-      asio::co_spawn(
-          socket_.get_executor(),
-          answer(shared_from_this(), message.envelope.id,
-                 std::move(message.envelope.body).value_or(std::string()), std::move(verdict)),
-          asio::detached);
+      takenBytes_ += answerBytes;
+      asio::co_spawn(socket_.get_executor(),
+                     answer(shared_from_this(), message.envelope.id,
+                            std::move(message.envelope.body).value_or(std::string()),
+                            std::move(verdict), answerBytes),
+                     asio::detached);
     }
+  }
+
+  // What a request's answer is counted as from the moment it is taken until
+  // it is made: a refusal may quote the request (each undeclared argument
+  // named with its path and a sentence), so a few times its size. A large
+  // answer that quotes nothing (a file's contents) asks for its own room.
+  static std::size_t answerBytesFor(const PendingMessage& message) {
+    constexpr std::size_t kQuoting = 6;
+    constexpr std::size_t kAnswerBase = 4096;
+    const auto& body = message.envelope.body;
+    return kAnswerBase + kQuoting * (body ? body->size() : 0);
   }
 
   // A sender standing for "unknown", for a gate that never asks (when the
@@ -329,20 +420,34 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   }
 
   static asio::awaitable<void> answer(std::shared_ptr<PeerConnection> self, std::uint64_t id,
-                                      std::string bytes, DaemonPeerVerdict verdict) {
+                                      std::string bytes, DaemonPeerVerdict verdict,
+                                      std::size_t answerBytes) {
+    AnswerRoom room(self, answerBytes);
     std::string response;
     try {
-      auto handling =
-          self->state_->core.handleEncoded(std::move(bytes), std::move(verdict), self->clientGone_);
+      auto handling = self->state_->core.handleEncoded(std::move(bytes), std::move(verdict),
+                                                       self->clientGone_, &room);
       std::string handled = co_await std::move(handling);
       response = std::move(handled);
     } catch (const std::exception&) {
       // handleEncoded doesn't throw; an allocation failure answers nothing.
+      self->release(room);
       --self->inFlight_;
       self->closeWhenDone();
       co_return;
     }
+    self->release(room);
     self->reply(id, response);
+  }
+
+  // The answer is made: what it was counted as no longer counts (its reply,
+  // once queued, counts for itself).
+  void release(AnswerRoom& room) {
+    takenBytes_ -= room.taken;
+    largeBytes_ -= room.large;
+    room.taken = room.large = 0;
+    wakeRoom();
+    wake();
   }
 
   void reply(std::uint64_t id, const std::string& response) {
@@ -387,6 +492,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
       outbox_.pop_front();
     }
     wake();
+    wakeRoom();
     closeWhenDone();
   }
 
@@ -406,6 +512,10 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   int readsInARow_ = 0;  // reads that found bytes, since the read loop last waited
   std::deque<std::string> outbox_;
   std::size_t outboxBytes_ = 0;
+  std::size_t takenBytes_ = 0;         // of answers being made, as counted when taken
+  std::size_t largeBytes_ = 0;         // of large answers being made
+  std::size_t waitingTakenBytes_ = 0;  // part of takenBytes_: of answers waiting for room
+  std::size_t roomWaiters_ = 0;
   std::size_t sentOfFront_ = 0;
   bool writeWaiting_ = false;
   bool waitingForRoom_ = false;
@@ -414,6 +524,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   // Set once no reply can reach the client; long operations read it.
   std::shared_ptr<std::atomic<bool>> clientGone_ = std::make_shared<std::atomic<bool>>(false);
   asio::steady_timer resume_;  // wakes a read loop that waits for room
+  asio::steady_timer room_;    // wakes answers that wait for room
   Clock::time_point lastActivity_;
   Clock::time_point lastRead_;
   Clock::time_point lastWrite_;

@@ -72,10 +72,12 @@ class DaemonCore {
   // Decides one request and answers it; never throws. Writes one audit row.
   // `clientGone`, when given, is set by the transport once nobody waits for
   // the answer any more: a long operation then ends at its next charge with
-  // "trabajo abandonado: el cliente se fue".
-  boost::asio::awaitable<DaemonResponse> handle(
-      DaemonRequest request, DaemonPeerVerdict peer,
-      std::shared_ptr<std::atomic<bool>> clientGone = {}) const;
+  // "trabajo abandonado: el cliente se fue". `replies`, when given, is the
+  // room of the client's connection, handed to the operation (see
+  // DaemonOpContext); it must live until the awaitable completes.
+  boost::asio::awaitable<DaemonResponse> handle(DaemonRequest request, DaemonPeerVerdict peer,
+                                                std::shared_ptr<std::atomic<bool>> clientGone = {},
+                                                ReplyRoom* replies = nullptr) const;
 
   // Decodes `bytes` as a DaemonRequest, handles it and returns the encoded
   // response. Unreadable bytes (a missing or non-object "args" included)
@@ -85,8 +87,8 @@ class DaemonCore {
   // UTF-8 (a file name of a staged tree) has its bad bytes escaped, so every
   // request gets an answer that says what went wrong. Never throws.
   boost::asio::awaitable<std::string> handleEncoded(
-      std::string bytes, DaemonPeerVerdict peer,
-      std::shared_ptr<std::atomic<bool>> clientGone = {}) const;
+      std::string bytes, DaemonPeerVerdict peer, std::shared_ptr<std::atomic<bool>> clientGone = {},
+      ReplyRoom* replies = nullptr) const;
 
   // From now on, this copy runs every operation but the short ones on
   // `executor` and comes back for the audit row: an operation that may take
@@ -116,7 +118,7 @@ class DaemonCore {
   boost::asio::awaitable<DaemonResponse> run(const DaemonRequest& request,
                                              const DaemonPeerVerdict& peer, const DaemonOp& op,
                                              std::shared_ptr<std::atomic<bool>> clientGone,
-                                             std::string& outcome) const;
+                                             ReplyRoom* replies, std::string& outcome) const;
 
   std::shared_ptr<const OpMap> ops_;
   std::shared_ptr<AuditStore> audit_;

@@ -9,6 +9,7 @@
 // must serialise that state itself (GrantsSyncOp goes through GrantsStore).
 
 #include <boost/asio/awaitable.hpp>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -56,6 +57,23 @@ class DaemonPeerVerdict {
   std::string payload_;
 };
 
+// Room for the replies a client has not read yet, as the transport that
+// carries the request counts it. An operation whose answer may be large (a
+// file read answers up to about 1.4 MB) asks for room before it starts
+// producing it, so that a client that never reads can't make the daemon hold
+// one large answer per request it sends.
+class ReplyRoom {
+ public:
+  virtual ~ReplyRoom() = default;
+  // Resumes once the connection may hold `bytes` more of replies, and counts
+  // them against it from then until the reply has been sent. Waits as long as
+  // the client leaves earlier replies unread; resumes at once when the client
+  // has gone (the operation's budget then says so). Room is always given when
+  // the connection holds no reply at all, however large `bytes` is. May be
+  // called from any thread; never throws but for allocation failure.
+  virtual boost::asio::awaitable<void> reserve(std::size_t bytes) = 0;
+};
+
 // Handed to every execute.
 struct DaemonOpContext {
   std::vector<std::string> catalog;  // every operation's name, ascending
@@ -65,6 +83,9 @@ struct DaemonOpContext {
   // The operation charges it as it works and lets its WorkAbandoned go out
   // as it is. Null for the short operations and where nobody set one.
   std::shared_ptr<WorkBudget> budget = nullptr;
+  // The room of the connection that waits for the answer; null where no
+  // transport counts replies. Lives until execute's awaitable completes.
+  ReplyRoom* replies = nullptr;
 };
 
 // A failure that an operation words itself. It reaches the client as

@@ -57,7 +57,11 @@ struct DaemonServerLimits {
   std::int64_t maxFrameLength = 1 << 20;
   // Requests taken from one connection and not yet answered.
   std::size_t maxInFlight = 32;
-  // Reply bytes one connection has not read yet.
+  // Reply bytes one connection holds: unsent, or still being made (each
+  // answer counts from the moment its request is taken, as 4 KiB plus six
+  // times the request, or as what its operation asks for through ReplyRoom).
+  // A request, or a large answer, that doesn't fit waits; one larger than
+  // this goes alone. docs/transport.md has the rule and the worst case.
   std::size_t maxUnsentBytes = 1 << 20;
   // Open connections, per user id (from the kernel at accept). Users other
   // than root and the daemon's own share maxConnections, each up to an equal
