@@ -131,10 +131,13 @@ TEST(DaemonXPCClientTest, ClosedClientFailsEveryCallIncludingOneInFlight) {
 // others, and the reply that comes late is dropped.
 TEST(DaemonXPCClientTest, ATimedOutCallFailsAloneAndItsLateReplyIsDropped) {
   std::vector<TransportEnvelope> held;  // touched by the daemon's thread only
+  std::promise<void> answered;
+  std::future<void> allSent = answered.get_future();
   ScriptedDaemon daemon([&](auto& c, const TransportEnvelope& e) {
     held.push_back(e);
     if (held.size() < 4) return;
     for (auto it = held.rbegin(); it != held.rend(); ++it) echoOp(c, *it);
+    answered.set_value();
   });
   DaemonXPCClient client(daemon.path());
   const auto call = [&client](const std::string& op, std::optional<std::chrono::milliseconds> t) {
@@ -151,6 +154,8 @@ TEST(DaemonXPCClientTest, ATimedOutCallFailsAloneAndItsLateReplyIsDropped) {
   EXPECT_EQ(call("slow.2", 50ms), "timed out");
   EXPECT_EQ(call("last", 10000ms), "last");
   EXPECT_EQ(patient.get(), "patient");
+  // The late replies leave before the client closes its end under them.
+  allSent.wait();
 }
 
 // Replies pair by id, so a daemon that answers in reverse order still gets
