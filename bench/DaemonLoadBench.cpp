@@ -16,8 +16,9 @@
 // Each round measures every subject once; the single-client subjects (the
 // daemon with and without a provisioned gate, GetId, the 4-hop call) take
 // turns in eight blocks of calls. The loads of 4 and 16 clients go to a third
-// daemon, so that the two compared for the gate figure share one history. The last lines give each target as its
-// median over the rounds, with min and max:
+// daemon, so that the two compared for the gate figure share one history.
+// The last lines give each target as its median over the rounds, with min
+// and max:
 //   target NAME: MEDIAN (min MIN, max MAX) goal OP VALUE
 
 #include <fcntl.h>
